@@ -1,0 +1,92 @@
+#include "binder/ILogService.h"
+
+#include <android/log.h>
+
+namespace vnlog {
+
+using android::BBinder;
+using android::IBinder;
+using android::Parcel;
+using android::sp;
+using android::status_t;
+using android::String16;
+
+const String16 ILogService::descriptor("com.velnora.ILogService");
+
+ILogService::ILogService() = default;
+ILogService::~ILogService() = default;
+
+const String16& ILogService::getInterfaceDescriptor() const {
+    return descriptor;
+}
+
+sp<ILogService> ILogService::asInterface(const sp<IBinder>& obj) {
+    if (obj == nullptr)
+        return nullptr;
+    sp<android::IInterface> local = obj->queryLocalInterface(descriptor);
+    if (local != nullptr)
+        return sp<ILogService>(static_cast<ILogService*>(local.get()));
+    return sp<ILogService>(new BpLogService(obj));
+}
+
+status_t BnLogService::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+    constexpr status_t kForeignToken = -1;
+    constexpr int kUnknownCodePlace = 92; // part of the message's fixed text
+    switch (code) {
+    case FLUSH_LOG_BUF_ALL:
+        if (!data.checkInterface(this))
+            return kForeignToken;
+        reply->writeInt32(flushLogBufAll());
+        return android::NO_ERROR;
+    case GET_LOG_FD:
+        if (!data.checkInterface(this))
+            return kForeignToken;
+        reply->writeInt32(getLogFd());
+        return android::NO_ERROR;
+    case LOG_CMD: {
+        if (!data.checkInterface(this))
+            return kForeignToken;
+        int32_t cmd = data.readInt32();
+        const char* param = data.readCString();
+        reply->writeInt32(logCMD(cmd, param));
+        return android::NO_ERROR;
+    }
+    default:
+        __android_log_print(ANDROID_LOG_ERROR, "ILogService", "[%s:%d] Unknown code: 0x%x\n", "onTransact",
+                            kUnknownCodePlace, code);
+        return BBinder::onTransact(code, data, reply, flags);
+    }
+}
+
+} // namespace vnlog
+
+BpLogService::BpLogService(const android::sp<android::IBinder>& remote)
+    : android::BpInterface<vnlog::ILogService>(remote) {}
+
+BpLogService::~BpLogService() = default;
+
+int BpLogService::callWithoutArguments(uint32_t code) {
+    android::Parcel data, reply;
+    data.writeInterfaceToken(getInterfaceDescriptor());
+    remote()->transact(code, data, &reply, 0);
+    return reply.readInt32();
+}
+
+int BpLogService::flushLogBufAll() {
+    return callWithoutArguments(FLUSH_LOG_BUF_ALL);
+}
+
+int BpLogService::getLogFd() {
+    return callWithoutArguments(GET_LOG_FD);
+}
+
+int BpLogService::logCMD(int cmd, const char* param) {
+    android::Parcel data, reply;
+    data.writeInterfaceToken(getInterfaceDescriptor());
+    data.writeInt32(cmd);
+    android::status_t status = data.writeCString(param);
+    if (status != android::NO_ERROR)
+        return status;
+    remote()->transact(LOG_CMD, data, &reply, 0);
+    return reply.readInt32();
+}

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "service/Export.h"
+
+#include <binder/IInterface.h>
+#include <binder/Parcel.h>
+
+namespace vnlog {
+
+/**
+ * What a client can ask of the log service. Every operation may be called on any thread; on the service's
+ * side they run on the host's binder threads, several at once.
+ */
+class VNLOG_API ILogService : public android::IInterface {
+  public:
+    /** "com.velnora.ILogService", the token that every request carries. */
+    static const android::String16 descriptor;
+
+    /** Transaction codes. Each is a two-way call whose reply is one int32. */
+    enum Transaction : uint32_t {
+        FLUSH_LOG_BUF_ALL = 1, ///< no argument
+        GET_LOG_FD = 2, ///< no argument
+        LOG_CMD = 3, ///< int32 command code, C string parameter
+    };
+
+    /**
+     * The interface behind `obj`: the service itself when it lives in this process, otherwise a new proxy.
+     * Null for a null `obj`.
+     */
+    static android::sp<ILogService> asInterface(const android::sp<android::IBinder>& obj);
+
+    virtual const android::String16& getInterfaceDescriptor() const;
+
+    ILogService();
+    ~ILogService() override;
+
+    /** Asks for everything buffered to be written out, without waiting for it. Always 0. */
+    virtual int flushLogBufAll() = 0;
+    /**
+     * Opens the current log file read-only. The descriptor is a number of the service's process and is never
+     * closed there; -1 when the file cannot be opened.
+     */
+    virtual int getLogFd() = 0;
+    /**
+     * Runs one command. `param` may be null; commands that need a parameter answer with the usage text then.
+     * 0 for success and for answers that only print, -1 for a refused or failed command.
+     */
+    virtual int logCMD(int cmd, const char* param) = 0;
+};
+
+/** The service's side: unpacks a transaction and calls the operation on the calling binder thread. */
+class VNLOG_API BnLogService : public android::BnInterface<ILogService> {
+  public:
+    /** android::NO_ERROR, -1 for a foreign interface token (nothing is called), or the base class's answer.
+     */
+    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                                 uint32_t flags = 0) override;
+};
+
+} // namespace vnlog
+
+/** The client's side: packs a call into a transaction on the remote binder. */
+class VNLOG_API BpLogService : public android::BpInterface<vnlog::ILogService> {
+  public:
+    explicit BpLogService(const android::sp<android::IBinder>& remote);
+    ~BpLogService() override;
+
+    /*
+     * Each returns the reply's int32; a transaction that failed is not told apart. logCMD returns the status
+     * of a parameter that cannot be packed without sending anything.
+     */
+    int flushLogBufAll() override;
+    int getLogFd() override;
+    int logCMD(int cmd, const char* param) override;
+
+  private:
+    int callWithoutArguments(uint32_t code);
+};

@@ -1,0 +1,25 @@
+set(VNLOG_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vnlog)
+
+install(TARGETS logservice vnlog_binder logserviced EXPORT vnlogTargets)
+install(FILES binder/Command.h binder/ILogService.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/binder)
+install(FILES buffer/LogBuf.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/buffer)
+install(FILES service/Export.h service/LogService.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/service)
+if(NOT VNLOG_PLATFORM_BINDER)
+  install(DIRECTORY platform/binder/include/binder
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/platform/binder/include)
+  set(VNLOG_PC_BINDER_CFLAGS "-I\${includedir}/vnlog/platform/binder/include")
+  set(VNLOG_PC_BINDER_LIBS "-lvnlog_binder")
+else()
+  set(VNLOG_PC_BINDER_LIBS "-lbinder")
+endif()
+
+install(EXPORT vnlogTargets NAMESPACE vnlog:: DESTINATION ${VNLOG_CMAKE_DIR})
+configure_package_config_file(cmake/vnlogConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/vnlogConfig.cmake
+                              INSTALL_DESTINATION ${VNLOG_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/vnlogConfigVersion.cmake
+                                 COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vnlogConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/vnlogConfigVersion.cmake
+        DESTINATION ${VNLOG_CMAKE_DIR})
+
+configure_file(cmake/liblogservice.pc.in ${CMAKE_CURRENT_BINARY_DIR}/liblogservice.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/liblogservice.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

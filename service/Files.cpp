@@ -1,0 +1,60 @@
+#include "service/Diagnostics.h"
+#include "service/Handles.h"
+#include "service/LogService.h"
+#include "storage/StorageFormat.h"
+
+#include <algorithm>
+#include <limits>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+namespace vnlog {
+
+int LogService::checkDirEmpty(const char* path) {
+    Folder folder(path);
+    if (!folder.valid()) {
+        logError("checkDirEmpty path(%s) can not open\n", path);
+        return -1;
+    }
+    return folder.next() == nullptr ? 1 : 0;
+}
+
+int LogService::getFolderSize(const char* path) {
+    Folder folder(path);
+    if (!folder.valid()) {
+        logError("fail to getFolderSize path error!\n");
+        logErrno();
+        return -1;
+    }
+    uint32_t sum = 0;
+    while (const dirent* entry = folder.next()) {
+        char entryPath[128];
+        formatPath(entryPath, "%s/%s", path, entry->d_name);
+        sum += getFileSize(entryPath);
+    }
+    if (folder.close() != 0) {
+        logError("Failed to close the directory [%s]", path);
+        logErrno();
+        return -1;
+    }
+    return static_cast<int>(sum);
+}
+
+uint32_t LogService::getFileSize(const char* path) {
+    struct stat info;
+    return stat(path, &info) == 0 ? static_cast<uint32_t>(info.st_size) : 0;
+}
+
+uint32_t LogService::getFileFreeSpace(const char* path) {
+    struct statvfs info;
+    if (statvfs(path, &info) != 0) {
+        logError("getFileFreeSpace statvfs error");
+        return 0;
+    }
+    uint64_t limit = std::numeric_limits<uint32_t>::max();
+    uint64_t blockSize = std::max<uint64_t>(info.f_bsize, 1);
+    uint64_t blocks = std::min<uint64_t>(info.f_bfree, limit / blockSize + 1); // keeps the product in range
+    return static_cast<uint32_t>(std::min(blocks * info.f_bsize, limit));
+}
+
+} // namespace vnlog

@@ -1,0 +1,198 @@
+#include "platform/klog/ConsoleLevel.h"
+#include "service/Diagnostics.h"
+#include "service/Handles.h"
+#include "service/LogService.h"
+#include "sources/AndroidFormat.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace vnlog {
+
+namespace {
+
+constexpr char kAllModules[] = "ALL_MODULE";
+constexpr char kNoModule[] = "NONE_MODULE";
+constexpr int kModeAll = 0;
+constexpr int kModeNone = 1;
+constexpr int kModeListed = 2;
+
+constexpr char kLevelLetters[] = "vdiwefs";
+constexpr size_t kExpressionSize = 32; // at least; an item that needs more gets more
+
+/** Format words with their values; a word that begins with another one stands before it. */
+struct FormatWord {
+    const char* word;
+    AndroidLogPrintFormat value;
+};
+constexpr FormatWord kFormatWords[] = {
+    {"brief", FORMAT_BRIEF},   {"process", FORMAT_PROCESS},
+    {"tag", FORMAT_TAG},       {"threadtime", FORMAT_THREADTIME},
+    {"thread", FORMAT_THREAD}, {"raw", FORMAT_RAW},
+    {"time", FORMAT_TIME},     {"long", FORMAT_LONG},
+};
+
+bool beginsWith(const char* text, const char* word) {
+    return std::strncmp(text, word, std::strlen(word)) == 0;
+}
+
+bool sameTag(const AndroidLogFilterRule_t* rule, const char* tag) {
+    return std::strcmp(rule->tag, tag) == 0;
+}
+
+void releaseRule(AndroidLogFilterRule_t* rule) {
+    std::free(rule->tag);
+    std::free(rule);
+}
+
+void reportRefusedRule(int line) {
+    logError("line[%d] alog add filter failed \n", line);
+}
+
+} // namespace
+
+int LogService::logFilterInit() {
+    if (platform::setConsoleLevel(mSystemRoot, mKLogLevel) < 0) {
+        logError("fail to set the kernel log level,level is :%d\n", mKLogLevel.load());
+        logErrno();
+    }
+    std::lock_guard<std::mutex> lock(mFilterLock);
+    if (mLogFormat != nullptr) { // of an earlier start
+        clearRules(mLogFormat);
+        android_log_format_free(mLogFormat);
+    }
+    mLogFormat = android_log_format_new();
+    if (applyFormatWord(mFormatCfg) != 0)
+        logError("fail to set format init,format is :%s\n", mFormatCfg);
+
+    size_t size = std::max(kExpressionSize, std::strlen(mModuleCfg) + sizeof ":" + sizeof mALogLevel);
+    Text expression = allocateText(size);
+    if (expression == nullptr) {
+        logError("fail to malloc filterExpression!\n");
+        logErrno();
+        return -1;
+    }
+    if (beginsWith(mModuleCfg, kAllModules)) {
+        std::snprintf(expression.get(), size, "*:%s", mALogLevel);
+        if (android_log_addFilterRule(mLogFormat, expression.get()) < 0)
+            reportRefusedRule(__LINE__);
+        mModuleMode = kModeAll;
+    } else if (beginsWith(mModuleCfg, kNoModule)) {
+        if (android_log_addFilterRule(mLogFormat, "*:s") < 0)
+            reportRefusedRule(__LINE__);
+        mModuleMode = kModeNone;
+    } else {
+        mModuleMode = kModeListed;
+        addModuleRules(mModuleCfg, expression.get(), size);
+    }
+    return 0;
+}
+
+/** Adds the items of a module list; `expression` has room for the whole list and a level. */
+void LogService::addModuleRules(const char* list, char* expression, size_t size) {
+    size_t total = std::strlen(list);
+    size_t used = 0;
+    do {
+        size_t length = std::strcspn(list, "+");
+        Text item(strndup(list, length));
+        if (item == nullptr)
+            return;
+        if (std::strchr(item.get(), ':') != nullptr)
+            std::snprintf(expression, size, "%s", item.get());
+        else
+            std::snprintf(expression, size, "%s:%s", item.get(), mALogLevel);
+        if (android_log_addFilterRule(mLogFormat, expression) < 0)
+            reportRefusedRule(__LINE__);
+        used += length + 1;
+        list += length + 1;
+    } while (used < total);
+}
+
+int LogService::logFilterPriForTag(AndroidLogFormat_t* format, const char* tag) {
+    std::lock_guard<std::mutex> lock(mFilterLock);
+    switch (mModuleMode) {
+    case kModeAll:
+        return format->globalPriority;
+    case kModeNone:
+        return ANDROID_LOG_SILENT;
+    default:
+        break;
+    }
+    const AndroidLogFilterRule_t* rule = format->rules;
+    while (rule != nullptr && !sameTag(rule, tag))
+        rule = rule->next;
+    if (rule == nullptr)
+        return ANDROID_LOG_ERROR;
+    return rule->priority == ANDROID_LOG_DEFAULT ? format->globalPriority : rule->priority;
+}
+
+int LogService::androidLogShouldPrintLine(AndroidLogFormat_t* format, const char* tag,
+                                          android_LogPriority priority) {
+    return priority >= logFilterPriForTag(format, tag) ? 1 : 0;
+}
+
+void LogService::androidLogClearAllFilterRule(AndroidLogFormat_t* format) {
+    std::lock_guard<std::mutex> lock(mFilterLock);
+    clearRules(format);
+}
+
+/** androidLogClearAllFilterRule for callers that hold mFilterLock. */
+void LogService::clearRules(AndroidLogFormat_t* format) {
+    while (AndroidLogFilterRule_t* rule = format->rules) {
+        format->rules = rule->next;
+        releaseRule(rule);
+    }
+}
+
+int LogService::androidLogDelFilterRule(AndroidLogFormat_t* format, const char* tag) {
+    std::lock_guard<std::mutex> lock(mFilterLock);
+    if (format->rules == nullptr)
+        return -1;
+    AndroidLogFilterRule_t** link = &format->rules;
+    while (*link != nullptr && !sameTag(*link, tag))
+        link = &(*link)->next;
+    if (AndroidLogFilterRule_t* rule = *link) {
+        *link = rule->next;
+        releaseRule(rule);
+    }
+    return 0;
+}
+
+int LogService::setLogFormat(const char* text) {
+    std::lock_guard<std::mutex> lock(mFilterLock);
+    return applyFormatWord(text);
+}
+
+/** setLogFormat for callers that hold mFilterLock. */
+int LogService::applyFormatWord(const char* text) {
+    AndroidLogPrintFormat value = formatFromString(text);
+    if (value == FORMAT_OFF)
+        return -1;
+    android_log_setPrintFormat(mLogFormat, value);
+    return 0;
+}
+
+char LogService::filterPriToChar(android_LogPriority priority) {
+    if (priority < ANDROID_LOG_VERBOSE || priority > ANDROID_LOG_SILENT)
+        return '?';
+    return kLevelLetters[priority - ANDROID_LOG_VERBOSE];
+}
+
+AndroidLogPrintFormat LogService::formatFromString(const char* text) {
+    for (const FormatWord& entry : kFormatWords) {
+        if (beginsWith(text, entry.word))
+            return entry.value;
+    }
+    return FORMAT_OFF;
+}
+
+const char* LogService::formattostring(AndroidLogPrintFormat value) {
+    for (const FormatWord& entry : kFormatWords) {
+        if (entry.value == value)
+            return entry.word;
+    }
+    return nullptr;
+}
+
+} // namespace vnlog

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <log/logprint.h>
+
+/*
+ * The log library's format record as far as the service reads and edits it: the library declares it without
+ * its fields. A test compares this layout with what the linked library really does.
+ */
+
+/** One filter rule; the record and its tag are allocated by the library with the C allocator. */
+struct AndroidLogFilterRule_t {
+    char* tag; ///< module name, owned by the rule
+    android_LogPriority priority; ///< lowest priority that passes for the tag
+    AndroidLogFilterRule_t* next; ///< next older rule
+};
+
+/** Filter rules and line format; the library's record goes on behind these fields. */
+struct AndroidLogFormat_t {
+    android_LogPriority globalPriority; ///< set by rules for the tag "*"
+    AndroidLogFilterRule_t* rules; ///< newest rule first
+    AndroidLogPrintFormat printFormat;
+};
+
+static_assert(offsetof(AndroidLogFormat_t, rules) == sizeof(void*), "priority, rule list, print format");
+static_assert(offsetof(AndroidLogFormat_t, printFormat) == 2 * sizeof(void*), "no gap behind the rule list");
+static_assert(sizeof(AndroidLogFilterRule_t) == 3 * sizeof(void*), "tag, priority, next rule");

@@ -1,0 +1,157 @@
+#include "service/Diagnostics.h"
+#include "service/Handles.h"
+#include "service/LogService.h"
+#include "storage/ProcessorTime.h"
+#include "storage/StorageFormat.h"
+
+#include <algorithm>
+#include <unistd.h>
+
+namespace vnlog {
+
+namespace {
+
+constexpr uint32_t kNothingFound = kMaxBookkeepingNumber;
+
+} // namespace
+
+/** What the names of the archived runs tell. */
+struct LogService::ArchivedRuns {
+    uint32_t count = 0;
+    uint32_t total = 0;
+    uint32_t tail = kNothingFound;
+    uint32_t head = 0;
+};
+
+int LogService::repairLogDatFile() {
+    ProcessorTime time;
+    NamePatterns patterns;
+    if (!patterns.valid())
+        return -1;
+    ArchivedRuns runs;
+    if (!countArchivedRuns(patterns, &runs)) {
+        logError("Failed to open storage folder.Please check !\n");
+        logErrno();
+        return -2;
+    }
+    uint32_t oldest = 1;
+    bool search = true;
+    Path searched;
+    if (runs.count > 0) {
+        formatPath(searched.text, "%s/last_%u", mLogServiceDir, runs.tail);
+    } else {
+        runs.tail = 0;
+        formatPath(searched.text, "%s", mCurrentDir);
+        search = checkDirEmpty(mCurrentDir) == 0;
+    }
+    if (search && !oldestSection(patterns, searched.text, &oldest)) {
+        logError("Failed to open min_dir folder.Please check !\n");
+        logErrno();
+        return -3;
+    }
+    if (runs.tail == kNothingFound || oldest == kNothingFound) {
+        logError("file number search failed! \n");
+        return -4;
+    }
+
+    logDebug("repairLogDatFile total_size:%zu\nhead:%u\ntail:%u\nold_file:%u\n",
+             static_cast<size_t>(runs.total), runs.head, runs.tail, oldest);
+    mHeadFolderNum = runs.head;
+    mTotalLogSize = runs.total;
+    mTailFolderNum = runs.tail;
+    mOldestFileNum = oldest;
+    if (logStorageDataSave() != 0) {
+        logError("[repairLogDatFile] storage data failed to save !\n");
+        return -5;
+    }
+    logDebug("[repairLogDatFile] startup time is %f ms\n", time.milliseconds());
+    return 0;
+}
+
+/** Counts the archived runs. False with errno set when the log folder cannot be listed. */
+bool LogService::countArchivedRuns(const NamePatterns& patterns, ArchivedRuns* runs) {
+    Folder folder(mLogServiceDir);
+    if (!folder.valid())
+        return false;
+    while (const dirent* entry = folder.next()) {
+        uint32_t number;
+        if (!patterns.isLastFolder(entry->d_name, &number) ||
+            entryType(mLogServiceDir, entry->d_name, entry->d_type) != EntryType::Folder)
+            continue;
+        Path path;
+        formatPath(path.text, "%s/%s", mLogServiceDir, entry->d_name);
+        int size = getFolderSize(path.text);
+        ++runs->count;
+        runs->total += size == -1 ? 0 : static_cast<uint32_t>(size);
+        runs->tail = std::min(runs->tail, number);
+        runs->head = std::max(runs->head, number);
+    }
+    return true;
+}
+
+/** Finds the lowest section number in a folder. False with errno set when it cannot be listed. */
+bool LogService::oldestSection(const NamePatterns& patterns, const char* path, uint32_t* oldest) {
+    Folder folder(path);
+    if (!folder.valid())
+        return false;
+    *oldest = kNothingFound;
+    while (const dirent* entry = folder.next()) {
+        uint32_t number;
+        if (patterns.isSection(entry->d_name, &number) &&
+            entryType(path, entry->d_name, entry->d_type) == EntryType::File)
+            *oldest = std::min(*oldest, number);
+    }
+    return true;
+}
+
+/**
+ * Removes archived runs that hold no section: a deletion that was cut off after a run's last section leaves
+ * them, and a search for the oldest section would end in them. A run whose only section is not compressed yet
+ * is closed off instead.
+ */
+void LogService::mendInterruptedDeletion() {
+    NamePatterns patterns;
+    if (!patterns.valid() || access(mLogServiceDir, F_OK) != 0)
+        return;
+    Folder folder(mLogServiceDir);
+    if (!folder.valid())
+        return;
+    while (const dirent* entry = folder.next()) {
+        uint32_t number;
+        if (!patterns.isLastFolder(entry->d_name, &number) ||
+            entryType(mLogServiceDir, entry->d_name, entry->d_type) != EntryType::Folder)
+            continue;
+        Path path;
+        formatPath(path.text, "%s/%s", mLogServiceDir, entry->d_name);
+        if (!holdsNoSection(patterns, path.text))
+            continue;
+        uint32_t size = 0;
+        bool compressed = false;
+        if (compressTexts(path.text, &size, &compressed) != 0 || !holdsNoSection(patterns, path.text))
+            continue; // what could not be compressed is kept
+        logError("[%s] holds no section and is removed\n", path.text);
+        (void)shellexecute("rm -rf %s", path.text); // if it stays, it is as harmful as before
+    }
+}
+
+bool LogService::holdsNoSection(const NamePatterns& patterns, const char* path) {
+    uint32_t oldest = 1;
+    return oldestSection(patterns, path, &oldest) && oldest == kNothingFound;
+}
+
+/**
+ * Counts the archived runs once more after the storage is prepared. A start that was cut off between moving
+ * the previous run aside and saving the numbers leaves a total that lacks this run. (A total that is too
+ * large is found out by the next deletion.)
+ */
+void LogService::mendInterruptedArchiving() {
+    NamePatterns patterns;
+    ArchivedRuns runs;
+    if (!patterns.valid() || !countArchivedRuns(patterns, &runs) || runs.total <= mTotalLogSize)
+        return;
+    logError("the archived runs hold %u byte, not %u: the numbers are rebuilt\n", runs.total, mTotalLogSize);
+    if (repairLogDatFile() == 0)
+        (void)trimAtStart(0); // reported there; a bound that does not hold yet is met by the next section
+}
+
+} // namespace vnlog
