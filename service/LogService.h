@@ -368,6 +368,7 @@ class VNLOG_API LogService : public BnLogService {
     int trimAtStart(uint32_t size);
     bool countArchivedRuns(const NamePatterns& patterns, ArchivedRuns* runs);
     bool oldestSection(const NamePatterns& patterns, const char* path, uint32_t* oldest);
+    bool numbersMatchDisk() const;
     bool holdsNoSection(const NamePatterns& patterns, const char* path);
     void mendInterruptedDeletion();
     void mendInterruptedArchiving();

@@ -103,9 +103,13 @@ int LogService::openStorageNumbers() {
             recoverMissingNumbers();
         return 0;
     }
-    if (logStorageDataParse() >= 0)
-        return 0;
-    return recoverNumbers();
+    if (logStorageDataParse() < 0)
+        return recoverNumbers();
+    if (!numbersMatchDisk()) {
+        logError("the storage data contradicts the folders and is rebuilt\n");
+        (void)repairLogDatFile(); // reported there; what it cannot tell is looked at again by each deletion
+    }
+    return 0;
 }
 
 /** Without log_storage.dat: rebuilds the numbers, or deletes everything when the stored logs cannot be

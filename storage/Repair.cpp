@@ -134,6 +134,16 @@ void LogService::mendInterruptedDeletion() {
     }
 }
 
+/**
+ * Whether the oldest folder and the oldest section that the numbers name are there. A deletion that was cut
+ * off before it could save the numbers leaves them naming what is gone.
+ */
+bool LogService::numbersMatchDisk() const {
+    if (access(lastFolder(mLastDirPrefix, mTailFolderNum).text, F_OK) != 0)
+        return mTailFolderNum == mHeadFolderNum && mTotalLogSize == 0;
+    return access(lastArchive(mLastDirPrefix, mTailFolderNum, mOldestFileNum).text, F_OK) == 0;
+}
+
 bool LogService::holdsNoSection(const NamePatterns& patterns, const char* path) {
     uint32_t oldest = 1;
     return oldestSection(patterns, path, &oldest) && oldest == kNothingFound;

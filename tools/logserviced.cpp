@@ -60,8 +60,9 @@ int prepareSystemRoot(const char* root) {
 
 /** Asks for everything buffered and waits, for a limited time, until it is written. */
 void flush(vnlog::LogService& service) {
-    service.flushLogBufAll();
     for (int waited = 0; service.bufferedBytes() > 0 && waited < kFlushLimitMs; waited += kFlushPollMs) {
+        if (!service.mFlushAll) // more may have come when the last request was served already
+            service.flushLogBufAll();
         timespec pause{0, kFlushPollMs * 1000000L};
         nanosleep(&pause, nullptr);
     }

@@ -1,0 +1,241 @@
+#include "Fixture.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <random>
+#include <regex>
+#include <sstream>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <zlib.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::mutex capturedMutex;
+std::vector<std::string> captured;
+
+void capture(const __android_logger_data* data, const char* message) {
+    std::lock_guard<std::mutex> lock(capturedMutex);
+    captured.push_back(std::string(data->tag) + "/" + std::to_string(data->priority) + ": " + message);
+}
+
+} // namespace
+
+bool eventually(const std::function<bool()>& condition) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void makeFolder(const std::string& path) { fs::create_directories(path); }
+
+void writeFile(const std::string& path, const std::string& text) {
+    makeFolder(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+bool exists(const std::string& path) { return fs::exists(path); }
+
+std::string runCommand(const std::string& command) {
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    char chunk[4096];
+    while (size_t length = fread(chunk, 1, sizeof chunk, pipe))
+        output.append(chunk, length);
+    pclose(pipe);
+    return output;
+}
+
+std::string readGzip(const std::string& path) {
+    gzFile file = gzopen(path.c_str(), "rb");
+    std::string text;
+    char chunk[4096];
+    int length = 0;
+    while (file != nullptr && (length = gzread(file, chunk, sizeof chunk)) > 0)
+        text.append(chunk, static_cast<size_t>(length));
+    bool whole = file != nullptr && length == 0 && gzdirect(file) == 0;
+    EXPECT_TRUE(file != nullptr && gzclose(file) == Z_OK && whole) << path << " is no whole gzip file";
+    return text;
+}
+
+std::string noise(size_t length, unsigned seed) {
+    std::mt19937 random(seed);
+    std::string text(length, 0);
+    for (char& c : text)
+        c = static_cast<char>(random());
+    return text;
+}
+
+int openDescriptors() {
+    return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+ServiceTest::ServiceTest() {
+    std::string pattern = fs::temp_directory_path() / "vnlog-XXXXXX";
+    home = mkdtemp(pattern.data());
+    root = home + "/media/flash/nvm";
+    logs = root + "/log_service";
+    cfg = root + "/log.cfg";
+    makeFolder(root);
+    writeFile(home + "/proc/sys/kernel/printk", "7\n");
+    mkfifo((home + "/proc/kmsg").c_str(), 0600);
+    setenv("VNLOG_SYSROOT", home.c_str(), 1);
+    for (const char* name :
+         {"LOG_DEFAULT_CFG", "UART_OUTPUT", "NAND_FILE_OUTPUT", "SAVE_FLUSH_SWITCH", "LOG_SECTION_SIZE",
+          "MAX_LOG_SIZE", "KLOG_OUTPUT", "KLOG_LEVEL", "ALOG_OUTPUT", "ALOG_LEVEL", "ALOG_MODULE", "ALOG_FORMAT",
+          "STORAGE_PATH"})
+        unsetenv(name);
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    __android_log_set_logger(capture);
+}
+
+ServiceTest::~ServiceTest() {
+    stop();
+    if (HasFailure()) {
+        std::lock_guard<std::mutex> lock(capturedMutex);
+        size_t first = captured.size() > 40 ? captured.size() - 40 : 0;
+        for (size_t i = first; i < captured.size(); ++i)
+            printf("log: %s\n", captured[i].c_str());
+    }
+    fs::remove_all(home);
+}
+
+void ServiceTest::configure(const std::vector<std::pair<std::string, std::string>>& changes) {
+    std::vector<std::pair<std::string, std::string>> settings = {
+        {"UART_OUTPUT", "n"},       {"NAND_FILE_OUTPUT", "y"}, {"SAVE_FLUSH_SWITCH", "n"},
+        {"STORAGE_PATH", root},     {"MAX_LOG_SIZE", "1"},     {"LOG_SECTION_SIZE", "64"},
+        {"LOG_DELETE_SIZE", "64"},  {"KLOG_OUTPUT", "y"},      {"KLOG_LEVEL", "7"},
+        {"ALOG_OUTPUT", "y"},       {"ALOG_LEVEL", "d"},       {"ALOG_MODULE", "ALL_MODULE"},
+        {"ALOG_FORMAT", "brief"},
+    };
+    std::string text;
+    for (auto& [key, value] : settings) {
+        for (auto& [changedKey, changedValue] : changes)
+            value = key == changedKey ? changedValue : value;
+        if (value != "-") // leaves the key out
+            text += key + "=" + value + "\n";
+    }
+    fs::remove(cfg);
+    writeFile(cfg, text);
+}
+
+LogService& ServiceTest::deferred() {
+    mService = new LogService(LogService::DeferStart{});
+    return *mService;
+}
+
+void ServiceTest::start(bool flush, bool kernel) {
+    const bool flags[] = {flush, kernel, false};
+    ASSERT_EQ(deferred().serviceStart(flags), 0);
+}
+
+void ServiceTest::stop() { mService = nullptr; }
+
+void ServiceTest::feed(const std::string& text) {
+    int fd = -1;
+    ASSERT_TRUE(eventually([&] { // the reader opens its end in its own time
+        fd = open((home + "/proc/kmsg").c_str(), O_WRONLY | O_NONBLOCK);
+        return fd >= 0;
+    }));
+    fcntl(fd, F_SETFL, 0);
+    EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    close(fd);
+}
+
+bool ServiceTest::put(const std::string& text) {
+    return service().logBufWrite(text.data(), static_cast<uint32_t>(text.size())) == static_cast<int>(text.size());
+}
+
+bool ServiceTest::flush() {
+    service().flushLogBufAll();
+    return eventually([&] {
+        if (service().mFlushAll)
+            return false;
+        if (service().bufferedBytes() > 0) // came when the request was served already
+            service().flushLogBufAll();
+        return service().bufferedBytes() == 0;
+    });
+}
+
+std::string ServiceTest::stored() {
+    static const std::regex run("last_([0-9]+)|current"), file("log_([0-9]+)\\.txt(\\.gz)?");
+    std::map<std::pair<unsigned long, unsigned long>, std::string> sections;
+    for (auto& folder : fs::directory_iterator(logs)) {
+        std::smatch runName, fileName;
+        std::string folderName = folder.path().filename();
+        if (!std::regex_match(folderName, runName, run) || !folder.is_directory())
+            continue;
+        for (auto& entry : fs::directory_iterator(folder)) {
+            std::string name = entry.path().filename();
+            if (!std::regex_match(name, fileName, file))
+                continue;
+            unsigned long age = runName[1].matched ? std::stoul(runName[1]) : ~0UL;
+            sections[{age, std::stoul(fileName[1])}] =
+                fileName[2].matched ? readGzip(entry.path()) : readFile(entry.path());
+        }
+    }
+    std::string text;
+    for (auto& [key, part] : sections)
+        text += part;
+    return text;
+}
+
+uint64_t ServiceTest::storedBytes() {
+    uint64_t sum = 0;
+    for (auto& entry : fs::recursive_directory_iterator(logs))
+        sum += entry.path().extension() == ".gz" ? entry.file_size() : 0;
+    return sum;
+}
+
+void ServiceTest::setStorageData(uint32_t total, unsigned head, unsigned tail, unsigned oldest) {
+    std::ostringstream text;
+    text << "TOTAL_LOG_SIZE=" << total << "\nHEAD_FOLDER_NUM=" << head << "\nTAIL_FOLDER_NUM=" << tail
+         << "\nOLDEST_FILE_NUM=" << oldest << "\n";
+    writeFile(root + "/log_storage.dat", text.str());
+}
+
+std::string ServiceTest::section(const std::string& run, unsigned number, const char* suffix) {
+    return logs + "/" + run + "/log_" + std::to_string(number) + suffix;
+}
+
+void ServiceTest::makeSection(const std::string& run, unsigned number, const std::string& text) {
+    writeFile(section(run, number, ".txt"), text);
+    runCommand("gzip " + section(run, number, ".txt"));
+}
+
+void ServiceTest::makeSectionOfSize(const std::string& run, unsigned number, size_t size) {
+    writeFile(section(run, number), std::string(size, 'x'));
+}
+
+bool ServiceTest::logged(const std::string& text) { return loggedTimes(text) > 0; }
+
+int ServiceTest::loggedTimes(const std::string& text) {
+    std::lock_guard<std::mutex> lock(capturedMutex);
+    return static_cast<int>(std::count_if(captured.begin(), captured.end(), [&](const std::string& line) {
+        return line.find(text) != std::string::npos;
+    }));
+}
+
+void ServiceTest::forgetLog() {
+    std::lock_guard<std::mutex> lock(capturedMutex);
+    captured.clear();
+}

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "Faults.h"
+#include "service/LogService.h"
+#include "sources/AndroidFormat.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+using vnlog::LogService;
+
+/** Waits until `condition` holds, ten seconds at most; returns whether it did. */
+bool eventually(const std::function<bool()>& condition);
+
+std::string readFile(const std::string& path);
+/** Creates the file and the folders above it. */
+void writeFile(const std::string& path, const std::string& text);
+void makeFolder(const std::string& path);
+bool exists(const std::string& path);
+std::string runCommand(const std::string& command);
+/** Text of a gzip file; a damaged one fails the test. */
+std::string readGzip(const std::string& path);
+/** Random bytes, which do not compress. */
+std::string noise(size_t length, unsigned seed);
+int openDescriptors();
+
+/**
+ * A service on a system root of its own: a home for log.cfg and the store, a FIFO as the kernel log and a file
+ * that takes the console level. Its diagnostics are kept for the test.
+ */
+class ServiceTest : public ::testing::Test {
+  protected:
+    ServiceTest();
+    ~ServiceTest() override;
+
+    /** log.cfg with storage and kernel reading on, small sections, and `changes` like {"KLOG_LEVEL", "3"}. */
+    void configure(const std::vector<std::pair<std::string, std::string>>& changes = {});
+    /** Builds the service and starts it with these workers. */
+    void start(bool flush = true, bool kernel = true);
+    /** Stops and drops the service. */
+    void stop();
+    /** An object that is not started; the constructor's values. */
+    LogService& deferred();
+    LogService& service() { return *mService; }
+    bool hasService() const { return mService != nullptr; }
+
+    /** Writes to the kernel log, which must have its reader. */
+    void feed(const std::string& text);
+    bool put(const std::string& text);
+    /** Asks for a flush and waits until the buffer is empty. */
+    bool flush();
+
+    /** All stored text, oldest first: archived runs, then the current one. */
+    std::string stored();
+    /** Bytes of all finished sections. */
+    uint64_t storedBytes();
+    std::string storageData() { return readFile(root + "/log_storage.dat"); }
+    void setStorageData(uint32_t total, unsigned head, unsigned tail, unsigned oldest);
+    /** A finished section of the given text. */
+    void makeSection(const std::string& run, unsigned number, const std::string& text);
+    /** A file of exactly this size in the place of a finished section. */
+    void makeSectionOfSize(const std::string& run, unsigned number, size_t size);
+    std::string section(const std::string& run, unsigned number, const char* suffix = ".txt.gz");
+
+    /** Whether a diagnostic that contains `text` was logged; how often. */
+    bool logged(const std::string& text);
+    int loggedTimes(const std::string& text);
+    void forgetLog();
+
+    std::string home;    ///< the system root
+    std::string root;    ///< the storage root
+    std::string logs;    ///< its log_service folder
+    std::string cfg;     ///< log.cfg
+
+  private:
+    android::sp<LogService> mService;
+};
