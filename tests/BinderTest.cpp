@@ -38,7 +38,8 @@ TEST_F(BinderTest, LocalObjectIsReachedDirectlyAndAProxyByTransactions) {
     close(fd);
     testing::internal::CaptureStdout();
     EXPECT_EQ(proxy->logCMD(vnlog::CMD_SHOW, "ignored"), 0);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("current log cfg:\nUART_OUTPUT=n\n"), std::string::npos);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("current log cfg:\nUART_OUTPUT=n\n"),
+              std::string::npos);
     EXPECT_LT(proxy->logCMD(vnlog::CMD_SHOW, nullptr), 0) << "a null parameter is not sent";
 }
 

@@ -90,7 +90,8 @@ TEST_F(BufferTest, FailedWriteConsumesNothing) {
     faults.writeError = 0;
     faults.shortWrite = 100;
     EXPECT_EQ(service().logBufRead2File(fd, 110000), 110000);
-    EXPECT_EQ(lseek(fd, 0, SEEK_END), 110000 + 21072) << "the first part is written again, a short write goes on";
+    EXPECT_EQ(lseek(fd, 0, SEEK_END), 110000 + 21072)
+        << "the first part is written again, a short write goes on";
     close(fd);
 }
 
@@ -110,7 +111,8 @@ TEST_F(BufferTest, FlushThreadWaitsForTheThresholdARequestOrTheSwitch) {
     EXPECT_TRUE(eventually([&] { return used() == 0; }));
     service().mFlushSwitch = false;
     ASSERT_TRUE(put(noise(32000, 2)));
-    ASSERT_TRUE(put(noise(100000, 3))) << "a writer short of space makes the thread drain less than the threshold";
+    ASSERT_TRUE(put(noise(100000, 3)))
+        << "a writer short of space makes the thread drain less than the threshold";
     EXPECT_TRUE(flush());
     EXPECT_EQ(stored().size(), 32769 + 6 + 8 + 32000 + 100000u);
 }

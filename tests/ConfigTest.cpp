@@ -17,9 +17,15 @@ class ConfigTest : public ServiceTest {
 } // namespace
 
 TEST_F(ConfigTest, EveryKeyReachesItsSetting) {
-    ASSERT_EQ(parse({{"UART_OUTPUT", "yes"},     {"SAVE_FLUSH_SWITCH", "y"}, {"MAX_LOG_SIZE", "10"},
-                     {"LOG_SECTION_SIZE", "256"}, {"LOG_DELETE_SIZE", "5120"}, {"KLOG_LEVEL", "3\r"},
-                     {"ALOG_LEVEL", "warn"},      {"ALOG_MODULE", "a:d+b"},    {"ALOG_OUTPUT", "Y"}}),
+    ASSERT_EQ(parse({{"UART_OUTPUT", "yes"},
+                     {"SAVE_FLUSH_SWITCH", "y"},
+                     {"MAX_LOG_SIZE", "10"},
+                     {"LOG_SECTION_SIZE", "256"},
+                     {"LOG_DELETE_SIZE", "5120"},
+                     {"KLOG_LEVEL", "3\r"},
+                     {"ALOG_LEVEL", "warn"},
+                     {"ALOG_MODULE", "a:d+b"},
+                     {"ALOG_OUTPUT", "Y"}}),
               1);
     LogService& s = service();
     EXPECT_TRUE(s.mKLogToUart && s.mALogToUart && s.mKLogToFile && s.mALogToFile && s.mFlushSwitch);
@@ -104,8 +110,12 @@ TEST_F(ConfigTest, EnvironmentAndDefaultsWhenThereIsNoFile) {
     EXPECT_STREQ(s.mModuleCfg, "ALL_MODULE");
     EXPECT_STREQ(s.mFormatCfg, "brief");
 
-    for (auto [name, value] : {std::pair{"UART_OUTPUT", "yes"}, {"NAND_FILE_OUTPUT", "y"}, {"MAX_LOG_SIZE", "2"},
-                               {"LOG_SECTION_SIZE", "128"}, {"KLOG_LEVEL", "9"}, {"ALOG_LEVEL", "verbose"}})
+    for (auto [name, value] : {std::pair{"UART_OUTPUT", "yes"},
+                               {"NAND_FILE_OUTPUT", "y"},
+                               {"MAX_LOG_SIZE", "2"},
+                               {"LOG_SECTION_SIZE", "128"},
+                               {"KLOG_LEVEL", "9"},
+                               {"ALOG_LEVEL", "verbose"}})
         setenv(name, value, 1);
     s.logConfigInit();
     EXPECT_FALSE(s.mKLogToUart) << "only the whole word y switches on here";
@@ -142,10 +152,11 @@ TEST_F(ConfigTest, LookupFunctionsKeepTheirLimits) {
 
 TEST_F(ConfigTest, DefaultsAreWrittenInFullAndReadOnly) {
     start(false, false);
-    EXPECT_EQ(readFile(cfg), "UART_OUTPUT=y\nNAND_FILE_OUTPUT=n\nSAVE_FLUSH_SWITCH=n\nSTORAGE_PATH=" + root +
-                                 "\nSTORAGE_FULL=n\nMAX_LOG_SIZE=10\nLOG_SECTION_SIZE=64\nLOG_DELETE_SIZE=64\n"
-                                 "KLOG_OUTPUT=y\nKLOG_LEVEL=7\nALOG_OUTPUT=y\nALOG_LEVEL=d\n"
-                                 "ALOG_MODULE=ALL_MODULE\nALOG_FORMAT=brief\n\n");
+    EXPECT_EQ(readFile(cfg),
+              "UART_OUTPUT=y\nNAND_FILE_OUTPUT=n\nSAVE_FLUSH_SWITCH=n\nSTORAGE_PATH=" + root +
+                  "\nSTORAGE_FULL=n\nMAX_LOG_SIZE=10\nLOG_SECTION_SIZE=64\nLOG_DELETE_SIZE=64\n"
+                  "KLOG_OUTPUT=y\nKLOG_LEVEL=7\nALOG_OUTPUT=y\nALOG_LEVEL=d\n"
+                  "ALOG_MODULE=ALL_MODULE\nALOG_FORMAT=brief\n\n");
     struct stat info;
     ASSERT_EQ(stat(cfg.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0333, 0111u) << "no write permission";
@@ -159,7 +170,8 @@ TEST_F(ConfigTest, WhatIsSavedIsReadBack) {
         std::string saved = readFile(cfg);
         bool listed = modules != "NONE_MODULE";
         std::string line = listed ? longTag + ":v+second:i+first:w" : modules;
-        EXPECT_NE(saved.find("\nALOG_MODULE=" + line + "\nALOG_FORMAT=threadtime\n\n"), std::string::npos) << saved;
+        EXPECT_NE(saved.find("\nALOG_MODULE=" + line + "\nALOG_FORMAT=threadtime\n\n"), std::string::npos)
+            << saved;
         stop();
         start(false, false);
         EXPECT_EQ(service().mModuleMode, listed ? 2 : 1);

@@ -54,8 +54,8 @@ class CrashTest : public ServiceTest {
             close(ends[0]);
             close(ends[1]);
             freopen("/dev/null", "w", stderr);
-            std::string number = std::to_string(run);
-            execl(CRASH_WRITER, CRASH_WRITER, number.c_str(), nullptr);
+            std::string command = std::string("exec ") + CRASH_WRITER + " " + std::to_string(run);
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             _exit(127);
         }
         setpgid(child, child);
@@ -113,8 +113,8 @@ TEST_F(CrashTest, KillAtAnyMomentLosesNoFinishedSection) {
         start(false, false);
         std::vector<std::string> after = finishedSections(true);
         EXPECT_TRUE(removesNothingUnneeded(before, after, bytesBefore))
-            << "run " << run << " seed " << seed << ": " << before.size() << " sections before, " << after.size()
-            << " after, " << bytesBefore << " bytes";
+            << "run " << run << " seed " << seed << ": " << before.size() << " sections before, "
+            << after.size() << " after, " << bytesBefore << " bytes";
         EXPECT_LE(storedBytes() + service().mLogSectionSize, 1048576u) << "run " << run << " seed " << seed;
         // A deletion that was not recorded leaves the total too high until the next deletion counts anew.
         EXPECT_LE(storedBytes(), service().mTotalLogSize) << "run " << run << " seed " << seed;
@@ -138,7 +138,8 @@ TEST_F(CrashTest, BookkeepingBrokenAnywhereIsMended) {
         writeFile(root + "/log_storage.dat", data);
         start(false, false);
         EXPECT_EQ(stored(), text) << data;
-        bool same = service().mHeadFolderNum == 3 && service().mTailFolderNum == 2 && service().mOldestFileNum == 3;
+        bool same =
+            service().mHeadFolderNum == 3 && service().mTailFolderNum == 2 && service().mOldestFileNum == 3;
         stop();
         return same;
     };

@@ -4,12 +4,12 @@
  */
 #include "service/LogService.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
 #include <string>
 #include <sys/prctl.h>
-#include <csignal>
 
 int main(int, char** argv) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -62,9 +62,10 @@ int __wrap_statvfs64(const char* path, struct statvfs* info) {
     return answerStatvfs(__real_statvfs64(path, info), info);
 }
 
-
-int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*), void* argument);
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*), void* argument) {
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
+                          void* argument);
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
+                          void* argument) {
     return spent(faults.threadsUntilError) ? EAGAIN : __real_pthread_create(thread, attr, body, argument);
 }
 

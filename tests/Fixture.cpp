@@ -46,14 +46,18 @@ std::string readFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void makeFolder(const std::string& path) { fs::create_directories(path); }
+void makeFolder(const std::string& path) {
+    fs::create_directories(path);
+}
 
 void writeFile(const std::string& path, const std::string& text) {
     makeFolder(fs::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << text;
 }
 
-bool exists(const std::string& path) { return fs::exists(path); }
+bool exists(const std::string& path) {
+    return fs::exists(path);
+}
 
 std::string runCommand(const std::string& command) {
     std::string output;
@@ -99,10 +103,9 @@ ServiceTest::ServiceTest() {
     writeFile(home + "/proc/sys/kernel/printk", "7\n");
     mkfifo((home + "/proc/kmsg").c_str(), 0600);
     setenv("VNLOG_SYSROOT", home.c_str(), 1);
-    for (const char* name :
-         {"LOG_DEFAULT_CFG", "UART_OUTPUT", "NAND_FILE_OUTPUT", "SAVE_FLUSH_SWITCH", "LOG_SECTION_SIZE",
-          "MAX_LOG_SIZE", "KLOG_OUTPUT", "KLOG_LEVEL", "ALOG_OUTPUT", "ALOG_LEVEL", "ALOG_MODULE", "ALOG_FORMAT",
-          "STORAGE_PATH"})
+    for (const char* name : {"LOG_DEFAULT_CFG", "UART_OUTPUT", "NAND_FILE_OUTPUT", "SAVE_FLUSH_SWITCH",
+                             "LOG_SECTION_SIZE", "MAX_LOG_SIZE", "KLOG_OUTPUT", "KLOG_LEVEL", "ALOG_OUTPUT",
+                             "ALOG_LEVEL", "ALOG_MODULE", "ALOG_FORMAT", "STORAGE_PATH"})
         unsetenv(name);
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     __android_log_set_logger(capture);
@@ -121,10 +124,10 @@ ServiceTest::~ServiceTest() {
 
 void ServiceTest::configure(const std::vector<std::pair<std::string, std::string>>& changes) {
     std::vector<std::pair<std::string, std::string>> settings = {
-        {"UART_OUTPUT", "n"},       {"NAND_FILE_OUTPUT", "y"}, {"SAVE_FLUSH_SWITCH", "n"},
-        {"STORAGE_PATH", root},     {"MAX_LOG_SIZE", "1"},     {"LOG_SECTION_SIZE", "64"},
-        {"LOG_DELETE_SIZE", "64"},  {"KLOG_OUTPUT", "y"},      {"KLOG_LEVEL", "7"},
-        {"ALOG_OUTPUT", "y"},       {"ALOG_LEVEL", "d"},       {"ALOG_MODULE", "ALL_MODULE"},
+        {"UART_OUTPUT", "n"},      {"NAND_FILE_OUTPUT", "y"}, {"SAVE_FLUSH_SWITCH", "n"},
+        {"STORAGE_PATH", root},    {"MAX_LOG_SIZE", "1"},     {"LOG_SECTION_SIZE", "64"},
+        {"LOG_DELETE_SIZE", "64"}, {"KLOG_OUTPUT", "y"},      {"KLOG_LEVEL", "7"},
+        {"ALOG_OUTPUT", "y"},      {"ALOG_LEVEL", "d"},       {"ALOG_MODULE", "ALL_MODULE"},
         {"ALOG_FORMAT", "brief"},
     };
     std::string text;
@@ -148,7 +151,9 @@ void ServiceTest::start(bool flush, bool kernel) {
     ASSERT_EQ(deferred().serviceStart(flags), 0);
 }
 
-void ServiceTest::stop() { mService = nullptr; }
+void ServiceTest::stop() {
+    mService = nullptr;
+}
 
 void ServiceTest::feed(const std::string& text) {
     int fd = -1;
@@ -162,7 +167,8 @@ void ServiceTest::feed(const std::string& text) {
 }
 
 bool ServiceTest::put(const std::string& text) {
-    return service().logBufWrite(text.data(), static_cast<uint32_t>(text.size())) == static_cast<int>(text.size());
+    return service().logBufWrite(text.data(), static_cast<uint32_t>(text.size())) ==
+           static_cast<int>(text.size());
 }
 
 bool ServiceTest::flush() {
@@ -226,7 +232,9 @@ void ServiceTest::makeSectionOfSize(const std::string& run, unsigned number, siz
     writeFile(section(run, number), std::string(size, 'x'));
 }
 
-bool ServiceTest::logged(const std::string& text) { return loggedTimes(text) > 0; }
+bool ServiceTest::logged(const std::string& text) {
+    return loggedTimes(text) > 0;
+}
 
 int ServiceTest::loggedTimes(const std::string& text) {
     std::lock_guard<std::mutex> lock(capturedMutex);

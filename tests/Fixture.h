@@ -27,8 +27,8 @@ std::string noise(size_t length, unsigned seed);
 int openDescriptors();
 
 /**
- * A service on a system root of its own: a home for log.cfg and the store, a FIFO as the kernel log and a file
- * that takes the console level. Its diagnostics are kept for the test.
+ * A service on a system root of its own: a home for log.cfg and the store, a FIFO as the kernel log and a
+ * file that takes the console level. Its diagnostics are kept for the test.
  */
 class ServiceTest : public ::testing::Test {
   protected:
@@ -69,10 +69,10 @@ class ServiceTest : public ::testing::Test {
     int loggedTimes(const std::string& text);
     void forgetLog();
 
-    std::string home;    ///< the system root
-    std::string root;    ///< the storage root
-    std::string logs;    ///< its log_service folder
-    std::string cfg;     ///< log.cfg
+    std::string home; ///< the system root
+    std::string root; ///< the storage root
+    std::string logs; ///< its log_service folder
+    std::string cfg; ///< log.cfg
 
   private:
     android::sp<LogService> mService;

@@ -35,13 +35,13 @@ TEST_F(KernelLogTest, LongAndSplitLinesAreKeptTogether) {
     configure();
     start();
     std::string exact = "<3>" + std::string(123, 'e') + "\n"; // fills the buffer with its newline
-    std::string head = "<3>" + std::string(124, 'h');         // fills it without
+    std::string head = "<3>" + std::string(124, 'h'); // fills it without
     std::string longLine(200, 'l');
     feed("<3>spl");
     feed("it\n");
-    EXPECT_EQ(storedFrom(longLine + "\n" + exact + head + "\n"),
-              "split\n" + longLine.substr(0, 127) + "\n" + longLine.substr(127) + "\n" + exact.substr(3) +
-                  head.substr(3) + "\n");
+    EXPECT_EQ(storedFrom(longLine + "\n" + exact + head + "\n"), "split\n" + longLine.substr(0, 127) + "\n" +
+                                                                     longLine.substr(127) + "\n" +
+                                                                     exact.substr(3) + head.substr(3) + "\n");
 }
 
 TEST_F(KernelLogTest, EndOfTheLogIsNoEndForTheReader) {
@@ -96,7 +96,8 @@ TEST_F(KernelLogTest, ReadErrorEndsTheReader) {
     makeFolder(home + "/proc/kmsg"); // opens, but cannot be read
     configure();
     start();
-    EXPECT_TRUE(eventually([&] { return logged("kernelLogReader read error line=2011 errno:Is a directory \n"); }));
+    EXPECT_TRUE(
+        eventually([&] { return logged("kernelLogReader read error line=2011 errno:Is a directory \n"); }));
 }
 
 TEST_F(KernelLogTest, CancellationLeavesNothingBehindAtAnyWait) {
@@ -114,11 +115,13 @@ TEST_F(KernelLogTest, CancellationLeavesNothingBehindAtAnyWait) {
         case 1: // waiting for output
             feed("<3>held\n");
             break;
-        case 2: // waiting for space that does not come: the flush thread is stopped in the middle of a slow write
+        case 2: // waiting for space that does not come: the flush thread is stopped in the middle of a slow
+                // write
             faults.writeDelayUs = 20000;
             ASSERT_TRUE(put(noise(131072, 1)));
             feed("<3>more\n");
-            ASSERT_TRUE(eventually([&] { return service().mSpaceWaiters > 0 || service().bufferedBytes() < 131072; }));
+            ASSERT_TRUE(eventually(
+                [&] { return service().mSpaceWaiters > 0 || service().bufferedBytes() < 131072; }));
             break;
         }
         EXPECT_EQ(service().serviceStop(all), 0);

@@ -1,7 +1,7 @@
 #include "Fixture.h"
 
-#include <filesystem>
 #include <dirent.h>
+#include <filesystem>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -86,7 +86,8 @@ TEST_F(LifecycleTest, FailedStartsReleaseWhatTheyMade) {
         EXPECT_EQ(serviceStart(true, true), -1) << report;
         EXPECT_TRUE(logged(report)) << report;
         EXPECT_EQ(service().mLogBuf, nullptr);
-        EXPECT_FALSE(service().mServiceStarted || service().mFlushThreadRunning || service().mKLogThreadRunning);
+        EXPECT_FALSE(service().mServiceStarted || service().mFlushThreadRunning ||
+                     service().mKLogThreadRunning);
         EXPECT_EQ(service().flushLogBufAll(), 0);
         stop();
         EXPECT_EQ(openDescriptors(), before);
@@ -94,7 +95,8 @@ TEST_F(LifecycleTest, FailedStartsReleaseWhatTheyMade) {
     };
     for (int threads : {0, 1}) {
         faults.threadsUntilError = threads;
-        failsWith(threads == 0 ? "logBufFlush thread failed to start !\n" : "kernelLogReader thread failed to start !\n");
+        failsWith(threads == 0 ? "logBufFlush thread failed to start !\n"
+                               : "kernelLogReader thread failed to start !\n");
     }
     faults.threadsUntilError = -1;
     for (int semaphores : {3, 4}) { // the first three are the object's own
@@ -128,7 +130,8 @@ TEST_F(LifecycleTest, FailedStartsReleaseWhatTheyMade) {
 TEST_F(LifecycleTest, UnusableStorageLeavesTheServiceUpWithoutIt) {
     configure();
     writeFile(logs, "a file where the folder should be");
-    writeFile(root + "/log_storage.dat", "TOTAL_LOG_SIZE=0\nHEAD_FOLDER_NUM=0\nTAIL_FOLDER_NUM=0\nOLDEST_FILE_NUM=1\n");
+    writeFile(root + "/log_storage.dat",
+              "TOTAL_LOG_SIZE=0\nHEAD_FOLDER_NUM=0\nTAIL_FOLDER_NUM=0\nOLDEST_FILE_NUM=1\n");
     std::string config = readFile(cfg);
     deferred();
     EXPECT_EQ(serviceStart(true, true), 0);

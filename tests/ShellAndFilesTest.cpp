@@ -58,8 +58,9 @@ TEST_F(ShellAndFilesTest, FoldersAndSizes) {
 TEST_F(ShellAndFilesTest, OnlyPlainPathsReachAShell) {
     for (const char* path : {"/media/flash/nvm", "relative/a-b_c.d", "/a/+,:@=%~#", "/\xc3\xbc"})
         EXPECT_TRUE(vnlog::shellSafe(path)) << path;
-    for (const char* path : {"", "/a b", "/a\tb", "/a\nb", "/a;b", "/$x", "/`x`", "/a*", "-rf", "~/a", "/a'b",
-                             "/a\"b", "/a|b", "/a&b", "/(a)", "/a\\b", "/a<b", "/[a]", "/{a}", "#a", "/a?"})
+    for (const char* path :
+         {"",      "/a b", "/a\tb", "/a\nb", "/a;b",  "/$x",  "/`x`", "/a*",  "-rf", "~/a", "/a'b",
+          "/a\"b", "/a|b", "/a&b",  "/(a)",  "/a\\b", "/a<b", "/[a]", "/{a}", "#a",  "/a?"})
         EXPECT_FALSE(vnlog::shellSafe(path)) << path;
 }
 
@@ -77,5 +78,6 @@ TEST_F(ShellAndFilesTest, NamesAreParsedAsTheyAreBuilt) {
         EXPECT_FALSE(patterns.isSection(name, &number)) << name;
     makeFolder(home + "/untyped");
     EXPECT_EQ(vnlog::entryType(home.c_str(), "untyped", DT_UNKNOWN), vnlog::EntryType::Folder);
-    EXPECT_EQ(vnlog::entryType((home + "/proc/sys/kernel").c_str(), "printk", DT_UNKNOWN), vnlog::EntryType::File);
+    EXPECT_EQ(vnlog::entryType((home + "/proc/sys/kernel").c_str(), "printk", DT_UNKNOWN),
+              vnlog::EntryType::File);
 }

@@ -1,8 +1,8 @@
 #include "Fixture.h"
 
-#include <filesystem>
 #include <climits>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -85,7 +85,8 @@ TEST_F(StorageTest, BookkeepingFileIsWrittenAndReadBack) {
     LogService& s = prepared();
     numbers(5242880, 3, 2, 17);
     ASSERT_EQ(s.logStorageDataSave(), 0);
-    EXPECT_EQ(storageData(), "TOTAL_LOG_SIZE=5242880\nHEAD_FOLDER_NUM=3\nTAIL_FOLDER_NUM=2\nOLDEST_FILE_NUM=17\n");
+    EXPECT_EQ(storageData(),
+              "TOTAL_LOG_SIZE=5242880\nHEAD_FOLDER_NUM=3\nTAIL_FOLDER_NUM=2\nOLDEST_FILE_NUM=17\n");
     struct stat info;
     ASSERT_EQ(stat(s.mStorageDataFile, &info), 0);
     EXPECT_EQ(info.st_mode & 0333, 0111u);
@@ -113,7 +114,8 @@ TEST_F(StorageTest, BookkeepingFileIsWrittenAndReadBack) {
 TEST_F(StorageTest, BatchesAreCutAtTheSectionSize) {
     configure();
     startByHand();
-    std::string a = noise(60000, 1), b = noise(40000, 2), c = noise(31072, 3), d = noise(131072, 4), e = noise(10, 5);
+    std::string a = noise(60000, 1), b = noise(40000, 2), c = noise(31072, 3), d = noise(131072, 4),
+                e = noise(10, 5);
     ASSERT_EQ(save(a), 0);
     ASSERT_EQ(save(b), 0);
     EXPECT_EQ(readGzip(section("current", 1)), a + b.substr(0, 5536));
@@ -156,7 +158,8 @@ TEST_F(StorageTest, BoundIsKeptAtTheLastByte) {
         ASSERT_EQ(save(noise(65536 - service().mCurLogSize, 1)), 0);
         makeSectionOfSize("last_1", 1, 1000);
         makeSectionOfSize("last_1", 2, 1000);
-        uint32_t size = static_cast<uint32_t>(runCommand("gzip -c " + section("current", 1 + excess, ".txt")).size());
+        uint32_t size =
+            static_cast<uint32_t>(runCommand("gzip -c " + section("current", 1 + excess, ".txt")).size());
         service().mCurrentTotalSize = 5000000 - size;
         numbers(10420224 - 5000000 + excess, 1, 1, 1);
         ASSERT_EQ(save("next"), 0);
@@ -242,10 +245,12 @@ TEST_F(StorageTest, ThreeRuns) {
         unsigned number = s.mSliceNum;
         EXPECT_EQ(save(std::string(65536 - s.mCurLogSize, 'x')), 0);
         // gzip finds the section shrunk to random bytes that fill a little less than the wanted size
-        writeFile(section("current", number, ".txt"), noise(size - 32 - (section("", number, ".txt").size() - logs.size() - 2), number));
+        writeFile(section("current", number, ".txt"),
+                  noise(size - 32 - (section("", number, ".txt").size() - logs.size() - 2), number));
         size_t before = runCommand("gzip -c " + section("current", number, ".txt")).size();
         writeFile(section("current", number, ".txt"),
-                  noise(size - 32 - (section("", number, ".txt").size() - logs.size() - 2) + size - before, number));
+                  noise(size - 32 - (section("", number, ".txt").size() - logs.size() - 2) + size - before,
+                        number));
         EXPECT_EQ(save("x"), 0);
         s.mCurLogSize = 0;
         EXPECT_EQ(truncate(section("current", number + 1, ".txt").c_str(), 0), 0);
@@ -267,7 +272,8 @@ TEST_F(StorageTest, ThreeRuns) {
     EXPECT_EQ(service().mCurrentTotalSize, 131072u);
     endRun();
     startByHand();
-    EXPECT_EQ(storageData(), "TOTAL_LOG_SIZE=136072\nHEAD_FOLDER_NUM=1\nTAIL_FOLDER_NUM=1\nOLDEST_FILE_NUM=1\n");
+    EXPECT_EQ(storageData(),
+              "TOTAL_LOG_SIZE=136072\nHEAD_FOLDER_NUM=1\nTAIL_FOLDER_NUM=1\nOLDEST_FILE_NUM=1\n");
     for (int k = 1; k <= 51; ++k)
         cut();
     EXPECT_EQ(numbers(), "136072 1 1 1");
@@ -283,7 +289,8 @@ TEST_F(StorageTest, ThreeRuns) {
     EXPECT_FALSE(exists(logs + "/last_1"));
     endRun();
     startByHand();
-    EXPECT_EQ(storageData(), "TOTAL_LOG_SIZE=922504\nHEAD_FOLDER_NUM=2\nTAIL_FOLDER_NUM=2\nOLDEST_FILE_NUM=5\n");
+    EXPECT_EQ(storageData(),
+              "TOTAL_LOG_SIZE=922504\nHEAD_FOLDER_NUM=2\nTAIL_FOLDER_NUM=2\nOLDEST_FILE_NUM=5\n");
     for (int k = 1; k <= 4; ++k)
         cut();
     EXPECT_EQ(numbers(), "856968 2 2 9");
@@ -376,17 +383,21 @@ TEST_F(StorageTest, InterruptedStepsAreMendedByTheNextStart) {
     };
     const Trace traces[] = {
         {"a section deleted, the numbers not saved", 0, 2, 1, 3, [] {}},
-        {"the last section of a run deleted, its folder not", 0, 2, 0, 9, [&] { makeFolder(logs + "/last_0"); }},
+        {"the last section of a run deleted, its folder not", 0, 2, 0, 9,
+         [&] { makeFolder(logs + "/last_0"); }},
         {"the run moved aside, nothing else done", 24, 1, 1, 4, [&] { fs::remove_all(logs + "/current"); }},
-        {"moved and trimmed, the moved run not counted", 24, 2, 1, 4, [&] { fs::remove(section("current", 1, ".txt")); }},
-        {"the first section of a run under way", 0, 2, 1, 4, [&] { fs::remove(root + "/log_storage.dat"), writeFile(root + "/log_storage.dat", ""); }},
+        {"moved and trimmed, the moved run not counted", 24, 2, 1, 4,
+         [&] { fs::remove(section("current", 1, ".txt")); }},
+        {"the first section of a run under way", 0, 2, 1, 4,
+         [&] { fs::remove(root + "/log_storage.dat"), writeFile(root + "/log_storage.dat", ""); }},
     };
     for (const Trace& trace : traces) {
         fs::remove_all(logs);
         configure();
         full();
         fs::remove(root + "/log_storage.dat");
-        setStorageData(static_cast<uint32_t>(storedBytes()) - trace.missing, trace.head, trace.tail, trace.oldest);
+        setStorageData(static_cast<uint32_t>(storedBytes()) - trace.missing, trace.head, trace.tail,
+                       trace.oldest);
         trace.leave();
         std::string text = stored();
         start(false, false);

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Drives the host process as its users do: start, feed, flush, signals, wrong input, a second start.
 set -eu
-host=$1
+host=$1 # a command: the program, behind an emulator where it needs one
 home=$(mktemp -d)
 trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$home"' EXIT
 
@@ -24,16 +24,16 @@ wait_for() { # COMMAND...
     done
 }
 
-expect_status 0 "$host" --help
+expect_status 0 $host --help
 grep -q -- --sysroot "$home/out" || fail "help without its options"
-expect_status 0 "$host" --version
-expect_status 2 "$host" --unknown
-expect_status 2 "$host" argument
-expect_status 1 "$host" --sysroot "$home/none"
+expect_status 0 $host --version
+expect_status 2 $host --unknown
+expect_status 2 $host argument
+expect_status 1 $host --sysroot "$home/none"
 grep -q "cannot use $home/none: No such file" "$home/err" || fail "unclear: $(cat "$home/err")"
-expect_status 1 "$host" --cfg "$home"
+expect_status 1 $host --cfg "$home"
 mkdir "$home/a b"
-expect_status 1 "$host" --sysroot "$home/a b"
+expect_status 1 $host --sysroot "$home/a b"
 grep -q "failed to start" "$home/err" || fail "a root that a shell would split is used"
 
 root=$home/root
@@ -44,7 +44,7 @@ mkfifo "$root/proc/kmsg"
 printf '%s\n' MAX_LOG_SIZE=1 LOG_SECTION_SIZE=64 LOG_DELETE_SIZE=64 NAND_FILE_OUTPUT=y KLOG_OUTPUT=y \
     KLOG_LEVEL=5 ALOG_LEVEL=d ALOG_MODULE=ALL_MODULE ALOG_FORMAT=brief >"$home/log.cfg"
 for run in 1 2; do
-    "$host" --sysroot "$root" --cfg "$home/log.cfg" 2>"$home/err" &
+    $host --sysroot "$root" --cfg "$home/log.cfg" 2>"$home/err" &
     pid=$!
     wait_for test -e "$store/current"
     wait_for grep -q 5 "$root/proc/sys/kernel/printk"

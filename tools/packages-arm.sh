@@ -1,0 +1,26 @@
+# Sourced by test --arm: the cross compiler, the emulator, and the libraries for 32-bit ARM. The latter are
+# downloaded with package lists of their own and unpacked under build/arm-root; the machine's own package
+# manager learns of no second architecture.
+
+need_arm_packages() {
+    need_packages g++-arm-linux-gnueabihf qemu-user
+    local root=build/arm-root apt=$PWD/build/arm-apt package
+    [ ! -e $root/.complete ] || return 0
+    echo "Unpacking the libraries for 32-bit ARM"
+    rm -rf $root "$apt"
+    mkdir -p $root "$apt/lists/partial" "$apt/cache/archives/partial" "$apt/state"
+    : >"$apt/state/status"
+    set -- -q -o APT::Architecture=armhf -o APT::Architectures=armhf -o Debug::NoLocking=1 \
+        -o Dir::State="$apt/state" -o Dir::State::status="$apt/state/status" \
+        -o Dir::State::lists="$apt/lists" -o Dir::Cache="$apt/cache"
+    apt-get "$@" update >"$apt/log" 2>&1 || true # the download below tells whether a list is missing
+    apt-get "$@" install -y --no-install-recommends --download-only android-liblog-dev android-libutils-dev \
+        libgtest-dev zlib1g-dev libstdc++-12-dev >>"$apt/log" 2>&1 || {
+        cat "$apt/log" >&2
+        exit 1
+    }
+    for package in "$apt"/cache/archives/*.deb; do
+        dpkg -x "$package" $root
+    done
+    touch $root/.complete
+}

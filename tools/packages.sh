@@ -1,0 +1,44 @@
+# Sourced by run and test: installs the Debian packages that are missing, and only those.
+
+BUILD_PACKAGES="g++ cmake ninja-build pkg-config gzip android-liblog-dev android-libutils-dev"
+TEST_PACKAGES="libgtest-dev zlib1g-dev binutils"
+FORMAT_PACKAGES="clang-format"
+
+need_packages() { # PACKAGE...
+    local missing="" package rights=""
+    for package in "$@"; do
+        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q "ok installed" || missing="$missing $package"
+    done
+    [ -n "$missing" ] || return 0
+    if [ "$(id -u)" != 0 ]; then
+        if ! command -v sudo >/dev/null; then
+            echo "Please have these packages installed, then try again:$missing" >&2
+            exit 1
+        fi
+        rights=sudo
+    fi
+    echo "Installing:$missing"
+    # A package list that cannot be refreshed may still know what is needed; installing tells.
+    # shellcheck disable=SC2086 # both are lists of words
+    { $rights apt-get update -q || true; $rights env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -q --no-install-recommends $missing; } >/tmp/vnlog-packages.$$.log 2>&1 || {
+        tail -n 20 /tmp/vnlog-packages.$$.log >&2
+        rm -f /tmp/vnlog-packages.$$.log
+        echo "The packages could not be installed:$missing" >&2
+        exit 1
+    }
+    rm -f /tmp/vnlog-packages.$$.log
+}
+
+# Configures and builds one preset; prints the compiler's output only when it fails.
+build_preset() { # PRESET
+    local log
+    log=$(mktemp)
+    echo "Building ($1)"
+    if ! { cmake --preset "$1" && cmake --build --preset "$1"; } >"$log" 2>&1; then
+        cat "$log" >&2
+        rm -f "$log"
+        exit 1
+    fi
+    rm -f "$log"
+}
