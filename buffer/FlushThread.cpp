@@ -28,14 +28,17 @@ void LogService::flushLoop() {
             return;
         bool retry = false;
         while (mFlushThreadRunning) {
-            Drain drain = drainBuffer(retry);
-            if (drain != Drain::Failed) {
+            uint32_t requestsSeen = 0;
+            Drain drain = drainBuffer(retry, &requestsSeen);
+            if (drain == Drain::Idle || drain == Drain::Done) {
                 pause = kFirstPauseSeconds;
                 break;
             }
-            drainingFailed();
-            pauseDraining(pause);
-            pause = std::min(pause * 2, kLongestPauseSeconds);
+            if (drain == Drain::Failed) {
+                drainingFailed();
+                pauseDraining(pause, requestsSeen);
+                pause = std::min(pause * 2, kLongestPauseSeconds);
+            }
             retry = true;
         }
     }
@@ -64,14 +67,16 @@ bool LogService::waitForRecords() {
     return true;
 }
 
-/** Writes out everything buffered if there is enough of it or somebody wants it; always when `retry` is set.
+/**
+ * Writes out everything buffered if there is enough of it or somebody wants it; always when `retry` is set.
+ * Stores how many flush requests there had been before.
  */
-LogService::Drain LogService::drainBuffer(bool retry) {
-    uint32_t requestsSeen = mFlushRequests;
+LogService::Drain LogService::drainBuffer(bool retry, uint32_t* requestsSeen) {
+    *requestsSeen = mFlushRequests;
     uint32_t used = mLogBuf->size - mLogBuf->free_size;
     if (used == 0) {
         drainingWorks();
-        forgetFlushRequest(requestsSeen);
+        forgetFlushRequest(*requestsSeen);
         return Drain::Idle;
     }
     bool wanted = retry || mFlushAll || mFlushSwitch || mSpaceWaiters > 0;
@@ -81,17 +86,20 @@ LogService::Drain LogService::drainBuffer(bool retry) {
     int result;
     {
         std::lock_guard<std::mutex> lock(mStorageLock);
-        mLastSaveWriteFailed = false;
+        mDrainWriteFailed = false;
+        mDrainMoved = 0;
         result = saveLogSection(used);
     }
     if (!mFlushThreadRunning)
         return Drain::Done; // a stop came in between; what it left is no failure of the storage
-    if (result != 0 || mLastSaveWriteFailed) {
+    if (result != 0 || (mDrainWriteFailed && mDrainMoved == 0)) {
         logError("error: failed to save log,please check it\n");
         return Drain::Failed;
     }
     drainingWorks();
-    forgetFlushRequest(requestsSeen);
+    if (mDrainWriteFailed)
+        return Drain::Partly; // the rest is offered at once; if that moves nothing, it has failed
+    forgetFlushRequest(*requestsSeen);
     return Drain::Done;
 }
 
@@ -120,9 +128,8 @@ void LogService::drainingWorks() {
         logError("%u records were refused while the storage could not be written\n", refused);
 }
 
-/** Waits before the next try; a stop or a new flush request ends the wait, other posts do not. */
-void LogService::pauseDraining(unsigned seconds) {
-    uint32_t requestsSeen = mFlushRequests;
+/** Waits before the next try; a stop or a flush request after `requestsSeen` ends it, other posts do not. */
+void LogService::pauseDraining(unsigned seconds, uint32_t requestsSeen) {
     timespec end{};
     clock_gettime(CLOCK_MONOTONIC, &end);
     end.tv_sec += static_cast<time_t>(seconds);

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <unistd.h>
 
 namespace vnlog {
 
@@ -29,9 +30,15 @@ void postOrReport(sem_t* semaphore, const char* report) {
     }
 }
 
+/** Writes one piece. A file that takes only a part of it is cut back, for the piece will be offered again. */
 bool writeOrReport(int fd, const char* bytes, uint32_t length, int place) {
+    off_t start = lseek(fd, 0, SEEK_CUR);
     if (writeAll(fd, bytes, length))
         return true;
+    int error = errno;
+    if (start >= 0 && ftruncate(fd, start) == 0)
+        (void)lseek(fd, start, SEEK_SET);
+    errno = error;
     logError("line[%d] logBufRead2File write failed \n", place);
     logErrno();
     return false;
@@ -220,11 +227,12 @@ int LogService::logBufRead2File(int fd, uint32_t wanted) {
                       writeOrReport(fd, buffer.buf, count - first, kPlaceSecond);
         }
         if (!written) {
-            mLastSaveWriteFailed = true;
+            mDrainWriteFailed = true;
             return -1;
         }
         buffer.read_pos = (buffer.read_pos + count) % ring;
         buffer.free_size += count;
+        mDrainMoved += count;
     }
     postOrReport(&buffer.sem_write, "logBufRead2File sem_post failed \n");
     return static_cast<int>(count);

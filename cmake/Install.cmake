@@ -1,6 +1,7 @@
 set(VNLOG_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vnlog)
 
-install(TARGETS logservice vnlog_binder logserviced EXPORT vnlogTargets)
+install(TARGETS logservice vnlog_binder EXPORT vnlogTargets)
+install(TARGETS logserviced logset logwrite)
 install(FILES binder/Command.h binder/ILogService.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/binder)
 install(FILES buffer/LogBuf.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/buffer)
 install(FILES service/Export.h service/LogService.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/service)

@@ -20,6 +20,22 @@ char letter(bool on) {
     return on ? 'y' : 'n';
 }
 
+Path configurationBackup(const char* path) {
+    Path backup;
+    formatPath(backup.text, "%s.bak", path);
+    return backup;
+}
+
+/**
+ * Removes the file before it is written anew, keeping it as the backup until that has succeeded. An older
+ * backup is of before a save that failed, and the better one.
+ */
+bool setAside(const char* path, const char* backup) {
+    if (access(backup, F_OK) != 0 && std::rename(path, backup) == 0)
+        return true;
+    return std::remove(path) == 0;
+}
+
 /** Writes one formatted piece, whole, however long it is. */
 [[gnu::format(printf, 2, 3)]] bool writePiece(int fd, const char* format, ...) {
     char usual[512] = {};
@@ -52,7 +68,8 @@ int LogService::logConfigSave() {
 /** logConfigSave for callers that hold mCommandLock. Not to be cut in the middle by a cancellation. */
 int LogService::saveConfiguration() {
     CancelGuard guard;
-    if (access(mCfgPath, F_OK) == 0 && std::remove(mCfgPath) != 0) {
+    Path backup = configurationBackup(mCfgPath);
+    if (access(mCfgPath, F_OK) == 0 && !setAside(mCfgPath, backup.text)) {
         char text[128];
         logError("remove error: %s\n", strerror_r(errno, text, sizeof text));
     }
@@ -64,7 +81,18 @@ int LogService::saveConfiguration() {
         return -1;
     }
     fsync(file.get());
+    (void)unlink(backup.text); // there is none after a first save
     return 0;
+}
+
+/** Undoes a save that was cut off: takes back the settings from before it. */
+void LogService::restoreConfiguration() {
+    Path backup = configurationBackup(mCfgPath);
+    if (access(backup.text, F_OK) != 0)
+        return;
+    logError("the last save of %s was cut off, the settings from before it are used\n", mCfgPath);
+    if (std::rename(backup.text, mCfgPath) != 0)
+        logErrno();
 }
 
 bool LogService::writeConfiguration(int fd) {

@@ -1,7 +1,6 @@
 #include "service/Diagnostics.h"
 #include "service/Handles.h"
 #include "service/LogService.h"
-#include "storage/StorageFormat.h"
 
 #include <algorithm>
 #include <limits>
@@ -28,9 +27,9 @@ int LogService::getFolderSize(const char* path) {
     }
     uint32_t sum = 0;
     while (const dirent* entry = folder.next()) {
-        char entryPath[128];
-        formatPath(entryPath, "%s/%s", path, entry->d_name);
-        sum += getFileSize(entryPath);
+        int64_t size = folder.entrySize(entry->d_name); // of names of any length
+        if (size > 0)
+            sum += static_cast<uint32_t>(size);
     }
     if (folder.close() != 0) {
         logError("Failed to close the directory [%s]", path);

@@ -1,6 +1,7 @@
 #include "service/Handles.h"
 
 #include <cerrno>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vnlog {
@@ -75,14 +76,24 @@ Folder::Folder(const char* path) {
 }
 
 const dirent* Folder::next() {
-    while (const dirent* entry = readdir(mListing)) {
+    for (;;) {
+        errno = 0;
+        const dirent* entry = readdir(mListing);
+        if (entry == nullptr) {
+            mFailed = errno != 0;
+            return nullptr;
+        }
         const char* name = entry->d_name;
         bool self = name[0] == '.' && name[1] == '\0';
         bool parent = name[0] == '.' && name[1] == '.' && name[2] == '\0';
         if (!self && !parent)
             return entry;
     }
-    return nullptr;
+}
+
+int64_t Folder::entrySize(const char* name) const {
+    struct stat info;
+    return fstatat(dirfd(mListing), name, &info, 0) == 0 ? info.st_size : -1;
 }
 
 int Folder::close() {

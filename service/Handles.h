@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
@@ -84,13 +85,18 @@ class Folder {
     Folder& operator=(const Folder&) = delete;
 
     [[nodiscard]] bool valid() const { return mListing != nullptr; }
-    /** The next entry other than "." and "..", or null at the end. */
+    /** The next entry other than "." and "..", or null at the end and after an error, see failed(). */
     [[nodiscard]] const dirent* next();
+    /** Whether the listing ended in an error, so that entries may be missing. */
+    [[nodiscard]] bool failed() const { return mFailed; }
+    /** Size in bytes of the entry `name`, symbolic links followed; -1 when it cannot be examined. */
+    [[nodiscard]] int64_t entrySize(const char* name) const;
     /** Closes the listing. 0, or -1 with errno set; an object that is not open gives 0. */
     int close();
 
   private:
     DIR* mListing = nullptr;
+    bool mFailed = false;
 };
 
 struct Freer {

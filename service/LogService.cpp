@@ -17,7 +17,7 @@ LogService::LogService(DeferStart) {
 }
 
 LogService::LogService() : LogService(DeferStart{}) {
-    const bool flags[] = {true, true, false};
+    const bool flags[] = {true, true, true};
     if (serviceStart(flags) != 0)
         logError("The log service failed to start !\n");
 }

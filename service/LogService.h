@@ -13,8 +13,14 @@
 
 namespace vnlog {
 
+namespace platform {
+struct LoggerHeader;
+}
+
 class NamePatterns;
 struct Setting;
+struct log_device_t;
+using logger_entry = platform::LoggerHeader;
 
 /**
  * The log service: all its state and every operation, the latter spread over the folders by subsystem.
@@ -192,6 +198,35 @@ class VNLOG_API LogService : public BnLogService {
     /** The word of a line format; null when it has none. */
     const char* formattostring(AndroidLogPrintFormat value);
 
+    /** Body of the Android reader; the argument is the service. */
+    static void* logcat(void* service);
+    void setupOutput();
+    /** Reads, merges and outputs entries until the thread is to end. Android reader only, like the next six.
+     */
+    void readLogLines(log_device_t* list);
+    /** Stores the device whose first queued entry is the oldest, or null, in `first`. */
+    void chooseFirst(log_device_t* list, log_device_t** first);
+    /** Outputs and drops the first entry of the device. */
+    void printNextEntry(log_device_t* dev);
+    void skipNextEntry(log_device_t* dev);
+    /** Announces the device before its first entry when there is more than one. */
+    void maybePrintStart(log_device_t* dev);
+    /** Parses, filters and outputs an entry that lies in a log_entry_node_t; its header is used up by that.
+     */
+    void processBuffer(log_device_t* dev, logger_entry* entry);
+    /**
+     * Formats an entry and passes the line to the console `fd` and the ring buffer as the switches say.
+     * -1 when the line cannot be made or the buffer refused it, 0 or the bytes written otherwise.
+     */
+    int androidLogPrintLogLine(AndroidLogFormat_t* format, int fd, const AndroidLogEntry_t* entry);
+    /** Empties the main device. 0 or -1. Any thread. */
+    int clearAndroidLog();
+    /** Requests of the driver on an open device: empty it, its capacity, its content in bytes. -1 for a
+     * failure. */
+    int clearLog(int fd);
+    int getLogSize(int fd);
+    int getLogReadableSize(int fd);
+
     // --- binder/ ----------------------------------------------------------------------------------------
 
     /** Runs a command (codes in binder/Command.h). Any thread; one command at a time. */
@@ -274,7 +309,8 @@ class VNLOG_API LogService : public BnLogService {
     char mSystemRoot[128] = {}; ///< stands before fixed absolute paths; read at construction and start
     bool mSystemRootFits = true; ///< false when it is too long to be used
     bool mCfgTextsOwned = false; ///< whether mModuleCfg and mFormatCfg are ours to release
-    bool mLastSaveWriteFailed = false; ///< a drain's write failed; flush thread only
+    bool mDrainWriteFailed = false; ///< a write of the present drain failed; flush thread only
+    uint32_t mDrainMoved = 0; ///< bytes that the present drain has moved; flush thread only
 
     /// Who is inside the ring buffer: their count, and the top bit while it is closed. See BufferUse.
     mutable std::atomic<uint32_t> mBufUse{0};
@@ -288,7 +324,7 @@ class VNLOG_API LogService : public BnLogService {
     class BufferUse;
     class SpaceWaiter;
     enum class Space { Ready, Refused, StorageFull };
-    enum class Drain { Idle, Done, Failed };
+    enum class Drain { Idle, Done, Partly, Failed };
     struct StorageNeed {
         uint32_t free;
         uint32_t used;
@@ -298,6 +334,7 @@ class VNLOG_API LogService : public BnLogService {
 
     // service/
     void loadConfiguration();
+    int settleStorageRoot();
     void releaseConfigurationTexts();
     int openStorageNumbers();
     void recoverMissingNumbers();
@@ -323,6 +360,7 @@ class VNLOG_API LogService : public BnLogService {
     bool applyOwnedText(const Setting& setting, const char* text, const char* path);
     void setMaxLogSize(int value);
     int saveConfiguration();
+    void restoreConfiguration();
     bool writeGeneralSettings(int fd);
     bool writeModules(int fd);
     bool writeConfiguration(int fd);
@@ -338,11 +376,11 @@ class VNLOG_API LogService : public BnLogService {
     void flushLoop();
     void reportUnwritten();
     bool waitForRecords();
-    Drain drainBuffer(bool retry);
+    Drain drainBuffer(bool retry, uint32_t* requestsSeen);
     void forgetFlushRequest(uint32_t requestsSeen);
     void drainingFailed();
     void drainingWorks();
-    void pauseDraining(unsigned seconds);
+    void pauseDraining(unsigned seconds, uint32_t requestsSeen);
 
     // storage/
     void useDefaultRoot();
@@ -368,8 +406,8 @@ class VNLOG_API LogService : public BnLogService {
     int trimAtStart(uint32_t size);
     bool countArchivedRuns(const NamePatterns& patterns, ArchivedRuns* runs);
     bool oldestSection(const NamePatterns& patterns, const char* path, uint32_t* oldest);
-    bool numbersMatchDisk() const;
-    bool holdsNoSection(const NamePatterns& patterns, const char* path);
+    bool numbersMatchDisk();
+    void closeArchivedRun(const NamePatterns& patterns, const char* path);
     void mendInterruptedDeletion();
     void mendInterruptedArchiving();
 
@@ -378,15 +416,37 @@ class VNLOG_API LogService : public BnLogService {
     bool waitForKernelOutput();
     uint32_t storeKernelLines(char* buffer, uint32_t length);
     void storeKernelLine(const char* line, const char* end);
-    void addModuleRules(const char* list, char* expression, size_t size);
+    log_device_t* makeDeviceList();
+    bool openDevices(log_device_t* list);
+    bool waitForAndroidOutput();
+    void printQueued(log_device_t* list, bool everything);
+    int routeLine(AndroidLogFormat_t* format, int fd, const AndroidLogEntry_t* entry, bool* formatted);
+    char* formatLine(AndroidLogFormat_t* format, char* usual, const AndroidLogEntry_t* entry, size_t* length);
+    int writeToConsole(int fd, const char* line, size_t length, const AndroidLogEntry_t& entry);
+    int storeAndroidLine(const char* line, size_t length, const AndroidLogEntry_t& entry, int result);
+    bool addRule(const char* expression);
+    void addModuleRules(const char* list, void (*reportRefused)());
     void clearRules(AndroidLogFormat_t* format);
     int applyFormatWord(const char* text);
 
     // binder/
     int runCommand(int cmd, const char* param);
     int saveAndShow();
-    int answerUsage();
-    int setFileOutput(const char* param);
+    int setConsoleOutput(bool on);
+    bool muteKernelConsole();
+    bool restoreKernelConsole();
+    int startKernelOutput();
+    int stopKernelOutput();
+    int setKernelLevel(int level);
+    int setAndroidOutput(bool on);
+    int setAndroidLevel(char letter);
+    void setGlobalLevel();
+    int setModules(int mode);
+    int addModules(const char* list);
+    int deleteModule(const char* name);
+    int setStorageRoot(const char* root);
+    void changeRoot(const char* root);
+    int copyStorage(const char* target);
 };
 
 } // namespace vnlog

@@ -44,8 +44,9 @@ int LogService::serviceStart(const bool* flags) {
         return -1;
     }
     formatPath(mCfgPath, "%s%s/log.cfg", mSystemRoot, kDefaultRoot);
+    restoreConfiguration();
     loadConfiguration();
-    if (logGetSavePath() != 0) {
+    if (settleStorageRoot() != 0) {
         logError("Failed to obtain the save path !\n");
         releaseConfigurationTexts();
         return -1;
@@ -85,6 +86,12 @@ void LogService::loadConfiguration() {
         (void)logConfigInit(); // cannot fail
 }
 
+/** logGetSavePath under the lock: getLogFd may be called in any state. */
+int LogService::settleStorageRoot() {
+    std::lock_guard<std::mutex> lock(mStorageLock);
+    return logGetSavePath();
+}
+
 void LogService::releaseConfigurationTexts() {
     if (!mCfgTextsOwned)
         return;
@@ -107,7 +114,7 @@ int LogService::openStorageNumbers() {
         return recoverNumbers();
     if (!numbersMatchDisk()) {
         logError("the storage data contradicts the folders and is rebuilt\n");
-        (void)repairLogDatFile(); // reported there; what it cannot tell is looked at again by each deletion
+        (void)repairLogDatFile(); // reported there; what it cannot tell is found out by the deletions
     }
     return 0;
 }
@@ -229,8 +236,13 @@ int LogService::startKernelReader() {
 }
 
 int LogService::startAndroidReader() {
+    mLogcatThreadRunning = true;
+    int error = createThread(&mLogcatThread, logcat, this, "logcat");
+    if (error == 0)
+        return 0;
+    mLogcatThreadRunning = false;
     logError("logcat thread failed to start !\n");
-    logErrno(ENOSYS);
+    logErrno(error);
     return -1;
 }
 

@@ -3,10 +3,14 @@
 #include "service/LogService.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace vnlog {
 
@@ -20,6 +24,29 @@ bool endedByExiting(int status) {
 }
 int exitCode(int status) {
     return (status >> 8) & 0xff;
+}
+
+/**
+ * Runs a command through the shell as system() does, and returns its wait status or -1 with errno set. Unlike
+ * with system(), the command ends with this process: one that outlived it would go on changing the store
+ * under the next start. And no signal's disposition is changed meanwhile, which would lose a pending one.
+ */
+int runShell(const char* command) {
+    CancelGuard guard;
+    pid_t self = getpid();
+    pid_t child = fork();
+    if (child == 0) { // nothing but async-signal-safe calls: other threads' locks are held for ever here
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() == self) // else it is late already
+            execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = -1;
+    while (child > 0 && waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR)
+            return -1;
+    }
+    return status;
 }
 
 /** Body of a detached thread: runs the command that it owns. */
@@ -41,7 +68,7 @@ int LogService::shellexecute(const char* format, ...) {
         logErrno();
     }
 
-    int status = std::system(command);
+    int status = runShell(command);
     if (status == -1) {
         char text[128];
         logError("do cmd[%s] errno[%s]\n", command, strerror_r(errno, text, sizeof text));
@@ -81,7 +108,7 @@ int LogService::shellexecNotwait(const char* format, ...) {
 }
 
 void* LogService::shellexe(void* command) {
-    int status = std::system(static_cast<const char*>(command));
+    int status = runShell(static_cast<const char*>(command));
     if (status == -1) {
         logError("system error!\n");
         logErrno();

@@ -4,7 +4,6 @@
 #include "service/LogService.h"
 #include "sources/AndroidFormat.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -12,26 +11,8 @@ namespace vnlog {
 
 namespace {
 
-constexpr char kAllModules[] = "ALL_MODULE";
-constexpr char kNoModule[] = "NONE_MODULE";
-constexpr int kModeAll = 0;
-constexpr int kModeNone = 1;
-constexpr int kModeListed = 2;
-
 constexpr char kLevelLetters[] = "vdiwefs";
 constexpr size_t kExpressionSize = 32; // at least; an item that needs more gets more
-
-/** Format words with their values; a word that begins with another one stands before it. */
-struct FormatWord {
-    const char* word;
-    AndroidLogPrintFormat value;
-};
-constexpr FormatWord kFormatWords[] = {
-    {"brief", FORMAT_BRIEF},   {"process", FORMAT_PROCESS},
-    {"tag", FORMAT_TAG},       {"threadtime", FORMAT_THREADTIME},
-    {"thread", FORMAT_THREAD}, {"raw", FORMAT_RAW},
-    {"time", FORMAT_TIME},     {"long", FORMAT_LONG},
-};
 
 bool beginsWith(const char* text, const char* word) {
     return std::strncmp(text, word, std::strlen(word)) == 0;
@@ -66,44 +47,50 @@ int LogService::logFilterInit() {
     if (applyFormatWord(mFormatCfg) != 0)
         logError("fail to set format init,format is :%s\n", mFormatCfg);
 
-    size_t size = std::max(kExpressionSize, std::strlen(mModuleCfg) + sizeof ":" + sizeof mALogLevel);
-    Text expression = allocateText(size);
+    Text expression = allocateText(kExpressionSize);
     if (expression == nullptr) {
         logError("fail to malloc filterExpression!\n");
         logErrno();
         return -1;
     }
     if (beginsWith(mModuleCfg, kAllModules)) {
-        std::snprintf(expression.get(), size, "*:%s", mALogLevel);
-        if (android_log_addFilterRule(mLogFormat, expression.get()) < 0)
+        std::snprintf(expression.get(), kExpressionSize, "*:%s", mALogLevel);
+        if (!addRule(expression.get()))
             reportRefusedRule(__LINE__);
         mModuleMode = kModeAll;
     } else if (beginsWith(mModuleCfg, kNoModule)) {
-        if (android_log_addFilterRule(mLogFormat, "*:s") < 0)
+        if (!addRule("*:s"))
             reportRefusedRule(__LINE__);
         mModuleMode = kModeNone;
     } else {
         mModuleMode = kModeListed;
-        addModuleRules(mModuleCfg, expression.get(), size);
+        addModuleRules(mModuleCfg, [] { reportRefusedRule(__LINE__); });
     }
     return 0;
 }
 
-/** Adds the items of a module list; `expression` has room for the whole list and a level. */
-void LogService::addModuleRules(const char* list, char* expression, size_t size) {
+/** Adds a rule, or sets the global priority for the tag "*". False when the library refuses the expression.
+ */
+bool LogService::addRule(const char* expression) {
+    return android_log_addFilterRule(mLogFormat, expression) >= 0;
+}
+
+/** Adds the items of a module list, the current level behind those without one; mFilterLock is held. */
+void LogService::addModuleRules(const char* list, void (*reportRefused)()) {
     size_t total = std::strlen(list);
     size_t used = 0;
     do {
         size_t length = std::strcspn(list, "+");
-        Text item(strndup(list, length));
+        // An item of any length fits with the level behind it.
+        Text item = allocateText(length + sizeof ":" + sizeof mALogLevel);
         if (item == nullptr)
             return;
-        if (std::strchr(item.get(), ':') != nullptr)
-            std::snprintf(expression, size, "%s", item.get());
-        else
-            std::snprintf(expression, size, "%s:%s", item.get(), mALogLevel);
-        if (android_log_addFilterRule(mLogFormat, expression) < 0)
-            reportRefusedRule(__LINE__);
+        std::memcpy(item.get(), list, length);
+        if (std::strchr(item.get(), ':') == nullptr)
+            std::sprintf(item.get() + length, ":%s", mALogLevel);
+        // A line end would cut the module line of log.cfg in two.
+        if (std::strchr(item.get(), '\n') != nullptr || !addRule(item.get()))
+            reportRefused();
         used += length + 1;
         list += length + 1;
     } while (used < total);
@@ -180,19 +167,11 @@ char LogService::filterPriToChar(android_LogPriority priority) {
 }
 
 AndroidLogPrintFormat LogService::formatFromString(const char* text) {
-    for (const FormatWord& entry : kFormatWords) {
-        if (beginsWith(text, entry.word))
-            return entry.value;
-    }
-    return FORMAT_OFF;
+    return lineFormat(text);
 }
 
 const char* LogService::formattostring(AndroidLogPrintFormat value) {
-    for (const FormatWord& entry : kFormatWords) {
-        if (entry.value == value)
-            return entry.word;
-    }
-    return nullptr;
+    return lineFormatWord(value);
 }
 
 } // namespace vnlog

@@ -25,3 +25,19 @@ struct AndroidLogFormat_t {
 static_assert(offsetof(AndroidLogFormat_t, rules) == sizeof(void*), "priority, rule list, print format");
 static_assert(offsetof(AndroidLogFormat_t, printFormat) == 2 * sizeof(void*), "no gap behind the rule list");
 static_assert(sizeof(AndroidLogFilterRule_t) == 3 * sizeof(void*), "tag, priority, next rule");
+
+namespace vnlog {
+
+// The two words of ALOG_MODULE that are no module list, and the modes that all three set.
+constexpr char kAllModules[] = "ALL_MODULE";
+constexpr char kNoModule[] = "NONE_MODULE";
+constexpr int kModeAll = 0;
+constexpr int kModeNone = 1;
+constexpr int kModeListed = 2;
+
+/** The line format whose word `text` begins with; FORMAT_OFF when there is none. */
+AndroidLogPrintFormat lineFormat(const char* text);
+/** The word of a line format; null when it has none. */
+const char* lineFormatWord(AndroidLogPrintFormat value);
+
+} // namespace vnlog

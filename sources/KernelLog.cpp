@@ -3,6 +3,7 @@
 #include "service/LogService.h"
 #include "storage/StorageFormat.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -117,7 +118,9 @@ bool LogService::readKernelLog(int fd, char* buffer) {
             pauseAtEndOfFile();
         if (!mKLogOutput && !waitForKernelOutput())
             return false;
-        kept = storeKernelLines(buffer, kept + static_cast<uint32_t>(length));
+        char* end =
+            std::remove(buffer + kept, buffer + kept + length, '\0'); // nothing stored holds a zero byte
+        kept = storeKernelLines(buffer, static_cast<uint32_t>(end - buffer));
     }
     return true;
 }

@@ -5,6 +5,7 @@
 #include "storage/StorageFormat.h"
 
 #include <algorithm>
+#include <cstring>
 #include <unistd.h>
 
 namespace vnlog {
@@ -12,6 +13,11 @@ namespace vnlog {
 namespace {
 
 constexpr uint32_t kNothingFound = kMaxBookkeepingNumber;
+
+bool endsIn(const char* name, const char* end) {
+    size_t length = std::strlen(name), tail = std::strlen(end);
+    return length >= tail && std::strcmp(name + length - tail, end) == 0;
+}
 
 } // namespace
 
@@ -86,7 +92,7 @@ bool LogService::countArchivedRuns(const NamePatterns& patterns, ArchivedRuns* r
         runs->tail = std::min(runs->tail, number);
         runs->head = std::max(runs->head, number);
     }
-    return true;
+    return !folder.failed();
 }
 
 /** Finds the lowest section number in a folder. False with errno set when it cannot be listed. */
@@ -101,14 +107,10 @@ bool LogService::oldestSection(const NamePatterns& patterns, const char* path, u
             entryType(path, entry->d_name, entry->d_type) == EntryType::File)
             *oldest = std::min(*oldest, number);
     }
-    return true;
+    return !folder.failed();
 }
 
-/**
- * Removes archived runs that hold no section: a deletion that was cut off after a run's last section leaves
- * them, and a search for the oldest section would end in them. A run whose only section is not compressed yet
- * is closed off instead.
- */
+/** Puts every archived run in order before the numbers are compared with them. */
 void LogService::mendInterruptedDeletion() {
     NamePatterns patterns;
     if (!patterns.valid() || access(mLogServiceDir, F_OK) != 0)
@@ -123,41 +125,66 @@ void LogService::mendInterruptedDeletion() {
             continue;
         Path path;
         formatPath(path.text, "%s/%s", mLogServiceDir, entry->d_name);
-        if (!holdsNoSection(patterns, path.text))
-            continue;
-        uint32_t size = 0;
-        bool compressed = false;
-        if (compressTexts(path.text, &size, &compressed) != 0 || !holdsNoSection(patterns, path.text))
-            continue; // what could not be compressed is kept
-        logError("[%s] holds no section and is removed\n", path.text);
-        (void)shellexecute("rm -rf %s", path.text); // if it stays, it is as harmful as before
+        closeArchivedRun(patterns, path.text);
     }
 }
 
 /**
- * Whether the oldest folder and the oldest section that the numbers name are there. A deletion that was cut
- * off before it could save the numbers leaves them naming what is gone.
+ * Compresses the sections of an archived run that are not compressed yet: a change of the root leaves them.
+ * Removes the run when it holds nothing compressed: a deletion that was cut off after the last section leaves
+ * it, and a search for the oldest section would end in it.
  */
-bool LogService::numbersMatchDisk() const {
-    if (access(lastFolder(mLastDirPrefix, mTailFolderNum).text, F_OK) != 0)
-        return mTailFolderNum == mHeadFolderNum && mTotalLogSize == 0;
-    return access(lastArchive(mLastDirPrefix, mTailFolderNum, mOldestFileNum).text, F_OK) == 0;
-}
-
-bool LogService::holdsNoSection(const NamePatterns& patterns, const char* path) {
-    uint32_t oldest = 1;
-    return oldestSection(patterns, path, &oldest) && oldest == kNothingFound;
+void LogService::closeArchivedRun(const NamePatterns& patterns, const char* path) {
+    bool text = false, archive = false;
+    {
+        Folder folder(path);
+        if (!folder.valid())
+            return;
+        while (const dirent* entry = folder.next()) {
+            text = text || patterns.isSectionText(entry->d_name);
+            archive = archive || endsIn(entry->d_name, ".gz");
+        }
+        if (folder.failed())
+            return; // what it did not show may be what matters
+    }
+    if (text) {
+        uint32_t size = 0;
+        bool compressed = false;
+        (void)compressTexts(path, &size,
+                            &compressed); // reported there; what is left is tried again next time
+    } else if (!archive) {
+        logError("[%s] holds no section and is removed\n", path);
+        (void)shellexecute("rm -rf %s", path); // if it stays, it is as harmful as before
+    }
 }
 
 /**
- * Counts the archived runs once more after the storage is prepared. A start that was cut off between moving
- * the previous run aside and saving the numbers leaves a total that lacks this run. (A total that is too
- * large is found out by the next deletion.)
+ * Whether the numbers say what the folders do. They do not when a deletion or a start was cut off before it
+ * could save them. A folder that is newer than the newest known is left to the archiving, which finds it.
+ */
+bool LogService::numbersMatchDisk() {
+    NamePatterns patterns;
+    ArchivedRuns runs;
+    if (!patterns.valid() || !countArchivedRuns(patterns, &runs))
+        return true; // nothing to compare with
+    if (runs.count == 0)
+        return mTailFolderNum == mHeadFolderNum && mTotalLogSize == 0;
+    bool archivingWillTell = access(lastFolder(mLastDirPrefix, mHeadFolderNum + 1).text, F_OK) == 0 &&
+                             access(mCurrentDir, F_OK) == 0 && checkDirEmpty(mCurrentDir) == 0;
+    if (archivingWillTell)
+        return true;
+    return runs.head == mHeadFolderNum && runs.tail == mTailFolderNum && runs.total == mTotalLogSize &&
+           access(lastArchive(mLastDirPrefix, mTailFolderNum, mOldestFileNum).text, F_OK) == 0;
+}
+
+/**
+ * Counts the archived runs once more after the storage is prepared: whatever a start that was cut off has
+ * left in the numbers ends here.
  */
 void LogService::mendInterruptedArchiving() {
     NamePatterns patterns;
     ArchivedRuns runs;
-    if (!patterns.valid() || !countArchivedRuns(patterns, &runs) || runs.total <= mTotalLogSize)
+    if (!patterns.valid() || !countArchivedRuns(patterns, &runs) || runs.total == mTotalLogSize)
         return;
     logError("the archived runs hold %u byte, not %u: the numbers are rebuilt\n", runs.total, mTotalLogSize);
     if (repairLogDatFile() == 0)

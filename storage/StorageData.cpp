@@ -14,11 +14,6 @@ namespace vnlog {
 
 namespace {
 
-/** Whether a storage root can be used: the derived paths fit, and the shell takes it as one plain word. */
-bool usableRoot(const char* root) {
-    return std::strlen(root) <= kMaxRootLength && shellSafe(root);
-}
-
 /** The significant lines of log_storage.dat; null, reported and with errno set, when they cannot be read. */
 Text readStorageData(FILE* file) {
     if (std::fseek(file, 0, SEEK_END) != 0) {
@@ -82,8 +77,12 @@ int LogService::logStorageDataSave() {
                static_cast<size_t>(mTotalLogSize), mHeadFolderNum, mTailFolderNum, mOldestFileNum);
     constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
     FileDescriptor file = openFile(mStorageDataFile, kFlags, kBookkeepingMode);
-    if (!file.valid() && errno == EACCES && unlink(mStorageDataFile) == 0)
-        file = openFile(mStorageDataFile, kFlags, kBookkeepingMode);
+    Path anew = {}; // where the file is read-only to the service, one beside it takes its place
+    if (!file.valid() && errno == EACCES) {
+        formatPath(anew.text, "%s.new", mStorageDataFile);
+        (void)unlink(anew.text); // of an attempt that was cut off
+        file = openFile(anew.text, kFlags, kBookkeepingMode);
+    }
     if (!file.valid())
         return -1;
     if (!writeAll(file.get(), text, std::strlen(text))) {
@@ -92,7 +91,7 @@ int LogService::logStorageDataSave() {
         return -1;
     }
     fsync(file.get());
-    return 0;
+    return anew.text[0] == '\0' || rename(anew.text, mStorageDataFile) == 0 ? 0 : -1;
 }
 
 int LogService::logStorageDataParse() {

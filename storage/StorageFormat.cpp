@@ -16,8 +16,10 @@ bool matchNumber(const regex_t& pattern, const char* name, uint32_t* number) {
     regmatch_t groups[2];
     if (regexec(&pattern, name, 2, groups, 0) != 0)
         return false;
-    int value = parseNumber(name + groups[1].rm_so);
-    if (value >= kMaxBookkeepingNumber)
+    const char* digits = name + groups[1].rm_so;
+    int value = parseNumber(digits);
+    bool built = digits[0] != '0' || groups[1].rm_eo - groups[1].rm_so == 1; // no name of ours is padded
+    if (!built || value >= kMaxBookkeepingNumber)
         return false;
     *number = static_cast<uint32_t>(value);
     return true;
@@ -55,13 +57,16 @@ Path lastArchive(const char* prefix, uint32_t folder, uint32_t section) {
 
 NamePatterns::NamePatterns()
     : mLastValid(regcomp(&mLast, "^last_([0-9]+)$", REG_EXTENDED) == 0),
-      mSectionValid(regcomp(&mSection, "^log_([0-9]+)\\.txt\\.gz$", REG_EXTENDED) == 0) {}
+      mSectionValid(regcomp(&mSection, "^log_([0-9]+)\\.txt\\.gz$", REG_EXTENDED) == 0),
+      mTextValid(regcomp(&mText, "^log_([0-9]+)\\.txt$", REG_EXTENDED) == 0) {}
 
 NamePatterns::~NamePatterns() {
     if (mLastValid)
         regfree(&mLast);
     if (mSectionValid)
         regfree(&mSection);
+    if (mTextValid)
+        regfree(&mText);
 }
 
 bool NamePatterns::isLastFolder(const char* name, uint32_t* number) const {
@@ -70,6 +75,11 @@ bool NamePatterns::isLastFolder(const char* name, uint32_t* number) const {
 
 bool NamePatterns::isSection(const char* name, uint32_t* number) const {
     return matchNumber(mSection, name, number);
+}
+
+bool NamePatterns::isSectionText(const char* name) const {
+    uint32_t number;
+    return matchNumber(mText, name, &number);
 }
 
 EntryType entryType(const char* folder, const char* name, unsigned char type) {
@@ -92,6 +102,10 @@ bool shellSafe(const char* path) {
             return false;
     }
     return true;
+}
+
+bool usableRoot(const char* root) {
+    return std::strlen(root) <= kMaxRootLength && shellSafe(root);
 }
 
 } // namespace vnlog

@@ -64,17 +64,21 @@ class NamePatterns {
     NamePatterns& operator=(const NamePatterns&) = delete;
 
     /** False when a pattern could not be compiled; nothing else may be called then. */
-    [[nodiscard]] bool valid() const { return mLastValid && mSectionValid; }
+    [[nodiscard]] bool valid() const { return mLastValid && mSectionValid && mTextValid; }
     /** Whether `name` is last_<N>; stores N. Numbers beyond the bookkeeping's range are not ours. */
     bool isLastFolder(const char* name, uint32_t* number) const;
     /** Whether `name` is log_<k>.txt.gz; stores k. */
     bool isSection(const char* name, uint32_t* number) const;
+    /** Whether `name` is log_<k>.txt. */
+    bool isSectionText(const char* name) const;
 
   private:
     regex_t mLast;
     regex_t mSection;
+    regex_t mText;
     bool mLastValid;
     bool mSectionValid;
+    bool mTextValid;
 };
 
 enum class EntryType { Folder, File, Other };
@@ -87,5 +91,8 @@ EntryType entryType(const char* folder, const char* name, unsigned char type);
  * nothing that a shell splits at or interprets.
  */
 bool shellSafe(const char* path);
+
+/** Whether a path can be a storage root: every path derived from it fits, and the shell takes it as it is. */
+bool usableRoot(const char* root);
 
 } // namespace vnlog

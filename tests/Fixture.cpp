@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
@@ -113,6 +114,13 @@ ServiceTest::ServiceTest() {
 
 ServiceTest::~ServiceTest() {
     stop();
+    if (mStdout >= 0) {
+        fflush(stdout);
+        dup2(mStdout, 1);
+        close(mStdout);
+        if (HasFailure()) // the reports went the same way
+            puts(readFile(home + "/console").c_str());
+    }
     if (HasFailure()) {
         std::lock_guard<std::mutex> lock(capturedMutex);
         size_t first = captured.size() > 40 ? captured.size() - 40 : 0;
@@ -146,8 +154,8 @@ LogService& ServiceTest::deferred() {
     return *mService;
 }
 
-void ServiceTest::start(bool flush, bool kernel) {
-    const bool flags[] = {flush, kernel, false};
+void ServiceTest::start(bool flush, bool kernel, bool android) {
+    const bool flags[] = {flush, kernel, android};
     ASSERT_EQ(deferred().serviceStart(flags), 0);
 }
 
@@ -169,6 +177,44 @@ void ServiceTest::feed(const std::string& text) {
 bool ServiceTest::put(const std::string& text) {
     return service().logBufWrite(text.data(), static_cast<uint32_t>(text.size())) ==
            static_cast<int>(text.size());
+}
+
+void ServiceTest::plugDevices(bool withSystem) {
+    makeFolder(home + "/dev");
+    std::vector<std::string> paths = {home + "/dev/log_main"};
+    if (withSystem)
+        paths.push_back(home + "/dev/log_system");
+    mDriver = std::make_unique<vnlog::platform::LoggerDriver>();
+    ASSERT_TRUE(mDriver->start(paths, 65536)) << strerror(errno);
+}
+
+void ServiceTest::rawEntry(const char* device, const std::string& bytes) {
+    vnlog::FileDescriptor& writer = mWriters[device];
+    if (!writer.valid())
+        writer = vnlog::platform::openLogger((home + "/dev/log_" + device).c_str(),
+                                             vnlog::platform::LoggerAccess::WriteLossless);
+    ASSERT_EQ(write(writer.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+}
+
+void ServiceTest::entry(const char* device, int seconds, int nanoseconds, char priority,
+                        const std::string& tag, const std::string& text) {
+    std::string payload = priority + tag + '\0' + text + '\0';
+    vnlog::platform::LoggerHeader header{
+        static_cast<uint16_t>(payload.size()), 0, 17, 18, seconds, nanoseconds};
+    rawEntry(device, std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload);
+}
+
+void ServiceTest::catchConsole() {
+    fflush(stdout);
+    mStdout = dup(1);
+    int file = open((home + "/console").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
+    dup2(file, 1);
+    close(file);
+}
+
+std::string ServiceTest::console() {
+    fflush(stdout);
+    return readFile(home + "/console");
 }
 
 bool ServiceTest::flush() {

@@ -1,11 +1,15 @@
 #pragma once
 
 #include "Faults.h"
+#include "platform/logger/LoggerDevice.h"
+#include "platform/logger/LoggerDriver.h"
 #include "service/LogService.h"
 #include "sources/AndroidFormat.h"
 
 #include <functional>
 #include <gtest/gtest.h>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -38,7 +42,7 @@ class ServiceTest : public ::testing::Test {
     /** log.cfg with storage and kernel reading on, small sections, and `changes` like {"KLOG_LEVEL", "3"}. */
     void configure(const std::vector<std::pair<std::string, std::string>>& changes = {});
     /** Builds the service and starts it with these workers. */
-    void start(bool flush = true, bool kernel = true);
+    void start(bool flush = true, bool kernel = true, bool android = false);
     /** Stops and drops the service. */
     void stop();
     /** An object that is not started; the constructor's values. */
@@ -49,6 +53,16 @@ class ServiceTest : public ::testing::Test {
     /** Writes to the kernel log, which must have its reader. */
     void feed(const std::string& text);
     bool put(const std::string& text);
+    /** Makes the logger devices, both or only main. */
+    void plugDevices(bool withSystem = true);
+    /** Writes an entry with this stamp to a device. */
+    void entry(const char* device, int seconds, int nanoseconds, char priority, const std::string& tag,
+               const std::string& text);
+    /** Writes these bytes to a device as they are. */
+    void rawEntry(const char* device, const std::string& bytes);
+    /** Sends standard output to a file until the end of the test. */
+    void catchConsole();
+    std::string console();
     /** Asks for a flush and waits until the buffer is empty. */
     bool flush();
 
@@ -75,5 +89,8 @@ class ServiceTest : public ::testing::Test {
     std::string cfg; ///< log.cfg
 
   private:
+    std::unique_ptr<vnlog::platform::LoggerDriver> mDriver;
+    std::map<std::string, vnlog::FileDescriptor> mWriters;
+    int mStdout = -1;
     android::sp<LogService> mService;
 };

@@ -1,25 +1,28 @@
 /*
- * The host process: creates the log service, waits for a signal and takes the service down in good order.
+ * The host process: creates the log service, publishes it, waits for a signal and takes the service down in
+ * good order.
  */
+#include "platform/binder/Host.h"
+#include "platform/logger/LoggerDriver.h"
+#include "platform/sysroot/SystemRoot.h"
 #include "service/LogService.h"
+#include "tools/Options.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <getopt.h>
-#include <sys/stat.h>
+#include <memory>
+#include <string>
 
 namespace {
 
+constexpr char kProgram[] = "logserviced";
 constexpr char kHelp[] = "Usage: logserviced [OPTION]...\n"
                          "Collects the kernel's and Android's log into bounded, compressed sections.\n"
                          "\n"
                          "  --sysroot DIR  put DIR before the service's fixed paths (VNLOG_SYSROOT);\n"
-                         "                 DIR/media/flash/nvm is created when it is missing\n"
+                         "                 DIR/dev and DIR/media/flash/nvm are created when missing, and\n"
+                         "                 stand-ins for missing logger devices are made in DIR/dev\n"
                          "  --cfg FILE     read FILE when there is no log.cfg yet (LOG_DEFAULT_CFG)\n"
                          "  --help         show this text\n"
                          "  --version      show the version\n"
@@ -29,49 +32,61 @@ constexpr char kHelp[] = "Usage: logserviced [OPTION]...\n"
 
 constexpr int kFlushLimitMs = 5000;
 constexpr int kFlushPollMs = 10;
+constexpr int kFlushRetryMs = 1000;
 
-int fail(const char* what, const char* path) {
-    std::fprintf(stderr, "logserviced: %s %s: %s\n", what, path, std::strerror(errno));
-    return 1;
+int fail(const char* what, const std::string& path) {
+    std::fprintf(stderr, "%s: %s %s: %s\n", kProgram, what, path.c_str(), std::strerror(errno));
+    return kFailure;
 }
 
-/** Sets the environment from one option whose value must exist as a directory or a file. */
-int useOption(const char* variable, const char* path, mode_t type) {
-    struct stat info;
-    if (stat(path, &info) != 0)
-        return fail("cannot use", path);
-    if ((info.st_mode & S_IFMT) != type) {
-        errno = type == S_IFDIR ? ENOTDIR : EISDIR;
-        return fail("cannot use", path);
-    }
-    return setenv(variable, path, 1) == 0 ? 0 : fail("cannot use", path);
-}
-
-/** Makes the home of log.cfg and of the default store under a system root. */
-int prepareSystemRoot(const char* root) {
-    for (const char* part : {"/media", "/media/flash", "/media/flash/nvm"}) {
-        char path[4096];
-        std::snprintf(path, sizeof path, "%s%s", root, part);
-        if (mkdir(path, 0777) != 0 && errno != EEXIST)
+/** Makes the folders that the service and its stand-ins expect under a system root. */
+int prepareSystemRoot(const std::string& root) {
+    for (const char* part : {"/dev", "/media", "/media/flash", "/media/flash/nvm"}) {
+        std::string path = root + part;
+        if (mkdir(path.c_str(), 0777) != 0 && errno != EEXIST)
             return fail("cannot create", path);
     }
     return 0;
 }
 
+/** The logger devices; those of the stand-in under a system root that has none of its own. */
+struct Devices {
+    std::string main, system;
+    std::unique_ptr<vnlog::platform::LoggerDriver> driver;
+
+    explicit Devices(const std::string& root)
+        : main(root + "/dev/log_main"), system(root + "/dev/log_system") {
+        struct stat info;
+        bool real = stat(main.c_str(), &info) == 0 && !S_ISSOCK(info.st_mode);
+        if (!root.empty() && !real)
+            driver = std::make_unique<vnlog::platform::LoggerDriver>();
+    }
+    const char* kind() const { return driver != nullptr ? "stand-in" : "driver"; }
+};
+
 /** Asks for everything buffered and waits, for a limited time, until it is written. */
 void flush(vnlog::LogService& service) {
     for (int waited = 0; service.bufferedBytes() > 0 && waited < kFlushLimitMs; waited += kFlushPollMs) {
-        if (!service.mFlushAll) // more may have come when the last request was served already
+        // Again when more has come after the last request was served, and now and then when writing fails.
+        if (!service.mFlushAll || waited % kFlushRetryMs == 0)
             service.flushLogBufAll();
         timespec pause{0, kFlushPollMs * 1000000L};
         nanosleep(&pause, nullptr);
     }
     if (uint32_t left = service.bufferedBytes())
-        std::fprintf(stderr, "logserviced: %u bytes could not be written out in time\n", left);
+        std::fprintf(stderr, "%s: %u bytes could not be written out in time\n", kProgram, left);
 }
 
-int serve() {
-    // Blocked before any thread exists, so that every thread leaves the signals to sigwait below.
+void waitForEnd(vnlog::LogService& service, const sigset_t& signals) {
+    int number = 0;
+    do {
+        if (sigwait(&signals, &number) == 0 && number == SIGUSR1)
+            service.flushLogBufAll();
+    } while (number == 0 || number == SIGUSR1);
+}
+
+int serve(const std::string& root) {
+    // Blocked before any thread exists, so that every thread leaves the signals to sigwait.
     sigset_t signals;
     sigemptyset(&signals);
     for (int number : {SIGTERM, SIGINT, SIGUSR1})
@@ -79,19 +94,29 @@ int serve() {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN); // a console that goes away is reported by its write
 
+    Devices devices(root);
+    if (devices.driver != nullptr && !devices.driver->start({devices.main, devices.system}))
+        return fail("cannot make the devices in", root + "/dev");
     android::sp<vnlog::LogService> service = new vnlog::LogService();
     if (!service->mServiceStarted) {
-        std::fprintf(stderr, "logserviced: the service failed to start; the Android log tells why\n");
-        return 1;
+        std::fprintf(stderr, "%s: the service failed to start; the Android log tells why\n", kProgram);
+        return kFailure;
     }
     if (!service->mFlushThreadRunning)
-        std::fprintf(stderr, "logserviced: the storage cannot be used, nothing is stored\n");
-    int number = 0;
-    do {
-        if (sigwait(&signals, &number) == 0 && number == SIGUSR1)
-            service->flushLogBufAll();
-    } while (number == 0 || number == SIGUSR1);
+        std::fprintf(stderr, "%s: the storage cannot be used, nothing is stored\n", kProgram);
+    const char* name = vnlog::platform::kServiceName;
+    std::string place = vnlog::platform::servicePlace(name);
+    android::status_t status = vnlog::platform::publishService(name, service);
+    if (status != android::NO_ERROR) {
+        errno = -status;
+        return fail("cannot publish the service at", place);
+    }
+    std::fprintf(stderr, "%s: devices %s, %s (%s); %s at %s; store %s\n", kProgram, devices.main.c_str(),
+                 devices.system.c_str(), devices.kind(), name, place.c_str(), service->mSavePath);
+    waitForEnd(*service, signals);
     flush(*service);
+    vnlog::platform::withdrawServices(); // now this is the last reference, and the devices outlive it
+    service = nullptr;
     return 0;
 }
 
@@ -113,24 +138,26 @@ int main(int argc, char** argv) {
             std::puts("logserviced " VNLOG_VERSION);
             return 0;
         case 's':
-            result = useOption("VNLOG_SYSROOT", optarg, S_IFDIR);
-            if (result == 0)
-                result = prepareSystemRoot(optarg);
+            result = usePath(kProgram, "VNLOG_SYSROOT", optarg, S_IFDIR);
             break;
         case 'c':
-            result = useOption("LOG_DEFAULT_CFG", optarg, S_IFREG);
+            result = usePath(kProgram, "LOG_DEFAULT_CFG", optarg, S_IFREG);
             break;
         default:
-            std::fputs("Try 'logserviced --help'.\n", stderr);
-            return 2;
+            return hintAtHelp(kProgram);
         }
     }
-    if (result != 0)
-        return result;
-    if (optind != argc) {
-        std::fprintf(stderr, "logserviced: unexpected argument '%s'\nTry 'logserviced --help'.\n",
-                     argv[optind]);
-        return 2;
+    if (result == 0 && optind != argc) {
+        std::fprintf(stderr, "%s: unexpected argument '%s'\n", kProgram, argv[optind]);
+        return hintAtHelp(kProgram);
     }
-    return serve();
+    char root[vnlog::platform::kMaxSystemRoot + 2];
+    if (result == 0 && !vnlog::platform::readSystemRoot(root, sizeof root)) {
+        std::fprintf(stderr, "%s: the system root is longer than %zu characters\n", kProgram,
+                     vnlog::platform::kMaxSystemRoot);
+        result = kFailure;
+    }
+    if (result == 0 && root[0] != '\0')
+        result = prepareSystemRoot(root);
+    return result != 0 ? result : serve(root);
 }

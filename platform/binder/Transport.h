@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+/*
+ * How transactions travel between processes: one packet each way over a local socket. A published service
+ * listens at <system root>/dev/<name>, open to its own user only.
+ */
+namespace android::transport {
+
+/** Precedes the parcel's bytes in a request. */
+struct RequestHeader {
+    uint32_t magic; ///< kMagic
+    uint32_t code;
+    uint32_t flags;
+    uint32_t size; ///< bytes of the parcel that follow
+};
+
+/** Precedes the parcel's bytes in a reply. */
+struct ReplyHeader {
+    int32_t status;
+    uint32_t size;
+};
+
+constexpr uint32_t kMagic = 0x42494e31; // "BIN1"
+constexpr size_t kMaxParcel = 65536; ///< bytes
+
+/** Path of the socket of the service `name`. */
+std::string socketPath(const std::string& name);
+
+} // namespace android::transport

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <utils/RefBase.h>
+
+namespace android {
+
+/** This process's part in binder: the threads that its published services are called on. */
+class ProcessState : public virtual RefBase {
+  public:
+    static sp<ProcessState> self();
+    /** Starts the threads that serve requests to published services. Further calls do nothing. */
+    void startThreadPool();
+
+  private:
+    ProcessState();
+};
+
+} // namespace android

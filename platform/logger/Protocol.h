@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstdint>
+
+namespace vnlog::platform {
+
+/** First message on every connection to the stand-in driver; one message is one packet. */
+struct LoggerHello {
+    enum Role : uint32_t { Reader = 1, Writer = 2, LosslessWriter = 3, Control = 4 };
+    uint32_t magic; ///< kLoggerMagic
+    uint32_t role;
+    uint32_t request; ///< with Control: the driver request; its answer is one int32
+};
+constexpr uint32_t kLoggerMagic = 0x4c4f4731; // "LOG1"
+
+} // namespace vnlog::platform

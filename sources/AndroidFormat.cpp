@@ -1,0 +1,40 @@
+#include "sources/AndroidFormat.h"
+
+#include <cstring>
+
+namespace vnlog {
+
+namespace {
+
+/** Format words with their values; a word stands before the one that it begins with. */
+struct FormatWord {
+    const char* word;
+    AndroidLogPrintFormat value;
+};
+
+constexpr FormatWord kFormatWords[] = {
+    {"brief", FORMAT_BRIEF},   {"process", FORMAT_PROCESS},
+    {"tag", FORMAT_TAG},       {"threadtime", FORMAT_THREADTIME},
+    {"thread", FORMAT_THREAD}, {"raw", FORMAT_RAW},
+    {"time", FORMAT_TIME},     {"long", FORMAT_LONG},
+};
+
+} // namespace
+
+AndroidLogPrintFormat lineFormat(const char* text) {
+    for (const FormatWord& entry : kFormatWords) {
+        if (std::strncmp(text, entry.word, std::strlen(entry.word)) == 0)
+            return entry.value;
+    }
+    return FORMAT_OFF;
+}
+
+const char* lineFormatWord(AndroidLogPrintFormat value) {
+    for (const FormatWord& entry : kFormatWords) {
+        if (entry.value == value)
+            return entry.word;
+    }
+    return nullptr;
+}
+
+} // namespace vnlog

@@ -1,0 +1,263 @@
+/*
+ * Writes entries to a logger device: one, one a line, or a saved log with its own stamps.
+ */
+#include "platform/logger/LoggerDevice.h"
+#include "platform/sysroot/SystemRoot.h"
+#include "tools/Options.h"
+
+#include <ctime>
+#include <fstream>
+#include <getopt.h>
+#include <iostream>
+#include <regex>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using vnlog::FileDescriptor;
+using vnlog::platform::LoggerAccess;
+using vnlog::platform::LoggerHeader;
+
+namespace {
+
+constexpr char kProgram[] = "logwrite";
+constexpr char kHelp[] =
+    "Usage: logwrite [OPTION]... -t TAG [MESSAGE...]\n"
+    "       logwrite [OPTION]... --replay FILE [--year YYYY]\n"
+    "Writes an entry to a logger device; without a MESSAGE one for each line of standard input.\n"
+    "\n"
+    "  -b main|system   the device (main)\n"
+    "  -p v|d|i|w|e|f   the priority (i)\n"
+    "  -t TAG           the tag\n"
+    "  --replay FILE    write a saved log in the threadtime form, with its own stamps and ids\n"
+    "  --year YYYY      the year of its stamps (the current one)\n"
+    "  --lossless       wait while a reader would lose an entry\n"
+    "  --sysroot DIR    the system root that the service was started with (VNLOG_SYSROOT)\n"
+    "  --help           show this text\n"
+    "  --version        show the version\n";
+
+constexpr char kPriorityLetters[] = "vdiwef";
+constexpr size_t kMaxPayload = vnlog::platform::kMaxLoggerEntry - sizeof(LoggerHeader);
+
+struct Arguments {
+    std::string device = "main";
+    char priority = 'i';
+    std::string tag;
+    std::string replay;
+    int year = 0;
+    bool lossless = false;
+};
+
+/** The number 2 (verbose) to 7 (fatal) of a priority letter, 0 for another one. */
+char priorityOf(char letter) {
+    const char* found = letter != '\0' ? std::strchr(kPriorityLetters, letter | 0x20) : nullptr;
+    return found != nullptr ? static_cast<char>(found - kPriorityLetters + 2) : '\0';
+}
+
+/** An open device. Counts what had to be shortened. */
+class Writer {
+  public:
+    explicit Writer(FileDescriptor device)
+        : mDevice(std::move(device)), mStandIn(vnlog::platform::isStandIn(mDevice.get())) {}
+
+    bool standIn() const { return mStandIn; }
+    int shortened() const { return mShortened; }
+
+    /** Writes one entry; the device fills in what is zero in the header. */
+    bool write(LoggerHeader header, char priority, const std::string& tag, std::string text) {
+        std::string payload = priority + tag + '\0' + text;
+        if (payload.size() + 1 > kMaxPayload) {
+            payload.resize(kMaxPayload - 1);
+            ++mShortened;
+        }
+        payload += '\0';
+        header.length = static_cast<uint16_t>(payload.size());
+        std::string entry(reinterpret_cast<const char*>(&header), sizeof header);
+        if (mStandIn) // one packet; SIGPIPE would end the program without a word
+            return ::send(mDevice.get(), (entry + payload).data(), entry.size() + payload.size(),
+                          MSG_NOSIGNAL) >= 0;
+        return ::write(mDevice.get(), payload.data(), payload.size()) >= 0; // the driver makes the header
+    }
+
+  private:
+    FileDescriptor mDevice;
+    bool mStandIn;
+    int mShortened = 0;
+};
+
+int failedWrite() {
+    std::fprintf(stderr, "%s: cannot write: %s\n", kProgram, std::strerror(errno));
+    return kFailure;
+}
+
+/** Takes a line of the threadtime form apart. False when it is none. */
+bool parseLine(const std::string& line, int year, LoggerHeader* header, char* priority, std::string* tag,
+               std::string* text) {
+    static const std::regex form(
+        "([0-9]{2})-([0-9]{2}) ([0-9]{2}):([0-9]{2}):([0-9]{2})\\.([0-9]{3}) +([0-9]+) "
+        "+([0-9]+) ([VDIWEF]) (.*)");
+    std::smatch part;
+    if (!std::regex_match(line, part, form))
+        return false;
+    std::string rest = part[10];
+    size_t colon = rest.find(": ");
+    if (colon == std::string::npos)
+        return false;
+    std::tm when{};
+    when.tm_year = year - 1900;
+    when.tm_mon = std::stoi(part[1]) - 1;
+    when.tm_mday = std::stoi(part[2]);
+    when.tm_hour = std::stoi(part[3]);
+    when.tm_min = std::stoi(part[4]);
+    when.tm_sec = std::stoi(part[5]);
+    when.tm_isdst = -1;
+    std::tm given = when;
+    time_t seconds = std::mktime(&when);
+    if (seconds == -1 || when.tm_mon != given.tm_mon || when.tm_mday != given.tm_mday ||
+        part[7].length() > 9 || part[8].length() > 9)
+        return false;
+    *header = {};
+    header->pid = std::stoi(part[7]);
+    header->tid = std::stoi(part[8]);
+    header->seconds = static_cast<int32_t>(seconds);
+    header->nanoseconds = std::stoi(part[6]) * 1000000;
+    *priority = priorityOf(part[9].str()[0]);
+    *tag = rest.substr(0, colon);
+    tag->erase(tag->find_last_not_of(' ') + 1); // the form pads it
+    *text = rest.substr(colon + 2);
+    return true;
+}
+
+int replay(Writer& writer, const Arguments& arguments) {
+    std::ifstream file(arguments.replay);
+    if (!file) {
+        std::fprintf(stderr, "%s: cannot read %s: %s\n", kProgram, arguments.replay.c_str(),
+                     std::strerror(errno));
+        return kFailure;
+    }
+    int written = 0, skipped = 0;
+    for (std::string line; std::getline(file, line);) {
+        LoggerHeader header;
+        char priority;
+        std::string tag, text;
+        if (!parseLine(line, arguments.year, &header, &priority, &tag, &text)) {
+            ++skipped;
+            continue;
+        }
+        if (!writer.write(header, priority, tag, text))
+            return failedWrite();
+        ++written;
+    }
+    std::fprintf(stderr, "%s: %d entries written, %d lines did not parse\n", kProgram, written, skipped);
+    return 0;
+}
+
+int writeLines(Writer& writer, const Arguments& arguments, const std::string& message, bool fromInput) {
+    std::string text = message;
+    while (!fromInput || std::getline(std::cin, text)) {
+        if (!writer.write(LoggerHeader{}, priorityOf(arguments.priority), arguments.tag, text))
+            return failedWrite();
+        if (!fromInput)
+            break;
+    }
+    return 0;
+}
+
+/** Reads the options. -1 to go on, otherwise the exit status. */
+int parseOptions(int argc, char** argv, Arguments* arguments) {
+    const option options[] = {{"help", no_argument, nullptr, 'h'},
+                              {"version", no_argument, nullptr, 'v'},
+                              {"sysroot", required_argument, nullptr, 's'},
+                              {"replay", required_argument, nullptr, 'r'},
+                              {"year", required_argument, nullptr, 'y'},
+                              {"lossless", no_argument, nullptr, 'l'},
+                              {nullptr, 0, nullptr, 0}};
+    for (int choice; (choice = getopt_long(argc, argv, "b:p:t:", options, nullptr)) != -1;) {
+        switch (choice) {
+        case 'h':
+            std::fputs(kHelp, stdout);
+            return 0;
+        case 'v':
+            std::puts("logwrite " VNLOG_VERSION);
+            return 0;
+        case 's':
+            if (usePath(kProgram, "VNLOG_SYSROOT", optarg, S_IFDIR) != 0)
+                return kFailure;
+            break;
+        case 'b':
+            arguments->device = optarg;
+            break;
+        case 'p':
+            arguments->priority = std::strlen(optarg) == 1 ? optarg[0] : '\0';
+            break;
+        case 't':
+            arguments->tag = optarg;
+            break;
+        case 'r':
+            arguments->replay = optarg;
+            break;
+        case 'y':
+            arguments->year = std::atoi(optarg);
+            break;
+        case 'l':
+            arguments->lossless = true;
+            break;
+        default:
+            return hintAtHelp(kProgram);
+        }
+    }
+    return -1;
+}
+
+/** What is wrong with the arguments; null when nothing is. */
+const char* objection(const Arguments& arguments, bool withMessage) {
+    if (arguments.device != "main" && arguments.device != "system")
+        return "-b takes main or system";
+    if (priorityOf(arguments.priority) == 0)
+        return "-p takes v, d, i, w, e or f";
+    if (arguments.replay.empty())
+        return arguments.tag.empty() ? "a tag (-t) is needed" : nullptr;
+    if (withMessage || !arguments.tag.empty())
+        return "--replay takes neither a tag nor a message";
+    return arguments.year >= 1970 && arguments.year <= 2037 ? nullptr : "--year takes 1970 to 2037";
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Arguments arguments;
+    std::time_t now = std::time(nullptr);
+    arguments.year = std::localtime(&now)->tm_year + 1900;
+    int status = parseOptions(argc, argv, &arguments);
+    if (status >= 0)
+        return status;
+    bool withMessage = optind < argc;
+    if (const char* wrong = objection(arguments, withMessage)) {
+        std::fprintf(stderr, "%s: %s\n", kProgram, wrong);
+        return hintAtHelp(kProgram);
+    }
+    char root[vnlog::platform::kMaxSystemRoot + 2];
+    (void)vnlog::platform::readSystemRoot(root, sizeof root); // a root that is too long has no device
+    std::string path = std::string(root) + "/dev/log_" + arguments.device;
+    FileDescriptor device = vnlog::platform::openLogger(
+        path.c_str(), arguments.lossless ? LoggerAccess::WriteLossless : LoggerAccess::Write);
+    if (!device.valid()) {
+        std::fprintf(stderr, "%s: cannot open %s: %s\n", kProgram, path.c_str(), std::strerror(errno));
+        return kFailure;
+    }
+    Writer writer(std::move(device));
+    if (!arguments.replay.empty() && !writer.standIn()) {
+        std::fprintf(stderr, "%s: %s makes its own stamps, nothing can be replayed to it\n", kProgram,
+                     path.c_str());
+        return kFailure;
+    }
+    std::string message;
+    for (int i = optind; i < argc; ++i)
+        message += (i > optind ? " " : "") + std::string(argv[i]);
+    status = arguments.replay.empty() ? writeLines(writer, arguments, message, !withMessage)
+                                      : replay(writer, arguments);
+    if (writer.shortened() > 0)
+        std::fprintf(stderr, "%s: %d entries were too long and have been cut\n", kProgram,
+                     writer.shortened());
+    return status;
+}
