@@ -206,7 +206,7 @@ int LogService::setModules(int mode) {
     if (mModuleMode != mode) {
         std::lock_guard<std::mutex> lock(mFilterLock);
         mModuleMode = mode;
-        clearRules(mLogFormat);
+        releaseRules(mLogFormat);
         if (mode == kModeAll)
             setGlobalLevel();
         else if (!addRule("*:s"))
@@ -220,7 +220,7 @@ int LogService::addModules(const char* list) {
         std::lock_guard<std::mutex> lock(mFilterLock);
         if (mModuleMode != kModeListed) {
             mModuleMode = kModeListed;
-            clearRules(mLogFormat);
+            releaseRules(mLogFormat);
         }
         addModuleRules(list, reportRefusedFilter);
     }

@@ -426,7 +426,6 @@ class VNLOG_API LogService : public BnLogService {
     int storeAndroidLine(const char* line, size_t length, const AndroidLogEntry_t& entry, int result);
     bool addRule(const char* expression);
     void addModuleRules(const char* list, void (*reportRefused)());
-    void clearRules(AndroidLogFormat_t* format);
     int applyFormatWord(const char* text);
 
     // binder/

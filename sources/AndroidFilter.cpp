@@ -22,11 +22,6 @@ bool sameTag(const AndroidLogFilterRule_t* rule, const char* tag) {
     return std::strcmp(rule->tag, tag) == 0;
 }
 
-void releaseRule(AndroidLogFilterRule_t* rule) {
-    std::free(rule->tag);
-    std::free(rule);
-}
-
 void reportRefusedRule(int line) {
     logError("line[%d] alog add filter failed \n", line);
 }
@@ -40,7 +35,7 @@ int LogService::logFilterInit() {
     }
     std::lock_guard<std::mutex> lock(mFilterLock);
     if (mLogFormat != nullptr) { // of an earlier start
-        clearRules(mLogFormat);
+        releaseRules(mLogFormat);
         android_log_format_free(mLogFormat);
     }
     mLogFormat = android_log_format_new();
@@ -121,15 +116,7 @@ int LogService::androidLogShouldPrintLine(AndroidLogFormat_t* format, const char
 
 void LogService::androidLogClearAllFilterRule(AndroidLogFormat_t* format) {
     std::lock_guard<std::mutex> lock(mFilterLock);
-    clearRules(format);
-}
-
-/** androidLogClearAllFilterRule for callers that hold mFilterLock. */
-void LogService::clearRules(AndroidLogFormat_t* format) {
-    while (AndroidLogFilterRule_t* rule = format->rules) {
-        format->rules = rule->next;
-        releaseRule(rule);
-    }
+    releaseRules(format);
 }
 
 int LogService::androidLogDelFilterRule(AndroidLogFormat_t* format, const char* tag) {

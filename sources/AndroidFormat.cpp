@@ -1,5 +1,6 @@
 #include "sources/AndroidFormat.h"
 
+#include <cstdlib>
 #include <cstring>
 
 namespace vnlog {
@@ -20,6 +21,18 @@ constexpr FormatWord kFormatWords[] = {
 };
 
 } // namespace
+
+void releaseRule(AndroidLogFilterRule_t* rule) {
+    std::free(rule->tag);
+    std::free(rule);
+}
+
+void releaseRules(AndroidLogFormat_t* format) {
+    while (AndroidLogFilterRule_t* rule = format->rules) {
+        format->rules = rule->next;
+        releaseRule(rule);
+    }
+}
 
 AndroidLogPrintFormat lineFormat(const char* text) {
     for (const FormatWord& entry : kFormatWords) {

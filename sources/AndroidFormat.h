@@ -35,6 +35,11 @@ constexpr int kModeAll = 0;
 constexpr int kModeNone = 1;
 constexpr int kModeListed = 2;
 
+/** Releases a rule that is in no list any more. */
+void releaseRule(AndroidLogFilterRule_t* rule);
+/** Removes every rule with its tag; the library's own release of a record leaves the tags. */
+void releaseRules(AndroidLogFormat_t* format);
+
 /** The line format whose word `text` begins with; FORMAT_OFF when there is none. */
 AndroidLogPrintFormat lineFormat(const char* text);
 /** The word of a line format; null when it has none. */

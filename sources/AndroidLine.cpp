@@ -57,6 +57,10 @@ bool isOwnReport(const AndroidLogEntry& entry) {
 } // namespace
 
 void LogService::processBuffer(log_device_t* dev, logger_entry* entry) {
+    // The library takes any byte for a priority; one that is none cannot be judged.
+    auto priority = static_cast<unsigned char>(*reinterpret_cast<const char*>(entry + 1));
+    if (entry->length == 0 || priority > ANDROID_LOG_SILENT)
+        return;
     AndroidLogEntry parsed{};
     {
         CancelGuard guard; // the library may report what it finds

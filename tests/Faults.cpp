@@ -34,6 +34,8 @@ template <typename Info> int answerStatvfs(int result, Info* info) {
 
 } // namespace
 
+// The linker asks for this of names that a shared library refers to as well.
+#pragma GCC visibility push(default)
 extern "C" {
 
 ssize_t __real_write(int fd, const void* bytes, size_t length);
@@ -87,3 +89,4 @@ void* __wrap_calloc(size_t count, size_t size) {
     return __real_calloc(count, size);
 }
 }
+#pragma GCC visibility pop

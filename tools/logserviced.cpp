@@ -106,13 +106,14 @@ int serve(const std::string& root) {
         std::fprintf(stderr, "%s: the storage cannot be used, nothing is stored\n", kProgram);
     const char* name = vnlog::platform::kServiceName;
     std::string place = vnlog::platform::servicePlace(name);
+    std::string store = service->mSavePath; // before a client can change it
     android::status_t status = vnlog::platform::publishService(name, service);
     if (status != android::NO_ERROR) {
         errno = -status;
         return fail("cannot publish the service at", place);
     }
     std::fprintf(stderr, "%s: devices %s, %s (%s); %s at %s; store %s\n", kProgram, devices.main.c_str(),
-                 devices.system.c_str(), devices.kind(), name, place.c_str(), service->mSavePath);
+                 devices.system.c_str(), devices.kind(), name, place.c_str(), store.c_str());
     waitForEnd(*service, signals);
     flush(*service);
     vnlog::platform::withdrawServices(); // now this is the last reference, and the devices outlive it

@@ -61,6 +61,7 @@ bool moduleListAccepted(const char* list) {
             item.find('\n') == std::string::npos && android_log_addFilterRule(scratch, item.c_str()) >= 0;
         start = end + 1;
     }
+    vnlog::releaseRules(scratch);
     android_log_format_free(scratch);
     return accepted;
 }

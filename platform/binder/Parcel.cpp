@@ -41,10 +41,10 @@ status_t Parcel::setData(const uint8_t* buffer, size_t length) {
 }
 
 void Parcel::append(const void* bytes, size_t length) {
-    size_t start = mData.size();
-    mData.resize(start + padded(length), 0);
-    if (length > 0)
-        std::memcpy(mData.data() + start, bytes, length);
+    const auto* first = static_cast<const uint8_t*>(bytes);
+    mData.insert(mData.end(), first, first + length);
+    while (mData.size() % kAlignment != 0)
+        mData.push_back(0);
 }
 
 const uint8_t* Parcel::take(size_t length) const {
