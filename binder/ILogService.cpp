@@ -84,7 +84,8 @@ int BpLogService::logCMD(int cmd, const char* param) {
     android::Parcel data, reply;
     data.writeInterfaceToken(getInterfaceDescriptor());
     data.writeInt32(cmd);
-    android::status_t status = data.writeCString(param);
+    // Not every binder's writeCString looks for null itself.
+    android::status_t status = param != nullptr ? data.writeCString(param) : android::BAD_VALUE;
     if (status != android::NO_ERROR)
         return status;
     remote()->transact(LOG_CMD, data, &reply, 0);

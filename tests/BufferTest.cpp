@@ -160,6 +160,21 @@ TEST_F(BufferTest, FailingMediumIsTriedAgainAndNothingBufferedIsLost) {
     EXPECT_FALSE(service().mStorageFull);
 }
 
+TEST_F(BufferTest, PartOfAWriteIsNotStoredTwice) {
+    configure();
+    start(true, false);
+    std::string text = noise(40000, 1);
+    faults.writesUntilError = 1;
+    faults.shortWrite = 15000; // then the medium is full
+    faults.writeError = ENOSPC;
+    ASSERT_TRUE(put(text));
+    ASSERT_TRUE(eventually([&] { return service().mDrainFailing.load(); }));
+    EXPECT_EQ(stored(), "");
+    faults.writeError = 0;
+    ASSERT_TRUE(flush());
+    EXPECT_EQ(stored(), text);
+}
+
 TEST_F(BufferTest, PauseEndsByItselfAndAtAStop) {
     configure();
     start(true, false);

@@ -205,6 +205,20 @@ TEST_F(ConfigTest, FailedAndConcurrentSaves) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n\ncurrent log cfg:\n" + saved + "\n");
 }
 
+TEST_F(ConfigTest, SaveThatWasCutOffIsUndone) {
+    configure({{"KLOG_LEVEL", "2"}, {"MAX_LOG_SIZE", "64"}});
+    for (const char* left : {"", "UART_OUTPUT=y\nNAND_FILE"}) {
+        std::filesystem::rename(cfg, cfg + ".bak");
+        writeFile(cfg, left); // what a power cut may leave of the new file
+        start(false, false);
+        EXPECT_EQ(service().mMaxLogSize, 64);
+        EXPECT_EQ(service().mKLogLevel, 2);
+        EXPECT_TRUE(logged("was cut off, the settings from before it are used\n"));
+        EXPECT_FALSE(exists(cfg + ".bak"));
+        stop();
+    }
+}
+
 TEST_F(ConfigTest, StartChoosesOwnFileThenEnvironmentThenBuiltInPath) {
     configure({{"KLOG_LEVEL", "4"}});
     std::string other = home + "/other.cfg";

@@ -19,6 +19,11 @@ bool spent(std::atomic<int>& left) {
     return now == 0;
 }
 
+void countAllocation() {
+    if (gettid() != getpid())
+        ++faults.allocations;
+}
+
 bool isRegular(int fd) {
     struct stat info;
     return fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
@@ -80,8 +85,27 @@ int __wrap_sem_init(sem_t* semaphore, int shared, unsigned value) {
     return __real_sem_init(semaphore, shared, value);
 }
 
+void* __real_malloc(size_t size);
+void* __wrap_malloc(size_t size) {
+    countAllocation();
+    return __real_malloc(size);
+}
+
+// operator new, whose name tells the width of its argument
+#if __SIZEOF_SIZE_T__ == 8
+#define WRAPPED_NEW(prefix) __##prefix##__Znwm
+#else
+#define WRAPPED_NEW(prefix) __##prefix##__Znwj
+#endif
+void* WRAPPED_NEW(real)(size_t size);
+void* WRAPPED_NEW(wrap)(size_t size) {
+    countAllocation();
+    return WRAPPED_NEW(real)(size);
+}
+
 void* __real_calloc(size_t count, size_t size);
 void* __wrap_calloc(size_t count, size_t size) {
+    countAllocation();
     if (faults.failAllocationsFrom >= 0 && count * size >= static_cast<size_t>(faults.failAllocationsFrom)) {
         errno = ENOMEM;
         return nullptr;

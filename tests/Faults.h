@@ -16,6 +16,7 @@ struct Faults {
     std::atomic<int64_t> freeBytes{-1}; ///< what the file system answers, -1 for the truth
     std::atomic<int> threadsUntilError{-1}; ///< threads that can still be created, -1 for all
     std::atomic<int> semaphoresUntilError{-1};
+    std::atomic<uint32_t> allocations{0}; ///< of all threads but the test's own
     std::atomic<int64_t> failAllocationsFrom{-1}; ///< smallest size in bytes that is refused
 };
 

@@ -26,9 +26,10 @@ class KernelLogTest : public ServiceTest {
 TEST_F(KernelLogTest, LinesPassByTheirPriority) {
     configure({{"KLOG_LEVEL", "6"}});
     start();
+    using namespace std::string_literals;
     EXPECT_EQ(storedFrom("<3>disk error\n<7>too fine\nno prefix\n<>zero\n<\n\n<14>with facility\n<6>limit\n"
-                         "<4294967296>overflow\n<2 unclosed\n<5>\n"),
-              "disk error\nzero\nlimit\n unclosed\n");
+                         "<4294967296>overflow\n<2 unclosed\n<5>\n<3>zero \0byte\n"s),
+              "disk error\nzero\nlimit\n unclosed\nzero byte\n");
 }
 
 TEST_F(KernelLogTest, LongAndSplitLinesAreKeptTogether) {
@@ -98,6 +99,21 @@ TEST_F(KernelLogTest, ReadErrorEndsTheReader) {
     start();
     EXPECT_TRUE(
         eventually([&] { return logged("kernelLogReader read error line=2011 errno:Is a directory \n"); }));
+}
+
+TEST_F(KernelLogTest, NothingIsAllocatedPerLine) {
+    configure();
+    start();
+    feed("<3>first\n");
+    ASSERT_TRUE(eventually([&] { return service().bufferedBytes() == 6; }));
+    uint32_t before = faults.allocations;
+    std::string lines;
+    for (int i = 0; i < 300; ++i)
+        lines += "<3>another line\n<7>" + std::string(i % 150, 'l') + "\n";
+    feed(lines);
+    feed("<3>last\n");
+    ASSERT_TRUE(eventually([&] { return service().bufferedBytes() > 25000; }));
+    EXPECT_EQ(faults.allocations, before);
 }
 
 TEST_F(KernelLogTest, CancellationLeavesNothingBehindAtAnyWait) {

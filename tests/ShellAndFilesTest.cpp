@@ -2,7 +2,11 @@
 
 #include "storage/StorageFormat.h"
 
+#include <csignal>
 #include <dirent.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using ShellAndFilesTest = ServiceTest;
 
@@ -16,6 +20,21 @@ TEST_F(ShellAndFilesTest, CommandsAreJudgedByTheirExit) {
     std::string file = home + "/long";
     EXPECT_EQ(s.shellexecute(": > %s;%0300d", file.c_str(), 0), -1) << "cut at 255 characters, still run";
     EXPECT_TRUE(exists(file));
+}
+
+TEST_F(ShellAndFilesTest, CommandsEndWithTheService) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    std::string file = home + "/pid";
+    pid_t child = fork();
+    if (child == 0) {
+        deferred().shellexecute("echo $$ > %s.new; mv %s.new %s; exec sleep 60", file.c_str(), file.c_str(),
+                                file.c_str());
+        _exit(0);
+    }
+    ASSERT_TRUE(eventually([&] { return exists(file); }));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_TRUE(eventually([] { return waitpid(-1, nullptr, WNOHANG) != 0; })) << "the command lives on";
 }
 
 TEST_F(ShellAndFilesTest, EachUnwaitedCommandKeepsItsText) {

@@ -416,6 +416,39 @@ TEST_F(StorageTest, InterruptedStepsAreMendedByTheNextStart) {
     EXPECT_EQ(stored(), "first run");
 }
 
+TEST_F(StorageTest, TotalsThatContradictTheDiskDeleteNothing) {
+    configure();
+    for (unsigned k = 1; k <= 6; ++k)
+        makeSectionOfSize("last_1", k, 50000);
+    makeFolder(logs + "/last_007"); // no name of ours
+    for (uint32_t total : {0u, 20000000u, 999999999u}) {
+        fs::remove(root + "/log_storage.dat");
+        setStorageData(total, 1, 1, 1);
+        start(false, false);
+        EXPECT_EQ(service().mTotalLogSize, 300000u);
+        EXPECT_EQ(storedBytes(), 300000u);
+        stop();
+    }
+    writeFile(root + "/log_storage.dat", "damaged");
+    start(false, false);
+    EXPECT_EQ(numbers(), "300000 1 1 1");
+}
+
+TEST_F(StorageTest, BoundHoldsUnderTheLongestRoot) {
+    root = home + "/" + std::string(98 - home.size(), 'r');
+    logs = root + "/log_service";
+    makeFolder(root);
+    configure();
+    for (int run = 1; run <= 5; ++run) {
+        writeFile(section("current", 1, ".txt"), noise(300000, static_cast<unsigned>(run)));
+        start(false, false);
+        EXPECT_EQ(service().mTotalLogSize, storedBytes());
+        stop();
+    }
+    EXPECT_LE(storedBytes() + 65536, 1048576u);
+    EXPECT_GT(storedBytes(), 600000u);
+}
+
 TEST_F(StorageTest, MissingBookkeepingIsRebuiltOrEverythingDeleted) {
     configure();
     makeSection("last_1", 1, "kept");

@@ -3,6 +3,7 @@
 BUILD_PACKAGES="g++ cmake ninja-build pkg-config gzip android-liblog-dev android-libutils-dev"
 TEST_PACKAGES="libgtest-dev zlib1g-dev binutils"
 FORMAT_PACKAGES="clang-format"
+PLATFORM_PACKAGES="android-platform-frameworks-native-headers"
 
 need_packages() { # PACKAGE...
     local missing="" package rights=""
