@@ -184,15 +184,15 @@ bool LoggerDriver::greet(Client& client) {
 
 /** Takes one entry from a writer. One that is no whole entry is dropped; it harms nobody else. */
 bool LoggerDriver::takeEntry(Client& client) {
-    Entry entry(kMaxLoggerEntry);
-    ssize_t length = recv(client.socket.get(), entry.data(), entry.size(), MSG_TRUNC);
+    char packet[kMaxLoggerEntry];
+    ssize_t length = recv(client.socket.get(), packet, sizeof packet, MSG_TRUNC);
     if (length <= 0)
         return length < 0 && (errno == EAGAIN || errno == EINTR);
     LoggerHeader header;
     auto bytes = static_cast<size_t>(length);
     if (bytes < sizeof header || bytes > kMaxLoggerEntry)
         return true;
-    std::memcpy(&header, entry.data(), sizeof header);
+    std::memcpy(&header, packet, sizeof header);
     if (header.length != bytes - sizeof header)
         return true;
     if (header.pid == 0)
@@ -205,9 +205,8 @@ bool LoggerDriver::takeEntry(Client& client) {
         header.seconds = static_cast<int32_t>(now.tv_sec);
         header.nanoseconds = static_cast<int32_t>(now.tv_nsec);
     }
-    std::memcpy(entry.data(), &header, sizeof header);
-    entry.resize(bytes);
-    client.waiting = std::move(entry);
+    std::memcpy(packet, &header, sizeof header);
+    client.waiting.assign(packet, packet + bytes);
     storeWaiting(client);
     return true;
 }
@@ -226,7 +225,7 @@ void LoggerDriver::storeWaiting(Client& client) {
         if (reader->device == &device)
             reader->position = std::max(reader->position, device.first);
     device.held += client.waiting.size();
-    device.entries.push_back(std::move(client.waiting));
+    device.entries.emplace_back(client.waiting.begin(), client.waiting.end()); // of its own, exact size
     client.waiting.clear();
 }
 
