@@ -3,6 +3,7 @@
 #include "service/Diagnostics.h"
 #include "service/Handles.h"
 #include "service/LogService.h"
+#include "service/Semaphores.h"
 #include "sources/AndroidFormat.h"
 #include "storage/StorageFormat.h"
 
@@ -148,10 +149,7 @@ int LogService::startKernelOutput() {
             return -1;
         }
         mKLogOutput = true;
-        if (sem_post(&mKLogSem) < 0) {
-            logError("Cmd K_LOG_OUTPUT sem_post failed \n");
-            logErrno();
-        }
+        postOrReport(&mKLogSem, "Cmd K_LOG_OUTPUT sem_post failed \n");
     }
     if (!restoreKernelConsole())
         return -1;
@@ -174,10 +172,7 @@ int LogService::setAndroidOutput(bool on) {
         if (clearAndroidLog() < 0)
             logError("Cmd clear alog failed \n");
         mALogOutput = true;
-        if (sem_post(&mALogSem) < 0) {
-            logError("Cmd A_LOG_OUTPUT sem_post failed \n");
-            logErrno();
-        }
+        postOrReport(&mALogSem, "Cmd A_LOG_OUTPUT sem_post failed \n");
     }
     mALogOutput = on;
     mALogToUart = on;
@@ -267,6 +262,8 @@ void LogService::changeRoot(const char* root) {
     mHeadFolderNum = 0;
     mTotalLogSize = 0;
     mOldestFileNum = 1;
+    mRootChanged = mRootChanged || mLogFd >= 0;
+    mBoundPending = false;
     mCurrentTotalSize = 0; // the finished sections of this run stay under the old root
     int result = initLogStorage();
     if (result != 0)

@@ -46,7 +46,10 @@ status_t BnLogService::onTransact(uint32_t code, const Parcel& data, Parcel* rep
     case LOG_CMD: {
         if (!data.checkInterface(this))
             return kForeignToken;
-        int32_t cmd = data.readInt32();
+        int32_t cmd = 0;
+        status_t status = data.readInt32(&cmd);
+        if (status != android::NO_ERROR)
+            return status;
         const char* param = data.readCString();
         reply->writeInt32(logCMD(cmd, param));
         return android::NO_ERROR;

@@ -1,6 +1,7 @@
 #include "service/Diagnostics.h"
 #include "service/Handles.h"
 #include "service/LogService.h"
+#include "service/Semaphores.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -24,7 +25,7 @@ void* LogService::logBufFlush(void* service) {
 void LogService::flushLoop() {
     unsigned pause = kFirstPauseSeconds;
     while (mFlushThreadRunning) {
-        if (!waitForRecords())
+        if (!waitOrReport(&mLogBuf->sem_read, "logBufFlush sem_wait failed\n"))
             return;
         bool retry = false;
         while (mFlushThreadRunning) {
@@ -55,18 +56,6 @@ void LogService::reportUnwritten() {
         logError("%u buffered byte are dropped by the stop\n", used);
 }
 
-/** Waits for a post. False, reported, when that is not possible. */
-bool LogService::waitForRecords() {
-    while (sem_wait(&mLogBuf->sem_read) < 0) {
-        if (errno == EINTR)
-            continue;
-        logError("logBufFlush sem_wait failed\n");
-        logErrno();
-        return false;
-    }
-    return true;
-}
-
 /**
  * Writes out everything buffered if there is enough of it or somebody wants it; always when `retry` is set.
  * Stores how many flush requests there had been before.
@@ -84,17 +73,20 @@ LogService::Drain LogService::drainBuffer(bool retry, uint32_t* requestsSeen) {
         return Drain::Idle;
 
     int result;
+    bool rootChanged;
     {
         std::lock_guard<std::mutex> lock(mStorageLock);
         mDrainWriteFailed = false;
         mDrainMoved = 0;
         result = saveLogSection(used);
+        rootChanged = result != 0 && mRootChanged;
+        mRootChanged = mRootChanged && result == 0; // the cut that it makes fail is over
     }
     if (!mFlushThreadRunning)
         return Drain::Done; // a stop came in between; what it left is no failure of the storage
     if (result != 0 || (mDrainWriteFailed && mDrainMoved == 0)) {
         logError("error: failed to save log,please check it\n");
-        return Drain::Failed;
+        return rootChanged ? Drain::Partly : Drain::Failed; // the new root is as good as any: no pause
     }
     drainingWorks();
     if (mDrainWriteFailed)

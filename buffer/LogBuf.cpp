@@ -5,6 +5,7 @@
 #include "service/Diagnostics.h"
 #include "service/Handles.h"
 #include "service/LogService.h"
+#include "service/Semaphores.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -22,13 +23,6 @@ constexpr uint32_t kClosed = 0x80000000U;
 constexpr int kPlaceWhole = 1699;
 constexpr int kPlaceFirst = 1706;
 constexpr int kPlaceSecond = 1710;
-
-void postOrReport(sem_t* semaphore, const char* report) {
-    if (sem_post(semaphore) < 0) {
-        logError("%s", report);
-        logErrno();
-    }
-}
 
 /** Writes one piece. A file that takes only a part of it is cut back, for the piece will be offered again. */
 bool writeOrReport(int fd, const char* bytes, uint32_t length, int place) {
@@ -171,15 +165,8 @@ LogService::Space LogService::waitForSpace(LogBuf& buffer, uint32_t length, Stor
         }
         logError("not enough log buffer for %zd byte, free size %zd byte\n", static_cast<ssize_t>(length),
                  static_cast<ssize_t>(buffer.free_size.load()));
-        int waited;
-        do
-            waited = sem_wait(&buffer.sem_write);
-        while (waited < 0 && errno == EINTR);
-        if (waited < 0) {
-            logError(" logBufWrite sem_wait failed\n");
-            logErrno();
+        if (!waitOrReport(&buffer.sem_write, " logBufWrite sem_wait failed\n"))
             return Space::Refused;
-        }
         if ((mBufUse & kClosed) != 0)
             return Space::Refused;
         if (storageTooSmall(buffer, need))

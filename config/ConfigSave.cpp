@@ -22,7 +22,7 @@ char letter(bool on) {
 
 Path configurationBackup(const char* path) {
     Path backup;
-    formatPath(backup.text, "%s.bak", path);
+    formatPath(backup.text, "%s.unsaved", path);
     return backup;
 }
 

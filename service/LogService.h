@@ -244,6 +244,7 @@ class VNLOG_API LogService : public BnLogService {
     // Android reader
     int32_t mALogOutFd = -1;
     int32_t mALogDevCount = 0;
+    uint32_t mALogQueued = 0; ///< entries in the devices' queues
 
     /// Whether the service runs; commands are refused while it does not.
     Flag mServiceStarted{false};
@@ -309,6 +310,9 @@ class VNLOG_API LogService : public BnLogService {
     char mSystemRoot[128] = {}; ///< stands before fixed absolute paths; read at construction and start
     bool mSystemRootFits = true; ///< false when it is too long to be used
     bool mCfgTextsOwned = false; ///< whether mModuleCfg and mFormatCfg are ours to release
+    bool mRootChanged = false; ///< while a section was open under the old one; guarded by mStorageLock
+    bool mCompressPending = false; ///< the section is closed but not compressed; guarded likewise
+    bool mBoundPending = false; ///< the bound did not hold after the last cut; guarded likewise
     bool mDrainWriteFailed = false; ///< a write of the present drain failed; flush thread only
     uint32_t mDrainMoved = 0; ///< bytes that the present drain has moved; flush thread only
 
@@ -331,6 +335,7 @@ class VNLOG_API LogService : public BnLogService {
     };
     struct LastFolderPlace;
     struct ArchivedRuns;
+    struct RunContent;
 
     // service/
     void loadConfiguration();
@@ -375,7 +380,6 @@ class VNLOG_API LogService : public BnLogService {
     int giveUpStorage(const StorageNeed& need);
     void flushLoop();
     void reportUnwritten();
-    bool waitForRecords();
     Drain drainBuffer(bool retry, uint32_t* requestsSeen);
     void forgetFlushRequest(uint32_t requestsSeen);
     void drainingFailed();
@@ -387,10 +391,13 @@ class VNLOG_API LogService : public BnLogService {
     bool withinBound(uint32_t more) const;
     bool openSection();
     uint32_t moveIntoSection(uint32_t wanted);
+    int resumeCut();
+    bool compressed(const char* text, const char* archive);
     int finishSection();
     void syncArchive(const char* folder, const char* archive);
     bool pointOldestAtFinishedSection();
     int keepBound();
+    bool boundRestored();
     bool createCurrentFolder();
     int archiveEarlierUse();
     uint32_t freeFolderNumber();
@@ -400,25 +407,25 @@ class VNLOG_API LogService : public BnLogService {
     int removeEmptiedRun(const LastFolderPlace& place);
     int deleteFromCurrent(uint32_t* deleted, bool* lastGone);
     int closePreviousRun(uint32_t* size);
-    int compressTexts(const char* run, uint32_t* size, bool* compressed);
+    int compressTexts(const char* run, uint32_t* size, bool* anyCompressed);
     int compressPreviousFile(const char* run, const char* path);
     int archivePreviousRun();
     int trimAtStart(uint32_t size);
     bool countArchivedRuns(const NamePatterns& patterns, ArchivedRuns* runs);
     bool oldestSection(const NamePatterns& patterns, const char* path, uint32_t* oldest);
     bool numbersMatchDisk();
+    bool lookInto(const NamePatterns& patterns, const char* path, RunContent* content);
+    bool startNumbersAnew();
     void closeArchivedRun(const NamePatterns& patterns, const char* path);
     void mendInterruptedDeletion();
     void mendInterruptedArchiving();
 
     // sources/
     bool readKernelLog(int fd, char* buffer);
-    bool waitForKernelOutput();
     uint32_t storeKernelLines(char* buffer, uint32_t length);
     void storeKernelLine(const char* line, const char* end);
     log_device_t* makeDeviceList();
     bool openDevices(log_device_t* list);
-    bool waitForAndroidOutput();
     void printQueued(log_device_t* list, bool everything);
     int routeLine(AndroidLogFormat_t* format, int fd, const AndroidLogEntry_t* entry, bool* formatted);
     char* formatLine(AndroidLogFormat_t* format, char* usual, const AndroidLogEntry_t* entry, size_t* length);

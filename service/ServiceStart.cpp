@@ -55,6 +55,7 @@ int LogService::serviceStart(const bool* flags) {
     mSliceNum = 1; // a run numbers its sections from 1, also when the object is started once more
     mCurLogSize = 0;
     mCurrentTotalSize = 0;
+    mRootChanged = mCompressPending = mBoundPending = false;
     if (openStorageNumbers() != 0 || createLogBuf() != 0) {
         releaseConfigurationTexts();
         return -1;
@@ -114,7 +115,7 @@ int LogService::openStorageNumbers() {
         return recoverNumbers();
     if (!numbersMatchDisk()) {
         logError("the storage data contradicts the folders and is rebuilt\n");
-        (void)repairLogDatFile(); // reported there; what it cannot tell is found out by the deletions
+        (void)recoverNumbers(); // reported there; what it cannot tell is found out by the deletions
     }
     return 0;
 }
@@ -145,7 +146,7 @@ int LogService::recoverNumbers() {
     if (repairLogDatFile() == 0)
         return 0;
     uint32_t size = 0;
-    if (closePreviousRun(&size) == 0 && repairLogDatFile() == 0)
+    if (closePreviousRun(&size) == 0 && (repairLogDatFile() == 0 || startNumbersAnew()))
         return 0;
     logError("The storage data parsing failed and the attempt to recover failed\n");
     return -1;

@@ -3,6 +3,7 @@
 #include "service/Diagnostics.h"
 #include "service/Handles.h"
 #include "service/LogService.h"
+#include "service/Semaphores.h"
 #include "sources/AndroidFormat.h"
 #include "storage/StorageFormat.h"
 
@@ -22,6 +23,9 @@ namespace {
 constexpr char kMainDevice[] = "/dev/log_main";
 constexpr char kSystemDevice[] = "/dev/log_system";
 constexpr long kMergeDelayUs = 5000;
+/** With more entries queued, all are output: one that waits for its device must not hold back a flood of the
+ * other. */
+constexpr uint32_t kMaxQueued = 512;
 
 using Node = std::unique_ptr<log_entry_node_t>;
 
@@ -139,7 +143,7 @@ int waitForData(const log_device_t* list, int largest, bool asleep, fd_set* read
 }
 
 /** Reads at most one entry from every ready device. False when the cycle is to be begun anew. */
-bool readPass(log_device_t* list, const fd_set& ready) {
+bool readPass(log_device_t* list, const fd_set& ready, uint32_t* queued) {
     for (log_device_t* device = list; device != nullptr; device = device->next) {
         if (!FD_ISSET(device->fd, &ready))
             continue;
@@ -148,6 +152,7 @@ bool readPass(log_device_t* list, const fd_set& ready) {
             return false;
         if (result == ReadResult::WouldBlock)
             break;
+        ++*queued;
     }
     return true;
 }
@@ -210,6 +215,7 @@ void LogService::setupOutput() {
 
 void LogService::readLogLines(log_device_t* list) {
     int largest = largestDescriptor(list);
+    mALogQueued = 0;
     bool asleep = false;
     while (largest >= 0 && mLogcatThreadRunning) {
         fd_set ready;
@@ -218,25 +224,13 @@ void LogService::readLogLines(log_device_t* list) {
             continue;
         if (!mLogcatThreadRunning)
             return;
-        if (!readPass(list, ready))
+        if (!readPass(list, ready, &mALogQueued))
             continue;
-        if (!mALogOutput && !waitForAndroidOutput())
+        if (!mALogOutput && !waitOrReport(&mALogSem, " readLogLines sem_wait failed\n"))
             return;
-        printQueued(list, count == 0);
+        printQueued(list, count == 0 || mALogQueued > kMaxQueued);
         asleep = count == 0;
     }
-}
-
-/** Waits until Android output is switched on. False, reported, when that is not possible. */
-bool LogService::waitForAndroidOutput() {
-    while (sem_wait(&mALogSem) < 0) {
-        if (errno == EINTR)
-            continue;
-        logError(" readLogLines sem_wait failed\n");
-        logErrno();
-        return false;
-    }
-    return true;
 }
 
 /** Outputs what is known to be the oldest; everything when nothing has come for a while. */
@@ -270,6 +264,7 @@ void LogService::skipNextEntry(log_device_t* dev) {
     maybePrintStart(dev);
     Node node(dev->queue);
     dev->queue = node->next;
+    --mALogQueued;
 }
 
 void LogService::maybePrintStart(log_device_t* dev) {
@@ -280,7 +275,7 @@ void LogService::maybePrintStart(log_device_t* dev) {
         return;
     char banner[1024];
     formatPath(banner, "--------- beginning of %s\n", dev->path);
-    if (write(mALogOutFd, banner, std::strlen(banner)) < 0) {
+    if (!writeAll(mALogOutFd, banner, std::strlen(banner))) {
         logError("output error");
         logErrno();
         endProcess(kExitOutputError);

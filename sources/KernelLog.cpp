@@ -1,6 +1,7 @@
 #include "service/Diagnostics.h"
 #include "service/Handles.h"
 #include "service/LogService.h"
+#include "service/Semaphores.h"
 #include "storage/StorageFormat.h"
 
 #include <algorithm>
@@ -116,23 +117,11 @@ bool LogService::readKernelLog(int fd, char* buffer) {
         }
         if (length == 0)
             pauseAtEndOfFile();
-        if (!mKLogOutput && !waitForKernelOutput())
+        if (!mKLogOutput && !waitOrReport(&mKLogSem, "kernelLogReader sem_wait failed\n"))
             return false;
         char* end =
             std::remove(buffer + kept, buffer + kept + length, '\0'); // nothing stored holds a zero byte
         kept = storeKernelLines(buffer, static_cast<uint32_t>(end - buffer));
-    }
-    return true;
-}
-
-/** Waits until kernel output is switched on. False, reported, when that is not possible. */
-bool LogService::waitForKernelOutput() {
-    while (sem_wait(&mKLogSem) < 0) {
-        if (errno == EINTR)
-            continue;
-        logError("kernelLogReader sem_wait failed\n");
-        logErrno();
-        return false;
     }
     return true;
 }

@@ -14,12 +14,13 @@ namespace {
 
 constexpr uint32_t kNothingFound = kMaxBookkeepingNumber;
 
-bool endsIn(const char* name, const char* end) {
-    size_t length = std::strlen(name), tail = std::strlen(end);
-    return length >= tail && std::strcmp(name + length - tail, end) == 0;
-}
-
 } // namespace
+
+/** Whether an archived run holds finished sections, and whether texts that are to become such. */
+struct LogService::RunContent {
+    bool section = false;
+    bool text = false;
+};
 
 /** What the names of the archived runs tell. */
 struct LogService::ArchivedRuns {
@@ -130,32 +131,48 @@ void LogService::mendInterruptedDeletion() {
 }
 
 /**
- * Compresses the sections of an archived run that are not compressed yet: a change of the root leaves them.
- * Removes the run when it holds nothing compressed: a deletion that was cut off after the last section leaves
- * it, and a search for the oldest section would end in it.
+ * Sees to it that an archived run holds at least one finished section: a search for the oldest section would
+ * end in a run without. Compresses what a change of the root has left uncompressed; gives a log of the older
+ * form a section's name; removes a run that a deletion has emptied, and moves one aside that holds nothing
+ * but foreign files.
  */
 void LogService::closeArchivedRun(const NamePatterns& patterns, const char* path) {
-    bool text = false, archive = false;
-    {
-        Folder folder(path);
-        if (!folder.valid())
-            return;
-        while (const dirent* entry = folder.next()) {
-            text = text || patterns.isSectionText(entry->d_name);
-            archive = archive || endsIn(entry->d_name, ".gz");
-        }
-        if (folder.failed())
-            return; // what it did not show may be what matters
-    }
-    if (text) {
+    RunContent content;
+    if (!lookInto(patterns, path, &content))
+        return; // what the listing did not show may be what matters
+    if (content.text) {
         uint32_t size = 0;
-        bool compressed = false;
+        bool compressedAny = false;
         (void)compressTexts(path, &size,
-                            &compressed); // reported there; what is left is tried again next time
-    } else if (!archive) {
-        logError("[%s] holds no section and is removed\n", path);
-        (void)shellexecute("rm -rf %s", path); // if it stays, it is as harmful as before
+                            &compressedAny); // reported there; what is left is tried again next time
+        if (!lookInto(patterns, path, &content))
+            return;
     }
+    if (content.section || content.text)
+        return;
+    Path older, aside;
+    formatPath(older.text, "%s/log.txt.gz", path);
+    formatPath(aside.text, "%s.stray", path);
+    if (rename(older.text, sectionArchive(path, 1).text) == 0 || rmdir(path) == 0)
+        return;
+    logError("[%s] holds no section and is moved aside\n", path);
+    if (rename(path, aside.text) != 0)
+        logErrno();
+}
+
+/** What an archived run's folder holds. False when that cannot be told. */
+bool LogService::lookInto(const NamePatterns& patterns, const char* path, RunContent* content) {
+    *content = RunContent();
+    Folder folder(path);
+    if (!folder.valid())
+        return false;
+    while (const dirent* entry = folder.next()) {
+        uint32_t number;
+        content->section = content->section || patterns.isSection(entry->d_name, &number);
+        content->text = content->text || patterns.isSectionText(entry->d_name) ||
+                        std::strcmp(entry->d_name, "log.txt") == 0;
+    }
+    return !folder.failed();
 }
 
 /**
@@ -175,6 +192,21 @@ bool LogService::numbersMatchDisk() {
         return true;
     return runs.head == mHeadFolderNum && runs.tail == mTailFolderNum && runs.total == mTotalLogSize &&
            access(lastArchive(mLastDirPrefix, mTailFolderNum, mOldestFileNum).text, F_OK) == 0;
+}
+
+/** Starts the numbers anew where nothing is stored that they could tell of. False when there is something. */
+bool LogService::startNumbersAnew() {
+    NamePatterns patterns;
+    ArchivedRuns runs;
+    uint32_t oldest = kNothingFound;
+    if (!patterns.valid() || !countArchivedRuns(patterns, &runs) || runs.count > 0 ||
+        !oldestSection(patterns, mCurrentDir, &oldest) || oldest != kNothingFound)
+        return false;
+    mTotalLogSize = 0;
+    mHeadFolderNum = 0;
+    mTailFolderNum = 0;
+    mOldestFileNum = 1;
+    return logStorageDataSave() == 0;
 }
 
 /**

@@ -14,6 +14,8 @@ bool LogService::withinBound(uint32_t more) const {
 }
 
 int LogService::saveLogSection(unsigned int count) {
+    if (resumeCut() != 0)
+        return -1;
     if (mLogFd < 0 && !openSection()) {
         logError("fail to save log,because fd is abnormal\n");
         logErrno();
@@ -29,6 +31,7 @@ int LogService::saveLogSection(unsigned int count) {
     uint32_t first = moveIntoSection(std::min<uint32_t>(room, count));
     closeDescriptor(mLogFd);
     mLogFd = -1;
+    mCompressPending = true;
     if (finishSection() != 0 || keepBound() != 0)
         return -1;
     if (!openSection()) {
@@ -63,16 +66,38 @@ uint32_t LogService::moveIntoSection(uint32_t wanted) {
     return moved < 0 ? 0 : static_cast<uint32_t>(moved); // a failed write is reported and retried elsewhere
 }
 
+/**
+ * Ends a cut that failed before anything more is written: the section would grow past its size, or the store
+ * past its bound, with every try. 0 or -1.
+ */
+int LogService::resumeCut() {
+    // After a change of the root the section is not there any more; it stays as it is where it was.
+    if (mCompressPending && access(sectionText(mCurrentDir, mSliceNum).text, F_OK) == 0 &&
+        finishSection() != 0)
+        return -1;
+    mCompressPending = false;
+    return mBoundPending ? keepBound() : 0;
+}
+
+/**
+ * Runs gzip on a text. What counts is that the archive has taken the text's place: gzip also reports mere
+ * warnings, and in a process that ignores SIGCHLD no result is to be had at all.
+ */
+bool LogService::compressed(const char* text, const char* archive) {
+    return shellexecute("gzip %s", text) == 0 || (access(text, F_OK) != 0 && access(archive, F_OK) == 0);
+}
+
 /** Compresses the closed section, counts it and goes on to the next number. 0 or -1. */
 int LogService::finishSection() {
     Path text = sectionText(mCurrentDir, mSliceNum);
     Path archive = sectionArchive(mCurrentDir, mSliceNum);
     if (access(text.text, F_OK) == 0)
         (void)unlink(archive.text); // of a gzip that was killed; with it in place gzip would refuse
-    if (shellexecute("gzip %s", text.text) < 0) {
+    if (!compressed(text.text, archive.text)) {
         logError("fail to Compress log files %d log!\n", static_cast<int>(mSliceNum));
         return -1;
     }
+    mCompressPending = false;
     syncArchive(mCurrentDir, archive.text);
     mCurrentTotalSize += getFileSize(archive.text);
     bool pointed = pointOldestAtFinishedSection();
@@ -106,22 +131,27 @@ bool LogService::pointOldestAtFinishedSection() {
     return false;
 }
 
-/** Deletes until another full section fits. 0 or -1. */
+/** Deletes until another full section fits. 0, or -1: to be tried again before more is written. */
 int LogService::keepBound() {
+    mBoundPending = !boundRestored();
+    return mBoundPending ? -1 : 0;
+}
+
+bool LogService::boundRestored() {
     for (int pass = 0; !withinBound(mCurrentTotalSize + mLogSectionSize); ++pass) {
         if (pass == kDeletionPasses) {
             logError("[saveLogSection] Fatal error attempt to fix the failure\n");
-            return -1;
+            return false;
         }
         if (deleteLogSection() == 0)
             continue;
         logError("fail to delete log section !\n");
         if (repairLogDatFile() != 0) {
             logError("[saveLogSection] Fatal error log storage file information is completely damaged\n");
-            return -1;
+            return false;
         }
     }
-    return 0;
+    return true;
 }
 
 } // namespace vnlog

@@ -44,9 +44,9 @@ int LogService::init_Log_Storage() {
 
 /** Compresses what the previous run left uncompressed; stores the size of all its files. 0, or -2 to -5. */
 int LogService::closePreviousRun(uint32_t* size) {
-    bool compressed = false;
-    int result = compressTexts(mCurrentDir, size, &compressed);
-    if (result != 0 || !compressed)
+    bool anyCompressed = false;
+    int result = compressTexts(mCurrentDir, size, &anyCompressed);
+    if (result != 0 || !anyCompressed)
         return result;
     int counted = getFolderSize(mCurrentDir); // the listing may or may not have shown what was made meanwhile
     if (counted == -1) {
@@ -60,7 +60,7 @@ int LogService::closePreviousRun(uint32_t* size) {
 /**
  * Compresses the text files of a run's folder and adds up the sizes of its other entries. 0, or -2 to -4.
  */
-int LogService::compressTexts(const char* run, uint32_t* size, bool* compressed) {
+int LogService::compressTexts(const char* run, uint32_t* size, bool* anyCompressed) {
     *size = 0;
     Folder folder(run);
     if (!folder.valid()) {
@@ -77,7 +77,7 @@ int LogService::compressTexts(const char* run, uint32_t* size, bool* compressed)
             int result = compressPreviousFile(run, path.text);
             if (result != 0)
                 return result;
-            *compressed = true;
+            *anyCompressed = true;
         } else { // also a stray file whose name the shell would take apart: it goes along as it is
             *size += getFileSize(path.text);
         }
@@ -98,7 +98,7 @@ int LogService::compressPreviousFile(const char* run, const char* path) {
             return -3;
         }
     }
-    if (shellexecute("gzip %s", path) < 0) {
+    if (!compressed(path, archive.text)) {
         logError("init_Log_Storage fail to Compress [%s] log!\n", path);
         return -4;
     }

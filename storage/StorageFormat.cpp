@@ -105,7 +105,8 @@ bool shellSafe(const char* path) {
 }
 
 bool usableRoot(const char* root) {
-    return std::strlen(root) <= kMaxRootLength && shellSafe(root);
+    // With a "=" it could be taken for another key where it stands in log.cfg.
+    return std::strlen(root) <= kMaxRootLength && shellSafe(root) && std::strchr(root, '=') == nullptr;
 }
 
 } // namespace vnlog

@@ -92,7 +92,8 @@ EntryType entryType(const char* folder, const char* name, unsigned char type);
  */
 bool shellSafe(const char* path);
 
-/** Whether a path can be a storage root: every path derived from it fits, and the shell takes it as it is. */
+/** Whether a path can be a storage root: every path derived from it fits, and shell and log.cfg take it as it
+ * is. */
 bool usableRoot(const char* root);
 
 } // namespace vnlog

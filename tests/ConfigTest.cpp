@@ -208,13 +208,13 @@ TEST_F(ConfigTest, FailedAndConcurrentSaves) {
 TEST_F(ConfigTest, SaveThatWasCutOffIsUndone) {
     configure({{"KLOG_LEVEL", "2"}, {"MAX_LOG_SIZE", "64"}});
     for (const char* left : {"", "UART_OUTPUT=y\nNAND_FILE"}) {
-        std::filesystem::rename(cfg, cfg + ".bak");
+        std::filesystem::rename(cfg, cfg + ".unsaved");
         writeFile(cfg, left); // what a power cut may leave of the new file
         start(false, false);
         EXPECT_EQ(service().mMaxLogSize, 64);
         EXPECT_EQ(service().mKLogLevel, 2);
         EXPECT_TRUE(logged("was cut off, the settings from before it are used\n"));
-        EXPECT_FALSE(exists(cfg + ".bak"));
+        EXPECT_FALSE(exists(cfg + ".unsaved"));
         stop();
     }
 }

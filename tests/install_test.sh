@@ -33,7 +33,7 @@ find_package(vnlog REQUIRED)
 add_executable(host ../host.cpp)
 target_link_libraries(host PRIVATE vnlog::logservice)
 CMAKE
-cmake -S "$home/project" -B "$home/project/build" -DCMAKE_PREFIX_PATH="$home/usr" -DCMAKE_CXX_COMPILER="$compiler" \
+cmake -G Ninja -S "$home/project" -B "$home/project/build" -DCMAKE_PREFIX_PATH="$home/usr" -DCMAKE_CXX_COMPILER="$compiler" \
     ${sanitize:+-DCMAKE_CXX_FLAGS=-fsanitize=$sanitize} >"$home/cmake.log" || { cat "$home/cmake.log"; exit 1; }
 cmake --build "$home/project/build" >"$home/build.log" || { cat "$home/build.log"; exit 1; }
 "$home/usr/bin/logserviced" --version | grep -q logserviced

@@ -4,21 +4,29 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <getopt.h>
 #include <sys/stat.h>
 
-/* What the programs share: their exit statuses and the handling of the options that they have in common. */
+/* What the programs share: their exit statuses and the options that they have in common. */
 
+constexpr int kGoOn = -1; ///< no status yet: the program goes on
 constexpr int kFailure = 1; ///< the thing asked for could not be done
 constexpr int kWrongUsage = 2; ///< it was not asked for in the right way
 
-/** Sets an environment variable to a path that must exist and be of this type. 0, or kFailure, reported. */
+constexpr option kHelpOption = {"help", no_argument, nullptr, 'h'};
+constexpr option kVersionOption = {"version", no_argument, nullptr, 'v'};
+constexpr option kSysrootOption = {"sysroot", required_argument, nullptr, 's'};
+constexpr option kEndOfOptions = {nullptr, 0, nullptr, 0};
+
+/** Sets an environment variable to a path that must exist and be of this type. kGoOn, or kFailure, reported.
+ */
 inline int usePath(const char* program, const char* variable, const char* path, mode_t type) {
     struct stat info;
     int error = stat(path, &info) != 0 ? errno : 0;
     if (error == 0 && (info.st_mode & S_IFMT) != type)
         error = type == S_IFDIR ? ENOTDIR : EISDIR;
     if (error == 0 && setenv(variable, path, 1) == 0)
-        return 0;
+        return kGoOn;
     std::fprintf(stderr, "%s: cannot use %s: %s\n", program, path, std::strerror(error != 0 ? error : errno));
     return kFailure;
 }
@@ -26,4 +34,20 @@ inline int usePath(const char* program, const char* variable, const char* path, 
 inline int hintAtHelp(const char* program) {
     std::fprintf(stderr, "Try '%s --help'.\n", program);
     return kWrongUsage;
+}
+
+/** Acts on what getopt_long returned for one of the common options or for a wrong one. kGoOn or the status.
+ */
+inline int commonOption(int choice, const char* program, int (*printHelp)()) {
+    switch (choice) {
+    case 'h':
+        return printHelp();
+    case 'v':
+        std::printf("%s %s\n", program, VNLOG_VERSION);
+        return 0;
+    case 's':
+        return usePath(program, "VNLOG_SYSROOT", optarg, S_IFDIR);
+    default: // reported by getopt_long
+        return hintAtHelp(program);
+    }
 }

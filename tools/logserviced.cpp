@@ -8,9 +8,9 @@
 #include "service/LogService.h"
 #include "tools/Options.h"
 
+#include <binder/IServiceManager.h>
 #include <csignal>
 #include <ctime>
-#include <getopt.h>
 #include <memory>
 #include <string>
 
@@ -33,6 +33,11 @@ constexpr char kHelp[] = "Usage: logserviced [OPTION]...\n"
 constexpr int kFlushLimitMs = 5000;
 constexpr int kFlushPollMs = 10;
 constexpr int kFlushRetryMs = 1000;
+
+int printHelp() {
+    std::fputs(kHelp, stdout);
+    return 0;
+}
 
 int fail(const char* what, const std::string& path) {
     std::fprintf(stderr, "%s: %s %s: %s\n", kProgram, what, path.c_str(), std::strerror(errno));
@@ -94,6 +99,12 @@ int serve(const std::string& root) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN); // a console that goes away is reported by its write
 
+    std::signal(SIGCHLD, SIG_DFL); // ignored, it would take the results of the storage commands away
+    const char* name = vnlog::platform::kServiceName;
+    if (android::defaultServiceManager()->checkService(android::String16(name)) != nullptr) {
+        std::fprintf(stderr, "%s: %s is served already\n", kProgram, name);
+        return kFailure; // before the other host's store is touched
+    }
     Devices devices(root);
     if (devices.driver != nullptr && !devices.driver->start({devices.main, devices.system}))
         return fail("cannot make the devices in", root + "/dev");
@@ -104,7 +115,6 @@ int serve(const std::string& root) {
     }
     if (!service->mFlushThreadRunning)
         std::fprintf(stderr, "%s: the storage cannot be used, nothing is stored\n", kProgram);
-    const char* name = vnlog::platform::kServiceName;
     std::string place = vnlog::platform::servicePlace(name);
     std::string store = service->mSavePath; // before a client can change it
     android::status_t status = vnlog::platform::publishService(name, service);
@@ -124,41 +134,26 @@ int serve(const std::string& root) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const option options[] = {{"help", no_argument, nullptr, 'h'},
-                              {"version", no_argument, nullptr, 'v'},
-                              {"sysroot", required_argument, nullptr, 's'},
-                              {"cfg", required_argument, nullptr, 'c'},
-                              {nullptr, 0, nullptr, 0}};
-    int result = 0;
-    for (int choice; result == 0 && (choice = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
-        switch (choice) {
-        case 'h':
-            std::fputs(kHelp, stdout);
-            return 0;
-        case 'v':
-            std::puts("logserviced " VNLOG_VERSION);
-            return 0;
-        case 's':
-            result = usePath(kProgram, "VNLOG_SYSROOT", optarg, S_IFDIR);
-            break;
-        case 'c':
-            result = usePath(kProgram, "LOG_DEFAULT_CFG", optarg, S_IFREG);
-            break;
-        default:
-            return hintAtHelp(kProgram);
-        }
+    const option options[] = {
+        kHelpOption, kVersionOption, kSysrootOption, {"cfg", required_argument, nullptr, 'c'}, kEndOfOptions};
+    int status = kGoOn;
+    for (int choice; status == kGoOn && (choice = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
+        status = choice == 'c' ? usePath(kProgram, "LOG_DEFAULT_CFG", optarg, S_IFREG)
+                               : commonOption(choice, kProgram, printHelp);
     }
-    if (result == 0 && optind != argc) {
+    if (status != kGoOn)
+        return status;
+    if (optind != argc) {
         std::fprintf(stderr, "%s: unexpected argument '%s'\n", kProgram, argv[optind]);
         return hintAtHelp(kProgram);
     }
     char root[vnlog::platform::kMaxSystemRoot + 2];
-    if (result == 0 && !vnlog::platform::readSystemRoot(root, sizeof root)) {
+    if (!vnlog::platform::readSystemRoot(root, sizeof root)) {
         std::fprintf(stderr, "%s: the system root is longer than %zu characters\n", kProgram,
                      vnlog::platform::kMaxSystemRoot);
-        result = kFailure;
+        return kFailure;
     }
-    if (result == 0 && root[0] != '\0')
-        result = prepareSystemRoot(root);
-    return result != 0 ? result : serve(root);
+    if (root[0] != '\0' && prepareSystemRoot(root) != 0)
+        return kFailure;
+    return serve(root);
 }

@@ -10,10 +10,9 @@
 #include "tools/Options.h"
 
 #include <binder/IServiceManager.h>
+#include <ctime>
 #include <fstream>
-#include <getopt.h>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <unistd.h>
 
@@ -22,6 +21,7 @@ using vnlog::CommandInfo;
 namespace {
 
 constexpr char kProgram[] = "logset";
+constexpr size_t kMaxParameter = 16384; // fits a request in any case
 
 void printUsageLine(FILE* out, const CommandInfo& command) {
     std::fprintf(out, "  %-16s %s\n", command.name, command.usage);
@@ -66,6 +66,40 @@ bool moduleListAccepted(const char* list) {
     return accepted;
 }
 
+/** The service's configuration file, read again for a while when it is just being written. */
+std::string readConfiguration() {
+    constexpr int kTries = 50;
+    char root[vnlog::platform::kMaxSystemRoot + 2];
+    (void)vnlog::platform::readSystemRoot(root, sizeof root); // with a wrong root there is no such file
+    std::string text;
+    for (int left = kTries; left > 0; --left) {
+        std::ifstream file(std::string(root) + vnlog::kDefaultRoot + "/log.cfg");
+        text.assign(std::istreambuf_iterator<char>(file), {});
+        if (text.size() > 2 && text.compare(text.size() - 2, 2, "\n\n") == 0) // the last thing written
+            break;
+        timespec pause{0, 20000000};
+        nanosleep(&pause, nullptr);
+    }
+    return text;
+}
+
+/** The storage root in the configuration file. */
+std::string configuredRoot() {
+    constexpr char kKey[] = "STORAGE_PATH=";
+    std::string text = readConfiguration();
+    size_t start = text.find(kKey);
+    if (start == std::string::npos)
+        return "";
+    start += sizeof kKey - 1;
+    return text.substr(start, text.find('\n', start) - start);
+}
+
+/** Whether COPY's command fits with this target and the present storage root. */
+bool copyTargetFits(const char* target) {
+    size_t folder = configuredRoot().size() + std::strlen(vnlog::kLogServiceSuffix);
+    return std::strlen(target) <= vnlog::longestCopyTarget(folder);
+}
+
 /** What is wrong with the parameter by the service's rules; empty when nothing is. */
 std::string objection(const CommandInfo& command, const char* param) {
     if (command.usage[0] == '\0')
@@ -73,6 +107,8 @@ std::string objection(const CommandInfo& command, const char* param) {
     if (param == nullptr)
         return "needs a parameter";
     std::string quoted = std::string("'") + param + "'";
+    if (std::strlen(param) > kMaxParameter)
+        return "the parameter is longer than " + std::to_string(kMaxParameter) + " characters";
     if (!vnlog::parameterAccepted(command.code, param))
         return quoted + " is not accepted";
     switch (command.code) {
@@ -87,21 +123,15 @@ std::string objection(const CommandInfo& command, const char* param) {
     case vnlog::CMD_COPY:
         if (!vnlog::shellSafe(param))
             return quoted + " is empty or holds characters that a shell would interpret";
+        if (command.code == vnlog::CMD_STORAGE_PATH && !vnlog::usableRoot(param))
+            return quoted + " holds a '='";
+        if (command.code == vnlog::CMD_COPY && !copyTargetFits(param))
+            return quoted + " is too long";
         // A relative path is the service's to find, from its own working directory.
         return param[0] != '/' || access(param, F_OK) == 0 ? "" : quoted + ": " + std::strerror(errno);
     default:
         return "";
     }
-}
-
-/** The service's configuration file as it is on disk. */
-std::string readConfiguration() {
-    char root[vnlog::platform::kMaxSystemRoot + 2];
-    (void)vnlog::platform::readSystemRoot(root, sizeof root); // with a wrong root there is no such file
-    std::ifstream file(std::string(root) + vnlog::kDefaultRoot + "/log.cfg");
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 int send(const CommandInfo& command, const char* param) {
@@ -127,8 +157,7 @@ int send(const CommandInfo& command, const char* param) {
     }
     if (command.code == vnlog::CMD_SHOW)
         std::cout << readConfiguration() << std::flush;
-    if (command.code == vnlog::CMD_STORAGE_PATH &&
-        readConfiguration().find(std::string("STORAGE_PATH=") + param + "\n") == std::string::npos) {
+    if (command.code == vnlog::CMD_STORAGE_PATH && configuredRoot() != param) {
         std::fprintf(stderr, "%s: the service cannot use '%s'\n", kProgram, param);
         return kFailure;
     }
@@ -138,26 +167,13 @@ int send(const CommandInfo& command, const char* param) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const option options[] = {{"help", no_argument, nullptr, 'h'},
-                              {"version", no_argument, nullptr, 'v'},
-                              {"sysroot", required_argument, nullptr, 's'},
-                              {nullptr, 0, nullptr, 0}};
+    const option options[] = {kHelpOption, kVersionOption, kSysrootOption, kEndOfOptions};
+    int status = kGoOn;
     // "+": what follows the command is its parameter, also with a dash in front.
-    for (int choice; (choice = getopt_long(argc, argv, "+", options, nullptr)) != -1;) {
-        switch (choice) {
-        case 'h':
-            return printHelp();
-        case 'v':
-            std::puts("logset " VNLOG_VERSION);
-            return 0;
-        case 's':
-            if (usePath(kProgram, "VNLOG_SYSROOT", optarg, S_IFDIR) != 0)
-                return kFailure;
-            break;
-        default:
-            return hintAtHelp(kProgram);
-        }
-    }
+    for (int choice; status == kGoOn && (choice = getopt_long(argc, argv, "+", options, nullptr)) != -1;)
+        status = commonOption(choice, kProgram, printHelp);
+    if (status != kGoOn)
+        return status;
     if (optind == argc) {
         std::fprintf(stderr, "%s: no command\n", kProgram);
         return hintAtHelp(kProgram);

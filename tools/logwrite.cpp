@@ -7,7 +7,6 @@
 
 #include <ctime>
 #include <fstream>
-#include <getopt.h>
 #include <iostream>
 #include <regex>
 #include <string>
@@ -29,7 +28,8 @@ constexpr char kHelp[] =
     "  -b main|system   the device (main)\n"
     "  -p v|d|i|w|e|f   the priority (i)\n"
     "  -t TAG           the tag\n"
-    "  --replay FILE    write a saved log in the threadtime form, with its own stamps and ids\n"
+    "  --replay FILE    write a saved log in the threadtime form, with its own stamps and ids;\n"
+    "                   what is zero is filled in by the device\n"
     "  --year YYYY      the year of its stamps (the current one)\n"
     "  --lossless       wait while a reader would lose an entry\n"
     "  --sysroot DIR    the system root that the service was started with (VNLOG_SYSROOT)\n"
@@ -94,12 +94,14 @@ int failedWrite() {
 bool parseLine(const std::string& line, int year, LoggerHeader* header, char* priority, std::string* tag,
                std::string* text) {
     static const std::regex form(
-        "([0-9]{2})-([0-9]{2}) ([0-9]{2}):([0-9]{2}):([0-9]{2})\\.([0-9]{3}) +([0-9]+) "
-        "+([0-9]+) ([VDIWEF]) (.*)");
+        "([0-9]{2})-([0-9]{2}) ([0-9]{2}):([0-9]{2}):([0-9]{2})\\.([0-9]{3}) +([0-9]{1,9}) "
+        "+([0-9]{1,9}) ([VDIWEF]) ");
+    constexpr size_t kLongestHead = 64; // the rest is taken as it is, whatever its length
+    std::string head = line.substr(0, kLongestHead);
     std::smatch part;
-    if (!std::regex_match(line, part, form))
+    if (!std::regex_search(head, part, form, std::regex_constants::match_continuous))
         return false;
-    std::string rest = part[10];
+    std::string rest = line.substr(static_cast<size_t>(part.length()));
     size_t colon = rest.find(": ");
     if (colon == std::string::npos)
         return false;
@@ -163,50 +165,36 @@ int writeLines(Writer& writer, const Arguments& arguments, const std::string& me
     return 0;
 }
 
-/** Reads the options. -1 to go on, otherwise the exit status. */
-int parseOptions(int argc, char** argv, Arguments* arguments) {
-    const option options[] = {{"help", no_argument, nullptr, 'h'},
-                              {"version", no_argument, nullptr, 'v'},
-                              {"sysroot", required_argument, nullptr, 's'},
-                              {"replay", required_argument, nullptr, 'r'},
-                              {"year", required_argument, nullptr, 'y'},
-                              {"lossless", no_argument, nullptr, 'l'},
-                              {nullptr, 0, nullptr, 0}};
-    for (int choice; (choice = getopt_long(argc, argv, "b:p:t:", options, nullptr)) != -1;) {
-        switch (choice) {
-        case 'h':
-            std::fputs(kHelp, stdout);
-            return 0;
-        case 'v':
-            std::puts("logwrite " VNLOG_VERSION);
-            return 0;
-        case 's':
-            if (usePath(kProgram, "VNLOG_SYSROOT", optarg, S_IFDIR) != 0)
-                return kFailure;
-            break;
-        case 'b':
-            arguments->device = optarg;
-            break;
-        case 'p':
-            arguments->priority = std::strlen(optarg) == 1 ? optarg[0] : '\0';
-            break;
-        case 't':
-            arguments->tag = optarg;
-            break;
-        case 'r':
-            arguments->replay = optarg;
-            break;
-        case 'y':
-            arguments->year = std::atoi(optarg);
-            break;
-        case 'l':
-            arguments->lossless = true;
-            break;
-        default:
-            return hintAtHelp(kProgram);
-        }
+int printHelp() {
+    std::fputs(kHelp, stdout);
+    return 0;
+}
+
+/** Takes over one option. kGoOn or the exit status. */
+int takeOption(int choice, Arguments* arguments) {
+    switch (choice) {
+    case 'b':
+        arguments->device = optarg;
+        break;
+    case 'p':
+        arguments->priority = std::strlen(optarg) == 1 ? optarg[0] : '\0';
+        break;
+    case 't':
+        arguments->tag = optarg;
+        break;
+    case 'r':
+        arguments->replay = optarg;
+        break;
+    case 'y':
+        arguments->year = std::atoi(optarg);
+        break;
+    case 'l':
+        arguments->lossless = true;
+        break;
+    default:
+        return commonOption(choice, kProgram, printHelp);
     }
-    return -1;
+    return kGoOn;
 }
 
 /** What is wrong with the arguments; null when nothing is. */
@@ -228,8 +216,17 @@ int main(int argc, char** argv) {
     Arguments arguments;
     std::time_t now = std::time(nullptr);
     arguments.year = std::localtime(&now)->tm_year + 1900;
-    int status = parseOptions(argc, argv, &arguments);
-    if (status >= 0)
+    const option options[] = {kHelpOption,
+                              kVersionOption,
+                              kSysrootOption,
+                              {"replay", required_argument, nullptr, 'r'},
+                              {"year", required_argument, nullptr, 'y'},
+                              {"lossless", no_argument, nullptr, 'l'},
+                              kEndOfOptions};
+    int status = kGoOn;
+    for (int choice; status == kGoOn && (choice = getopt_long(argc, argv, "b:p:t:", options, nullptr)) != -1;)
+        status = takeOption(choice, &arguments);
+    if (status != kGoOn)
         return status;
     bool withMessage = optind < argc;
     if (const char* wrong = objection(arguments, withMessage)) {

@@ -22,6 +22,7 @@ using vnlog::FileDescriptor;
 namespace {
 
 constexpr int kThreads = 4;
+constexpr size_t kMaxEndpoints = 64; ///< sockets at a time; the process has other uses for its descriptors
 constexpr mode_t kSocketMode = 0600;
 
 /** Sends a reply without waiting: a client that does not take it loses its connection. */
@@ -149,10 +150,10 @@ void BinderServer::serve() {
 
 void BinderServer::accept(Endpoint& endpoint) {
     int fd = accept4(endpoint.socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0)
-        return;
+    FileDescriptor socket(fd);
     std::lock_guard<std::mutex> lock(mMutex);
-    add(FileDescriptor(fd), endpoint.service, true);
+    if (fd >= 0 && mEndpoints.size() < kMaxEndpoints) // one too many is hung up on
+        add(std::move(socket), endpoint.service, true);
 }
 
 /** Runs one request. False when the connection is over. */

@@ -22,6 +22,9 @@ constexpr mode_t kDeviceMode = 0666; // as on the device: whoever may run may lo
 /** Keeps what is on its way to a reader small, with room for one entry of any size. */
 constexpr int kReaderQueueBytes = 8192;
 
+/** Connections at a time; the process has other uses for its descriptors. */
+constexpr size_t kMaxClients = 128;
+
 using Entry = std::vector<char>;
 
 } // namespace
@@ -119,10 +122,11 @@ void LoggerDriver::serve() {
 
 void LoggerDriver::acceptClients(Device& device) {
     int fd = accept4(device.listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0)
-        return;
+    FileDescriptor socket(fd);
+    if (fd < 0 || mClients.size() >= kMaxClients)
+        return; // one too many is hung up on: its descriptor belongs to the host
     auto client = std::make_unique<Client>();
-    client->socket = FileDescriptor(fd);
+    client->socket = std::move(socket);
     client->device = &device;
     ucred peer{};
     socklen_t length = sizeof peer;
