@@ -347,9 +347,7 @@ class VNLOG_API LogService : public BnLogService {
     int createLogBuf();
     void releaseLogBuf(bool withMutex = true, bool withRead = true, bool withWrite = true);
     int prepareStorage();
-    int startFlushThread();
-    int startKernelReader();
-    int startAndroidReader();
+    int startWorker(Flag& running, pthread_t& handle, void* (*body)(void*), const char* name);
     int failStart();
     int startWorkers(const bool* flags, bool storageReady);
     int stopKernelReader();

@@ -23,14 +23,6 @@ const char* chooseConfigurationFile(const char* own) {
     return "system/etc/log_service/log_default.cfg";
 }
 
-/** Creates a worker under its name. 0 or the error number. */
-int createThread(pthread_t* handle, void* (*body)(void*), void* service, const char* name) {
-    int error = pthread_create(handle, nullptr, body, service);
-    if (error == 0)
-        (void)pthread_setname_np(*handle, name); // a nameless thread works as well
-    return error;
-}
-
 } // namespace
 
 int LogService::serviceStart(const bool* flags) {
@@ -205,44 +197,27 @@ int LogService::prepareStorage() {
 }
 
 int LogService::startWorkers(const bool* flags, bool storageReady) {
-    if (storageReady && flags[FLUSH_THREAD] && startFlushThread() != 0)
+    if (storageReady && flags[FLUSH_THREAD] &&
+        startWorker(mFlushThreadRunning, mFlushThread, logBufFlush, "logBufFlush") != 0)
         return -1;
-    if (storageReady && flags[KERNEL_READER] && startKernelReader() != 0)
+    if (storageReady && flags[KERNEL_READER] &&
+        startWorker(mKLogThreadRunning, mKLogThread, kernelLogReader, "kernelLogReader") != 0)
         return -1;
-    if (flags[ANDROID_READER] && startAndroidReader() != 0)
+    if (flags[ANDROID_READER] && startWorker(mLogcatThreadRunning, mLogcatThread, logcat, "logcat") != 0)
         return -1;
     return 0;
 }
 
-int LogService::startFlushThread() {
-    mFlushThreadRunning = true; // before the thread exists, so that its first look finds it
-    int error = createThread(&mFlushThread, logBufFlush, this, "logBufFlush");
-    if (error == 0)
+/** Starts a worker under its name. 0, or -1, reported, when there is no thread for it. */
+int LogService::startWorker(Flag& running, pthread_t& handle, void* (*body)(void*), const char* name) {
+    running = true; // before the thread exists, so that its first look finds it
+    int error = pthread_create(&handle, nullptr, body, this);
+    if (error == 0) {
+        (void)pthread_setname_np(handle, name); // a nameless thread works as well
         return 0;
-    mFlushThreadRunning = false;
-    logError("logBufFlush thread failed to start !\n");
-    logErrno(error);
-    return -1;
-}
-
-int LogService::startKernelReader() {
-    mKLogThreadRunning = true;
-    int error = createThread(&mKLogThread, kernelLogReader, this, "kernelLogReader");
-    if (error == 0)
-        return 0;
-    mKLogThreadRunning = false;
-    logError("kernelLogReader thread failed to start !\n");
-    logErrno(error);
-    return -1;
-}
-
-int LogService::startAndroidReader() {
-    mLogcatThreadRunning = true;
-    int error = createThread(&mLogcatThread, logcat, this, "logcat");
-    if (error == 0)
-        return 0;
-    mLogcatThreadRunning = false;
-    logError("logcat thread failed to start !\n");
+    }
+    running = false;
+    logError("%s thread failed to start !\n", name);
     logErrno(error);
     return -1;
 }

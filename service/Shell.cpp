@@ -43,7 +43,8 @@ int runShell(const char* command) {
     }
     int status = -1;
     while (child > 0 && waitpid(child, &status, 0) < 0) {
-        if (errno == ECHILD) { // what follows shows it in the files; to take it for a failure would delete logs
+        if (errno ==
+            ECHILD) { // what follows shows it in the files; to take it for a failure would delete logs
             logError("the result of [%s] is not known: the process ignores SIGCHLD\n", command);
             return 0;
         }

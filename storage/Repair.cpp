@@ -14,6 +14,27 @@ namespace {
 
 constexpr uint32_t kNothingFound = kMaxBookkeepingNumber;
 
+/**
+ * Calls `visit` with path and number of every archived run under the log folder. False with errno set when
+ * that cannot be listed to its end.
+ */
+template <typename Visit>
+bool forEachArchivedRun(const char* logs, const NamePatterns& patterns, const Visit& visit) {
+    Folder folder(logs);
+    if (!folder.valid())
+        return false;
+    while (const dirent* entry = folder.next()) {
+        uint32_t number;
+        if (!patterns.isLastFolder(entry->d_name, &number) ||
+            entryType(logs, entry->d_name, entry->d_type) != EntryType::Folder)
+            continue;
+        Path path;
+        formatPath(path.text, "%s/%s", logs, entry->d_name);
+        visit(path.text, number);
+    }
+    return !folder.failed();
+}
+
 } // namespace
 
 /** Whether an archived run holds finished sections, and whether texts that are to become such. */
@@ -77,23 +98,13 @@ int LogService::repairLogDatFile() {
 
 /** Counts the archived runs. False with errno set when the log folder cannot be listed. */
 bool LogService::countArchivedRuns(const NamePatterns& patterns, ArchivedRuns* runs) {
-    Folder folder(mLogServiceDir);
-    if (!folder.valid())
-        return false;
-    while (const dirent* entry = folder.next()) {
-        uint32_t number;
-        if (!patterns.isLastFolder(entry->d_name, &number) ||
-            entryType(mLogServiceDir, entry->d_name, entry->d_type) != EntryType::Folder)
-            continue;
-        Path path;
-        formatPath(path.text, "%s/%s", mLogServiceDir, entry->d_name);
-        int size = getFolderSize(path.text);
+    return forEachArchivedRun(mLogServiceDir, patterns, [&](const char* path, uint32_t number) {
+        int size = getFolderSize(path);
         ++runs->count;
         runs->total += size == -1 ? 0 : static_cast<uint32_t>(size);
         runs->tail = std::min(runs->tail, number);
         runs->head = std::max(runs->head, number);
-    }
-    return !folder.failed();
+    });
 }
 
 /** Finds the lowest section number in a folder. False with errno set when it cannot be listed. */
@@ -116,18 +127,8 @@ void LogService::mendInterruptedDeletion() {
     NamePatterns patterns;
     if (!patterns.valid() || access(mLogServiceDir, F_OK) != 0)
         return;
-    Folder folder(mLogServiceDir);
-    if (!folder.valid())
-        return;
-    while (const dirent* entry = folder.next()) {
-        uint32_t number;
-        if (!patterns.isLastFolder(entry->d_name, &number) ||
-            entryType(mLogServiceDir, entry->d_name, entry->d_type) != EntryType::Folder)
-            continue;
-        Path path;
-        formatPath(path.text, "%s/%s", mLogServiceDir, entry->d_name);
-        closeArchivedRun(patterns, path.text);
-    }
+    (void)forEachArchivedRun(mLogServiceDir, patterns, // what is not listed now is so at the next start
+                             [&](const char* path, uint32_t) { closeArchivedRun(patterns, path); });
 }
 
 /**
