@@ -19,7 +19,6 @@ enum Command : int {
     CMD_STORAGE_PATH = 15, ///< a directory
     CMD_SHOW = 16, ///< no parameter
     CMD_COPY = 18, ///< an existing directory
-    CMD_LAST = CMD_COPY,
 };
 
 } // namespace vnlog

@@ -26,6 +26,13 @@ const CommandInfo kCommands[] = {
     {CMD_SHOW, nullptr, nullptr},
 };
 
+bool isAssigned(int code) {
+    const CommandInfo* command = kCommands;
+    while (command->name != nullptr && command->code != code)
+        ++command;
+    return command->name != nullptr;
+}
+
 const CommandInfo* findCommand(const char* name) {
     for (const CommandInfo* command = kCommands; command->name != nullptr; ++command) {
         if (std::strcmp(command->name, name) == 0)
@@ -54,7 +61,7 @@ bool parameterAccepted(Command code, const char* param) {
     case CMD_KLOG_LEVEL:
         return kernelLevel(param) != 0;
     case CMD_ALOG_LEVEL:
-        return param != nullptr && param[0] != '\0' && std::strchr("vdiwefs", param[0]) != nullptr;
+        return param != nullptr && param[0] != '\0' && std::strchr(kPriorityLetters, param[0]) != nullptr;
     case CMD_ALOG_MODULE:
         return isWord(param, kAllModules) || isWord(param, kNoModule);
     case CMD_ALOG_FORMAT:

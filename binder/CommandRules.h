@@ -16,10 +16,13 @@ struct CommandInfo {
 /** All commands in the order of the usage text; ends with a null name. */
 extern const CommandInfo kCommands[];
 
+/** Whether a command of this code exists. */
+bool isAssigned(int code);
+
 /** The command of this name, or null. */
 const CommandInfo* findCommand(const char* name);
 
-/** Whether the service takes the parameter for more than a reason to answer with its usage text. */
+/** Whether the service acts on the parameter; otherwise it answers with its usage text. */
 bool parameterAccepted(Command code, const char* param);
 
 /** Whether the parameter is there and exactly `word`. */

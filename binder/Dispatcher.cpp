@@ -17,10 +17,6 @@ namespace {
 
 constexpr int kMutedConsoleLevel = 1;
 
-bool isAssigned(int cmd) {
-    return cmd >= 0 && cmd <= CMD_LAST && cmd != 2 && cmd != 12 && cmd != 13 && cmd != 17;
-}
-
 void reportRefusedFilter() {
     logError("Cmd alog add filter failed \n");
 }

@@ -37,8 +37,8 @@ class VNLOG_API ILogService : public android::IInterface {
     /** Asks for everything buffered to be written out, without waiting for it. Always 0. */
     virtual int flushLogBufAll() = 0;
     /**
-     * Opens the current log file read-only. The descriptor is a number of the service's process and is never
-     * closed there; -1 when the file cannot be opened.
+     * Opens current/log.txt, the log file of the older form, read-only. The descriptor is a number of the
+     * service's process and is never closed there; -1 when there is no such file.
      */
     virtual int getLogFd() = 0;
     /**

@@ -22,5 +22,7 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/vnlogConfigVersion.
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vnlogConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/vnlogConfigVersion.cmake
         DESTINATION ${VNLOG_CMAKE_DIR})
 
+# Relative to the file itself, so that the installed tree can be moved.
+file(RELATIVE_PATH VNLOG_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/liblogservice.pc.in ${CMAKE_CURRENT_BINARY_DIR}/liblogservice.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/liblogservice.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

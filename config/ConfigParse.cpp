@@ -2,6 +2,7 @@
 #include "service/Diagnostics.h"
 #include "service/Handles.h"
 #include "service/LogService.h"
+#include "sources/AndroidFormat.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -22,7 +23,6 @@ constexpr int kDefaultLogSizeMiB = 10;
 constexpr int kLeastEnvironmentLogSizeMiB = 3;
 constexpr int kMinKernelLevel = 1;
 constexpr int kMaxKernelLevel = 7;
-constexpr char kAndroidLevels[] = "vdiwefs";
 
 enum class Kind {
     Switch,
@@ -36,7 +36,7 @@ enum class Kind {
 };
 
 bool isAndroidLevel(char letter) {
-    return letter != '\0' && std::strchr(kAndroidLevels, letter) != nullptr;
+    return letter != '\0' && std::strchr(kPriorityLetters, letter) != nullptr;
 }
 
 bool inRange(int value, int minimum, int maximum) {

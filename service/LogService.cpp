@@ -13,7 +13,7 @@ LogService::LogService(DeferStart) {
     (void)sem_init(&mKLogSem, 0, 0); // cannot fail for a private semaphore of count 0
     (void)sem_init(&mALogSem, 0, 0);
     (void)sem_init(&mBufIdle, 0, 0);
-    mSystemRootFits = platform::readSystemRoot(mSystemRoot, sizeof mSystemRoot);
+    (void)platform::readSystemRoot(mSystemRoot, sizeof mSystemRoot); // the start refuses one that is too long
 }
 
 LogService::LogService() : LogService(DeferStart{}) {

@@ -27,11 +27,13 @@ using logger_entry = platform::LoggerHeader;
  *
  * A host process creates one object and publishes it as a binder service. The argument-less constructor
  * starts the service, the destructor stops it. Hosts use the construction, serviceStart and serviceStop,
- * bufferedBytes and the three ILogService operations; everything else is open for the folders' own steps and
- * for tests, and keeps the locking rules stated at each block.
+ * bufferedBytes, the three ILogService operations and the flags mServiceStarted, mFlushThreadRunning,
+ * mFlushAll; everything else is open for the folders' own steps and for tests, and keeps the locking rules
+ * stated at each block.
  *
  * Results are integers: 0 (or a byte count) for success and negative codes for failures, unless said
- * otherwise. Nothing is thrown. Every failure is reported to the Android log with the tag "LogService".
+ * otherwise. Nothing is thrown. Failures that a caller could not tell from the result alone are reported to
+ * the Android log with the tag "LogService".
  *
  * Locks, in the order in which they may be taken: mCommandLock, mStorageLock, mFilterLock, LogBuf::mutex.
  * Flags and settings that workers read while commands write them are atomic.
@@ -156,17 +158,20 @@ class VNLOG_API LogService : public BnLogService {
     int logStorageDataParse();
     /**
      * Moves `count` buffered bytes into the active section; cuts, compresses and thins where it is full.
-     * Flush thread only. 0 or -1.
+     * Flush thread only. 0 or -1. A write that fails is no -1: mDrainWriteFailed and mDrainMoved tell what it
+     * did.
      */
     int saveLogSection(unsigned int count);
-    /** Prepares a newly chosen root. 0, or -1 to -5 for the step that failed. */
+    /** Prepares a newly chosen root while the service runs (init_Log_Storage: at start). 0, or -1 to -5 for
+     * the step that failed. */
     int initLogStorage();
     /** Deletes the oldest sections, mLogDeleteSize bytes at least. 0, or -1 to -13 for the step that failed.
      */
     int deleteLogSection();
     /** Deletes every stored log. 0, or -1 when the bookkeeping could not be written. Start only. */
     int deleteAllLog();
-    /** Closes off the previous run's folder and keeps the bound. 0, or -1 to -11. Start only. */
+    /** Closes off the previous run's folder and keeps the bound (initLogStorage: at a root change). 0, or -1
+     * to -11. */
     int init_Log_Storage();
     /** Rebuilds the bookkeeping numbers from the names on disk. 0, or -1 to -5. */
     int repairLogDatFile();
@@ -184,7 +189,7 @@ class VNLOG_API LogService : public BnLogService {
      * 0, or -1 without memory. Takes mFilterLock.
      */
     int logFilterInit();
-    /** Lowest priority that passes for the tag. Takes mFilterLock, like the next five. */
+    /** Lowest priority that passes for the tag. Takes mFilterLock, like the next four. */
     int logFilterPriForTag(AndroidLogFormat_t* format, const char* tag);
     /** 1 when an entry of this tag and priority passes the filter, else 0. */
     int androidLogShouldPrintLine(AndroidLogFormat_t* format, const char* tag, android_LogPriority priority);
@@ -201,8 +206,8 @@ class VNLOG_API LogService : public BnLogService {
     /** Body of the Android reader; the argument is the service. */
     static void* logcat(void* service);
     void setupOutput();
-    /** Reads, merges and outputs entries until the thread is to end. Android reader only, like the next six.
-     */
+    /** Reads, merges and outputs entries until the thread is to end. Android reader only, up to
+     * processBuffer. */
     void readLogLines(log_device_t* list);
     /** Stores the device whose first queued entry is the oldest, or null, in `first`. */
     void chooseFirst(log_device_t* list, log_device_t** first);
@@ -249,7 +254,8 @@ class VNLOG_API LogService : public BnLogService {
     /// Whether the service runs; commands are refused while it does not.
     Flag mServiceStarted{false};
 
-    // Android filter. mLogFormat's fields and mModuleMode are guarded by mFilterLock.
+    // Android filter. mLogFormat's fields are guarded by mFilterLock; mModuleMode changes under it and
+    // mCommandLock.
     AndroidLogFormat_t* mLogFormat = nullptr; ///< owned, for the object's life
     char* mModuleCfg = nullptr; ///< from parsing until the filter is built
     char* mFormatCfg = nullptr;
@@ -257,7 +263,7 @@ class VNLOG_API LogService : public BnLogService {
 
     // Settings and switches; written by start and commands
     std::atomic<int32_t> mKLogLevel{7}; ///< kernel console level, 1 to 7
-    int32_t mOldKLogLevel = 7; ///< the level to return to; guarded by mCommandLock
+    int32_t mOldKLogLevel = 7; ///< the level from before muting; guarded by mCommandLock
     char mALogLevel[4] = {}; ///< priority letter; guarded by mCommandLock
     std::atomic<int32_t> mALogFileMinPri{0}; ///< lowest Android priority that is stored
     Flag mKLogOutput{false};
@@ -277,7 +283,8 @@ class VNLOG_API LogService : public BnLogService {
     Flag mKLogThreadRunning{false};
     Flag mLogcatThreadRunning{false};
 
-    // Storage; guarded by mStorageLock once the workers run. Sizes in bytes unless said otherwise.
+    // Storage; guarded by mStorageLock once the workers run. Root and paths change under mCommandLock as
+    // well, so that a command may read them under that alone. Sizes in bytes unless said otherwise.
     char* mSavePath = nullptr; ///< storage root, owned
     uint32_t mCurLogSize = 0; ///< active section file
     uint32_t mCurrentTotalSize = 0; ///< finished sections of this run
@@ -308,7 +315,6 @@ class VNLOG_API LogService : public BnLogService {
     std::mutex mNotwaitLock; ///< mNotwaitCmd; nothing else is taken under it
 
     char mSystemRoot[128] = {}; ///< stands before fixed absolute paths; read at construction and start
-    bool mSystemRootFits = true; ///< false when it is too long to be used
     bool mCfgTextsOwned = false; ///< whether mModuleCfg and mFormatCfg are ours to release
     bool mRootChanged = false; ///< while a section was open under the old one; guarded by mStorageLock
     bool mCompressPending = false; ///< the section is closed but not compressed; guarded likewise

@@ -30,8 +30,7 @@ int LogService::serviceStart(const bool* flags) {
         logError("serviceStart refused: the service is started already\n");
         return -1;
     }
-    mSystemRootFits = platform::readSystemRoot(mSystemRoot, sizeof mSystemRoot);
-    if (!mSystemRootFits) {
+    if (!platform::readSystemRoot(mSystemRoot, sizeof mSystemRoot)) {
         logError("the system root is longer than %zu characters\n", platform::kMaxSystemRoot);
         return -1;
     }

@@ -11,7 +11,6 @@ namespace vnlog {
 
 namespace {
 
-constexpr char kLevelLetters[] = "vdiwefs";
 constexpr size_t kExpressionSize = 32; // at least; an item that needs more gets more
 
 bool beginsWith(const char* text, const char* word) {
@@ -150,7 +149,7 @@ int LogService::applyFormatWord(const char* text) {
 char LogService::filterPriToChar(android_LogPriority priority) {
     if (priority < ANDROID_LOG_VERBOSE || priority > ANDROID_LOG_SILENT)
         return '?';
-    return kLevelLetters[priority - ANDROID_LOG_VERBOSE];
+    return kPriorityLetters[priority - ANDROID_LOG_VERBOSE];
 }
 
 AndroidLogPrintFormat LogService::formatFromString(const char* text) {

@@ -28,6 +28,9 @@ static_assert(sizeof(AndroidLogFilterRule_t) == 3 * sizeof(void*), "tag, priorit
 
 namespace vnlog {
 
+/** The letters of the priorities from verbose (2) to silent (8). */
+constexpr char kPriorityLetters[] = "vdiwefs";
+
 // The two words of ALOG_MODULE that are no module list, and the modes that all three set.
 constexpr char kAllModules[] = "ALL_MODULE";
 constexpr char kNoModule[] = "NONE_MODULE";

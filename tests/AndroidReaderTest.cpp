@@ -2,10 +2,7 @@
 
 #include "sources/AndroidReader.h"
 
-#include <algorithm>
-#include <csignal>
 #include <fcntl.h>
-#include <sstream>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
@@ -287,7 +284,6 @@ TEST_F(AndroidReaderTest, MissingMainDeviceEndsTheReaderOnly) {
 using AndroidReaderDeathTest = AndroidReaderTest;
 
 TEST_F(AndroidReaderDeathTest, ReadsThatMakeNoSenseEndTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto readFrom = [&](const std::string& packet) {
         int ends[2];
         socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends);

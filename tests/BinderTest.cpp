@@ -85,26 +85,3 @@ TEST_F(BinderTest, CommandsAreRefusedUntilTheServiceRuns) {
     EXPECT_FALSE(s.mFlushAll) << "there is no buffer to flush";
     EXPECT_EQ(s.bufferedBytes(), 0u);
 }
-
-TEST_F(BinderTest, FileOutputSwitchesSavesAndShows) {
-    configure();
-    start(false, false);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(service().logCMD(vnlog::CMD_NAND_FILE_OUTPUT, "n"), 0);
-    EXPECT_FALSE(service().mKLogToFile || service().mALogToFile);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("NAND_FILE_OUTPUT=n\n"), std::string::npos);
-    EXPECT_NE(readFile(cfg).find("NAND_FILE_OUTPUT=n\n"), std::string::npos);
-    testing::internal::CaptureStdout();
-    for (const char* wrong : {"yes", "Y", ""})
-        EXPECT_EQ(service().logCMD(vnlog::CMD_NAND_FILE_OUTPUT, wrong), 0);
-    for (int unassigned : {2, 12, 13, 17, 19, -1})
-        EXPECT_EQ(service().logCMD(unassigned, nullptr), 0);
-    testing::internal::GetCapturedStdout();
-    EXPECT_FALSE(service().mKLogToFile);
-
-    service().mFlushThreadRunning = true; // a buffer that is drained by hand
-    ASSERT_TRUE(put("text"));
-    EXPECT_EQ(service().logCMD(vnlog::CMD_FLUSH, nullptr), 0);
-    EXPECT_TRUE(service().mFlushAll);
-    service().mFlushThreadRunning = false;
-}

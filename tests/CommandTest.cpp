@@ -56,6 +56,8 @@ TEST_F(CommandTest, WrongParametersAreAnsweredWithTheUsage) {
             << code;
         EXPECT_NE(answer.find("current log cfg:"), std::string::npos) << code;
     }
+    for (int unassigned : {2, 12, 13, 17, 19, -1})
+        EXPECT_EQ(command(unassigned, nullptr), 0);
     EXPECT_EQ(readFile(cfg), before);
 }
 

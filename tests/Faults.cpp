@@ -47,7 +47,6 @@ ssize_t __real_write(int fd, const void* bytes, size_t length);
 ssize_t __wrap_write(int fd, const void* bytes, size_t length) {
     if (!isRegular(fd))
         return __real_write(fd, bytes, length);
-    ++faults.writes;
     if (faults.writeDelayUs > 0)
         usleep(static_cast<useconds_t>(faults.writeDelayUs));
     if (faults.writeError != 0 && spent(faults.writesUntilError)) {

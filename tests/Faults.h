@@ -11,7 +11,6 @@ struct Faults {
     std::atomic<int> writeError{0}; ///< errno of every write to a regular file while set
     std::atomic<int> writesUntilError{0}; ///< with writeError: writes that still work
     std::atomic<int> shortWrite{0}; ///< bytes that the next write takes at most, once
-    std::atomic<uint32_t> writes{0}; ///< counts the writes of the service to regular files
     std::atomic<int> writeDelayUs{0}; ///< a slow medium
     std::atomic<int64_t> freeBytes{-1}; ///< what the file system answers, -1 for the truth
     std::atomic<int> threadsUntilError{-1}; ///< threads that can still be created, -1 for all

@@ -1,6 +1,5 @@
 #include "Fixture.h"
 
-#include <dirent.h>
 #include <filesystem>
 #include <sys/wait.h>
 #include <unistd.h>

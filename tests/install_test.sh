@@ -18,8 +18,7 @@ int main() {
 CPP
 pc=$(find "$home/usr" -name liblogservice.pc)
 export PKG_CONFIG_PATH=${pc%/*}
-# The file carries the prefix that was configured; the copy here lies elsewhere.
-flags="$(pkg-config --define-variable=prefix="$home/usr" --cflags --libs liblogservice) -Wl,-rpath,${pc%/pkgconfig/*}"
+flags="$(pkg-config --cflags --libs liblogservice) -Wl,-rpath,${pc%/pkgconfig/*}"
 android=$(pkg-config --libs-only-L liblogservice | tr ' ' '\n' | grep android | sed 's/^-L//')
 case $compiler in *arm-linux*) exit 0 ;; esac # needs no more than that the files are there
 "$compiler" -std=c++17 ${sanitize:+-fsanitize=$sanitize} "$home/host.cpp" -o "$home/host" $flags -Wl,-rpath,"$android"

@@ -51,9 +51,9 @@ all_shown() { [ "$(from_console | wc -l)" = 2000 ]; }
 wait_for all_shown
 from_console | sort | cmp - <(sort "$home/saved.txt") || fail "the console shows other lines"
 expect_status 0 $logset FLUSH
-sleep_until_stored() { expect_status 0 $logset FLUSH && [ "$(stored_text | wc -l)" = "$stored_lines" ]; }
+all_replayed() { expect_status 0 $logset FLUSH && [ "$(stored_text | wc -l)" = "$stored_lines" ]; }
 stored_lines=$(grep -avc '^.\{31\}V ' "$home/saved.txt")
-wait_for sleep_until_stored
+wait_for all_replayed
 stored_text | sort | cmp - <(grep -av '^.\{31\}V ' "$home/saved.txt" | sort) || fail "the store holds other lines"
 
 # --- every command, seen in log.cfg, then after a restart
@@ -92,8 +92,12 @@ expect_status 1 $host # a second host on the same root
 stop_host
 start_host
 cmp "$home/before" "$root/media/flash/nvm/log.cfg" || fail "the restart changed the configuration"
-$logset FLUSH
+$logset FLUSH_SWITCH n
+$logwrite -t one -p e "flushed by the end"
+$logwrite -t one -p e "behind it"
+wait_for grep -aqx "behind it" "$home/host.out" # so the other one is buffered
 stop_host
+grep -aqx "flushed by the end" "$home/other/log_service/current/log_1.txt" || fail "the end does not flush"
 
 # --- two clients and two sources at once: nothing is torn, lost or mixed
 store=$root/media/flash/nvm/log_service
@@ -124,4 +128,3 @@ stop_host
 stored_text | grep -a '^android' | cmp - "$home/android" || fail "Android lines were lost, mixed or moved"
 stored_text | grep -a '^kernel' | cmp - <(sed 's/<4>//' "$home/kernel") || fail "kernel lines were lost or mixed"
 [ "$(grep -c . "$root/media/flash/nvm/log.cfg")" = 14 ] || fail "a torn configuration"
-echo "1 passed, 0 failed"

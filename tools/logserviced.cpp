@@ -147,7 +147,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: unexpected argument '%s'\n", kProgram, argv[optind]);
         return hintAtHelp(kProgram);
     }
-    char root[vnlog::platform::kMaxSystemRoot + 2];
+    char root[vnlog::platform::kMaxSystemRoot + 1];
     if (!vnlog::platform::readSystemRoot(root, sizeof root)) {
         std::fprintf(stderr, "%s: the system root is longer than %zu characters\n", kProgram,
                      vnlog::platform::kMaxSystemRoot);

@@ -69,7 +69,7 @@ bool moduleListAccepted(const char* list) {
 /** The service's configuration file, read again for a while when it is just being written. */
 std::string readConfiguration() {
     constexpr int kTries = 50;
-    char root[vnlog::platform::kMaxSystemRoot + 2];
+    char root[vnlog::platform::kMaxSystemRoot + 1];
     (void)vnlog::platform::readSystemRoot(root, sizeof root); // with a wrong root there is no such file
     std::string text;
     for (int left = kTries; left > 0; --left) {

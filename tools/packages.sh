@@ -6,7 +6,7 @@ FORMAT_PACKAGES="clang-format"
 PLATFORM_PACKAGES="android-platform-frameworks-native-headers"
 
 need_packages() { # PACKAGE...
-    local missing="" package rights=""
+    local missing="" package rights="" log
     for package in "$@"; do
         dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q "ok installed" || missing="$missing $package"
     done
@@ -19,16 +19,17 @@ need_packages() { # PACKAGE...
         rights=sudo
     fi
     echo "Installing:$missing"
+    log=$(mktemp)
     # A package list that cannot be refreshed may still know what is needed; installing tells.
     # shellcheck disable=SC2086 # both are lists of words
-    { $rights apt-get update -q || true; $rights env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y -q --no-install-recommends $missing; } >/tmp/vnlog-packages.$$.log 2>&1 || {
-        tail -n 20 /tmp/vnlog-packages.$$.log >&2
-        rm -f /tmp/vnlog-packages.$$.log
+    if ! { $rights apt-get update -q || true; $rights env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -q --no-install-recommends $missing; } >"$log" 2>&1; then
+        tail -n 20 "$log" >&2
+        rm -f "$log"
         echo "The packages could not be installed:$missing" >&2
         exit 1
-    }
-    rm -f /tmp/vnlog-packages.$$.log
+    fi
+    rm -f "$log"
 }
 
 # Configures and builds one preset; prints the compiler's output only when it fails.

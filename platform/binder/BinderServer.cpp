@@ -1,6 +1,7 @@
 #include "platform/binder/BinderServer.h"
 
 #include "platform/binder/Transport.h"
+#include "platform/sysroot/SystemRoot.h"
 #include "platform/unix/UnixSocket.h"
 
 #include <binder/Parcel.h>
@@ -38,11 +39,10 @@ bool sendReply(int fd, status_t status, const Parcel& reply) {
 } // namespace
 
 std::string transport::socketPath(const std::string& name) {
-    const char* root = std::getenv("VNLOG_SYSROOT");
-    std::string path = root != nullptr ? root : "";
-    while (!path.empty() && path.back() == '/')
-        path.pop_back();
-    return path + "/dev/" + name;
+    char root[vnlog::platform::kMaxSystemRoot + 1];
+    (void)vnlog::platform::readSystemRoot(root,
+                                          sizeof root); // of one that is too long there is no such socket
+    return root + ("/dev/" + name);
 }
 
 BinderServer& BinderServer::instance() {

@@ -2,7 +2,6 @@
 
 #include "service/Handles.h"
 
-#include <atomic>
 #include <binder/IBinder.h>
 #include <map>
 #include <mutex>
@@ -39,10 +38,11 @@ class BinderServer {
     };
 
     BinderServer() = default;
-    bool prepare();
     void serve();
     void accept(Endpoint& endpoint);
     bool serveRequest(const Endpoint& endpoint);
+    // With mMutex held:
+    bool prepare();
     void watch(int fd, bool isNew);
     void add(vnlog::FileDescriptor socket, const sp<IBinder>& service, bool connected);
     void drop(int fd);
