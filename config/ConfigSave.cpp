@@ -31,7 +31,9 @@ Path configurationBackup(const char* path) {
  * backup is of before a save that failed, and the better one.
  */
 bool setAside(const char* path, const char* backup) {
-    if (access(backup, F_OK) != 0 && std::rename(path, backup) == 0)
+    struct stat info;
+    bool worthKeeping = stat(path, &info) == 0 && S_ISREG(info.st_mode) && access(backup, F_OK) != 0;
+    if (worthKeeping && std::rename(path, backup) == 0)
         return true;
     return std::remove(path) == 0;
 }

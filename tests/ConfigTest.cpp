@@ -188,6 +188,11 @@ TEST_F(ConfigTest, FailedAndConcurrentSaves) {
     EXPECT_EQ(service().logConfigSave(), -1);
     EXPECT_TRUE(logged("write error \n"));
     faults.writeError = 0;
+    std::filesystem::remove(cfg);
+    writeFile(cfg + "/in the way", "");
+    EXPECT_EQ(service().logConfigSave(), -1);
+    EXPECT_TRUE(logged("remove error: Directory not empty\n"));
+    std::filesystem::remove_all(cfg);
 
     std::thread other([&] {
         for (int i = 0; i < 50; ++i)
