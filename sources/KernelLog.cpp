@@ -115,8 +115,10 @@ bool LogService::readKernelLog(int fd, char* buffer) {
                      strerror_r(errno, text, sizeof text));
             return true;
         }
-        if (length == 0)
+        if (length == 0) {
             pauseAtEndOfFile();
+            continue;
+        }
         if (!mKLogOutput && !waitOrReport(&mKLogSem, "kernelLogReader sem_wait failed\n"))
             return false;
         char* end =
