@@ -82,8 +82,7 @@ void LogService::addModuleRules(const char* list, void (*reportRefused)()) {
         std::memcpy(item.get(), list, length);
         if (std::strchr(item.get(), ':') == nullptr)
             std::sprintf(item.get() + length, ":%s", mALogLevel);
-        // In log.cfg a line end would cut the module line in two, and a key is found wherever it stands.
-        if (std::strpbrk(item.get(), "\n=") != nullptr || !addRule(item.get()))
+        if (!addListedRule(mLogFormat, item.get()))
             reportRefused();
         used += length + 1;
         list += length + 1;

@@ -34,6 +34,10 @@ void releaseRules(AndroidLogFormat_t* format) {
     }
 }
 
+bool addListedRule(AndroidLogFormat_t* format, const char* item) {
+    return std::strpbrk(item, "\n=") == nullptr && android_log_addFilterRule(format, item) >= 0;
+}
+
 AndroidLogPrintFormat lineFormat(const char* text) {
     for (const FormatWord& entry : kFormatWords) {
         if (std::strncmp(text, entry.word, std::strlen(entry.word)) == 0)

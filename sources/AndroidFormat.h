@@ -43,6 +43,13 @@ void releaseRule(AndroidLogFilterRule_t* rule);
 /** Removes every rule with its tag; the library's own release of a record leaves the tags. */
 void releaseRules(AndroidLogFormat_t* format);
 
+/**
+ * Adds an item of a module list, complete with its level, as a rule. False when the library refuses it, and
+ * for one with a line end, which would cut the module line of log.cfg in two, or with a "=": a key is
+ * found there wherever it stands.
+ */
+bool addListedRule(AndroidLogFormat_t* format, const char* item);
+
 /** The line format whose word `text` begins with; FORMAT_OFF when there is none. */
 AndroidLogPrintFormat lineFormat(const char* text);
 /** The word of a line format; null when it has none. */

@@ -24,7 +24,7 @@ expect_status 0 $logset --help
 expect_status 0 $logwrite --help
 export VNLOG_SYSROOT=$root
 for wrong in "" "NOPE" "KLOG_LEVEL" "KLOG_LEVEL 8" "UART_OUTPUT yes" "ALOG_LEVEL x" "ALOG_MODULE SOME" \
-    "ALOG_ADD_MODULE a++b" "ALOG_FORMAT wide" "SHOW now" "FLUSH_SWITCH y n" "STORAGE_PATH /none" "COPY a;b" "--odd"; do
+    "ALOG_ADD_MODULE a++b" "ALOG_ADD_MODULE KLOG_LEVEL=9:d" "STORAGE_PATH /tmp/MAX_LOG_SIZE=9" "ALOG_FORMAT wide" "SHOW now" "FLUSH_SWITCH y n" "STORAGE_PATH /none" "COPY a;b" "--odd"; do
     expect_status 2 $logset $wrong
     [ -s "$home/err" ] || fail "'logset $wrong' says nothing"
 done
@@ -43,9 +43,10 @@ expect_output "store $root/media/flash/nvm" "$home/host.err"
 {
     cat "$home/saved.txt"
     echo "--------- beginning of what does not parse"
+    echo "03-17 10:75:00.000     1     1 I tag     : no such time"
 } >"$home/replayed.txt"
 expect_status 0 $logwrite --replay "$home/replayed.txt" --year 2026 --lossless
-expect_output "2000 entries written, 1 lines did not parse" "$home/err"
+expect_output "2000 entries written, 2 lines did not parse" "$home/err"
 from_console() { grep -av '^---------' "$home/host.out" | grep -a '^03-17'; }
 all_shown() { [ "$(from_console | wc -l)" = 2000 ]; }
 wait_for all_shown

@@ -47,7 +47,7 @@ int wrongParameter(const CommandInfo& command, const std::string& what) {
     return kWrongUsage;
 }
 
-/** Whether the log library takes every item of a module list as a rule. */
+/** Whether the service takes every item of a module list as a rule. */
 bool moduleListAccepted(const char* list) {
     AndroidLogFormat_t* scratch = android_log_format_new();
     bool accepted = true;
@@ -57,8 +57,7 @@ bool moduleListAccepted(const char* list) {
         std::string item = items.substr(start, end - start);
         if (item.find(':') == std::string::npos)
             item += ":v";
-        accepted =
-            item.find('\n') == std::string::npos && android_log_addFilterRule(scratch, item.c_str()) >= 0;
+        accepted = vnlog::addListedRule(scratch, item.c_str());
         start = end + 1;
     }
     vnlog::releaseRules(scratch);

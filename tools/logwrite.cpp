@@ -115,8 +115,9 @@ bool parseLine(const std::string& line, int year, LoggerHeader* header, char* pr
     when.tm_isdst = -1;
     std::tm given = when;
     time_t seconds = std::mktime(&when);
-    if (seconds == -1 || when.tm_mon != given.tm_mon || when.tm_mday != given.tm_mday ||
-        part[7].length() > 9 || part[8].length() > 9)
+    bool exists = seconds != -1 && when.tm_mon == given.tm_mon && when.tm_mday == given.tm_mday &&
+                  when.tm_min == given.tm_min && when.tm_sec == given.tm_sec && given.tm_hour < 24;
+    if (!exists)
         return false;
     *header = {};
     header->pid = std::stoi(part[7]);
