@@ -254,10 +254,7 @@ void LogService::changeRoot(const char* root) {
     mSavePath = strdup(root);
     if (logGetSavePath() != 0)
         logError("failed to obtain the save path !\n");
-    mTailFolderNum = 0;
-    mHeadFolderNum = 0;
-    mTotalLogSize = 0;
-    mOldestFileNum = 1;
+    resetNumbers();
     mRootChanged = mRootChanged || mLogFd >= 0;
     mBoundPending = false;
     mCurrentTotalSize = 0; // the finished sections of this run stay under the old root

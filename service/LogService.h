@@ -392,6 +392,7 @@ class VNLOG_API LogService : public BnLogService {
 
     // storage/
     void useDefaultRoot();
+    void resetNumbers();
     bool withinBound(uint32_t more) const;
     bool openSection();
     uint32_t moveIntoSection(uint32_t wanted);

@@ -70,8 +70,8 @@ void LogService::processBuffer(log_device_t* dev, logger_entry* entry) {
     if (androidLogShouldPrintLine(mLogFormat, parsed.tag, parsed.priority) == 0)
         return;
     bool formatted = false;
-    (void)routeLine(mLogFormat, mALogOutFd, &parsed,
-                    &formatted); // a line that was not stored is reported there
+    // A line that was not stored is reported there and is no reason to end.
+    (void)routeLine(mLogFormat, mALogOutFd, &parsed, &formatted);
     if (!formatted) {
         logError("output error");
         endProcess(kExitOutputError);

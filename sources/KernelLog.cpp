@@ -121,8 +121,8 @@ bool LogService::readKernelLog(int fd, char* buffer) {
         }
         if (!mKLogOutput && !waitOrReport(&mKLogSem, "kernelLogReader sem_wait failed\n"))
             return false;
-        char* end =
-            std::remove(buffer + kept, buffer + kept + length, '\0'); // nothing stored holds a zero byte
+        // Nothing that is stored holds a zero byte.
+        char* end = std::remove(buffer + kept, buffer + kept + length, '\0');
         kept = storeKernelLines(buffer, static_cast<uint32_t>(end - buffer));
     }
     return true;

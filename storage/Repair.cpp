@@ -144,8 +144,8 @@ void LogService::closeArchivedRun(const NamePatterns& patterns, const char* path
     if (content.text) {
         uint32_t size = 0;
         bool compressedAny = false;
-        (void)compressTexts(path, &size,
-                            &compressedAny); // reported there; what is left is tried again next time
+        // A failure is reported there; what is left is tried again at the next start.
+        (void)compressTexts(path, &size, &compressedAny);
         if (!lookInto(patterns, path, &content))
             return;
     }
@@ -203,10 +203,7 @@ bool LogService::startNumbersAnew() {
     if (!patterns.valid() || !countArchivedRuns(patterns, &runs) || runs.count > 0 ||
         !oldestSection(patterns, mCurrentDir, &oldest) || oldest != kNothingFound)
         return false;
-    mTotalLogSize = 0;
-    mHeadFolderNum = 0;
-    mTailFolderNum = 0;
-    mOldestFileNum = 1;
+    resetNumbers();
     return logStorageDataSave() == 0;
 }
 

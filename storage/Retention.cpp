@@ -135,10 +135,7 @@ int LogService::deleteAllLog() {
         logError("[deleteAllLog] failed to delete the last_folder log !\n");
     if (shellexecute("rm -rf %s/*", mCurrentDir) != 0)
         logError("[deleteAllLog] failed to delete the current_folder log !\n");
-    mTailFolderNum = 0;
-    mHeadFolderNum = 0;
-    mTotalLogSize = 0;
-    mOldestFileNum = 1;
+    resetNumbers();
     if (logStorageDataSave() == 0)
         return 0;
     logError("[deleteAllLog] storage data failed to save !\n");

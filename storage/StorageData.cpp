@@ -71,6 +71,14 @@ void LogService::useDefaultRoot() {
     mSavePath = strdup(root.text);
 }
 
+/** The bookkeeping numbers of a root without archived runs. */
+void LogService::resetNumbers() {
+    mTailFolderNum = 0;
+    mHeadFolderNum = 0;
+    mTotalLogSize = 0;
+    mOldestFileNum = 1;
+}
+
 int LogService::logStorageDataSave() {
     char text[256];
     formatPath(text, "TOTAL_LOG_SIZE=%zu\nHEAD_FOLDER_NUM=%u\nTAIL_FOLDER_NUM=%u\nOLDEST_FILE_NUM=%u\n",

@@ -28,11 +28,8 @@ constexpr mode_t kSocketMode = 0600;
 
 /** Sends a reply without waiting: a client that does not take it loses its connection. */
 bool sendReply(int fd, status_t status, const Parcel& reply) {
-    std::vector<uint8_t> packet(sizeof(ReplyHeader) + reply.dataSize());
     ReplyHeader header{status, static_cast<uint32_t>(reply.dataSize())};
-    std::memcpy(packet.data(), &header, sizeof header);
-    if (reply.dataSize() > 0)
-        std::memcpy(packet.data() + sizeof header, reply.data(), reply.dataSize());
+    std::vector<uint8_t> packet = transport::makePacket(header, reply);
     return send(fd, packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
 }
 
@@ -40,8 +37,8 @@ bool sendReply(int fd, status_t status, const Parcel& reply) {
 
 std::string transport::socketPath(const std::string& name) {
     char root[vnlog::platform::kMaxSystemRoot + 1];
-    (void)vnlog::platform::readSystemRoot(root,
-                                          sizeof root); // of one that is too long there is no such socket
+    // Of a root that is too long there is no such socket.
+    (void)vnlog::platform::readSystemRoot(root, sizeof root);
     return root + ("/dev/" + name);
 }
 
@@ -130,8 +127,8 @@ void BinderServer::serve() {
         {
             std::lock_guard<std::mutex> lock(mMutex);
             auto found = mEndpoints.find(fd);
-            endpoint =
-                found != mEndpoints.end() ? &found->second : nullptr; // stays until this thread drops it
+            // It stays where it is until this thread drops it.
+            endpoint = found != mEndpoints.end() ? &found->second : nullptr;
         }
         if (endpoint == nullptr)
             continue;

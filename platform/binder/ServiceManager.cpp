@@ -65,11 +65,8 @@ class RemoteBinder : public IBinder {
     }
 
     bool sendRequest(uint32_t code, const Parcel& data, uint32_t flags) const {
-        std::vector<uint8_t> packet(sizeof(RequestHeader) + data.dataSize());
         RequestHeader header{kMagic, code, flags, static_cast<uint32_t>(data.dataSize())};
-        std::memcpy(packet.data(), &header, sizeof header);
-        if (data.dataSize() > 0)
-            std::memcpy(packet.data() + sizeof header, data.data(), data.dataSize());
+        std::vector<uint8_t> packet = transport::makePacket(header, data);
         return send(mSocket.get(), packet.data(), packet.size(), MSG_NOSIGNAL) >= 0;
     }
 

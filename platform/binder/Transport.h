@@ -1,8 +1,10 @@
 #pragma once
 
+#include <binder/Parcel.h>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 /*
  * How transactions travel between processes: one packet each way over a local socket. A published service
@@ -26,6 +28,15 @@ struct ReplyHeader {
 
 constexpr uint32_t kMagic = 0x42494e31; // "BIN1"
 constexpr size_t kMaxParcel = 65536; ///< bytes
+
+/** The packet of a request or a reply: the header, which states the parcel's size, then the parcel's bytes.
+ */
+template <typename Header> std::vector<uint8_t> makePacket(const Header& header, const Parcel& parcel) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&header);
+    std::vector<uint8_t> packet(bytes, bytes + sizeof header);
+    packet.insert(packet.end(), parcel.data(), parcel.data() + parcel.dataSize());
+    return packet;
+}
 
 /** Path of the socket of the service `name`. */
 std::string socketPath(const std::string& name);
