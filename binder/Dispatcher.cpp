@@ -1,15 +1,17 @@
-#include "binder/CommandRules.h"
+#include "binder/Dispatcher.h"
+
+#include "base/Diagnostics.h"
+#include "base/Files.h"
+#include "base/Handles.h"
+#include "base/KeyValue.h"
+#include "base/Semaphores.h"
+#include "binder/Commands.h"
+#include "config/ConfigFile.h"
 #include "platform/klog/ConsoleLevel.h"
-#include "service/Diagnostics.h"
-#include "service/Handles.h"
-#include "service/LogService.h"
-#include "service/Semaphores.h"
 #include "sources/AndroidFormat.h"
-#include "storage/StorageFormat.h"
 
 #include <cstdio>
 #include <cstring>
-#include <unistd.h>
 
 namespace vnlog {
 
@@ -17,265 +19,199 @@ namespace {
 
 constexpr int kMutedConsoleLevel = 1;
 
-void reportRefusedFilter() {
-    logError("Cmd alog add filter failed \n");
-}
-
 } // namespace
 
-int LogService::logCMD(int cmd, const char* param) {
-    CancelGuard guard; // a reader whose storage is full comes here, too; a command is not cut in the middle
-    std::lock_guard<std::mutex> lock(mCommandLock);
-    if (!mServiceStarted) {
+int Dispatcher::run(int code, const char* param) {
+    CancelGuard guard; // a reader whose storage is full comes here, too
+    LockGuard<CommandLock> lock(mTargets.lock);
+    if (!mTargets.commandState.mServiceStarted) {
         logError("%s failed: service is not start\n", "logCMD");
         return -1;
     }
-    if (!isAssigned(cmd)) {
+    const CommandInfo* command = findCommand(code);
+    if (command == nullptr) {
         showHelp();
         return 0;
     }
-    if (!parameterAccepted(static_cast<Command>(cmd), param)) {
+    if (!command->accepts(param)) {
         showHelp();
-        showLogCfg();
+        showConfiguration(mState.mCfgPath);
         return 0;
     }
-    return runCommand(cmd, param);
+    return (this->*command->action)(param);
 }
 
-/** Runs an assigned command with a parameter that it accepts; mCommandLock is held. */
-int LogService::runCommand(int cmd, const char* param) {
-    bool on = isWord(param, "y"); // of the commands that take y or n
-    switch (cmd) {
-    case CMD_UART_OUTPUT:
-        return setConsoleOutput(on);
-    case CMD_NAND_FILE_OUTPUT:
-        mKLogToFile = on;
-        mALogToFile = on;
-        return saveAndShow();
-    case CMD_KLOG_OUTPUT:
-        return on ? startKernelOutput() : stopKernelOutput();
-    case CMD_KLOG_LEVEL:
-        return setKernelLevel(kernelLevel(param));
-    case CMD_ALOG_OUTPUT:
-        return setAndroidOutput(on);
-    case CMD_ALOG_LEVEL:
-        return setAndroidLevel(param[0]);
-    case CMD_ALOG_MODULE:
-        return setModules(isWord(param, kAllModules) ? kModeAll : kModeNone);
-    case CMD_ALOG_ADD_MODULE:
-        return addModules(param);
-    case CMD_ALOG_DEL_MODULE:
-        return deleteModule(param);
-    case CMD_ALOG_FORMAT:
-        (void)setLogFormat(param); // the word is known
-        return saveAndShow();
-    case CMD_FLUSH_SWITCH:
-        mFlushSwitch = on;
-        return saveAndShow();
-    case CMD_FLUSH:
-        if (flushLogBufAll() != 0)
-            logError("error: flush log buf fail\n");
-        return 0;
-    case CMD_STORAGE_PATH:
-        return setStorageRoot(param);
-    case CMD_COPY:
-        return copyStorage(param);
-    default: // SHOW
-        showLogCfg();
-        return 0;
-    }
+void Dispatcher::showHelp() {
+    CancelGuard guard;
+    printUsage(stdout);
+    fflush(stdout); // the Android reader writes to the same descriptor without stdio
 }
 
 /** The end of every command that changed a setting: saves and shows it. */
-int LogService::saveAndShow() {
-    if (saveConfiguration() != 0) {
+int Dispatcher::saveAndShow() {
+    if (!mTargets.settings.save()) {
         logError("cmd log configuration failed to save !\n");
         return -1;
     }
-    showLogCfg();
+    showConfiguration(mState.mCfgPath);
     return 0;
 }
 
-int LogService::setConsoleOutput(bool on) {
-    if (on) {
-        if (!restoreKernelConsole())
+int Dispatcher::setConsoleOutput(const char* param) {
+    bool on = isYes(param);
+    if (on && !restoreKernelConsole())
+        return -1;
+    if (!on && mState.mKLogToUart && !muteKernelConsole())
+        return -1;
+    mState.mALogToUart = on;
+    return saveAndShow();
+}
+
+int Dispatcher::setFileOutput(const char* param) {
+    mState.mKLogToFile = isYes(param);
+    mState.mALogToFile = isYes(param);
+    return saveAndShow();
+}
+
+bool Dispatcher::setConsoleLevel(int level, const char* report) {
+    if (platform::setConsoleLevel(mSystemRoot.path, level) >= 0)
+        return true;
+    logError("%s", report);
+    logErrno();
+    return false;
+}
+
+/** Takes the kernel's console output back to alerts and keeps the level for later. */
+bool Dispatcher::muteKernelConsole() {
+    mState.mKLogToUart = false;
+    mState.mOldKLogLevel = mState.mKLogLevel;
+    mState.mKLogLevel = kMutedConsoleLevel;
+    return setConsoleLevel(kMutedConsoleLevel, "fail to set the kernel log level to KERN_ALERT\n");
+}
+
+/** Brings back the level from before the output was switched off. */
+bool Dispatcher::restoreKernelConsole() {
+    mState.mKLogToUart = true;
+    mState.mKLogLevel = mState.mOldKLogLevel;
+    return setConsoleLevel(mState.mOldKLogLevel, "fail to set the kernel log level to oldKLogLevel \n");
+}
+
+int Dispatcher::setKernelOutput(const char* param) {
+    if (!isYes(param)) {
+        mState.mKLogOutput = false;
+        mState.mKLogToFile = false;
+        if (mState.mKLogToUart && !muteKernelConsole())
             return -1;
-    } else if (mKLogToUart && !muteKernelConsole()) {
-        return -1;
+        return saveAndShow();
     }
-    mALogToUart = on;
-    return saveAndShow();
-}
-
-/** Takes the kernel's console output back to alerts and keeps the level for later. False for a failure. */
-bool LogService::muteKernelConsole() {
-    mKLogToUart = false;
-    mOldKLogLevel = mKLogLevel;
-    mKLogLevel = kMutedConsoleLevel;
-    if (platform::setConsoleLevel(mSystemRoot, kMutedConsoleLevel) >= 0)
-        return true;
-    logError("fail to set the kernel log level to KERN_ALERT\n");
-    logErrno();
-    return false;
-}
-
-/** Brings back the level from before the output was switched off. False for a failure. */
-bool LogService::restoreKernelConsole() {
-    mKLogToUart = true;
-    mKLogLevel = mOldKLogLevel;
-    if (platform::setConsoleLevel(mSystemRoot, mOldKLogLevel) >= 0)
-        return true;
-    logError("fail to set the kernel log level to oldKLogLevel \n");
-    logErrno();
-    return false;
-}
-
-int LogService::stopKernelOutput() {
-    mKLogOutput = false;
-    mKLogToFile = false;
-    if (mKLogToUart && !muteKernelConsole())
-        return -1;
-    return saveAndShow();
-}
-
-int LogService::startKernelOutput() {
-    if (!mKLogOutput) {
-        if (clearKernelLog() != 0) {
+    if (!mState.mKLogOutput) {
+        if (!mTargets.kernelReader.clear()) {
             logError("Log clearing failed! \n");
             return -1;
         }
-        mKLogOutput = true;
-        postOrReport(&mKLogSem, "Cmd K_LOG_OUTPUT sem_post failed \n");
+        mState.mKLogOutput = true;
+        postOrReport(&mState.mKLogSem, "Cmd K_LOG_OUTPUT sem_post failed \n");
     }
     if (!restoreKernelConsole())
         return -1;
-    mKLogToFile = true;
+    mState.mKLogToFile = true;
     return saveAndShow();
 }
 
-int LogService::setKernelLevel(int level) {
-    if (platform::setConsoleLevel(mSystemRoot, level) < 0) {
-        logError("fail to set the kernel log level \n");
-        logErrno();
+int Dispatcher::setKernelLevel(const char* param) {
+    int level = parseNumber(param);
+    if (!setConsoleLevel(level, "fail to set the kernel log level \n"))
         return -1;
-    }
-    mKLogLevel = level;
+    mState.mKLogLevel = level;
     return saveAndShow();
 }
 
-int LogService::setAndroidOutput(bool on) {
-    if (on && !mALogOutput) {
-        if (clearAndroidLog() < 0)
+int Dispatcher::setAndroidOutput(const char* param) {
+    bool on = isYes(param);
+    if (on && !mState.mALogOutput) {
+        if (!mTargets.androidReader.clear())
             logError("Cmd clear alog failed \n");
-        mALogOutput = true;
-        postOrReport(&mALogSem, "Cmd A_LOG_OUTPUT sem_post failed \n");
+        mState.mALogOutput = true;
+        postOrReport(&mState.mALogSem, "Cmd A_LOG_OUTPUT sem_post failed \n");
     }
-    mALogOutput = on;
-    mALogToUart = on;
-    mALogToFile = on;
+    mState.mALogOutput = on;
+    mState.mALogToUart = on;
+    mState.mALogToFile = on;
     return saveAndShow();
 }
 
-int LogService::setAndroidLevel(char letter) {
-    mALogLevel[0] = letter;
-    {
-        std::lock_guard<std::mutex> lock(mFilterLock);
-        setGlobalLevel();
-    }
+int Dispatcher::setAndroidLevel(const char* param) {
+    mState.mALogLevel[0] = param[0];
+    mTargets.filter.setLevel(mState.mALogLevel);
     return saveAndShow();
 }
 
-/** Makes mALogLevel the global priority; mFilterLock is held. */
-void LogService::setGlobalLevel() {
-    char expression[32];
-    formatPath(expression, "*:%s", mALogLevel);
-    if (!addRule(expression))
-        reportRefusedFilter();
-}
-
-int LogService::setModules(int mode) {
-    if (mModuleMode != mode) {
-        std::lock_guard<std::mutex> lock(mFilterLock);
-        mModuleMode = mode;
-        releaseRules(mLogFormat);
-        if (mode == kModeAll)
-            setGlobalLevel();
-        else if (!addRule("*:s"))
-            reportRefusedFilter();
-    }
+int Dispatcher::setModules(const char* param) {
+    if (std::strcmp(param, kAllModules) == 0)
+        mTargets.filter.passAll(mState.mALogLevel);
+    else
+        mTargets.filter.passNone();
     return saveAndShow();
 }
 
-int LogService::addModules(const char* list) {
-    {
-        std::lock_guard<std::mutex> lock(mFilterLock);
-        if (mModuleMode != kModeListed) {
-            mModuleMode = kModeListed;
-            releaseRules(mLogFormat);
-        }
-        addModuleRules(list, reportRefusedFilter);
-    }
+int Dispatcher::addModules(const char* param) {
+    mTargets.filter.addModules(param, mState.mALogLevel);
     return saveAndShow();
 }
 
-int LogService::deleteModule(const char* name) {
-    if (mModuleMode == kModeListed && androidLogDelFilterRule(mLogFormat, name) != 0)
-        logError("failed to delete filter rule \n");
+int Dispatcher::deleteModule(const char* param) {
+    mTargets.filter.deleteModule(param);
     return saveAndShow();
 }
 
-int LogService::setStorageRoot(const char* root) {
-    Folder folder(usableRoot(root) ? root : "");
+int Dispatcher::setLineFormat(const char* param) {
+    (void)mTargets.filter.setLineFormat(param); // the word is known
+    return saveAndShow();
+}
+
+int Dispatcher::setFlushSwitch(const char* param) {
+    mState.mFlushSwitch = isYes(param);
+    return saveAndShow();
+}
+
+int Dispatcher::setStorageRoot(const char* param) {
+    Folder folder(usableRoot(param) ? param : "");
     if (!folder.valid()) {
-        logError("STORAGE_PATH(%s) can not open\n", root);
-        showLogCfg();
+        logError("STORAGE_PATH(%s) can not open\n", param);
+        showConfiguration(mState.mCfgPath);
         return 0;
     }
-    if (mFlushSwitch)
+    if (mState.mFlushSwitch)
         logError("error: Please turn off the storage function\n");
-    if (mSavePath == nullptr || std::strcmp(root, mSavePath) != 0)
-        changeRoot(root);
+    mTargets.store.changeRoot(param);
     if (folder.close() != 0) {
-        logError("Failed to close the directory [%s]", root);
+        logError("Failed to close the directory [%s]", param);
         logErrno();
         return -1;
     }
     return saveAndShow();
 }
 
-/**
- * Moves the storage to another root. The section that is open stays where it is; the flush thread finds that
- * out at its next cut and goes on under the new root.
- */
-void LogService::changeRoot(const char* root) {
-    std::lock_guard<std::mutex> lock(mStorageLock);
-    logDebug("STORAGE_PATH changed (%s ==> %s)\n", mSavePath, root);
-    std::free(mSavePath);
-    mSavePath = strdup(root);
-    if (logGetSavePath() != 0)
-        logError("failed to obtain the save path !\n");
-    resetNumbers();
-    mRootChanged = mRootChanged || mLogFd >= 0;
-    mBoundPending = false;
-    mCurrentTotalSize = 0; // the finished sections of this run stay under the old root
-    int result = initLogStorage();
-    if (result != 0)
-        logError("error: failed to init log storage, ret=%d\n", result);
-    // Without the numbers, the next start would take a root that holds but one section for a damaged one.
-    if (logStorageDataSave() != 0)
-        logError("the storage data of [%s] failed to save !\n", root);
-}
-
-int LogService::copyStorage(const char* target) {
-    bool usable = shellSafe(target) && std::strlen(target) <= longestCopyTarget(std::strlen(mLogServiceDir));
-    if (!usable || access(target, F_OK) != 0) {
-        logError("%s dir does not exist,Please check!\n", target);
+int Dispatcher::copyStorage(const char* param) {
+    if (!mTargets.store.copyTargetUsable(param) || !pathExists(param)) {
+        logError("%s dir does not exist,Please check!\n", param);
         return 0;
     }
-    if (shellexecute("cp -rf %s/ %s/;sync", mLogServiceDir, target) == 0)
+    if (mTargets.store.copyTo(param))
         logDebug("log copy success\n");
     else
         logError("fail to copy log files\n");
+    return 0;
+}
+
+int Dispatcher::flush(const char*) {
+    if (mTargets.service.flushLogBufAll() != 0)
+        logError("error: flush log buf fail\n");
+    return 0;
+}
+
+int Dispatcher::show(const char*) {
+    showConfiguration(mState.mCfgPath);
     return 0;
 }
 

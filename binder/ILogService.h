@@ -1,6 +1,6 @@
 #pragma once
 
-#include "service/Export.h"
+#include "base/Export.h"
 
 #include <binder/IInterface.h>
 #include <binder/Parcel.h>

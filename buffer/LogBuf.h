@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Mutex.h"
+
 #include <atomic>
 #include <cstdint>
 #include <pthread.h>
@@ -12,6 +14,11 @@ constexpr uint32_t kLogBufSize = 131072;
 /** With at most this many bytes used, the flush thread leaves them where they are unless asked. */
 constexpr uint32_t kFlushThreshold = 32768;
 
+/** The role of LogBuf::mutex. */
+struct RingLock {
+    static LockRole role;
+};
+
 /**
  * The ring buffer between the log sources (producers) and the flush thread (the only consumer).
  *
@@ -21,11 +28,11 @@ constexpr uint32_t kFlushThreshold = 32768;
  * it but may be read without.
  */
 struct LogBuf {
-    char* buf; ///< data area of `size` bytes, owned by the record
+    char* buf VNLOG_PT_GUARDED_BY(RingLock::role); ///< data area of `size` bytes, owned by the record
     uint32_t size; ///< capacity in bytes
-    uint32_t read_pos; ///< index of the oldest byte not yet written out
+    uint32_t read_pos VNLOG_GUARDED_BY(RingLock::role); ///< index of the oldest byte not yet written out
     uint32_t last_pos; ///< index of the last byte of the data area
-    uint32_t write_pos; ///< index where the next byte is stored
+    uint32_t write_pos VNLOG_GUARDED_BY(RingLock::role); ///< index where the next byte is stored
     std::atomic<uint32_t> free_size; ///< free bytes
     pthread_mutex_t mutex;
     sem_t sem_read; ///< wakes the flush thread

@@ -2,9 +2,28 @@ set(VNLOG_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vnlog)
 
 install(TARGETS logservice vnlog_binder EXPORT vnlogTargets)
 install(TARGETS logserviced logset logwrite)
-install(FILES binder/Command.h binder/ILogService.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/binder)
-install(FILES buffer/LogBuf.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/buffer)
-install(FILES service/Export.h service/LogService.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/service)
+foreach(
+  header
+  base/Export.h
+  base/Flag.h
+  base/Mutex.h
+  binder/Command.h
+  binder/CommandState.h
+  binder/ILogService.h
+  buffer/LogBuf.h
+  buffer/RingState.h
+  config/ServiceState.h
+  config/SettingsState.h
+  service/LogService.h
+  service/WorkerState.h
+  sources/AndroidState.h
+  sources/FilterState.h
+  sources/KernelState.h
+  storage/ShellState.h
+  storage/StorageState.h)
+  get_filename_component(folder ${header} DIRECTORY)
+  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/${folder})
+endforeach()
 if(NOT VNLOG_PLATFORM_BINDER)
   install(DIRECTORY platform/binder/include/binder
           DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vnlog/platform/binder/include)

@@ -1,47 +1,47 @@
 #pragma once
 
+#include "base/Export.h"
+#include "binder/CommandState.h"
 #include "binder/ILogService.h"
-#include "buffer/LogBuf.h"
-#include "service/Export.h"
+#include "config/ServiceState.h"
+#include "service/WorkerState.h"
+#include "storage/ShellState.h"
 
-#include <atomic>
 #include <cstdint>
 #include <log/logprint.h>
-#include <mutex>
-#include <pthread.h>
-#include <semaphore.h>
+#include <memory>
 
 namespace vnlog {
 
+struct log_device_t;
 namespace platform {
 struct LoggerHeader;
 }
-
-class NamePatterns;
-struct Setting;
-struct log_device_t;
 using logger_entry = platform::LoggerHeader;
 
 /**
- * The log service: all its state and every operation, the latter spread over the folders by subsystem.
+ * The log service: a facade over the parts that do the work. Its state is in the bases, part by part.
  *
  * A host process creates one object and publishes it as a binder service. The argument-less constructor
  * starts the service, the destructor stops it. Hosts use the construction, serviceStart and serviceStop,
- * bufferedBytes, the three ILogService operations and the flags mServiceStarted, mFlushThreadRunning,
- * mFlushAll; everything else is open for the folders' own steps and for tests, and keeps the locking rules
- * stated at each block.
+ * bufferedBytes, the three ILogService operations and the flags mServiceStarted, mFlushThreadRunning and
+ * mFlushAll. The other operations are single steps of the parts, for tests and tools; setting a member takes
+ * effect in the next operation.
  *
  * Results are integers: 0 (or a byte count) for success and negative codes for failures, unless said
  * otherwise. Nothing is thrown. Failures that a caller could not tell from the result alone are reported to
  * the Android log with the tag "LogService".
  *
- * Locks, in the order in which they may be taken: mCommandLock, mStorageLock, mFilterLock, LogBuf::mutex.
- * Flags and settings that workers read while commands write them are atomic.
+ * Locks, in the order in which they may be taken: commands (CommandLock), storage (StorageLock), filter
+ * (FilterLock), ring (RingLock). Each member names its lock. Flags and settings that workers read while
+ * commands write them are atomic.
  */
-class VNLOG_API LogService : public BnLogService {
+class VNLOG_API LogService : public BnLogService,
+                             public CommandState,
+                             public ServiceState,
+                             public ShellState,
+                             public WorkerState {
   public:
-    using Flag = std::atomic<bool>;
-
     /** Index of each worker in the flags of serviceStart and serviceStop. */
     enum Worker { FLUSH_THREAD, KERNEL_READER, ANDROID_READER };
 
@@ -58,28 +58,29 @@ class VNLOG_API LogService : public BnLogService {
     /** Stops everything; nothing may be using the object any more. */
     ~LogService() override;
 
-    // --- service/: life cycle ---------------------------------------------------------------------------
+    // --- Life cycle
 
     /**
      * Reads the configuration, mends and prepares the storage, and starts the workers whose flags are set:
-     * flush thread, kernel reader, Android reader. Not to be called while another start or stop runs.
-     * 0 when the service is started; this includes a storage that could not be prepared, with which neither
-     * the flush thread nor the kernel reader runs. -1 when it is not started: everything that the attempt
-     * made is released again. A service that is started already stays as it is and gives -1.
+     * flush thread, kernel reader, Android reader. Not to be called while another start or stop runs. Takes
+     * the command lock until the workers start. 0 when the service is started; this includes a storage that
+     * could not be prepared, with which neither the flush thread nor the kernel reader runs. -1 when it is
+     * not started: everything that the attempt made is released again. A service that is started already
+     * stays as it is and gives -1.
      */
     int serviceStart(const bool* flags);
     /**
      * Stops the workers whose flags are set and releases the ring buffer unless the flush thread goes on.
      * Buffered bytes are not written out. Called by the host, or on a reader thread whose storage is full;
-     * the two may meet. Takes mCommandLock. 0, or -1 when the service is not started or a step failed (the
-     * steps after it are not done).
+     * the two may meet. Takes the command lock once the readers have ended. 0, or -1 when the service is not
+     * started or a step failed (the steps after it are not done).
      */
     int serviceStop(const bool* flags);
     int getLogFd() override;
     /** Bytes in the ring buffer that are not yet written out; 0 without a buffer. Any thread, never waits. */
     uint32_t bufferedBytes() const;
 
-    // --- service/: shell and files. Any thread; all state is on the caller's stack ----------------------
+    // --- Shell and files. Any thread
 
     /**
      * Runs a shell command of at most 255 characters (longer ones are cut) and waits for it. 0 when it exited
@@ -99,7 +100,7 @@ class VNLOG_API LogService : public BnLogService {
     /** Free bytes of the file system that holds `path`, at most 4294967295; 0 when it cannot tell. */
     uint32_t getFileFreeSpace(const char* path);
 
-    // --- config/ ----------------------------------------------------------------------------------------
+    // --- Configuration. The four operations on settings take the command lock
 
     /**
      * Reads the settings from the file `path`. 1, or -1 for any failure: settings found before it stay.
@@ -123,12 +124,12 @@ class VNLOG_API LogService : public BnLogService {
     int getCfgInt(const char* text, const char* key, int* out, int minimum, int maximum, int fallback);
     /** Whether the text is exactly "y". */
     bool strToBool(const char* text);
-    /** Rewrites log.cfg. 0, or -1 (a part of the file may be written then). Takes mCommandLock. */
+    /** Rewrites log.cfg. 0, or -1 (a part of the file may be written then). */
     int logConfigSave();
     /** Prints log.cfg as it is on disk to standard output. */
     void showLogCfg();
 
-    // --- buffer/ ----------------------------------------------------------------------------------------
+    // --- Ring buffer
 
     /**
      * Appends one record to the ring buffer, whole or not at all; waits while there is no space. Called on
@@ -138,17 +139,17 @@ class VNLOG_API LogService : public BnLogService {
      */
     int logBufWrite(const void* bytes, uint32_t length);
     /**
-     * Writes up to `wanted` of the oldest bytes to `fd` and frees them. Flush thread only, with mStorageLock
-     * held. Returns the bytes consumed, or -1 when a write failed: nothing is consumed then.
+     * Writes up to `wanted` of the oldest bytes to `fd` and frees them. Flush thread only. Returns the bytes
+     * consumed, or -1 when a write failed: nothing is consumed then.
      */
     int logBufRead2File(int fd, uint32_t wanted);
     /** Body of the flush thread; the argument is the service. */
     static void* logBufFlush(void* service);
-    /** Syncs and closes the open section file, if any. */
+    /** Syncs and closes the open section file, if any. Takes the storage lock. */
     void logBufFlushExit();
     int flushLogBufAll() override;
 
-    // --- storage/. At start on the starting thread, later with mStorageLock held ------------------------
+    // --- Stored log. Each takes the storage lock
 
     /** Settles the storage root and fills the five paths under it. 0, or -1 with the paths unchanged. */
     int logGetSavePath();
@@ -158,8 +159,7 @@ class VNLOG_API LogService : public BnLogService {
     int logStorageDataParse();
     /**
      * Moves `count` buffered bytes into the active section; cuts, compresses and thins where it is full.
-     * Flush thread only. 0 or -1. A write that fails is no -1: mDrainWriteFailed and mDrainMoved tell what it
-     * did.
+     * Flush thread only. 0, also when a write failed and the bytes are still buffered; or -1.
      */
     int saveLogSection(unsigned int count);
     /** Prepares a newly chosen root while the service runs (init_Log_Storage: at start). 0, or -1 to -5 for
@@ -173,10 +173,10 @@ class VNLOG_API LogService : public BnLogService {
     /** Closes off the previous run's folder and keeps the bound (initLogStorage: at a root change). 0, or -1
      * to -11. */
     int init_Log_Storage();
-    /** Rebuilds the bookkeeping numbers from the names on disk. 0, or -1 to -5. */
+    /** Rebuilds the bookkeeping numbers from the names on disk. 0, or -2 to -5. */
     int repairLogDatFile();
 
-    // --- sources/ ---------------------------------------------------------------------------------------
+    // --- Kernel log
 
     /** Body of the kernel reader; the argument is the service. */
     static void* kernelLogReader(void* service);
@@ -184,12 +184,15 @@ class VNLOG_API LogService : public BnLogService {
     static void kernelLog_cleanup(void* record);
     /** Throws away the kernel messages that wait to be read. 0, or -1 when they cannot be reached. */
     int clearKernelLog();
+
+    // --- Android filter. Each takes the filter lock, the first the command lock as well
+
     /**
      * Builds the Android filter and line format from the configuration and sets the kernel console level.
-     * 0, or -1 without memory. Takes mFilterLock.
+     * 0, or -1 without memory.
      */
     int logFilterInit();
-    /** Lowest priority that passes for the tag. Takes mFilterLock, like the next four. */
+    /** Lowest priority that passes for the tag. */
     int logFilterPriForTag(AndroidLogFormat_t* format, const char* tag);
     /** 1 when an entry of this tag and priority passes the filter, else 0. */
     int androidLogShouldPrintLine(AndroidLogFormat_t* format, const char* tag, android_LogPriority priority);
@@ -203,11 +206,12 @@ class VNLOG_API LogService : public BnLogService {
     /** The word of a line format; null when it has none. */
     const char* formattostring(AndroidLogPrintFormat value);
 
+    // --- Android log. On the Android reader's thread unless said otherwise
+
     /** Body of the Android reader; the argument is the service. */
     static void* logcat(void* service);
     void setupOutput();
-    /** Reads, merges and outputs entries until the thread is to end. Android reader only, up to
-     * processBuffer. */
+    /** Reads, merges and outputs entries until the thread is to end. */
     void readLogLines(log_device_t* list);
     /** Stores the device whose first queued entry is the oldest, or null, in `first`. */
     void chooseFirst(log_device_t* list, log_device_t** first);
@@ -227,237 +231,22 @@ class VNLOG_API LogService : public BnLogService {
     /** Empties the main device. 0 or -1. Any thread. */
     int clearAndroidLog();
     /** Requests of the driver on an open device: empty it, its capacity, its content in bytes. -1 for a
-     * failure. */
+     * failure. Any thread. */
     int clearLog(int fd);
     int getLogSize(int fd);
     int getLogReadableSize(int fd);
 
-    // --- binder/ ----------------------------------------------------------------------------------------
+    // --- Commands
 
     /** Runs a command (codes in binder/Command.h). Any thread; one command at a time. */
     int logCMD(int cmd, const char* param) override;
     /** Prints the usage text to standard output. */
     void showHelp();
 
-    // === State ==========================================================================================
-
-    /// The ring buffer; replaced only while mBufUse keeps everybody out.
-    LogBuf* mLogBuf = nullptr;
-    Flag mFlushAll{false}; ///< everything buffered is to be written out
-    Flag mFlushSwitch{false}; ///< write out on every wake-up
-
-    // Android reader
-    int32_t mALogOutFd = -1;
-    int32_t mALogDevCount = 0;
-    uint32_t mALogQueued = 0; ///< entries in the devices' queues
-
-    /// Whether the service runs; commands are refused while it does not.
-    Flag mServiceStarted{false};
-
-    // Android filter. mLogFormat's fields are guarded by mFilterLock; mModuleMode changes under it and
-    // mCommandLock.
-    AndroidLogFormat_t* mLogFormat = nullptr; ///< owned, for the object's life
-    char* mModuleCfg = nullptr; ///< from parsing until the filter is built
-    char* mFormatCfg = nullptr;
-    std::atomic<int32_t> mModuleMode{0}; ///< 0 all modules, 1 none, 2 listed ones
-
-    // Settings and switches; written by start and commands
-    std::atomic<int32_t> mKLogLevel{7}; ///< kernel console level, 1 to 7
-    int32_t mOldKLogLevel = 7; ///< the level from before muting; guarded by mCommandLock
-    char mALogLevel[4] = {}; ///< priority letter; guarded by mCommandLock
-    std::atomic<int32_t> mALogFileMinPri{0}; ///< lowest Android priority that is stored
-    Flag mKLogOutput{false};
-    Flag mKLogToUart{false};
-    Flag mKLogToFile{false};
-    Flag mALogOutput{false};
-    Flag mALogToUart{false};
-    Flag mALogToFile{false};
-    sem_t mKLogSem; ///< wakes the kernel reader when its output is switched on
-    sem_t mALogSem; ///< the same for the Android reader
-
-    // Workers. A handle means something only while its flag is set.
-    pthread_t mFlushThread{};
-    pthread_t mKLogThread{};
-    pthread_t mLogcatThread{};
-    Flag mFlushThreadRunning{false};
-    Flag mKLogThreadRunning{false};
-    Flag mLogcatThreadRunning{false};
-
-    // Storage; guarded by mStorageLock once the workers run. Root and paths change under mCommandLock as
-    // well, so that a command may read them under that alone. Sizes in bytes unless said otherwise.
-    char* mSavePath = nullptr; ///< storage root, owned
-    uint32_t mCurLogSize = 0; ///< active section file
-    uint32_t mCurrentTotalSize = 0; ///< finished sections of this run
-    uint32_t mSliceNum = 1; ///< number of the active section
-    uint32_t mTailFolderNum = 0; ///< oldest archived run
-    uint32_t mHeadFolderNum = 0; ///< newest archived run
-    uint32_t mTotalLogSize = 0; ///< all archived runs
-    uint32_t mOldestFileNum = 1; ///< oldest surviving section
-    int32_t mMaxLogSize = 0; ///< bound of the stored log in MiB
-
-    char mNotwaitCmd[128] = {}; ///< latest command of shellexecNotwait; guarded by mNotwaitLock
-    char mLogServiceDir[128] = {};
-    char mLastDirPrefix[128] = {};
-    char mCurrentDir[128] = {};
-    char mCurrentLogFile[128] = {};
-    char mCfgPath[128] = {}; ///< the service's own log.cfg; fixed from start on
-    char mStorageDataFile[128] = {};
-
-    uint32_t mLogSectionSize = 0;
-    uint32_t mLogDeleteSize = 0; ///< least amount deleted at a time
-    int32_t mLogFd = -1; ///< open section file
-    Flag mStorageFull{false};
-
-    // Locks, in the order in which they may be taken
-    std::mutex mCommandLock; ///< one command, save or stop at a time
-    std::mutex mStorageLock; ///< bookkeeping, paths, active section
-    std::mutex mFilterLock; ///< rules, module mode, line format
-    std::mutex mNotwaitLock; ///< mNotwaitCmd; nothing else is taken under it
-
-    char mSystemRoot[128] = {}; ///< stands before fixed absolute paths; read at construction and start
-    bool mCfgTextsOwned = false; ///< whether mModuleCfg and mFormatCfg are ours to release
-    bool mRootChanged = false; ///< while a section was open under the old one; guarded by mStorageLock
-    bool mCompressPending = false; ///< the section is closed but not compressed; guarded likewise
-    bool mBoundPending = false; ///< the bound did not hold after the last cut; guarded likewise
-    bool mDrainWriteFailed = false; ///< a write of the present drain failed; flush thread only
-    uint32_t mDrainMoved = 0; ///< bytes that the present drain has moved; flush thread only
-
-    /// Who is inside the ring buffer: their count, and the top bit while it is closed. See BufferUse.
-    mutable std::atomic<uint32_t> mBufUse{0};
-    mutable sem_t mBufIdle; ///< posted by whoever leaves a closed buffer
-    std::atomic<uint32_t> mSpaceWaiters{0}; ///< writers that wait for space
-    std::atomic<uint32_t> mFlushRequests{0}; ///< counts flushLogBufAll calls, modulo 2^32
-    std::atomic<uint32_t> mRefusedRecords{0}; ///< records refused since draining began to fail
-    Flag mDrainFailing{false}; ///< the last drain failed
-
   private:
-    class BufferUse;
-    class SpaceWaiter;
-    enum class Space { Ready, Refused, StorageFull };
-    enum class Drain { Idle, Done, Partly, Failed };
-    struct StorageNeed {
-        uint32_t free;
-        uint32_t used;
-    };
-    struct LastFolderPlace;
-    struct ArchivedRuns;
-    struct RunContent;
-
-    // service/
-    void loadConfiguration();
-    int settleStorageRoot();
-    void releaseConfigurationTexts();
-    int openStorageNumbers();
-    void recoverMissingNumbers();
-    int recoverNumbers();
-    int createLogBuf();
-    void releaseLogBuf(bool withMutex = true, bool withRead = true, bool withWrite = true);
-    int prepareStorage();
-    int startWorker(Flag& running, pthread_t& handle, void* (*body)(void*), const char* name);
-    int failStart();
-    int startWorkers(const bool* flags, bool storageReady);
-    int stopKernelReader();
-    int stopAndroidReader();
-    int stopFlushThread();
-
-    // config/
-    bool applySetting(const Setting& setting, const char* text, const char* path);
-    void applyDefault(const Setting& setting);
-    bool applyNumber(const Setting& setting, const char* text, const char* path);
-    void applyStorageRoot(const Setting& setting, const char* text, const char* path);
-    bool applyAndroidLevel(const Setting& setting, const char* text, const char* path);
-    bool applyOwnedText(const Setting& setting, const char* text, const char* path);
-    void setMaxLogSize(int value);
-    int saveConfiguration();
-    void restoreConfiguration();
-    bool writeGeneralSettings(int fd);
-    bool writeModules(int fd);
-    bool writeConfiguration(int fd);
-
-    // buffer/
-    LogBuf* enterBuffer() const;
-    void leaveBuffer() const;
-    void closeBuffer();
-    void reopenBuffer();
-    Space waitForSpace(LogBuf& buffer, uint32_t length, StorageNeed& need);
-    bool storageTooSmall(const LogBuf& buffer, StorageNeed& need);
-    int giveUpStorage(const StorageNeed& need);
-    void flushLoop();
-    void reportUnwritten();
-    Drain drainBuffer(bool retry, uint32_t* requestsSeen);
-    void forgetFlushRequest(uint32_t requestsSeen);
-    void drainingFailed();
-    void drainingWorks();
-    void pauseDraining(unsigned seconds, uint32_t requestsSeen);
-
-    // storage/
-    void useDefaultRoot();
-    void resetNumbers();
-    bool withinBound(uint32_t more) const;
-    bool openSection();
-    uint32_t moveIntoSection(uint32_t wanted);
-    int resumeCut();
-    bool compressed(const char* text, const char* archive);
-    int finishSection();
-    void syncArchive(const char* folder, const char* archive);
-    bool pointOldestAtFinishedSection();
-    int keepBound();
-    bool boundRestored();
-    bool createCurrentFolder();
-    int archiveEarlierUse();
-    uint32_t freeFolderNumber();
-    bool moveCurrentAside(const char* target, uint32_t number);
-    int trimArchivedRuns();
-    int deleteFromLast(const LastFolderPlace& place, uint32_t* deleted);
-    int removeEmptiedRun(const LastFolderPlace& place);
-    int deleteFromCurrent(uint32_t* deleted, bool* lastGone);
-    int closePreviousRun(uint32_t* size);
-    int compressTexts(const char* run, uint32_t* size, bool* anyCompressed);
-    int compressPreviousFile(const char* run, const char* path);
-    int archivePreviousRun();
-    int trimAtStart(uint32_t size);
-    bool countArchivedRuns(const NamePatterns& patterns, ArchivedRuns* runs);
-    bool oldestSection(const NamePatterns& patterns, const char* path, uint32_t* oldest);
-    bool numbersMatchDisk();
-    bool lookInto(const NamePatterns& patterns, const char* path, RunContent* content);
-    bool startNumbersAnew();
-    void closeArchivedRun(const NamePatterns& patterns, const char* path);
-    void mendInterruptedDeletion();
-    void mendInterruptedArchiving();
-
-    // sources/
-    bool readKernelLog(int fd, char* buffer);
-    uint32_t storeKernelLines(char* buffer, uint32_t length);
-    void storeKernelLine(const char* line, const char* end);
-    log_device_t* makeDeviceList();
-    bool openDevices(log_device_t* list);
-    void printQueued(log_device_t* list, bool everything);
-    int routeLine(AndroidLogFormat_t* format, int fd, const AndroidLogEntry_t* entry, bool* formatted);
-    char* formatLine(AndroidLogFormat_t* format, char* usual, const AndroidLogEntry_t* entry, size_t* length);
-    int writeToConsole(int fd, const char* line, size_t length, const AndroidLogEntry_t& entry);
-    int storeAndroidLine(const char* line, size_t length, const AndroidLogEntry_t& entry, int result);
-    bool addRule(const char* expression);
-    void addModuleRules(const char* list, void (*reportRefused)());
-    int applyFormatWord(const char* text);
-
-    // binder/
-    int runCommand(int cmd, const char* param);
-    int saveAndShow();
-    int setConsoleOutput(bool on);
-    bool muteKernelConsole();
-    bool restoreKernelConsole();
-    int startKernelOutput();
-    int stopKernelOutput();
-    int setKernelLevel(int level);
-    int setAndroidOutput(bool on);
-    int setAndroidLevel(char letter);
-    void setGlobalLevel();
-    int setModules(int mode);
-    int addModules(const char* list);
-    int deleteModule(const char* name);
-    int setStorageRoot(const char* root);
-    void changeRoot(const char* root);
-    int copyStorage(const char* target);
+    struct Parts;
+    std::unique_ptr<Parts> mParts; ///< what does the work; see service/Parts.h
+    friend class Lifecycle;
 };
 
 } // namespace vnlog

@@ -22,6 +22,16 @@ constexpr FormatWord kFormatWords[] = {
 
 } // namespace
 
+bool isPriorityLetter(char letter) {
+    return letter != '\0' && std::strchr(kPriorityLetters, letter) != nullptr;
+}
+
+char priorityLetter(android_LogPriority priority) {
+    if (priority < ANDROID_LOG_VERBOSE || priority > ANDROID_LOG_SILENT)
+        return '?';
+    return kPriorityLetters[priority - ANDROID_LOG_VERBOSE];
+}
+
 void releaseRule(AndroidLogFilterRule_t* rule) {
     std::free(rule->tag);
     std::free(rule);

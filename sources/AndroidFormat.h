@@ -31,6 +31,11 @@ namespace vnlog {
 /** The letters of the priorities from verbose (2) to silent (8). */
 constexpr char kPriorityLetters[] = "vdiwefs";
 
+/** Whether the letter is one of them. */
+bool isPriorityLetter(char letter);
+/** The letter of a priority; '?' when it has none. */
+char priorityLetter(android_LogPriority priority);
+
 // The two words of ALOG_MODULE that are no module list, and the modes that all three set.
 constexpr char kAllModules[] = "ALL_MODULE";
 constexpr char kNoModule[] = "NONE_MODULE";
@@ -49,6 +54,9 @@ void releaseRules(AndroidLogFormat_t* format);
  * found there wherever it stands.
  */
 bool addListedRule(AndroidLogFormat_t* format, const char* item);
+
+/** The word of the format that holds when nothing else is said. */
+constexpr char kDefaultLineFormat[] = "brief";
 
 /** The line format whose word `text` begins with; FORMAT_OFF when there is none. */
 AndroidLogPrintFormat lineFormat(const char* text);

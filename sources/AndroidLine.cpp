@@ -1,9 +1,7 @@
-#include "service/Diagnostics.h"
-#include "service/Handles.h"
-#include "service/LogService.h"
-#include "sources/AndroidFormat.h"
-#include "sources/AndroidReader.h"
-#include "storage/StorageFormat.h"
+#include "sources/AndroidLine.h"
+
+#include "base/Diagnostics.h"
+#include "base/Handles.h"
 
 #include <cerrno>
 #include <cstring>
@@ -51,12 +49,16 @@ ssize_t writeOnce(int fd, const char* bytes, size_t length) {
  * made about such a report: each would be the cause of the next.
  */
 bool isOwnReport(const AndroidLogEntry& entry) {
-    return entry.pid == getpid() && std::strcmp(entry.tag, "LogService") == 0;
+    return entry.pid == getpid() && std::strcmp(entry.tag, kDiagnosticsTag) == 0;
 }
 
 } // namespace
 
-void LogService::processBuffer(log_device_t* dev, logger_entry* entry) {
+void endProcess(int status) {
+    _exit(status);
+}
+
+void AndroidLine::process(const log_device_t* device, logger_entry* entry) {
     // The library takes any byte for a priority; one that is none cannot be judged.
     auto priority = static_cast<unsigned char>(*reinterpret_cast<const char*>(entry + 1));
     if (entry->length == 0 || priority > ANDROID_LOG_SILENT)
@@ -64,55 +66,42 @@ void LogService::processBuffer(log_device_t* dev, logger_entry* entry) {
     AndroidLogEntry parsed{};
     {
         CancelGuard guard; // the library may report what it finds
-        if (android_log_processLogBuffer(asLibraryEntry(entry, dev->label), &parsed) < 0)
+        if (android_log_processLogBuffer(asLibraryEntry(entry, device->label), &parsed) < 0)
             return;
     }
-    if (androidLogShouldPrintLine(mLogFormat, parsed.tag, parsed.priority) == 0)
+    if (parsed.priority < mFilter.priorityFor(mFilterState.mLogFormat, parsed.tag))
         return;
-    bool formatted = false;
     // A line that was not stored is reported there and is no reason to end.
-    (void)routeLine(mLogFormat, mALogOutFd, &parsed, &formatted);
-    if (!formatted) {
+    if (!route(mFilterState.mLogFormat, mState.mALogOutFd, parsed).formatted) {
         logError("output error");
         endProcess(kExitOutputError);
     }
 }
 
-int LogService::androidLogPrintLogLine(AndroidLogFormat_t* format, int fd, const AndroidLogEntry_t* entry) {
-    bool formatted = false;
-    return routeLine(format, fd, entry, &formatted);
+int AndroidLine::print(AndroidLogFormat_t* format, int fd, const AndroidLogEntry& entry) {
+    return route(format, fd, entry).result;
 }
 
-/** androidLogPrintLogLine that tells a line that could not be formatted from one that was refused. */
-int LogService::routeLine(AndroidLogFormat_t* format, int fd, const AndroidLogEntry_t* entry,
-                          bool* formatted) {
+/** Formats the entry and passes the line on. */
+AndroidLine::LineResult AndroidLine::route(AndroidLogFormat_t* format, int fd, const AndroidLogEntry& entry) {
     char usual[kLineSize];
     size_t length = 0;
-    char* line = formatLine(format, usual, entry, &length);
-    *formatted = line != nullptr;
+    char* line = mFilter.formatLine(format, usual, sizeof usual, entry, &length);
     if (line == nullptr)
-        return -1;
+        return {false, -1};
     Text longer(line != usual ? line : nullptr); // also released when the thread is cancelled below
     int result = 0;
-    if (mALogToUart) {
-        result = writeToConsole(fd, line, length, *entry);
+    if (mState.mALogToUart) {
+        result = showLine(fd, line, length, entry);
         if (result != static_cast<int>(length))
-            return result;
+            return {true, result};
     }
-    return mALogToFile ? storeAndroidLine(line, length, *entry, result) : result;
-}
-
-/** The line that the library makes of the entry, in `usual` or in memory of its own; null without memory. */
-char* LogService::formatLine(AndroidLogFormat_t* format, char* usual, const AndroidLogEntry_t* entry,
-                             size_t* length) {
-    CancelGuard guard;
-    std::lock_guard<std::mutex> lock(mFilterLock);
-    return android_log_formatLogLine(format, usual, kLineSize, entry, length);
+    return {true, mState.mALogToFile ? storeLine(line, length, entry, result) : result};
 }
 
 /** Writes the line to the console: its length, 0 for a failure, or the bytes of a short write; both reported.
  */
-int LogService::writeToConsole(int fd, const char* line, size_t length, const AndroidLogEntry& entry) {
+int AndroidLine::showLine(int fd, const char* line, size_t length, const AndroidLogEntry& entry) {
     ssize_t written = writeOnce(fd, line, length);
     if (written == static_cast<ssize_t>(length))
         return static_cast<int>(length);
@@ -126,48 +115,20 @@ int LogService::writeToConsole(int fd, const char* line, size_t length, const An
     return static_cast<int>(written);
 }
 
-/** Puts the line into the ring buffer when its priority is stored; `result` is what came of it before. */
-int LogService::storeAndroidLine(const char* line, size_t length, const AndroidLogEntry& entry, int result) {
-    if (!mFlushThreadRunning) {
+/** Puts the line into the sink when its priority is stored; `result` is what came of it before. */
+int AndroidLine::storeLine(const char* line, size_t length, const AndroidLogEntry& entry, int result) {
+    if (!mSink.inService()) {
         if (!isOwnReport(entry))
             logDebug("write log buf skip, LOGBUF thread not start\n");
         return 0;
     }
-    if (entry.priority < mALogFileMinPri)
+    if (entry.priority < mState.mALogFileMinPri)
         return result;
-    result = logBufWrite(line, static_cast<uint32_t>(length));
-    if (result != static_cast<int>(length) && !isOwnReport(entry))
+    if (mSink.put(line, static_cast<uint32_t>(length)))
+        return static_cast<int>(length);
+    if (!isOwnReport(entry))
         logError("write log buf error\n");
-    return result;
-}
-
-int LogService::clearAndroidLog() {
-    Path path;
-    formatPath(path.text, "%s/dev/log_main", mSystemRoot);
-    FileDescriptor device = platform::openLogger(path.text, platform::LoggerAccess::Write);
-    if (!device.valid()) {
-        char text[128];
-        logError("Unable to open log device '%s': %s\n", "log_main", strerror_r(errno, text, sizeof text));
-        return -1;
-    }
-    if (clearLog(device.get()) < 0) {
-        logError("ioctl clearLog");
-        logErrno();
-        return -1;
-    }
-    return 0;
-}
-
-int LogService::clearLog(int fd) {
-    return platform::controlLogger(fd, platform::kRequestFlush);
-}
-
-int LogService::getLogSize(int fd) {
-    return platform::controlLogger(fd, platform::kRequestSize);
-}
-
-int LogService::getLogReadableSize(int fd) {
-    return platform::controlLogger(fd, platform::kRequestReadable);
+    return -1;
 }
 
 } // namespace vnlog

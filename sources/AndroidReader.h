@@ -1,42 +1,49 @@
 #pragma once
 
-#include "platform/logger/LoggerDevice.h"
-
-#include <cstdint>
+#include "platform/sysroot/SystemRoot.h"
+#include "sources/AndroidLine.h"
+#include "sources/AndroidState.h"
+#include "sources/LogDevice.h"
 
 namespace vnlog {
 
-/** One entry as the logger driver returns it; the payload follows. */
-using logger_entry = platform::LoggerHeader;
+class Merge;
 
-/** Bytes requested by every read: the largest entry. */
-constexpr uint32_t kEntrySize = platform::kMaxLoggerEntry;
+/**
+ * Reads the logger devices, merges their entries and hands each on to become a line. One thread at a time;
+ * clear may be called on any.
+ */
+class AndroidReader {
+  public:
+    /** All must outlive the reader. */
+    AndroidReader(AndroidState& state, const platform::SystemRoot& systemRoot, AndroidLine& line)
+        : mState(state), mSystemRoot(systemRoot), mLine(line) {}
 
-/** Size of the header that the log library's parser wants in front of the payload. */
-constexpr uint32_t kLibraryHeaderSize = 28;
-
-/** One queued entry. */
-struct log_entry_node_t {
-    /**
-     * Room in front of the entry: the library's header is longer than the driver's and ends where that one
-     * ends, so that the payload stays where it was read to.
+    /** The thread's work: ends with the flag mLogcatThreadRunning, by cancellation, or on an error, reported.
      */
-    alignas(4) char headroom[kLibraryHeaderSize - sizeof(logger_entry)];
-    /** The entry as read, with a zero byte behind its payload. */
-    char buffer[kEntrySize + 1];
-    log_entry_node_t* next = nullptr; ///< the next later one of the same device
+    void run();
+    /** Makes standard output the console. */
+    void setupOutput();
+    /** Reads, merges and outputs entries until the thread is to end. */
+    void readLines(log_device_t* list);
+    /** Outputs and drops the first entry of the device. */
+    void printFirst(log_device_t* device);
+    /** Drops it. */
+    void skipFirst(log_device_t* device);
+    /** Announces the device on the console before its first entry, when there is more than one. */
+    void announce(log_device_t* device);
+    /** Empties the main device. False, reported, for a failure. */
+    [[nodiscard]] bool clear();
 
-    logger_entry* entry() { return reinterpret_cast<logger_entry*>(buffer); }
-};
+  private:
+    log_device_t* makeDeviceList();
+    bool openDevices(log_device_t* list);
+    bool readPass(log_device_t* list, Merge& merge, bool asleep, bool* quiet);
+    void printReady(Merge& merge, bool everything);
 
-/** One logger device of the reader's list. */
-struct log_device_t {
-    char* path; ///< without the system root; owned
-    int32_t fd = -1;
-    bool printed = false; ///< the first entry has been handed to output
-    char label; ///< 'm' or 's'
-    log_entry_node_t* queue = nullptr; ///< oldest entry first; owned
-    log_device_t* next = nullptr;
+    AndroidState& mState;
+    const platform::SystemRoot& mSystemRoot;
+    AndroidLine& mLine;
 };
 
 /**
@@ -44,14 +51,5 @@ struct log_device_t {
  * when it is cancelled or ends early.
  */
 void logcat_cleanup(log_device_t* list);
-
-constexpr int kExitReadError = 1;
-constexpr int kExitOutputError = -1;
-
-/**
- * Ends the host process: what the driver or the console does can no longer be made sense of. Without running
- * the process's exit handlers, beneath which its other threads would go on.
- */
-[[noreturn]] void endProcess(int status);
 
 } // namespace vnlog

@@ -1,25 +1,18 @@
-#include "service/Diagnostics.h"
-#include "service/LogService.h"
-#include "storage/ProcessorTime.h"
-#include "storage/StorageFormat.h"
+#include "storage/Retention.h"
 
-#include <unistd.h>
+#include "base/Diagnostics.h"
+#include "base/Files.h"
+#include "base/ProcessorTime.h"
+#include "storage/Layout.h"
+
+#include <sys/types.h>
 
 namespace vnlog {
 
-/** Results and message numbers that tell the failures in an older archived run from those in the newest. */
-struct LogService::LastFolderPlace {
-    int missing;
-    const char* missingReport;
-    int fileRemoval;
-    int fileRemovalNumber;
-    int folderRemoval;
-    int folderRemovalNumber;
-    int notEmpty;
-    int notEmptyNumber;
-};
-
 namespace {
+
+/** Deletions after which a bound that still does not hold counts as a failure. */
+constexpr int kDeletionPasses = 10;
 
 void reportRemoval(int number, const char* path) {
     logError("[%d] %s deletion failed.\n", number, path);
@@ -27,119 +20,184 @@ void reportRemoval(int number, const char* path) {
 
 } // namespace
 
-int LogService::deleteLogSection() {
-    static constexpr LastFolderPlace kOlder = {-1,  "[%s] The file does not exist.\n", -2, 2762, -3, 2777, -4,
-                                               2784};
-    static constexpr LastFolderPlace kNewest = {
-        -5, "[%s] log file does not exist!\n", -6, 2806, -7, 2821, -8, 2827};
+/** Results and message numbers that tell the failures in an older archived run from those in the newest. */
+struct Retention::RunReports {
+    DeleteStatus missing;
+    const char* missingReport;
+    DeleteStatus sectionStays;
+    int sectionNumber;
+    DeleteStatus runStays;
+    int runNumber;
+    DeleteStatus hadMore;
+    int hadMoreNumber;
+};
+
+bool Retention::withinBound(uint32_t more) const {
+    return mState.mTotalLogSize + more <= static_cast<uint32_t>(mState.mMaxLogSize) << 20;
+}
+
+DeleteStatus Retention::deleteOldest() {
     ProcessorTime time;
     uint32_t deleted = 0;
-    while (deleted < mLogDeleteSize) {
-        int result;
-        bool lastGone = false;
-        if (mTailFolderNum < mHeadFolderNum) {
-            result = deleteFromLast(kOlder, &deleted);
-        } else if (mTailFolderNum > mHeadFolderNum) {
-            logError("the oldest folder %u is newer than the newest %u\n", mTailFolderNum, mHeadFolderNum);
-            return -13; // so that the caller rebuilds the numbers
-        } else if (access(lastFolder(mLastDirPrefix, mTailFolderNum).text, F_OK) == 0) {
-            result = deleteFromLast(kNewest, &deleted);
-        } else {
-            result = deleteFromCurrent(&deleted, &lastGone);
-        }
-        if (result != 0)
+    bool lastGone = false;
+    while (deleted < mState.mLogDeleteSize) {
+        DeleteStatus result = deleteStep(&deleted, &lastGone);
+        if (result != DeleteStatus::Done)
             return result;
         if (lastGone)
             break;
-        if (logStorageDataSave() != 0) {
+        if (!mNumbers.save()) {
             logError("[%s] storage data failed to save !\n", "deleteLogSection");
-            return -12;
+            return DeleteStatus::NotSaved;
         }
         logDebug("Delete [%zu] logs,At least delete[%zu] ,totalLogSize[%zu] ,CurrentTotalSize[%zu]\n",
-                 static_cast<size_t>(deleted), static_cast<size_t>(mLogDeleteSize),
-                 static_cast<size_t>(mTotalLogSize), static_cast<size_t>(mCurrentTotalSize));
+                 static_cast<size_t>(deleted), static_cast<size_t>(mState.mLogDeleteSize),
+                 static_cast<size_t>(mState.mTotalLogSize), static_cast<size_t>(mState.mCurrentTotalSize));
     }
     logDebug(" deleteLogSection startup time is %f ms\n", time.milliseconds());
-    return 0;
+    return DeleteStatus::Done;
+}
+
+/** Deletes the oldest section, wherever that is; `lastGone` tells that no finished one is left. */
+DeleteStatus Retention::deleteStep(uint32_t* deleted, bool* lastGone) {
+    static constexpr RunReports kOlder = {
+        DeleteStatus::OlderSectionMissing, "[%s] The file does not exist.\n",
+        DeleteStatus::OlderSectionStays,   2762,
+        DeleteStatus::OlderRunStays,       2777,
+        DeleteStatus::OlderRunHadMore,     2784};
+    static constexpr RunReports kNewest = {
+        DeleteStatus::NewestSectionMissing, "[%s] log file does not exist!\n",
+        DeleteStatus::NewestSectionStays,   2806,
+        DeleteStatus::NewestRunStays,       2821,
+        DeleteStatus::NewestRunHadMore,     2827};
+    if (mState.mTailFolderNum < mState.mHeadFolderNum)
+        return deleteFromRun(kOlder, deleted);
+    if (mState.mTailFolderNum > mState.mHeadFolderNum) {
+        logError("the oldest folder %u is newer than the newest %u\n", mState.mTailFolderNum,
+                 mState.mHeadFolderNum);
+        return DeleteStatus::TailPastHead;
+    }
+    if (pathExists(runFolder(mState.mLastDirPrefix, mState.mTailFolderNum).text))
+        return deleteFromRun(kNewest, deleted);
+    return deleteFromCurrent(deleted, lastGone);
 }
 
 /** Deletes the oldest section of the oldest archived run, and the run's folder when that was its last. */
-int LogService::deleteFromLast(const LastFolderPlace& place, uint32_t* deleted) {
-    Path section = lastArchive(mLastDirPrefix, mTailFolderNum, mOldestFileNum);
-    if (access(section.text, F_OK) != 0) {
-        logError(place.missingReport, section.text);
-        return place.missing;
+DeleteStatus Retention::deleteFromRun(const RunReports& reports, uint32_t* deleted) {
+    Path run = runFolder(mState.mLastDirPrefix, mState.mTailFolderNum);
+    Path section = sectionArchive(run.text, mState.mOldestFileNum);
+    if (!pathExists(section.text)) {
+        logError(reports.missingReport, section.text);
+        return reports.missing;
     }
-    uint32_t size = getFileSize(section.text);
-    if (shellexecute("rm -f %s", section.text) != 0) {
-        reportRemoval(place.fileRemovalNumber, section.text);
-        return place.fileRemoval;
+    uint32_t size = fileSize(section.text);
+    if (!mFiles.removeFile(section.text)) {
+        reportRemoval(reports.sectionNumber, section.text);
+        return reports.sectionStays;
     }
-    mTotalLogSize -= size;
+    mState.mTotalLogSize -= size;
 
-    uint32_t oldest = mOldestFileNum + 1;
-    if (access(lastArchive(mLastDirPrefix, mTailFolderNum, oldest).text, F_OK) != 0) {
-        int result = removeEmptiedRun(place);
-        if (result != 0)
+    uint32_t oldest = mState.mOldestFileNum + 1;
+    if (!pathExists(sectionArchive(run.text, oldest).text)) {
+        DeleteStatus result = removeEmptiedRun(reports);
+        if (result != DeleteStatus::Done)
             return result;
         oldest = 1;
     }
     *deleted += size;
-    mOldestFileNum = oldest;
-    return 0;
+    mState.mOldestFileNum = oldest;
+    return DeleteStatus::Done;
 }
 
 /** Removes the folder of the oldest archived run after its last numbered section. */
-int LogService::removeEmptiedRun(const LastFolderPlace& place) {
-    Path folder = lastFolder(mLastDirPrefix, mTailFolderNum);
-    bool strays = checkDirEmpty(folder.text) == 0;
-    if (strays)
-        logError("[%s] Not empty!\n", folder.text);
-    if (shellexecute("rm -rf %s", folder.text) != 0) {
-        reportRemoval(strays ? place.notEmptyNumber : place.folderRemovalNumber, folder.text);
-        return strays ? place.notEmpty : place.folderRemoval;
+DeleteStatus Retention::removeEmptiedRun(const RunReports& reports) {
+    Path run = runFolder(mState.mLastDirPrefix, mState.mTailFolderNum);
+    bool hadMore = folderState(run.text) == FolderState::NotEmpty;
+    if (hadMore)
+        logError("[%s] Not empty!\n", run.text);
+    if (!mFiles.removeTree(run.text)) {
+        reportRemoval(hadMore ? reports.hadMoreNumber : reports.runNumber, run.text);
+        return hadMore ? reports.hadMore : reports.runStays;
     }
-    if (strays)
-        return place.notEmpty; // what else lay there was counted, too: the caller counts anew
-    if (mTailFolderNum < mHeadFolderNum)
-        ++mTailFolderNum;
-    return 0;
+    if (hadMore)
+        return reports.hadMore; // what else lay there was counted, too: the caller counts anew
+    if (mState.mTailFolderNum < mState.mHeadFolderNum)
+        ++mState.mTailFolderNum;
+    return DeleteStatus::Done;
 }
 
 /** Deletes the oldest finished section of the running service; `lastGone` tells that it was the last one. */
-int LogService::deleteFromCurrent(uint32_t* deleted, bool* lastGone) {
-    if (mTotalLogSize != 0) {
+DeleteStatus Retention::deleteFromCurrent(uint32_t* deleted, bool* lastGone) {
+    if (mState.mTotalLogSize != 0) {
         logError("Fatal error statistics failed!\n");
-        return -9;
+        return DeleteStatus::TotalNotZero;
     }
-    Path section = sectionArchive(mCurrentDir, mOldestFileNum);
-    if (access(section.text, F_OK) != 0) {
+    Path section = sectionArchive(mState.mCurrentDir, mState.mOldestFileNum);
+    if (!pathExists(section.text)) {
         logError("[%s] log size less than 0!\n", section.text);
-        return -10;
+        return DeleteStatus::CurrentSectionMissing;
     }
-    uint32_t size = getFileSize(section.text);
+    uint32_t size = fileSize(section.text);
     *deleted += size;
-    if (shellexecute("rm -f %s", section.text) != 0) {
+    if (!mFiles.removeFile(section.text)) {
         reportRemoval(2849, section.text);
-        return -11;
+        return DeleteStatus::CurrentSectionStays;
     }
-    mCurrentTotalSize -= size;
-    *lastGone = mOldestFileNum == mSliceNum - 1;
+    mState.mCurrentTotalSize -= size;
+    *lastGone = mState.mOldestFileNum == mState.mSliceNum - 1;
     if (!*lastGone)
-        ++mOldestFileNum;
-    return 0;
+        ++mState.mOldestFileNum;
+    return DeleteStatus::Done;
 }
 
-int LogService::deleteAllLog() {
-    if (shellexecute("rm -rf %s_*", mLastDirPrefix) != 0)
+bool Retention::deleteAll() {
+    if (!mFiles.removeEntries(mState.mLogServiceDir, kRunBeginning))
         logError("[deleteAllLog] failed to delete the last_folder log !\n");
-    if (shellexecute("rm -rf %s/*", mCurrentDir) != 0)
+    if (!mFiles.removeEntries(mState.mCurrentDir, ""))
         logError("[deleteAllLog] failed to delete the current_folder log !\n");
-    resetNumbers();
-    if (logStorageDataSave() == 0)
-        return 0;
+    mNumbers.reset();
+    if (mNumbers.save())
+        return true;
     logError("[deleteAllLog] storage data failed to save !\n");
-    return -1;
+    return false;
+}
+
+BoundStatus Retention::makeRoomForSection() {
+    for (int pass = 0; !withinBound(mState.mCurrentTotalSize + mState.mLogSectionSize); ++pass) {
+        if (pass == kDeletionPasses) {
+            logError("[saveLogSection] Fatal error attempt to fix the failure\n");
+            return BoundStatus::PassesSpent;
+        }
+        if (deleteOldest() == DeleteStatus::Done)
+            continue;
+        logError("fail to delete log section !\n");
+        if (mNumbers.rebuild() != RebuildStatus::Done) {
+            logError("[saveLogSection] Fatal error log storage file information is completely damaged\n");
+            return BoundStatus::NumbersLost;
+        }
+    }
+    return BoundStatus::Held;
+}
+
+BoundStatus Retention::makeRoomAtStart(uint32_t uncounted) {
+    for (int pass = 0; !withinBound(mState.mLogSectionSize + uncounted); ++pass) {
+        if (pass == kDeletionPasses) {
+            logError("Fatal error attempt to fix the failure\n");
+            return BoundStatus::PassesSpent;
+        }
+        DeleteStatus result = deleteOldest();
+        if (result == DeleteStatus::Done)
+            continue;
+        logError("fail to delete log section ret=[%d] !\n", static_cast<int>(result));
+        if (mNumbers.rebuild() != RebuildStatus::Done) {
+            logError("Fatal error log storage file information is completely damaged\n");
+            return BoundStatus::NumbersLost;
+        }
+        uncounted = 0; // the rebuilt total has them already
+    }
+    mState.mTotalLogSize += uncounted;
+    logDebug("total size is [%zd] \n", static_cast<ssize_t>(mState.mTotalLogSize));
+    return BoundStatus::Held;
 }
 
 } // namespace vnlog

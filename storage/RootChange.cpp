@@ -1,97 +1,121 @@
-#include "service/Diagnostics.h"
-#include "service/LogService.h"
-#include "storage/StorageFormat.h"
+#include "storage/RootChange.h"
 
-#include <cstdint>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "base/Diagnostics.h"
+#include "base/Files.h"
+#include "base/Handles.h"
+#include "storage/Layout.h"
+
+#include <cstdlib>
+#include <cstring>
 
 namespace vnlog {
 
 namespace {
 
-constexpr uint32_t kFolderNumbersTried = 10000;
+constexpr uint32_t kRunNumbersTried = 10000;
 
 } // namespace
 
-int LogService::initLogStorage() {
-    if (access(mLogServiceDir, F_OK) != 0 && mkdir(mLogServiceDir, kFolderMode) != 0) {
-        logError("fail to create log_service storage! \n");
-        logErrno();
-        return -1;
-    }
-    if (access(mCurrentDir, F_OK) != 0) {
-        if (!createCurrentFolder())
-            return -4;
-    } else if (checkDirEmpty(mCurrentDir) == 0) {
-        int result = archiveEarlierUse();
-        if (result != 0)
-            return result;
-    }
-    return trimArchivedRuns();
-}
+RootChange::RootChange(StorageState& state, const platform::SystemRoot& systemRoot, Bookkeeping& numbers,
+                       const Retention& retention, FileWork& files)
+    : mState(state), mSystemRoot(systemRoot), mNumbers(numbers), mRetention(retention), mFiles(files),
+      mFolders(state, files) {}
 
-/** Creates the folder of the running service; a failure is reported. */
-bool LogService::createCurrentFolder() {
-    if (mkdir(mCurrentDir, kFolderMode) == 0)
-        return true;
-    logError("fail to create current log storage !\n");
-    logErrno();
-    return false;
-}
-
-/** Keeps the files of an earlier use of this root as an archived run. 0, or the result of initLogStorage. */
-int LogService::archiveEarlierUse() {
-    if (shellexecute("gzip %s", mCurrentLogFile) != 0)
-        logError("fail to gzip last log.txt !\n");
-    mTotalLogSize += static_cast<uint32_t>(getFolderSize(mCurrentDir));
-    uint32_t number = freeFolderNumber();
-    if (!moveCurrentAside(lastFolder(mLastDirPrefix, number).text, number))
-        return -2;
-    return createCurrentFolder() ? 0 : -3;
-}
-
-/** The next number without a folder; when all are taken, the last one tried. */
-uint32_t LogService::freeFolderNumber() {
-    uint32_t number = mHeadFolderNum;
-    for (uint32_t tried = 0; tried < kFolderNumbersTried; ++tried) {
-        Path folder = lastFolder(mLastDirPrefix, ++number);
-        if (access(folder.text, F_OK) != 0) {
-            logDebug("backup dest folder(%s) not exists, backup here\n", folder.text);
-            break;
+bool RootChange::resolve() {
+    if (mState.mSavePath == nullptr) {
+        logError("mSavePath(null) is NULL\n");
+        takeDefault();
+    } else {
+        Folder folder(usableRoot(mState.mSavePath) ? mState.mSavePath : "");
+        if (!folder.valid()) {
+            logError("STORAGE_PATH(%s) can not open\n", mState.mSavePath);
+            takeDefault();
+        } else if (folder.close() != 0) {
+            logError("Failed to close the directory [%s]", mState.mSavePath);
+            logErrno();
+            return false;
         }
-        logError("backup dest folder(%s) exists, try a new folder !\n", folder.text);
     }
-    return number;
-}
-
-/** Makes the current folder the archived run `number`, the newest one. */
-bool LogService::moveCurrentAside(const char* target, uint32_t number) {
-    if (shellexecute("mv -f %s/ %s/", mCurrentDir, target) != 0) {
-        logError("fail to back up last log !\n");
-        return false;
-    }
-    mHeadFolderNum = number;
-    if (access(lastFolder(mLastDirPrefix, mTailFolderNum).text, F_OK) != 0)
-        mTailFolderNum = mHeadFolderNum;
+    if (mState.mSavePath == nullptr || !usableRoot(mState.mSavePath))
+        return false; // only a system root can make the default unusable
+    formatPath(mState.mLogServiceDir, "%s%s", mState.mSavePath, kLogFolderSuffix);
+    formatPath(mState.mLastDirPrefix, "%s%s", mState.mSavePath, kRunPrefixSuffix);
+    formatPath(mState.mCurrentDir, "%s%s", mState.mSavePath, kCurrentSuffix);
+    formatPath(mState.mCurrentLogFile, "%s%s", mState.mSavePath, kOlderTextSuffix);
+    formatPath(mState.mStorageDataFile, "%s%s", mState.mSavePath, kBookkeepingSuffix);
     return true;
 }
 
-/** Removes whole archived runs, oldest first, until the bound holds or none is left. 0 or -5. */
-int LogService::trimArchivedRuns() {
-    for (uint32_t folder = mTailFolderNum; !withinBound(0);) {
-        Path path = lastFolder(mLastDirPrefix, folder);
-        uint32_t size = static_cast<uint32_t>(getFolderSize(path.text));
-        if (shellexecute("rm -rf %s", path.text) != 0) {
-            logError("fail to rm last log !\n");
-            return -5;
-        }
-        mTotalLogSize -= size;
-        if (++folder > mHeadFolderNum)
-            return 0;
-        mTailFolderNum = folder;
+/** Takes the default root untested: with it the service at least says where it failed. */
+void RootChange::takeDefault() {
+    Path root;
+    formatPath(root.text, "%s%s", mSystemRoot.path, kDefaultRoot);
+    logDebug("Use default STORAGE_PATH: %s\n", root.text);
+    std::free(mState.mSavePath);
+    mState.mSavePath = strdup(root.text);
+}
+
+void RootChange::take(const char* root) {
+    logDebug("STORAGE_PATH changed (%s ==> %s)\n", mState.mSavePath, root);
+    std::free(mState.mSavePath);
+    mState.mSavePath = strdup(root);
+    if (!resolve())
+        logError("failed to obtain the save path !\n");
+    mNumbers.reset();
+    mState.mCurrentTotalSize = 0; // the finished sections of this run stay under the old root
+    RootStatus result = prepare();
+    if (result != RootStatus::Ready)
+        logError("error: failed to init log storage, ret=%d\n", static_cast<int>(result));
+    // Without the numbers, the next start would take a root that holds but one section for a damaged one.
+    if (!mNumbers.save())
+        logError("the storage data of [%s] failed to save !\n", root);
+}
+
+RootStatus RootChange::prepare() {
+    if (!mFolders.makeLogFolder())
+        return RootStatus::NoLogFolder;
+    if (!pathExists(mState.mCurrentDir)) {
+        if (!mFolders.makeCurrent())
+            return RootStatus::NoCurrent;
+    } else if (folderState(mState.mCurrentDir) == FolderState::NotEmpty) {
+        RootStatus result = archiveEarlierUse();
+        if (result != RootStatus::Ready)
+            return result;
     }
-    return 0;
+    return removeRunsAboveBound();
+}
+
+/** Keeps the files of an earlier use of this root as an archived run. */
+RootStatus RootChange::archiveEarlierUse() {
+    if (!mFiles.compress(mState.mCurrentLogFile))
+        logError("fail to gzip last log.txt !\n");
+    uint32_t size = 0;
+    (void)folderSize(mState.mCurrentDir, &size); // reported there; what cannot be counted adds nothing
+    mState.mTotalLogSize += size;
+    uint32_t number = mState.mHeadFolderNum + 1;
+    for (uint32_t tried = 1; !mFolders.numberFree(number) && tried < kRunNumbersTried; ++tried)
+        ++number;
+    if (!mFolders.archiveCurrent(number))
+        return RootStatus::NotArchived;
+    return mFolders.makeCurrent() ? RootStatus::Ready : RootStatus::NoNewCurrent;
+}
+
+/** Removes whole archived runs, oldest first, until the bound holds or none is left. */
+RootStatus RootChange::removeRunsAboveBound() {
+    for (uint32_t run = mState.mTailFolderNum; !mRetention.withinBound(0);) {
+        Path path = runFolder(mState.mLastDirPrefix, run);
+        uint32_t size = 0;
+        (void)folderSize(path.text, &size); // as above
+        if (!mFiles.removeTree(path.text)) {
+            logError("fail to rm last log !\n");
+            return RootStatus::RunStays;
+        }
+        mState.mTotalLogSize -= size;
+        if (++run > mState.mHeadFolderNum)
+            return RootStatus::Ready;
+        mState.mTailFolderNum = run;
+    }
+    return RootStatus::Ready;
 }
 
 } // namespace vnlog

@@ -257,7 +257,7 @@ TEST_F(AndroidReaderTest, CancellationLeavesNothingBehindAtAnyWait) {
         }
         EXPECT_EQ(service().serviceStop(all), 0);
         faults.writeDelayUs = 0;
-        EXPECT_EQ(service().mBufUse, 0u);
+        EXPECT_EQ(service().mParts->ring.inside(), 0u);
         stop();
         dup2(console, 1);
         close(console);

@@ -147,7 +147,7 @@ TEST_F(BufferTest, FailingMediumIsTriedAgainAndNothingBufferedIsLost) {
     std::string first = noise(40000, 1), second = noise(91072, 2);
     faults.writeError = EIO;
     ASSERT_TRUE(put(first));
-    ASSERT_TRUE(eventually([&] { return service().mDrainFailing.load(); }));
+    ASSERT_TRUE(eventually([&] { return service().mParts->ring.drainFailing(); }));
     EXPECT_TRUE(logged("error: failed to save log,please check it\n"));
     ASSERT_TRUE(put(second)) << "what space there is can be used";
     EXPECT_FALSE(put("x")) << "then records are refused at once";
@@ -168,7 +168,7 @@ TEST_F(BufferTest, PartOfAWriteIsNotStoredTwice) {
     faults.shortWrite = 15000; // then the medium is full
     faults.writeError = ENOSPC;
     ASSERT_TRUE(put(text));
-    ASSERT_TRUE(eventually([&] { return service().mDrainFailing.load(); }));
+    ASSERT_TRUE(eventually([&] { return service().mParts->ring.drainFailing(); }));
     EXPECT_EQ(stored(), "");
     faults.writeError = 0;
     ASSERT_TRUE(flush());
@@ -180,13 +180,13 @@ TEST_F(BufferTest, PauseEndsByItselfAndAtAStop) {
     start(true, false);
     faults.writeError = EIO;
     ASSERT_TRUE(put(noise(40000, 1)));
-    ASSERT_TRUE(eventually([&] { return service().mDrainFailing.load(); }));
+    ASSERT_TRUE(eventually([&] { return service().mParts->ring.drainFailing(); }));
     faults.writeError = 0;
     EXPECT_TRUE(eventually([&] { return used() == 0; })) << "without another post";
-    EXPECT_TRUE(eventually([&] { return !service().mDrainFailing; }));
+    EXPECT_TRUE(eventually([&] { return !service().mParts->ring.drainFailing(); }));
     faults.writeError = EIO;
     ASSERT_TRUE(put(noise(40000, 2)));
-    ASSERT_TRUE(eventually([&] { return service().mDrainFailing.load(); }));
+    ASSERT_TRUE(eventually([&] { return service().mParts->ring.drainFailing(); }));
     stop();
     EXPECT_TRUE(logged("40000 buffered byte are dropped by the stop"));
 }
@@ -213,7 +213,7 @@ TEST_F(BufferTest, FullStorageSwitchesFileOutputOffAndReleasesEveryWriter) {
     faults.writeError = ENOSPC;
     faults.freeBytes = 1000;
     ASSERT_TRUE(put(noise(131072, 1)));
-    ASSERT_TRUE(eventually([&] { return service().mDrainFailing.load(); }));
+    ASSERT_TRUE(eventually([&] { return service().mParts->ring.drainFailing(); }));
     faults.writeError = 0; // the configuration itself still fits
     std::thread other([&] { EXPECT_FALSE(put(noise(1000, 2))); });
     EXPECT_FALSE(put(noise(1000, 3)));
@@ -236,7 +236,7 @@ TEST_F(BufferTest, StopOfTheHostAndOfReadersWithFullStorageMeet) {
         faults.freeBytes = 0;
         faults.writeError = ENOSPC;
         ASSERT_TRUE(put(noise(131000, 1)));
-        ASSERT_TRUE(eventually([&] { return service().mDrainFailing.load(); }));
+        ASSERT_TRUE(eventually([&] { return service().mParts->ring.drainFailing(); }));
         faults.writeError = 0;
         feed("<3>" + std::string(100, 'k') + "\n"); // the kernel reader runs into it, too
         std::thread writer([&] { EXPECT_FALSE(put(std::string(100, 'w'))); });
@@ -254,7 +254,7 @@ TEST_F(BufferTest, StopWakesAWriterThatWaitsForSpace) {
     startByHand(); // nobody drains
     ASSERT_TRUE(put(noise(131072, 1)));
     std::thread writer([&] { EXPECT_FALSE(put("x")); });
-    ASSERT_TRUE(eventually([&] { return service().mSpaceWaiters == 1; }));
+    ASSERT_TRUE(eventually([&] { return service().mParts->ring.waiting() == 1; }));
     service().mFlushThreadRunning = false;
     const bool none[] = {false, false, false};
     EXPECT_EQ(service().serviceStop(none), 0);

@@ -1,6 +1,6 @@
 #include "Fixture.h"
 
-#include "binder/CommandRules.h"
+#include "binder/Command.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -156,7 +156,7 @@ TEST_F(CommandTest, RootChangeLosesNothingThatWasBuffered) {
     ASSERT_TRUE(put(second));
     EXPECT_TRUE(eventually([&] { return logged("fail to Compress log files 1 log!\n"); }))
         << "the next cut fails";
-    EXPECT_FALSE(service().mDrainFailing) << "no writer is turned away for it";
+    EXPECT_FALSE(service().mParts->ring.drainFailing()) << "no writer is turned away for it";
     EXPECT_TRUE(flush()) << "then the next section opens under the new root";
     ASSERT_TRUE(put(third) && flush());
     ASSERT_TRUE(put(noise(40000, 4)) && flush());

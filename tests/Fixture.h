@@ -3,7 +3,7 @@
 #include "Faults.h"
 #include "platform/logger/LoggerDevice.h"
 #include "platform/logger/LoggerDriver.h"
-#include "service/LogService.h"
+#include "service/Parts.h"
 #include "sources/AndroidFormat.h"
 
 #include <functional>

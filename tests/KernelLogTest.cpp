@@ -147,12 +147,12 @@ TEST_F(KernelLogTest, CancellationLeavesNothingBehindAtAnyWait) {
             ASSERT_TRUE(put(noise(131072, 1)));
             feed("<3>more\n");
             ASSERT_TRUE(eventually(
-                [&] { return service().mSpaceWaiters > 0 || service().bufferedBytes() < 131072; }));
+                [&] { return service().mParts->ring.waiting() > 0 || service().bufferedBytes() < 131072; }));
             break;
         }
         EXPECT_EQ(service().serviceStop(all), 0);
-        EXPECT_EQ(service().mBufUse, 0u);
-        EXPECT_EQ(service().mSpaceWaiters, 0u);
+        EXPECT_EQ(service().mParts->ring.inside(), 0u);
+        EXPECT_EQ(service().mParts->ring.waiting(), 0u);
         faults.writeDelayUs = 0;
         stop();
         EXPECT_EQ(openDescriptors(), before) << "round " << round;

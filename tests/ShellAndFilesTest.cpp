@@ -1,6 +1,6 @@
 #include "Fixture.h"
 
-#include "storage/StorageFormat.h"
+#include "storage/Layout.h"
 
 #include <csignal>
 #include <dirent.h>
@@ -81,22 +81,4 @@ TEST_F(ShellAndFilesTest, OnlyPlainPathsReachAShell) {
          {"",      "/a b", "/a\tb", "/a\nb", "/a;b",  "/$x",  "/`x`", "/a*",  "-rf", "~/a", "/a'b",
           "/a\"b", "/a|b", "/a&b",  "/(a)",  "/a\\b", "/a<b", "/[a]", "/{a}", "#a",  "/a?"})
         EXPECT_FALSE(vnlog::shellSafe(path)) << path;
-}
-
-TEST_F(ShellAndFilesTest, NamesAreParsedAsTheyAreBuilt) {
-    vnlog::NamePatterns patterns;
-    ASSERT_TRUE(patterns.valid());
-    uint32_t number = 0;
-    EXPECT_STREQ(vnlog::sectionText("/d", 7).text, "/d/log_7.txt");
-    EXPECT_STREQ(vnlog::lastArchive("/d/last", 3, 12).text, "/d/last_3/log_12.txt.gz");
-    EXPECT_TRUE(patterns.isSection("log_12.txt.gz", &number) && number == 12);
-    EXPECT_TRUE(patterns.isLastFolder("last_3", &number) && number == 3);
-    for (const char* name : {"last_", "last_4x", "xlast_4", "last_-1", "last_99999999999", "last_1\n"})
-        EXPECT_FALSE(patterns.isLastFolder(name, &number)) << name;
-    for (const char* name : {"log_1.txt", "log_.txt.gz", "log_1.txt.gz.gz", "log_1xtxt.gz", "log_1.txt.gz "})
-        EXPECT_FALSE(patterns.isSection(name, &number)) << name;
-    makeFolder(home + "/untyped");
-    EXPECT_EQ(vnlog::entryType(home.c_str(), "untyped", DT_UNKNOWN), vnlog::EntryType::Folder);
-    EXPECT_EQ(vnlog::entryType((home + "/proc/sys/kernel").c_str(), "printk", DT_UNKNOWN),
-              vnlog::EntryType::File);
 }

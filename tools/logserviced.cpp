@@ -90,6 +90,11 @@ void waitForEnd(vnlog::LogService& service, const sigset_t& signals) {
     } while (number == 0 || number == SIGUSR1);
 }
 
+/** Where the service stores. Not locked: called before any client can change it. */
+std::string storageRoot(const vnlog::LogService& service) VNLOG_UNCHECKED {
+    return service.mSavePath;
+}
+
 int serve(const std::string& root) {
     // Blocked before any thread exists, so that every thread leaves the signals to sigwait.
     sigset_t signals;
@@ -116,7 +121,7 @@ int serve(const std::string& root) {
     if (!service->mFlushThreadRunning)
         std::fprintf(stderr, "%s: the storage cannot be used, nothing is stored\n", kProgram);
     std::string place = vnlog::platform::servicePlace(name);
-    std::string store = service->mSavePath; // before a client can change it
+    std::string store = storageRoot(*service);
     android::status_t status = vnlog::platform::publishService(name, service);
     if (status != android::NO_ERROR) {
         errno = -status;
@@ -147,13 +152,13 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: unexpected argument '%s'\n", kProgram, argv[optind]);
         return hintAtHelp(kProgram);
     }
-    char root[vnlog::platform::kMaxSystemRoot + 1];
-    if (!vnlog::platform::readSystemRoot(root, sizeof root)) {
+    vnlog::platform::SystemRoot root;
+    if (!root.read()) {
         std::fprintf(stderr, "%s: the system root is longer than %zu characters\n", kProgram,
                      vnlog::platform::kMaxSystemRoot);
         return kFailure;
     }
-    if (root[0] != '\0' && prepareSystemRoot(root) != 0)
+    if (root.path[0] != '\0' && prepareSystemRoot(root.path) != 0)
         return kFailure;
-    return serve(root);
+    return serve(root.path);
 }

@@ -1,12 +1,11 @@
 /*
  * The command-line client: checks a command by the service's own rules, sends it and says what came of it.
  */
-#include "binder/CommandRules.h"
+#include "binder/Commands.h"
 #include "binder/ILogService.h"
 #include "platform/binder/Host.h"
 #include "platform/sysroot/SystemRoot.h"
-#include "sources/AndroidFormat.h"
-#include "storage/StorageFormat.h"
+#include "storage/Layout.h"
 #include "tools/Options.h"
 
 #include <binder/IServiceManager.h>
@@ -21,7 +20,6 @@ using vnlog::CommandInfo;
 namespace {
 
 constexpr char kProgram[] = "logset";
-constexpr size_t kMaxParameter = 16384; // fits a request in any case
 
 void printUsageLine(FILE* out, const CommandInfo& command) {
     std::fprintf(out, "  %-16s %s\n", command.name, command.usage);
@@ -31,8 +29,8 @@ int printHelp() {
     std::puts("Usage: logset [--sysroot DIR] <cmd_type> [<cmd_param>]\n"
               "Controls the running log service.\n\n"
               "  cmd_type         cmd_param");
-    for (const CommandInfo* command = vnlog::kCommands; command->name != nullptr; ++command)
-        printUsageLine(stdout, *command);
+    for (const CommandInfo& command : vnlog::CommandTable())
+        printUsageLine(stdout, command);
     std::puts("\nKLOG_... concerns the kernel's log, ALOG_... Android's.\n\n"
               "  --sysroot DIR    the system root that the service was started with (VNLOG_SYSROOT)\n"
               "  --help           show this text\n"
@@ -47,32 +45,14 @@ int wrongParameter(const CommandInfo& command, const std::string& what) {
     return kWrongUsage;
 }
 
-/** Whether the service takes every item of a module list as a rule. */
-bool moduleListAccepted(const char* list) {
-    AndroidLogFormat_t* scratch = android_log_format_new();
-    bool accepted = true;
-    std::string items = list;
-    for (size_t start = 0; accepted && start <= items.size();) {
-        size_t end = std::min(items.find('+', start), items.size());
-        std::string item = items.substr(start, end - start);
-        if (item.find(':') == std::string::npos)
-            item += ":v";
-        accepted = vnlog::addListedRule(scratch, item.c_str());
-        start = end + 1;
-    }
-    vnlog::releaseRules(scratch);
-    android_log_format_free(scratch);
-    return accepted;
-}
-
 /** The service's configuration file, read again for a while when it is just being written. */
 std::string readConfiguration() {
     constexpr int kTries = 50;
-    char root[vnlog::platform::kMaxSystemRoot + 1];
-    (void)vnlog::platform::readSystemRoot(root, sizeof root); // with a wrong root there is no such file
+    vnlog::platform::SystemRoot root;
+    (void)root.read(); // with a wrong root there is no such file
     std::string text;
     for (int left = kTries; left > 0; --left) {
-        std::ifstream file(std::string(root) + vnlog::kDefaultRoot + "/log.cfg");
+        std::ifstream file(std::string(root.path) + vnlog::kDefaultRoot + "/log.cfg");
         text.assign(std::istreambuf_iterator<char>(file), {});
         if (text.size() > 2 && text.compare(text.size() - 2, 2, "\n\n") == 0) // the last thing written
             break;
@@ -93,44 +73,8 @@ std::string configuredRoot() {
     return text.substr(start, text.find('\n', start) - start);
 }
 
-/** Whether COPY's command fits with this target and the present storage root. */
-bool copyTargetFits(const char* target) {
-    size_t folder = configuredRoot().size() + std::strlen(vnlog::kLogServiceSuffix);
-    return std::strlen(target) <= vnlog::longestCopyTarget(folder);
-}
-
-/** What is wrong with the parameter by the service's rules; empty when nothing is. */
-std::string objection(const CommandInfo& command, const char* param) {
-    if (command.usage[0] == '\0')
-        return param != nullptr ? "takes no parameter" : "";
-    if (param == nullptr)
-        return "needs a parameter";
-    std::string quoted = std::string("'") + param + "'";
-    if (std::strlen(param) > kMaxParameter)
-        return "the parameter is longer than " + std::to_string(kMaxParameter) + " characters";
-    if (!vnlog::parameterAccepted(command.code, param))
-        return quoted + " is not accepted";
-    switch (command.code) {
-    case vnlog::CMD_ALOG_ADD_MODULE:
-        return moduleListAccepted(param) ? "" : quoted + " is no list of modules";
-    case vnlog::CMD_ALOG_DEL_MODULE:
-        return param[0] != '\0' ? "" : "needs a module name";
-    case vnlog::CMD_STORAGE_PATH:
-        if (std::strlen(param) > vnlog::kMaxRootLength)
-            return quoted + " is longer than " + std::to_string(vnlog::kMaxRootLength) + " characters";
-        [[fallthrough]];
-    case vnlog::CMD_COPY:
-        if (!vnlog::shellSafe(param))
-            return quoted + " is empty or holds characters that a shell would interpret";
-        if (command.code == vnlog::CMD_STORAGE_PATH && !vnlog::usableRoot(param))
-            return quoted + " holds a '='";
-        if (command.code == vnlog::CMD_COPY && !copyTargetFits(param))
-            return quoted + " is too long";
-        // A relative path is the service's to find, from its own working directory.
-        return param[0] != '/' || access(param, F_OK) == 0 ? "" : quoted + ": " + std::strerror(errno);
-    default:
-        return "";
-    }
+size_t logFolderLength() {
+    return configuredRoot().size() + std::strlen(vnlog::kLogFolderSuffix);
 }
 
 int send(const CommandInfo& command, const char* param) {
@@ -185,6 +129,6 @@ int main(int argc, char** argv) {
     if (argc - optind > 2)
         return wrongParameter(*command, "too many parameters");
     const char* param = argc - optind == 2 ? argv[optind + 1] : nullptr;
-    std::string wrong = objection(*command, param);
+    std::string wrong = objectionTo(*command, param, {logFolderLength});
     return wrong.empty() ? send(*command, param) : wrongParameter(*command, wrong);
 }

@@ -234,9 +234,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: %s\n", kProgram, wrong);
         return hintAtHelp(kProgram);
     }
-    char root[vnlog::platform::kMaxSystemRoot + 1];
-    (void)vnlog::platform::readSystemRoot(root, sizeof root); // a root that is too long has no device
-    std::string path = std::string(root) + "/dev/log_" + arguments.device;
+    vnlog::platform::SystemRoot root;
+    (void)root.read(); // a root that is too long has no device
+    std::string path = std::string(root.path) + "/dev/log_" + arguments.device;
     FileDescriptor device = vnlog::platform::openLogger(
         path.c_str(), arguments.lossless ? LoggerAccess::WriteLossless : LoggerAccess::Write);
     if (!device.valid()) {

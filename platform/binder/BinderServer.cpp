@@ -36,10 +36,9 @@ bool sendReply(int fd, status_t status, const Parcel& reply) {
 } // namespace
 
 std::string transport::socketPath(const std::string& name) {
-    char root[vnlog::platform::kMaxSystemRoot + 1];
-    // Of a root that is too long there is no such socket.
-    (void)vnlog::platform::readSystemRoot(root, sizeof root);
-    return root + ("/dev/" + name);
+    vnlog::platform::SystemRoot root;
+    (void)root.read(); // of a root that is too long there is no such socket
+    return root.path + ("/dev/" + name);
 }
 
 BinderServer& BinderServer::instance() {

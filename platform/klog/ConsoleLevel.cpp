@@ -1,6 +1,6 @@
 #include "platform/klog/ConsoleLevel.h"
 
-#include "service/Handles.h"
+#include "base/Handles.h"
 
 #include <cstdio>
 #include <sys/klog.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "service/Handles.h"
+#include "base/Handles.h"
 
 #include <cstdint>
 

@@ -6,15 +6,15 @@
 
 namespace vnlog::platform {
 
-bool readSystemRoot(char* out, size_t size) {
+bool SystemRoot::read() {
     const char* value = std::getenv("VNLOG_SYSROOT");
     size_t length = value == nullptr ? 0 : std::strlen(value);
     while (length > 0 && value[length - 1] == '/')
         --length;
-    size_t copied = std::min(length, size - 1);
+    size_t copied = std::min(length, kMaxSystemRoot);
     if (copied > 0)
-        std::memcpy(out, value, copied);
-    out[copied] = '\0';
+        std::memcpy(path, value, copied);
+    path[copied] = '\0';
     return length <= kMaxSystemRoot;
 }
 

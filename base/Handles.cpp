@@ -1,0 +1,112 @@
+#include "base/Handles.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace vnlog {
+
+void closeDescriptor(int fd) {
+    if (fd < 0)
+        return;
+    CancelGuard guard;
+    close(fd);
+}
+
+FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) {
+        closeDescriptor(mFd);
+        mFd = other.release();
+    }
+    return *this;
+}
+
+int FileDescriptor::release() {
+    int fd = mFd;
+    mFd = -1;
+    return fd;
+}
+
+FileDescriptor openFile(const char* path, int flags, mode_t mode) {
+    CancelGuard guard;
+    int fd;
+    do
+        fd = open(path, flags | O_CLOEXEC, mode);
+    while (fd < 0 && errno == EINTR);
+    return FileDescriptor(fd);
+}
+
+bool writeAll(int fd, const void* bytes, size_t length) {
+    const char* next = static_cast<const char*>(bytes);
+    while (length > 0) {
+        ssize_t written = write(fd, next, length);
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        if (written == 0) { // no progress and no error: going on would never end
+            errno = EIO;
+            return false;
+        }
+        next += written;
+        length -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+bool syncPath(const char* path) {
+    FileDescriptor file = openFile(path, O_RDONLY);
+    return file.valid() && fsync(file.get()) == 0;
+}
+
+void StreamCloser::operator()(FILE* stream) const {
+    CancelGuard guard;
+    fclose(stream);
+}
+
+Stream openForReading(const char* path) {
+    CancelGuard guard;
+    return Stream(fopen(path, "re"));
+}
+
+Folder::Folder(const char* path) {
+    CancelGuard guard;
+    mListing = opendir(path);
+}
+
+const dirent* Folder::next() {
+    for (;;) {
+        errno = 0;
+        const dirent* entry = readdir(mListing);
+        if (entry == nullptr) {
+            mFailed = errno != 0;
+            return nullptr;
+        }
+        const char* name = entry->d_name;
+        bool self = name[0] == '.' && name[1] == '\0';
+        bool parent = name[0] == '.' && name[1] == '.' && name[2] == '\0';
+        if (!self && !parent)
+            return entry;
+    }
+}
+
+int64_t Folder::entrySize(const char* name) const {
+    struct stat info;
+    return fstatat(dirfd(mListing), name, &info, 0) == 0 ? info.st_size : -1;
+}
+
+int Folder::close() {
+    if (mListing == nullptr)
+        return 0;
+    CancelGuard guard;
+    DIR* listing = mListing;
+    mListing = nullptr;
+    return closedir(listing);
+}
+
+Text allocateText(size_t size) {
+    return Text(static_cast<char*>(std::calloc(size, 1)));
+}
+
+} // namespace vnlog

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+
+namespace vnlog {
+
+/** A path built on the stack; longer ones are cut. */
+struct Path {
+    char text[256];
+};
+
+/** vsnprintf into a zero-filled fixed buffer of `size` bytes. Returns whether the whole text fitted. */
+bool formatText(char* out, size_t size, const char* format, va_list args);
+
+/** The same for an array; false when the text was cut. */
+template <size_t N> [[gnu::format(printf, 2, 3)]] bool formatPath(char (&out)[N], const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    bool whole = formatText(out, N, format, args);
+    va_end(args);
+    return whole;
+}
+
+/** The path of the entry `name` of `folder`. */
+Path entryPath(const char* folder, const char* name);
+
+/**
+ * Whether a path can stand unquoted in a shell command: it is not empty, is no option, and holds nothing that
+ * a shell splits at or interprets.
+ */
+bool shellSafe(const char* path);
+
+} // namespace vnlog

@@ -1,0 +1,182 @@
+#include "binder/Commands.h"
+
+#include "base/KeyValue.h"
+#include "base/Text.h"
+#include "binder/Dispatcher.h"
+#include "config/Settings.h"
+#include "sources/AndroidFormat.h"
+#include "storage/Layout.h"
+#include "storage/Store.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <unistd.h>
+
+namespace vnlog {
+
+namespace {
+
+constexpr size_t kMaxParameter = 16384; // fits a request in any case
+constexpr int kNameColumn = 25;
+
+// --- what the service accepts
+
+bool anything(const char*) {
+    return true;
+}
+
+bool isGiven(const char* param) {
+    return param != nullptr;
+}
+
+bool isWord(const char* param, const char* word) {
+    return param != nullptr && std::strcmp(param, word) == 0;
+}
+
+bool isSwitch(const char* param) {
+    return isWord(param, kYes) || isWord(param, kNo);
+}
+
+bool isKernelLevel(const char* param) {
+    int level = param != nullptr ? parseNumber(param) : 0;
+    return level >= kLeastKernelLevel && level <= kHighestKernelLevel;
+}
+
+bool isAndroidLevel(const char* param) {
+    return param != nullptr && isPriorityLetter(param[0]);
+}
+
+bool isModuleWord(const char* param) {
+    return isWord(param, kAllModules) || isWord(param, kNoModule);
+}
+
+bool isLineFormat(const char* param) {
+    return param != nullptr && lineFormat(param) != FORMAT_OFF;
+}
+
+// --- what the client objects to
+
+std::string quoted(const std::string& param) {
+    return "'" + param + "'";
+}
+
+/** To an item of a module list that the service does not take as a rule. */
+std::string moduleListObjection(const std::string& param, const ClientView&) {
+    AndroidLogFormat_t* scratch = android_log_format_new();
+    bool accepted = true;
+    for (size_t start = 0; accepted && start <= param.size();) {
+        size_t end = std::min(param.find('+', start), param.size());
+        std::string item = param.substr(start, end - start);
+        if (item.find(':') == std::string::npos)
+            item += ":v";
+        accepted = addListedRule(scratch, item.c_str());
+        start = end + 1;
+    }
+    releaseRules(scratch);
+    android_log_format_free(scratch);
+    return accepted ? "" : quoted(param) + " is no list of modules";
+}
+
+std::string moduleNameObjection(const std::string& param, const ClientView&) {
+    return param.empty() ? "needs a module name" : "";
+}
+
+/** To a path that no shell may see, or that is not there. A relative one is the service's to find. */
+std::string pathObjection(const std::string& param) {
+    if (!shellSafe(param.c_str()))
+        return quoted(param) + " is empty or holds characters that a shell would interpret";
+    if (param[0] == '/' && access(param.c_str(), F_OK) != 0)
+        return quoted(param) + ": " + std::strerror(errno);
+    return "";
+}
+
+std::string rootObjection(const std::string& param, const ClientView&) {
+    if (param.size() > kMaxRootLength)
+        return quoted(param) + " is longer than " + std::to_string(kMaxRootLength) + " characters";
+    if (param.find('=') != std::string::npos)
+        return quoted(param) + " holds a '='";
+    return pathObjection(param);
+}
+
+std::string copyObjection(const std::string& param, const ClientView& view) {
+    if (param.size() > longestCopyTarget(view.logFolderLength()))
+        return quoted(param) + " is too long";
+    return pathObjection(param);
+}
+
+constexpr CommandInfo kCommands[] = {
+    {CMD_UART_OUTPUT, "UART_OUTPUT", "y/n", isSwitch, nullptr, &Dispatcher::setConsoleOutput},
+    {CMD_NAND_FILE_OUTPUT, "NAND_FILE_OUTPUT", "y/n", isSwitch, nullptr, &Dispatcher::setFileOutput},
+    {CMD_KLOG_OUTPUT, "KLOG_OUTPUT", "y/n", isSwitch, nullptr, &Dispatcher::setKernelOutput},
+    {CMD_KLOG_LEVEL, "KLOG_LEVEL", "1~7", isKernelLevel, nullptr, &Dispatcher::setKernelLevel},
+    {CMD_ALOG_OUTPUT, "ALOG_OUTPUT", "y/n", isSwitch, nullptr, &Dispatcher::setAndroidOutput},
+    {CMD_ALOG_LEVEL, "ALOG_LEVEL", "v/d/i/w/e/f/s", isAndroidLevel, nullptr, &Dispatcher::setAndroidLevel},
+    {CMD_ALOG_MODULE, "ALOG_MODULE", "ALL_MODULE/NONE_MODULE", isModuleWord, nullptr,
+     &Dispatcher::setModules},
+    {CMD_ALOG_ADD_MODULE, "ALOG_ADD_MODULE", "<name>:<level>", isGiven, moduleListObjection,
+     &Dispatcher::addModules},
+    {CMD_ALOG_DEL_MODULE, "ALOG_DEL_MODULE", "<name>", isGiven, moduleNameObjection,
+     &Dispatcher::deleteModule},
+    {CMD_ALOG_FORMAT, "ALOG_FORMAT", "brief/process/tag/thread/raw/time/threadtime/long", isLineFormat,
+     nullptr, &Dispatcher::setLineFormat},
+    {CMD_FLUSH_SWITCH, "FLUSH_SWITCH", "y/n", isSwitch, nullptr, &Dispatcher::setFlushSwitch},
+    {CMD_STORAGE_PATH, "STORAGE_PATH", "<valid path>. e.g. /media/flash/nvm", isGiven, rootObjection,
+     &Dispatcher::setStorageRoot},
+    {CMD_COPY, "COPY", "<path>", isGiven, copyObjection, &Dispatcher::copyStorage},
+    {CMD_FLUSH, "FLUSH", "", anything, nullptr, &Dispatcher::flush},
+    {CMD_SHOW, "SHOW", "", anything, nullptr, &Dispatcher::show},
+};
+
+} // namespace
+
+const CommandInfo* CommandTable::begin() const {
+    return std::begin(kCommands);
+}
+
+const CommandInfo* CommandTable::end() const {
+    return std::end(kCommands);
+}
+
+const CommandInfo* findCommand(int code) {
+    for (const CommandInfo& command : CommandTable()) {
+        if (command.code == code)
+            return &command;
+    }
+    return nullptr;
+}
+
+const CommandInfo* findCommand(const char* name) {
+    for (const CommandInfo& command : CommandTable()) {
+        if (std::strcmp(command.name, name) == 0)
+            return &command;
+    }
+    return nullptr;
+}
+
+std::string objectionTo(const CommandInfo& command, const char* param, const ClientView& view) {
+    bool takesNone = command.usage[0] == '\0';
+    if (takesNone || param == nullptr) {
+        if (takesNone == (param == nullptr))
+            return "";
+        return takesNone ? "takes no parameter" : "needs a parameter";
+    }
+    if (std::strlen(param) > kMaxParameter)
+        return "the parameter is longer than " + std::to_string(kMaxParameter) + " characters";
+    if (!command.accepts(param))
+        return quoted(param) + " is not accepted";
+    return command.objection != nullptr ? command.objection(param, view) : "";
+}
+
+void printUsage(FILE* out) {
+    constexpr char kIndent[] = "         ";
+    std::fputs("\n\nlogset useage:\n\nlogset   <cmd_type>               <cmd_param>\n", out);
+    for (const CommandInfo& command : CommandTable()) {
+        int column = command.usage[0] != '\0' ? kNameColumn : 0;
+        std::fprintf(out, "%s%-*s%s\n", kIndent, column, command.name, command.usage);
+    }
+    std::fprintf(out, "\n%sKXXX:kernel AXXX:android\n\n", kIndent);
+}
+
+} // namespace vnlog

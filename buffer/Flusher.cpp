@@ -1,0 +1,86 @@
+#include "buffer/Flusher.h"
+
+#include "base/Diagnostics.h"
+
+#include <algorithm>
+
+namespace vnlog {
+
+namespace {
+
+constexpr unsigned kFirstPauseSeconds = 1;
+constexpr unsigned kLongestPauseSeconds = 60;
+
+} // namespace
+
+void Flusher::run() {
+    unsigned pause = kFirstPauseSeconds;
+    while (mState.mFlushThreadRunning) {
+        if (!mRing.waitForPost())
+            return;
+        drainUntilDone(&pause);
+    }
+    mRing.reportUnwritten();
+    mTarget.closeSection();
+}
+
+/** Drains until there is nothing to do or the thread is to end, with a pause after each failure. */
+void Flusher::drainUntilDone(unsigned* pause) {
+    bool retry = false;
+    while (mState.mFlushThreadRunning) {
+        uint32_t requestsSeen = mRing.requests();
+        switch (drain(retry, requestsSeen)) {
+        case Drain::Idle:
+        case Drain::Done:
+            *pause = kFirstPauseSeconds;
+            return;
+        case Drain::Partly: // what is left is offered at once; if that moves nothing, it has failed
+            break;
+        case Drain::Failed:
+            mRing.drainFailed();
+            mTarget.closeSection();
+            mRing.pause(*pause, requestsSeen);
+            *pause = std::min(*pause * 2, kLongestPauseSeconds);
+            break;
+        }
+        retry = true;
+    }
+}
+
+/** Writes out everything buffered if there is enough of it or somebody wants it; always when `retry` is set.
+ */
+Flusher::Drain Flusher::drain(bool retry, uint32_t requestsSeen) {
+    uint32_t used = mRing.used();
+    if (used == 0) {
+        mRing.drainWorks();
+        mRing.forgetRequest(requestsSeen);
+        return Drain::Idle;
+    }
+    if (used <= kFlushThreshold && !retry && !mRing.flushWanted())
+        return Drain::Idle;
+
+    SaveResult result = mTarget.save(used);
+    if (!mState.mFlushThreadRunning)
+        return Drain::Done; // a stop came in between; what it left is no failure of the storage
+    switch (result.status) {
+    case SaveStatus::Saved:
+        mRing.drainWorks();
+        mRing.forgetRequest(requestsSeen);
+        return Drain::Done;
+    case SaveStatus::WriteFailed:
+        if (result.moved > 0) {
+            mRing.drainWorks();
+            return Drain::Partly;
+        }
+        break;
+    case SaveStatus::RootMoved:
+        logError("error: failed to save log,please check it\n");
+        return Drain::Partly; // the new root is as good as any: no pause
+    case SaveStatus::CutFailed:
+        break;
+    }
+    logError("error: failed to save log,please check it\n");
+    return Drain::Failed;
+}
+
+} // namespace vnlog

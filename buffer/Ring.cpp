@@ -1,0 +1,381 @@
+#include "buffer/Ring.h"
+
+#include "base/Diagnostics.h"
+#include "base/Handles.h"
+#include "base/Semaphores.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+#include <unistd.h>
+
+namespace vnlog {
+
+namespace {
+
+/** Top bit of the users: the ring takes nobody in any more. The bits below count who is inside. */
+constexpr uint32_t kClosed = 0x80000000U;
+
+// Places of the three file writes in their report, part of its fixed text.
+constexpr int kPlaceWhole = 1699;
+constexpr int kPlaceFirst = 1706;
+constexpr int kPlaceSecond = 1710;
+
+/** Holds the ring's mutex while in scope. */
+class VNLOG_SCOPED_LOCK RingGuard {
+  public:
+    explicit RingGuard(LogBuf& buffer) VNLOG_ACQUIRES(RingLock::role) : mMutex(buffer.mutex) {
+        pthread_mutex_lock(&mMutex);
+    }
+    ~RingGuard() VNLOG_RELEASES() { pthread_mutex_unlock(&mMutex); }
+    RingGuard(const RingGuard&) = delete;
+    RingGuard& operator=(const RingGuard&) = delete;
+
+  private:
+    pthread_mutex_t& mMutex;
+};
+
+/** Writes one piece. A file that takes only a part of it is cut back, for the piece will be offered again. */
+bool writeOrReport(int fd, const char* bytes, uint32_t length, int place) {
+    off_t start = lseek(fd, 0, SEEK_CUR);
+    if (writeAll(fd, bytes, length))
+        return true;
+    int error = errno;
+    if (start >= 0 && ftruncate(fd, start) == 0)
+        (void)lseek(fd, start, SEEK_SET);
+    errno = error;
+    logError("line[%d] logBufRead2File write failed \n", place);
+    logErrno();
+    return false;
+}
+
+/** Writes the oldest `count` bytes, in two pieces where they run over the end of the data area. */
+bool writeOldest(const LogBuf& buffer, int fd, uint32_t count) VNLOG_REQUIRES(RingLock::role) {
+    uint32_t toEnd = buffer.last_pos + 1 - buffer.read_pos;
+    if (count <= toEnd)
+        return writeOrReport(fd, buffer.buf + buffer.read_pos, count, kPlaceWhole);
+    return writeOrReport(fd, buffer.buf + buffer.read_pos, toEnd, kPlaceFirst) &&
+           writeOrReport(fd, buffer.buf, count - toEnd, kPlaceSecond);
+}
+
+uint32_t usedBytes(const LogBuf& buffer) {
+    return buffer.size - buffer.free_size;
+}
+
+void reportDestruction(int error, const char* report) {
+    if (error == 0)
+        return;
+    logError("%s", report);
+    logErrno(error);
+}
+
+int destroySemaphore(sem_t* semaphore) {
+    return sem_destroy(semaphore) < 0 ? errno : 0;
+}
+
+} // namespace
+
+/**
+ * Stays in the ring while in scope, so that it is not released meanwhile; null when there is none or when it
+ * is closed. Cancellation leaves it, too.
+ */
+class Ring::Use {
+  public:
+    explicit Use(const Ring& ring) : mRing(ring), mBuffer(ring.enter()) {}
+    ~Use() {
+        if (mBuffer != nullptr)
+            mRing.leave();
+    }
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+
+    LogBuf* buffer() const { return mBuffer; }
+
+  private:
+    const Ring& mRing;
+    LogBuf* const mBuffer;
+};
+
+/** Counts its writer among those that wait for space. */
+class Ring::Waiter {
+  public:
+    explicit Waiter(Ring& ring) : mRing(ring) { ++mRing.mWaiters; }
+    ~Waiter() { --mRing.mWaiters; }
+    Waiter(const Waiter&) = delete;
+    Waiter& operator=(const Waiter&) = delete;
+
+  private:
+    Ring& mRing;
+};
+
+Ring::Ring(RingState& state, Medium& medium) : mState(state), mMedium(medium) {
+    (void)sem_init(&mIdle, 0, 0); // cannot fail for a private semaphore of count 0
+}
+
+Ring::~Ring() {
+    (void)sem_destroy(&mIdle); // a destroyed ring has no user left who could be waiting
+}
+
+/** The record when the caller is now inside, to leave with leave(); otherwise null. */
+LogBuf* Ring::enter() const {
+    uint32_t before = mUsers.fetch_add(1);
+    if ((before & kClosed) == 0 && mState.mLogBuf != nullptr)
+        return mState.mLogBuf;
+    leave();
+    return nullptr;
+}
+
+void Ring::leave() const {
+    if ((mUsers.fetch_sub(1) & kClosed) != 0)
+        post(&mIdle);
+}
+
+bool Ring::closed() const {
+    return (mUsers & kClosed) != 0;
+}
+
+void Ring::close() {
+    mUsers.fetch_or(kClosed);
+    wakeWaiters();
+    while ((mUsers & ~kClosed) != 0)
+        (void)sem_wait(&mIdle); // woken early or for nothing, it looks again
+}
+
+void Ring::reopen() {
+    mUsers.fetch_and(~kClosed);
+}
+
+/** Posts once for every writer that waits; those that are about to wait look at the reason first. */
+void Ring::wakeWaiters() {
+    for (uint32_t waiters = mWaiters; mState.mLogBuf != nullptr && waiters > 0; --waiters)
+        post(&mState.mLogBuf->sem_write);
+}
+
+bool Ring::create() {
+    close();
+    bool built = build();
+    reopen();
+    return built;
+}
+
+bool Ring::build() {
+    auto* record = new (std::nothrow) LogBuf{};
+    mState.mLogBuf = record;
+    if (record == nullptr) {
+        logError("fail to malloc log buf struct!\n");
+        logErrno();
+        return false;
+    }
+    Built built = Built::Record;
+    int error = pthread_mutex_init(&record->mutex, nullptr);
+    if (error == 0) {
+        built = Built::WithMutex;
+        if (sem_init(&record->sem_read, 0, 0) == 0) {
+            built = Built::WithReadSemaphore;
+            if (sem_init(&record->sem_write, 0, 0) == 0)
+                built = Built::Whole;
+        }
+        error = errno;
+    }
+    if (built != Built::Whole) {
+        logError("Synchronization primitives init failed\n");
+        logErrno(error);
+        destroy(built);
+        return false;
+    }
+    record->buf = allocateText(kLogBufSize).release();
+    if (record->buf == nullptr) {
+        logError("fail to malloc log buf!\n");
+        logErrno();
+        destroy(built);
+        return false;
+    }
+    record->size = kLogBufSize;
+    record->last_pos = kLogBufSize - 1;
+    record->free_size = kLogBufSize;
+    mState.mFlushAll = false;
+    mDrainFailing = false;
+    return true;
+}
+
+void Ring::release() {
+    if (mState.mLogBuf == nullptr)
+        return;
+    close();
+    destroy(Built::Whole);
+    reopen();
+}
+
+/** Frees the record of a closed ring with those of its primitives that were initialised. */
+void Ring::destroy(Built built) {
+    LogBuf* record = mState.mLogBuf;
+    std::free(record->buf);
+    record->buf = nullptr;
+    if (built >= Built::Whole)
+        reportDestruction(destroySemaphore(&record->sem_write), "destroy sem_write failure\n");
+    if (built >= Built::WithReadSemaphore)
+        reportDestruction(destroySemaphore(&record->sem_read), "destroy sem_read failure\n");
+    if (built >= Built::WithMutex)
+        reportDestruction(pthread_mutex_destroy(&record->mutex), "destroy mutex\n");
+    delete record;
+    mState.mLogBuf = nullptr;
+}
+
+PutResult Ring::put(const void* bytes, uint32_t length) {
+    if (length == 0 || !mState.mFlushThreadRunning)
+        return {PutStatus::NotInService};
+    Use use(*this);
+    LogBuf* buffer = use.buffer();
+    if (buffer == nullptr)
+        return {PutStatus::NotInService};
+    if (length > buffer->size) {
+        logError("a record of %u byte can never fit the log buffer\n", length);
+        return {PutStatus::TooLong};
+    }
+    PutResult result{PutStatus::Stored};
+    if (!tryCopy(*buffer, bytes, length))
+        result = waitAndCopy(*buffer, bytes, length);
+    if (result.status == PutStatus::Stored)
+        postOrReport(&buffer->sem_read, "logBufWrite sem_post failed \n");
+    return result;
+}
+
+/** Copies the record in if there is space for it. */
+bool Ring::tryCopy(LogBuf& buffer, const void* bytes, uint32_t length) {
+    RingGuard lock(buffer);
+    if (buffer.free_size < length)
+        return false;
+    uint32_t ring = buffer.last_pos + 1;
+    uint32_t first = std::min(length, ring - buffer.write_pos);
+    std::memcpy(buffer.buf + buffer.write_pos, bytes, first);
+    std::memcpy(buffer.buf, static_cast<const char*>(bytes) + first, length - first);
+    buffer.write_pos = (buffer.write_pos + length) % ring;
+    buffer.free_size -= length;
+    return true;
+}
+
+/** put for a record that finds no space. Cancellation may strike while it waits. */
+PutResult Ring::waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length) {
+    Waiter waiter(*this);
+    if (mWaiters == 1) {
+        // Posts of drains before this moment tell nothing new; left standing, each would cost a useless
+        // round.
+        while (sem_trywait(&buffer.sem_write) == 0) {
+        }
+    }
+    postOrReport(&buffer.sem_read, "logBufWrite sem_post failed \n");
+    PutResult full{PutStatus::StorageFull};
+    for (;;) {
+        if (tryCopy(buffer, bytes, length))
+            return {PutStatus::Stored};
+        if (closed())
+            return {PutStatus::Closed};
+        if (mDrainFailing) {
+            if (mediumTooSmall(buffer, &full))
+                return full;
+            ++mRefusedRecords;
+            return {PutStatus::Refused};
+        }
+        logError("not enough log buffer for %zd byte, free size %zd byte\n", static_cast<ssize_t>(length),
+                 static_cast<ssize_t>(buffer.free_size.load()));
+        if (!waitOrReport(&buffer.sem_write, " logBufWrite sem_wait failed\n"))
+            return {PutStatus::WaitFailed};
+        if (closed())
+            return {PutStatus::Closed};
+        if (mediumTooSmall(buffer, &full))
+            return full;
+    }
+}
+
+/** Whether the medium has less room than the ring holds; stores both amounts. */
+bool Ring::mediumTooSmall(const LogBuf& buffer, PutResult* result) {
+    result->freeBytes = mMedium.freeBytes();
+    result->usedBytes = vnlog::usedBytes(buffer);
+    return result->usedBytes > result->freeBytes;
+}
+
+TakeResult Ring::take(int fd, uint32_t wanted) {
+    if (wanted == 0 || !mState.mFlushThreadRunning || mState.mLogBuf == nullptr)
+        return {TakeStatus::NotInService};
+    LogBuf& buffer = *mState.mLogBuf;
+    uint32_t count;
+    {
+        RingGuard lock(buffer);
+        count = std::min(wanted, usedBytes(buffer));
+        if (!writeOldest(buffer, fd, count))
+            return {TakeStatus::WriteFailed};
+        buffer.read_pos = (buffer.read_pos + count) % (buffer.last_pos + 1);
+        buffer.free_size += count;
+    }
+    postOrReport(&buffer.sem_write, "logBufRead2File sem_post failed \n");
+    return {TakeStatus::Taken, count};
+}
+
+uint32_t Ring::used() const {
+    Use use(*this);
+    return use.buffer() != nullptr ? usedBytes(*use.buffer()) : 0;
+}
+
+void Ring::requestFlush() {
+    Use use(*this);
+    if (use.buffer() == nullptr)
+        return;
+    ++mFlushRequests;
+    mState.mFlushAll = true;
+    postOrReport(&use.buffer()->sem_read, "flushLogBufAll sem_post failed \n");
+    logDebug("flush log buf success!\n");
+}
+
+bool Ring::wakeConsumer() {
+    return sem_post(&mState.mLogBuf->sem_read) == 0;
+}
+
+bool Ring::waitForPost() {
+    return waitOrReport(&mState.mLogBuf->sem_read, "logBufFlush sem_wait failed\n");
+}
+
+bool Ring::flushWanted() const {
+    return mState.mFlushAll || mState.mFlushSwitch || mWaiters > 0;
+}
+
+void Ring::forgetRequest(uint32_t seen) {
+    mState.mFlushAll = false;
+    if (mFlushRequests != seen)
+        mState.mFlushAll = true;
+}
+
+void Ring::pause(unsigned seconds, uint32_t seen) {
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += static_cast<time_t>(seconds);
+    while (mState.mFlushThreadRunning && mFlushRequests == seen) {
+        if (sem_clockwait(&mState.mLogBuf->sem_read, CLOCK_MONOTONIC, &end) < 0 && errno != EINTR)
+            return;
+    }
+}
+
+void Ring::drainFailed() {
+    mDrainFailing = true;
+    wakeWaiters(); // they look at the medium themselves: no drain is coming that would wake them
+}
+
+void Ring::drainWorks() {
+    mDrainFailing = false;
+    reportRefused();
+}
+
+void Ring::reportRefused() {
+    if (uint32_t refused = mRefusedRecords.exchange(0))
+        logError("%u records were refused while the storage could not be written\n", refused);
+}
+
+void Ring::reportUnwritten() {
+    reportRefused();
+    if (uint32_t left = used())
+        logError("%u buffered byte are dropped by the stop\n", left);
+}
+
+} // namespace vnlog

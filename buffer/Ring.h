@@ -1,0 +1,135 @@
+#pragma once
+
+#include "buffer/RingState.h"
+
+#include <atomic>
+#include <cstdint>
+#include <semaphore.h>
+
+namespace vnlog {
+
+/** Where the buffered bytes go in the end, as far as a writer without space asks about it. */
+class Medium {
+  public:
+    /** Free bytes there; 0 when it cannot tell. Any thread, no lock of the ring is held. */
+    virtual uint32_t freeBytes() = 0;
+
+  protected:
+    ~Medium() = default;
+};
+
+enum class PutStatus {
+    Stored,
+    NotInService, ///< there is no ring or no flush thread, or the record is empty
+    TooLong, ///< the record can never fit; reported
+    Closed, ///< the ring was closed while the writer waited
+    Refused, ///< there is no space, and draining fails; counted
+    StorageFull, ///< there is no space, and less room on the medium than the ring holds
+    WaitFailed, ///< reported
+};
+
+/** What became of a record. */
+struct PutResult {
+    PutStatus status;
+    uint32_t freeBytes = 0; ///< with StorageFull: what the medium has
+    uint32_t usedBytes = 0; ///< with StorageFull: what the ring holds
+};
+
+enum class TakeStatus { Taken, NotInService, WriteFailed };
+
+/** What a drain took. */
+struct TakeResult {
+    TakeStatus status;
+    uint32_t count = 0; ///< bytes written out and freed; none after a failed write
+};
+
+/**
+ * The ring buffer: many writers, one consumer, and a release that waits until the last of them has left.
+ * Takes no lock but the ring's own mutex, and that never while it waits.
+ */
+class Ring {
+  public:
+    /** Both must outlive the ring. The record that `state` points to is the one in use, whoever made it. */
+    Ring(RingState& state, Medium& medium);
+    ~Ring();
+    Ring(const Ring&) = delete;
+    Ring& operator=(const Ring&) = delete;
+
+    /** Makes an empty record. False, reported and with everything released, when something is not to be had.
+     */
+    [[nodiscard]] bool create();
+    /** Lets nobody in any more, turns waiting writers away, waits until the last has left, frees the record.
+     */
+    void release();
+
+    /**
+     * Appends one record, whole or not at all; waits while there is no space. Any thread, which may be
+     * cancelled while it waits.
+     */
+    PutResult put(const void* bytes, uint32_t length);
+    /**
+     * Writes up to `wanted` of the oldest bytes to `fd` and frees them. The consumer only. A write that fails
+     * is reported, cut back as far as the file allows, and consumes nothing.
+     */
+    TakeResult take(int fd, uint32_t wanted);
+    /** Bytes that are not yet written out; 0 without a record. Any thread, never waits. */
+    uint32_t used() const;
+    /** Asks for everything buffered to be written out. Any thread; without a record nothing happens. */
+    void requestFlush();
+
+    /** Lets the consumer look at its flag. False with errno set when that is not possible. */
+    [[nodiscard]] bool wakeConsumer();
+
+    // --- for the flush thread
+
+    /** Waits for the next post of anybody. False, reported, when that is not possible. */
+    [[nodiscard]] bool waitForPost();
+    /** How many flushes have been requested so far, modulo 2^32. */
+    uint32_t requests() const { return mFlushRequests; }
+    /** Whether less than the threshold is to be written out as well. */
+    bool flushWanted() const;
+    /** Clears a request that has been served, unless another has come since `seen` was read. */
+    void forgetRequest(uint32_t seen);
+    /** Waits `seconds`; a stop or a request after `seen` ends the wait, other posts do not. */
+    void pause(unsigned seconds, uint32_t seen);
+    /** Puts the writers on notice: those without space are refused from now on, those that wait get up. */
+    void drainFailed();
+    /** Ends that, and reports how many records were refused meanwhile. */
+    void drainWorks();
+    /** Says what a stop throws away. */
+    void reportUnwritten();
+
+    /** Writers that wait for space, and everybody inside: both 0 once all have left. */
+    uint32_t waiting() const { return mWaiters; }
+    uint32_t inside() const { return mUsers; }
+    bool drainFailing() const { return mDrainFailing; }
+
+  private:
+    class Use;
+    class Waiter;
+    enum class Built { Record, WithMutex, WithReadSemaphore, Whole };
+
+    LogBuf* enter() const;
+    void leave() const;
+    bool closed() const;
+    void close();
+    void reopen();
+    bool build();
+    void destroy(Built built);
+    bool tryCopy(LogBuf& buffer, const void* bytes, uint32_t length);
+    PutResult waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length);
+    bool mediumTooSmall(const LogBuf& buffer, PutResult* result);
+    void wakeWaiters();
+    void reportRefused();
+
+    RingState& mState;
+    Medium& mMedium;
+    mutable std::atomic<uint32_t> mUsers{0}; ///< how many are inside; the top bit while the ring is closed
+    mutable sem_t mIdle; ///< posted by whoever leaves a closed ring
+    std::atomic<uint32_t> mWaiters{0};
+    std::atomic<uint32_t> mFlushRequests{0};
+    std::atomic<uint32_t> mRefusedRecords{0}; ///< since draining began to fail
+    Flag mDrainFailing{false}; ///< the last drain failed
+};
+
+} // namespace vnlog

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "config/ServiceState.h"
+#include "sources/Filter.h"
+
+#include <cstdio>
+
+namespace vnlog {
+
+struct Setting;
+
+/**
+ * The settings: read from a file, or from the environment and the defaults, and written back. One table in
+ * Settings.cpp says all about each. Called at start and by commands.
+ */
+class Settings {
+  public:
+    /** All must outlive the object. `storageLock` is the one that guards the storage root. */
+    Settings(ServiceState& state, Mutex<StorageLock>& storageLock, Filter& filter)
+        : mState(state), mStorageLock(storageLock), mFilter(filter) {}
+    ~Settings();
+    Settings(const Settings&) = delete;
+    Settings& operator=(const Settings&) = delete;
+
+    /**
+     * Reads all settings from the file. False, reported unless there is no such file, as soon as one is
+     * missing or wrong; settings found before it stay.
+     */
+    [[nodiscard]] bool parse(const char* path) VNLOG_REQUIRES(CommandLock::role);
+    /** Takes the settings from the environment and the built-in defaults. */
+    void takeDefaults() VNLOG_REQUIRES(CommandLock::role);
+    /** Releases the texts that are needed only until the filter is built. */
+    void releaseTexts() VNLOG_REQUIRES(CommandLock::role);
+    /** Rewrites log.cfg. False, reported where its cause is not plain; a part of the file may be written
+     * then. */
+    [[nodiscard]] bool save() VNLOG_REQUIRES(CommandLock::role) VNLOG_EXCLUDES(StorageLock::role);
+
+  private:
+    bool read(const Setting& setting, const char* text, const char* path) VNLOG_REQUIRES(CommandLock::role);
+    bool readNumberSetting(const Setting& setting, const char* text, const char* path);
+    void readRoot(const Setting& setting, const char* text, const char* path);
+    bool readLevel(const Setting& setting, const char* text, const char* path)
+        VNLOG_REQUIRES(CommandLock::role);
+    bool readOwnedText(const Setting& setting, const char* text, const char* path);
+    void fallBack(const Setting& setting) VNLOG_REQUIRES(CommandLock::role);
+    void write(const Setting& setting, FILE* out) VNLOG_REQUIRES(CommandLock::role);
+
+    ServiceState& mState;
+    Mutex<StorageLock>& mStorageLock;
+    Filter& mFilter;
+    /// Whether mModuleCfg and mFormatCfg are ours to release.
+    bool mTextsOwned VNLOG_GUARDED_BY(CommandLock::role) = false;
+};
+
+/** Lowest and highest kernel level, in log.cfg and in commands. */
+constexpr int kLeastKernelLevel = 1;
+constexpr int kHighestKernelLevel = 7;
+
+} // namespace vnlog

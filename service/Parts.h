@@ -1,0 +1,42 @@
+#pragma once
+
+#include "binder/Dispatcher.h"
+#include "buffer/Flusher.h"
+#include "buffer/Ring.h"
+#include "config/Settings.h"
+#include "service/Intake.h"
+#include "service/Lifecycle.h"
+#include "service/LogService.h"
+#include "sources/AndroidReader.h"
+#include "sources/KernelReader.h"
+#include "storage/Shell.h"
+#include "storage/ShellFileWork.h"
+#include "storage/StorageMedium.h"
+#include "storage/Store.h"
+
+namespace vnlog {
+
+/** The parts behind the service, each wired to those that it knows. */
+struct LogService::Parts {
+    explicit Parts(LogService& service);
+
+    platform::SystemRoot systemRoot; ///< read at construction and at every start
+    Mutex<CommandLock> commandLock;
+    Mutex<StorageLock> storageLock;
+    StorageMedium medium;
+    Ring ring;
+    Shell shell;
+    ShellFileWork files;
+    Store store;
+    Flusher flusher;
+    Filter filter;
+    Intake intake;
+    KernelReader kernelReader;
+    AndroidLine androidLine;
+    AndroidReader androidReader;
+    Settings settings;
+    Dispatcher dispatcher;
+    Lifecycle lifecycle;
+};
+
+} // namespace vnlog

@@ -1,0 +1,215 @@
+#include "sources/Filter.h"
+
+#include "base/Diagnostics.h"
+#include "base/Handles.h"
+#include "sources/AndroidFormat.h"
+
+#include <cstring>
+
+namespace vnlog {
+
+namespace {
+
+constexpr size_t kExpressionSize = 32;
+constexpr char kSilentLevel[] = "s";
+
+bool beginsWith(const char* text, const char* word) {
+    return std::strncmp(text, word, std::strlen(word)) == 0;
+}
+
+bool sameTag(const AndroidLogFilterRule_t* rule, const char* tag) {
+    return std::strcmp(rule->tag, tag) == 0;
+}
+
+void reportAtStart() {
+    logError("line[%d] alog add filter failed \n", __LINE__);
+}
+
+void reportToCommand() {
+    logError("Cmd alog add filter failed \n");
+}
+
+} // namespace
+
+Filter::~Filter() {
+    LockGuard<FilterLock> lock(mLock);
+    releaseFormat();
+}
+
+void Filter::releaseFormat() {
+    if (mState.mLogFormat == nullptr)
+        return;
+    releaseRules(mState.mLogFormat);
+    android_log_format_free(mState.mLogFormat);
+    mState.mLogFormat = nullptr;
+}
+
+bool Filter::build(const char* format, const char* modules, const char* level) {
+    LockGuard<FilterLock> lock(mLock);
+    releaseFormat(); // of an earlier start
+    mState.mLogFormat = android_log_format_new();
+    if (!takeLineFormat(format))
+        logError("fail to set format init,format is :%s\n", format);
+    Text expression = allocateText(kExpressionSize);
+    if (expression == nullptr) {
+        logError("fail to malloc filterExpression!\n");
+        logErrno();
+        return false;
+    }
+    if (beginsWith(modules, kAllModules)) {
+        addLevel(expression.get(), level, reportAtStart);
+        mState.mModuleMode = kModeAll;
+    } else if (beginsWith(modules, kNoModule)) {
+        addLevel(expression.get(), kSilentLevel, reportAtStart);
+        mState.mModuleMode = kModeNone;
+    } else {
+        mState.mModuleMode = kModeListed;
+        addItems(modules, level, reportAtStart);
+    }
+    return true;
+}
+
+/** Adds a rule, or sets the global priority for the tag "*". False when the library refuses the expression.
+ */
+bool Filter::addRule(const char* expression) {
+    return android_log_addFilterRule(mState.mLogFormat, expression) >= 0;
+}
+
+/** Makes the level the global priority; `expression` has room for kExpressionSize bytes. */
+void Filter::addLevel(char* expression, const char* level, Report refused) {
+    std::snprintf(expression, kExpressionSize, "*:%s", level);
+    if (!addRule(expression))
+        refused();
+}
+
+/** Adds the items of a module list, the level behind those without one. */
+void Filter::addItems(const char* list, const char* level, Report refused) {
+    size_t total = std::strlen(list);
+    size_t used = 0;
+    do {
+        size_t length = std::strcspn(list, "+");
+        size_t room =
+            length + 1 + std::strlen(level) + 1; // an item of any length fits with the level behind it
+        Text item = allocateText(room);
+        if (item == nullptr)
+            return;
+        std::memcpy(item.get(), list, length);
+        if (std::strchr(item.get(), ':') == nullptr)
+            std::snprintf(item.get() + length, room - length, ":%s", level);
+        if (!addListedRule(mState.mLogFormat, item.get()))
+            refused();
+        used += length + 1;
+        list += length + 1;
+    } while (used < total);
+}
+
+int Filter::priorityFor(const AndroidLogFormat_t* format, const char* tag) {
+    LockGuard<FilterLock> lock(mLock);
+    if (mState.mModuleMode == kModeAll)
+        return format->globalPriority;
+    if (mState.mModuleMode == kModeNone)
+        return ANDROID_LOG_SILENT;
+    const AndroidLogFilterRule_t* rule = format->rules;
+    while (rule != nullptr && !sameTag(rule, tag))
+        rule = rule->next;
+    if (rule == nullptr)
+        return ANDROID_LOG_ERROR;
+    return rule->priority == ANDROID_LOG_DEFAULT ? format->globalPriority : rule->priority;
+}
+
+char* Filter::formatLine(AndroidLogFormat_t* format, char* usual, size_t size, const AndroidLogEntry& entry,
+                         size_t* length) {
+    CancelGuard guard;
+    LockGuard<FilterLock> lock(mLock);
+    return android_log_formatLogLine(format, usual, size, &entry, length);
+}
+
+void Filter::clearRules(AndroidLogFormat_t* format) {
+    LockGuard<FilterLock> lock(mLock);
+    releaseRules(format);
+}
+
+bool Filter::deleteRule(AndroidLogFormat_t* format, const char* tag) {
+    LockGuard<FilterLock> lock(mLock);
+    if (format->rules == nullptr)
+        return false;
+    AndroidLogFilterRule_t** link = &format->rules;
+    while (*link != nullptr && !sameTag(*link, tag))
+        link = &(*link)->next;
+    if (AndroidLogFilterRule_t* rule = *link) {
+        *link = rule->next;
+        releaseRule(rule);
+    }
+    return true;
+}
+
+bool Filter::setLineFormat(const char* word) {
+    LockGuard<FilterLock> lock(mLock);
+    return takeLineFormat(word);
+}
+
+bool Filter::takeLineFormat(const char* word) {
+    AndroidLogPrintFormat value = lineFormat(word);
+    if (value == FORMAT_OFF)
+        return false;
+    android_log_setPrintFormat(mState.mLogFormat, value);
+    return true;
+}
+
+void Filter::setLevel(const char* level) {
+    LockGuard<FilterLock> lock(mLock);
+    char expression[kExpressionSize];
+    addLevel(expression, level, reportToCommand);
+}
+
+void Filter::passAll(const char* level) {
+    LockGuard<FilterLock> lock(mLock);
+    if (mState.mModuleMode == kModeAll)
+        return;
+    mState.mModuleMode = kModeAll;
+    releaseRules(mState.mLogFormat);
+    char expression[kExpressionSize];
+    addLevel(expression, level, reportToCommand);
+}
+
+void Filter::passNone() {
+    LockGuard<FilterLock> lock(mLock);
+    if (mState.mModuleMode == kModeNone)
+        return;
+    mState.mModuleMode = kModeNone;
+    releaseRules(mState.mLogFormat);
+    char expression[kExpressionSize];
+    addLevel(expression, kSilentLevel, reportToCommand);
+}
+
+void Filter::addModules(const char* list, const char* level) {
+    LockGuard<FilterLock> lock(mLock);
+    if (mState.mModuleMode != kModeListed) {
+        mState.mModuleMode = kModeListed;
+        releaseRules(mState.mLogFormat);
+    }
+    addItems(list, level, reportToCommand);
+}
+
+void Filter::deleteModule(const char* name) {
+    if (mState.mModuleMode == kModeListed && !deleteRule(mState.mLogFormat, name))
+        logError("failed to delete filter rule \n");
+}
+
+void Filter::printModules(FILE* out) {
+    LockGuard<FilterLock> lock(mLock);
+    const AndroidLogFilterRule_t* rule = mState.mLogFormat->rules;
+    if (rule == nullptr)
+        std::fputs(mState.mLogFormat->globalPriority == ANDROID_LOG_SILENT ? kNoModule : kAllModules, out);
+    for (; rule != nullptr; rule = rule->next)
+        std::fprintf(out, "%s:%c%s", rule->tag, priorityLetter(rule->priority),
+                     rule->next != nullptr ? "+" : "");
+}
+
+void Filter::printLineFormat(FILE* out) {
+    LockGuard<FilterLock> lock(mLock);
+    const char* word = lineFormatWord(mState.mLogFormat->printFormat);
+    std::fputs(word != nullptr ? word : kDefaultLineFormat, out);
+}
+
+} // namespace vnlog

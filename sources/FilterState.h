@@ -1,0 +1,22 @@
+#pragma once
+
+#include "base/Mutex.h"
+
+#include <atomic>
+#include <cstdint>
+#include <log/logprint.h>
+
+namespace vnlog {
+
+/** The role of the lock on rules, module mode and line format of Android's log. */
+struct FilterLock {
+    static LockRole role;
+};
+
+struct FilterState {
+    /// The log library's record; owned, for the object's life, and set by the start.
+    AndroidLogFormat_t* mLogFormat VNLOG_PT_GUARDED_BY(FilterLock::role) = nullptr;
+    std::atomic<int32_t> mModuleMode{0}; ///< 0 all modules, 1 none, 2 listed ones; changes under the lock
+};
+
+} // namespace vnlog

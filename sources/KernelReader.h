@@ -1,0 +1,34 @@
+#pragma once
+
+#include "base/Handles.h"
+#include "platform/sysroot/SystemRoot.h"
+#include "sources/KernelState.h"
+#include "sources/LineSink.h"
+
+namespace vnlog {
+
+/** Reads the kernel's log and puts the lines whose priority passes into the sink. */
+class KernelReader {
+  public:
+    /** All must outlive the reader. */
+    KernelReader(KernelState& state, const platform::SystemRoot& systemRoot, LineSink& sink)
+        : mState(state), mSystemRoot(systemRoot), mSink(sink) {}
+
+    /** The thread's work: ends with the flag mKLogThreadRunning, by cancellation, or on an error, reported.
+     */
+    void run();
+    /** Throws away the kernel messages that wait to be read. False, reported, when they cannot be reached. */
+    [[nodiscard]] bool clear();
+    /** Releases what run holds; the argument is its cleanup record. */
+    static void cleanUp(void* record);
+
+  private:
+    [[nodiscard]] FileDescriptor open();
+    bool readLines(int fd, char* buffer);
+
+    KernelState& mState;
+    const platform::SystemRoot& mSystemRoot;
+    LineSink& mSink;
+};
+
+} // namespace vnlog

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+
+namespace vnlog {
+
+/** One line of the kernel's log, without its priority prefix. The text is valid until the next call. */
+struct KernelLine {
+    const char* text;
+    uint32_t length; ///< bytes with the newline
+    int priority; ///< 7 for a line that states none
+};
+
+/**
+ * Splits what is read from the kernel's log into lines, in the reader's own buffer: nothing is allocated or
+ * copied but the unfinished end of a chunk. A line that fills the buffer is cut there, and its rest follows
+ * as a line of its own.
+ */
+class KernelSplitter {
+  public:
+    /** `buffer` has room for `size` bytes of text and one more. */
+    KernelSplitter(char* buffer, uint32_t size) : mBuffer(buffer), mSize(size) {}
+
+    /** Where the next chunk is to be read to, and how many bytes it may have. */
+    char* chunk() { return mBuffer + mLength; }
+    uint32_t room() const { return mSize - mLength; }
+    /** Takes over the `length` bytes that were read there. Zero bytes are left out. */
+    void add(uint32_t length);
+    /** Stores the next line; an empty one has the length 1. False when more must be read first. */
+    bool next(KernelLine* line);
+
+  private:
+    char* const mBuffer;
+    const uint32_t mSize;
+    uint32_t mStart = 0; ///< of the text that is not split yet
+    uint32_t mLength = 0; ///< bytes in the buffer
+};
+
+} // namespace vnlog

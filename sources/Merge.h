@@ -1,0 +1,42 @@
+#pragma once
+
+#include "sources/LogDevice.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace vnlog {
+
+using EntryNode = std::unique_ptr<log_entry_node_t>;
+
+/** Queues the entry behind every one of its device that is not later. */
+void enqueue(log_device_t* device, EntryNode node);
+/** Takes the first entry off a device's queue, which is not empty. */
+EntryNode dequeue(log_device_t* device);
+/** The device whose first queued entry is the oldest, the first in the list of equal ones; null without
+ * entries. */
+log_device_t* oldestDevice(log_device_t* list);
+
+/**
+ * Merges the queues of all devices by time. An entry waits until a later one of its own device has come, so
+ * that an earlier one of another device can still overtake it, unless nothing more is coming for now or too
+ * many wait.
+ */
+class Merge {
+  public:
+    explicit Merge(log_device_t* list) : mList(list) {}
+
+    void add(log_device_t* device, EntryNode node);
+    /** More entries wait than may: one that waits for its device must not hold back a flood of another. */
+    bool full() const;
+    /** The device whose first entry is to be output now, or null; with `everything`, until none is left. */
+    log_device_t* next(bool everything) const;
+    /** The first entry of that device has been output and dequeued. */
+    void done() { --mQueued; }
+
+  private:
+    log_device_t* const mList;
+    uint32_t mQueued = 0;
+};
+
+} // namespace vnlog

@@ -1,0 +1,81 @@
+#pragma once
+
+#include "base/Text.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <sys/types.h>
+
+/*
+ * The stored form: every name in it, built and parsed here and nowhere else, and its limits.
+ * docs/on-disk-format.md walks through a small store.
+ */
+namespace vnlog {
+
+/** Storage root and home of log.cfg when nothing else is configured; goes behind the system root. */
+constexpr char kDefaultRoot[] = "/media/flash/nvm";
+
+/** Longest storage root in characters with which every derived path fits its 128 bytes. */
+constexpr size_t kMaxRootLength = 99;
+
+/** Name of the log folder under the root. */
+constexpr char kLogFolderName[] = "log_service";
+
+/** Largest value of the four bookkeeping numbers; names with it or a larger number are not ours. */
+constexpr int kMaxBookkeepingNumber = 999999999;
+
+constexpr mode_t kFolderMode = 0777;
+constexpr mode_t kSectionMode = 0777;
+constexpr mode_t kBookkeepingMode = 0555;
+
+/** Whether a path can be a storage root: every path derived from it fits, and shell and log.cfg take it as it
+ * is. */
+bool usableRoot(const char* root);
+
+// --- Under the root. Each as a fixed suffix of it.
+
+constexpr char kLogFolderSuffix[] = "/log_service";
+constexpr char kRunPrefixSuffix[] = "/log_service/last";
+constexpr char kCurrentSuffix[] = "/log_service/current";
+constexpr char kOlderTextSuffix[] = "/log_service/current/log.txt";
+constexpr char kBookkeepingSuffix[] = "/log_storage.dat";
+
+/** What the name of every archived run begins with. */
+constexpr char kRunBeginning[] = "last_";
+
+// --- Runs and sections. `prefix` is the path of the log folder with the beginning of a run's name.
+
+Path runFolder(const char* prefix, uint32_t run); ///< last_<run>
+Path strayFolder(const char* run); ///< where a run without sections is moved: <run>.stray
+Path sectionText(const char* run, uint32_t section); ///< log_<section>.txt
+Path sectionArchive(const char* run, uint32_t section); ///< log_<section>.txt.gz
+Path archiveOf(const char* text); ///< what compressing the text makes of it: <text>.gz
+Path olderArchive(const char* run); ///< log.txt.gz, of the form before there were sections
+Path bookkeepingDraft(const char* file); ///< beside a bookkeeping file that cannot be rewritten in place
+
+/** What a name in the log folder or in a run's folder stands for. */
+enum class NameKind {
+    Current, ///< current
+    Run, ///< last_<number>
+    Archive, ///< log_<number>.txt.gz
+    PlainText, ///< log_<number>.txt
+    OlderArchive, ///< log.txt.gz
+    OlderText, ///< log.txt
+    OtherText, ///< anything else that ends in .txt
+    Foreign,
+};
+
+struct ParsedName {
+    NameKind kind;
+    uint32_t number = 0; ///< of Run, Archive and PlainText
+};
+
+/** Names are ours only as they are built: no padding, nothing before or behind, numbers below the limit. */
+ParsedName parseName(const char* name);
+
+/** Whether a name of this kind is that of a text to be compressed when its run is closed off. */
+constexpr bool isText(NameKind kind) {
+    return kind == NameKind::PlainText || kind == NameKind::OlderText || kind == NameKind::OtherText;
+}
+
+} // namespace vnlog

@@ -1,0 +1,108 @@
+#pragma once
+
+#include "buffer/Flusher.h"
+#include "buffer/Ring.h"
+#include "storage/Layout.h"
+#include "storage/Recovery.h"
+#include "storage/RootChange.h"
+
+#include <cstdint>
+
+namespace vnlog {
+
+/**
+ * The stored log: appends batches from the ring to the active section, cuts and compresses that when it is
+ * full, keeps the bound, changes the root, and puts in order what a start finds. Every operation takes the
+ * storage lock; every failure is reported.
+ */
+class Store final : public BatchTarget {
+  public:
+    /** All must outlive the store. `lock` is the one that guards `state`. */
+    Store(StorageState& state, Mutex<StorageLock>& lock, Ring& ring, FileWork& files,
+          const platform::SystemRoot& systemRoot);
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    // --- the flush thread
+
+    /** Moves `count` buffered bytes into the active section; cuts, compresses and thins where it is full. */
+    SaveResult save(uint32_t count) override VNLOG_EXCLUDES(StorageLock::role);
+    /** Syncs and closes the open section file, if any. */
+    void closeSection() override VNLOG_EXCLUDES(StorageLock::role);
+
+    // --- start, in this order
+
+    /** RootChange::resolve. */
+    [[nodiscard]] bool resolveRoot() VNLOG_EXCLUDES(StorageLock::role);
+    /** Begins a run, which numbers its sections from 1; forgets what the one before has left open. */
+    void beginRun() VNLOG_EXCLUDES(StorageLock::role);
+    /** Recovery::openNumbers. */
+    [[nodiscard]] bool openNumbers() VNLOG_EXCLUDES(StorageLock::role);
+    /** Recovery::prepare. */
+    [[nodiscard]] bool prepare() VNLOG_EXCLUDES(StorageLock::role);
+    /** Bookkeeping::save. */
+    [[nodiscard]] bool saveNumbers() VNLOG_EXCLUDES(StorageLock::role);
+
+    // --- commands
+
+    /**
+     * Moves the store to `root`, a folder that can be opened, unless it is there already. The section that is
+     * open stays where it is; the flush thread finds that out at its next cut and goes on under the new root.
+     */
+    void changeRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
+    /** Copies the log folder into `target`, plain and of at most longestCopyTarget characters. */
+    bool copyTo(const char* target) VNLOG_EXCLUDES(StorageLock::role);
+    /** Whether `target` can be given to copyTo. */
+    bool copyTargetUsable(const char* target) VNLOG_EXCLUDES(StorageLock::role);
+    /** The storage root; empty before it is known. */
+    Path root() VNLOG_EXCLUDES(StorageLock::role);
+    /** The name that a log of the older form has in the current run. */
+    Path olderText() VNLOG_EXCLUDES(StorageLock::role);
+
+    // --- single steps, for whoever drives the store by hand
+
+    [[nodiscard]] bool parseNumbers() VNLOG_EXCLUDES(StorageLock::role);
+    [[nodiscard]] RebuildStatus rebuildNumbers() VNLOG_EXCLUDES(StorageLock::role);
+    [[nodiscard]] DeleteStatus deleteOldest() VNLOG_EXCLUDES(StorageLock::role);
+    [[nodiscard]] bool deleteAll() VNLOG_EXCLUDES(StorageLock::role);
+    [[nodiscard]] RootStatus prepareRoot() VNLOG_EXCLUDES(StorageLock::role);
+    [[nodiscard]] PrepareStatus closePreviousRun() VNLOG_EXCLUDES(StorageLock::role);
+
+  private:
+    struct Batch;
+
+    bool append(Batch* batch) VNLOG_REQUIRES(StorageLock::role);
+    bool appendAndCut(Batch* batch) VNLOG_REQUIRES(StorageLock::role);
+    void move(Batch* batch, uint32_t wanted) VNLOG_REQUIRES(StorageLock::role);
+    bool openSection() VNLOG_REQUIRES(StorageLock::role);
+    bool resumeCut() VNLOG_REQUIRES(StorageLock::role);
+    bool finishSection() VNLOG_REQUIRES(StorageLock::role);
+    bool pointOldestAtFinishedSection() VNLOG_REQUIRES(StorageLock::role);
+    bool keepBound() VNLOG_REQUIRES(StorageLock::role);
+    void syncAndClose() VNLOG_REQUIRES(StorageLock::role);
+
+    StorageState& mState;
+    Mutex<StorageLock>& mLock;
+    Ring& mRing;
+    FileWork& mFiles;
+    Bookkeeping mNumbers;
+    Retention mRetention;
+    RootChange mRootChange;
+    Recovery mRecovery;
+    /// The root was changed while a section was open.
+    bool mRootChanged VNLOG_GUARDED_BY(StorageLock::role) = false;
+    /// The section is closed but not compressed.
+    bool mCompressPending VNLOG_GUARDED_BY(StorageLock::role) = false;
+    /// The bound did not hold after the last cut.
+    bool mBoundPending VNLOG_GUARDED_BY(StorageLock::role) = false;
+};
+
+/** Longest target that copyTo takes with a log folder of this length: both go into one shell command. */
+constexpr size_t longestCopyTarget(size_t folderLength) {
+    constexpr size_t kCommandLength = 255;
+    constexpr size_t kFixed = sizeof "cp -rf / /;sync" - 1;
+    return folderLength + kFixed < kCommandLength ? kCommandLength - kFixed - folderLength : 0;
+}
+
+} // namespace vnlog
