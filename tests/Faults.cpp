@@ -1,15 +1,67 @@
 #include "Faults.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <dirent.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 Faults faults;
 
+void Faults::disarm() {
+    writeError = writesUntilError = shortWrite = writeDelayUs = interruptedReads = selects = 0;
+    freeBytes = failAllocationsFrom = -1;
+    threadsUntilError = semaphoresUntilError = entriesUntilError = -1;
+    allocations = 0;
+    skipPauses = false;
+    recordCalls(false);
+    std::lock_guard<std::mutex> lock(mMutex);
+    mCalls.clear();
+    mPauses.clear();
+}
+
+std::vector<long> Faults::pauses() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mPauses;
+}
+
+void Faults::recordCalls(bool on) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mRecording = on;
+}
+
+std::vector<std::string> Faults::calls() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mCalls;
+}
+
+void Faults::addCall(const std::string& call) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mRecording)
+        mCalls.push_back(call);
+}
+
+void Faults::addPause(long seconds) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mPauses.push_back(seconds);
+}
+
 namespace {
+
+std::string lastName(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string nameOf(int fd) {
+    char path[4096];
+    ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
+    return length > 0 ? lastName(std::string(path, static_cast<size_t>(length))) : "?";
+}
 
 /** Counts down; true when the call is to fail. -1 means never. */
 bool spent(std::atomic<int>& left) {
@@ -56,6 +108,67 @@ ssize_t __wrap_write(int fd, const void* bytes, size_t length) {
     if (int limit = faults.shortWrite.exchange(0))
         length = static_cast<size_t>(limit) < length ? static_cast<size_t>(limit) : length;
     return __real_write(fd, bytes, length);
+}
+
+ssize_t __real_read(int fd, void* bytes, size_t length);
+ssize_t __wrap_read(int fd, void* bytes, size_t length) {
+    if (faults.interruptedReads > 0 && !isRegular(fd) && faults.interruptedReads-- > 0) {
+        errno = EINTR;
+        return -1;
+    }
+    return __real_read(fd, bytes, length);
+}
+
+int __real_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* limit);
+int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* limit) {
+    ++faults.selects;
+    return __real_select(count, read, write, except, limit);
+}
+
+int __real_fsync(int fd);
+int __wrap_fsync(int fd) {
+    faults.addCall("fsync " + nameOf(fd));
+    return __real_fsync(fd);
+}
+
+int __real_rename(const char* from, const char* to);
+int __wrap_rename(const char* from, const char* to) {
+    faults.addCall("rename " + lastName(from) + " " + lastName(to));
+    return __real_rename(from, to);
+}
+
+int __real_unlink(const char* path);
+int __wrap_unlink(const char* path) {
+    faults.addCall("unlink " + lastName(path));
+    return __real_unlink(path);
+}
+
+// With 64-bit file offsets the headers turn readdir into readdir64 where the two differ.
+dirent* __real_readdir(DIR* folder);
+dirent* __wrap_readdir(DIR* folder) {
+    if (!spent(faults.entriesUntilError))
+        return __real_readdir(folder);
+    errno = EIO;
+    return nullptr;
+}
+
+dirent64* __real_readdir64(DIR* folder);
+dirent64* __wrap_readdir64(DIR* folder) {
+    if (!spent(faults.entriesUntilError))
+        return __real_readdir64(folder);
+    errno = EIO;
+    return nullptr;
+}
+
+int __real_sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* end);
+int __wrap_sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* end) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    faults.addPause(end->tv_sec - now.tv_sec + (end->tv_nsec - now.tv_nsec + 999999999) / 1000000000);
+    if (!faults.skipPauses)
+        return __real_sem_clockwait(semaphore, clock, end);
+    errno = ETIMEDOUT;
+    return -1;
 }
 
 int __real_statvfs(const char* path, struct statvfs* info);

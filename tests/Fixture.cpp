@@ -1,5 +1,7 @@
 #include "Fixture.h"
 
+#include "storage/Listing.h"
+
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -8,7 +10,6 @@
 #include <fstream>
 #include <map>
 #include <random>
-#include <regex>
 #include <sstream>
 #include <sys/stat.h>
 #include <thread>
@@ -90,6 +91,13 @@ std::string readGzip(const std::string& path) {
     return text;
 }
 
+void writeGzip(const std::string& path, const std::string& text) {
+    makeFolder(fs::path(path).parent_path());
+    gzFile file = gzopen(path.c_str(), "wb");
+    EXPECT_EQ(gzwrite(file, text.data(), static_cast<unsigned>(text.size())), static_cast<int>(text.size()));
+    EXPECT_EQ(gzclose(file), Z_OK);
+}
+
 std::string noise(size_t length, unsigned seed) {
     std::mt19937 random(seed);
     std::string text(length, 0);
@@ -102,28 +110,61 @@ int openDescriptors() {
     return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
-ServiceTest::ServiceTest() {
+std::string storedText(const std::string& logs) {
+    std::map<std::pair<uint32_t, uint32_t>, std::string> sections; // an unfinished text replaces its archive
+    vnlog::Listing runs(logs.c_str());
+    vnlog::StoredEntry run;
+    while (runs.valid() && runs.next(&run)) {
+        bool current = run.kind == vnlog::NameKind::Current;
+        vnlog::Path path;
+        if ((!current && run.kind != vnlog::NameKind::Run) || run.type != vnlog::EntryType::Folder ||
+            !runs.path(run, &path))
+            continue;
+        vnlog::Listing entries(path.text);
+        vnlog::StoredEntry found;
+        while (entries.valid() && entries.next(&found)) {
+            std::string file = std::string(path.text) + "/" + found.name;
+            std::pair<uint32_t, uint32_t> place(current ? ~0U : run.number, found.number);
+            if (found.kind == vnlog::NameKind::PlainText)
+                sections[place] = readFile(file);
+            else if (found.kind == vnlog::NameKind::Archive && !exists(file.substr(0, file.size() - 3)))
+                sections[place] = readGzip(file);
+        }
+    }
+    std::string text;
+    for (auto& [place, part] : sections)
+        text += part;
+    return text;
+}
+
+uint64_t storedArchiveBytes(const std::string& logs) {
+    uint64_t sum = 0;
+    for (auto& entry : fs::recursive_directory_iterator(logs))
+        sum += entry.path().extension() == ".gz" ? entry.file_size() : 0;
+    return sum;
+}
+
+FolderTest::FolderTest() : mWorkingFolder(fs::current_path()) {
     std::string pattern = fs::temp_directory_path() / "vnlog-XXXXXX";
     home = mkdtemp(pattern.data());
     root = home + "/media/flash/nvm";
     logs = root + "/log_service";
     cfg = root + "/log.cfg";
     makeFolder(root);
-    writeFile(home + "/proc/sys/kernel/printk", "7\n");
-    mkfifo((home + "/proc/kmsg").c_str(), 0600);
     setenv("VNLOG_SYSROOT", home.c_str(), 1);
     for (const char* name : {"LOG_DEFAULT_CFG", "UART_OUTPUT", "NAND_FILE_OUTPUT", "SAVE_FLUSH_SWITCH",
                              "LOG_SECTION_SIZE", "MAX_LOG_SIZE", "KLOG_OUTPUT", "KLOG_LEVEL", "ALOG_OUTPUT",
                              "ALOG_LEVEL", "ALOG_MODULE", "ALOG_FORMAT", "STORAGE_PATH"})
         unsetenv(name);
+    faults.disarm();
     captured = tmpfile();
     fcntl(fileno(captured), F_SETFL, O_APPEND); // also when it is cut back in between
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     __android_log_set_logger(capture);
 }
 
-ServiceTest::~ServiceTest() {
-    stop();
+FolderTest::~FolderTest() {
+    faults.disarm();
     if (mStdout >= 0) {
         fflush(stdout);
         dup2(mStdout, 1);
@@ -135,7 +176,19 @@ ServiceTest::~ServiceTest() {
         std::string text = capturedText();
         puts(text.substr(text.size() > 8000 ? text.size() - 8000 : 0).c_str());
     }
+    __android_log_set_logger([](const __android_logger_data*, const char*) {});
+    fclose(captured);
+    fs::current_path(mWorkingFolder);
     fs::remove_all(home);
+}
+
+ServiceTest::ServiceTest() {
+    writeFile(home + "/proc/sys/kernel/printk", "7\n");
+    mkfifo((home + "/proc/kmsg").c_str(), 0600);
+}
+
+ServiceTest::~ServiceTest() {
+    stop();
 }
 
 void ServiceTest::configure(const std::vector<std::pair<std::string, std::string>>& changes) {
@@ -212,7 +265,7 @@ void ServiceTest::entry(const char* device, int seconds, int nanoseconds, char p
     rawEntry(device, std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload);
 }
 
-void ServiceTest::catchConsole() {
+void FolderTest::catchConsole() {
     fflush(stdout);
     mStdout = dup(1);
     int file = open((home + "/console").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
@@ -220,7 +273,7 @@ void ServiceTest::catchConsole() {
     close(file);
 }
 
-std::string ServiceTest::console() {
+std::string FolderTest::console() {
     fflush(stdout);
     return readFile(home + "/console");
 }
@@ -236,36 +289,6 @@ bool ServiceTest::flush() {
     });
 }
 
-std::string ServiceTest::stored() {
-    static const std::regex run("last_([0-9]+)|current"), file("log_([0-9]+)\\.txt(\\.gz)?");
-    std::map<std::pair<unsigned long, unsigned long>, std::string> sections;
-    for (auto& folder : fs::directory_iterator(logs)) {
-        std::smatch runName, fileName;
-        std::string folderName = folder.path().filename();
-        if (!std::regex_match(folderName, runName, run) || !folder.is_directory())
-            continue;
-        for (auto& entry : fs::directory_iterator(folder)) {
-            std::string name = entry.path().filename();
-            if (!std::regex_match(name, fileName, file))
-                continue;
-            unsigned long age = runName[1].matched ? std::stoul(runName[1]) : ~0UL;
-            sections[{age, std::stoul(fileName[1])}] =
-                fileName[2].matched ? readGzip(entry.path()) : readFile(entry.path());
-        }
-    }
-    std::string text;
-    for (auto& [key, part] : sections)
-        text += part;
-    return text;
-}
-
-uint64_t ServiceTest::storedBytes() {
-    uint64_t sum = 0;
-    for (auto& entry : fs::recursive_directory_iterator(logs))
-        sum += entry.path().extension() == ".gz" ? entry.file_size() : 0;
-    return sum;
-}
-
 void ServiceTest::setStorageData(uint32_t total, unsigned head, unsigned tail, unsigned oldest) {
     std::ostringstream text;
     text << "TOTAL_LOG_SIZE=" << total << "\nHEAD_FOLDER_NUM=" << head << "\nTAIL_FOLDER_NUM=" << tail
@@ -278,19 +301,18 @@ std::string ServiceTest::section(const std::string& run, unsigned number, const 
 }
 
 void ServiceTest::makeSection(const std::string& run, unsigned number, const std::string& text) {
-    writeFile(section(run, number, ".txt"), text);
-    runCommand("gzip " + section(run, number, ".txt"));
+    writeGzip(section(run, number), text);
 }
 
 void ServiceTest::makeSectionOfSize(const std::string& run, unsigned number, size_t size) {
     writeFile(section(run, number), std::string(size, 'x'));
 }
 
-bool ServiceTest::logged(const std::string& text) {
+bool FolderTest::logged(const std::string& text) {
     return loggedTimes(text) > 0;
 }
 
-int ServiceTest::loggedTimes(const std::string& text) {
+int FolderTest::loggedTimes(const std::string& text) {
     std::string all = capturedText();
     int times = 0;
     for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
@@ -298,6 +320,6 @@ int ServiceTest::loggedTimes(const std::string& text) {
     return times;
 }
 
-void ServiceTest::forgetLog() {
+void FolderTest::forgetLog() {
     ASSERT_EQ(ftruncate(fileno(captured), 0), 0);
 }

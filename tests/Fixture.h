@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 using vnlog::LogService;
@@ -26,15 +27,46 @@ bool exists(const std::string& path);
 std::string runCommand(const std::string& command);
 /** Text of a gzip file; a damaged one fails the test. */
 std::string readGzip(const std::string& path);
+/** Makes a gzip file of the text. */
+void writeGzip(const std::string& path, const std::string& text);
 /** Random bytes, which do not compress. */
 std::string noise(size_t length, unsigned seed);
 int openDescriptors();
+/** The stored text under a log folder, oldest first, by the product's own listing: archived runs, then the
+ * current. */
+std::string storedText(const std::string& logs);
+/** Bytes of all finished sections under a log folder. */
+uint64_t storedArchiveBytes(const std::string& logs);
 
 /**
- * A service on a system root of its own: a home for log.cfg and the store, a FIFO as the kernel log and a
- * file that takes the console level. Its diagnostics are kept for the test.
+ * A system root of the test's own, no faults armed, a clean environment, and the diagnostics kept for the
+ * test. Leaves nothing behind that another test in the same process would notice.
  */
-class ServiceTest : public ::testing::Test {
+class FolderTest : public ::testing::Test {
+  protected:
+    FolderTest();
+    ~FolderTest() override;
+
+    /** Whether a diagnostic that contains `text` was logged; how often. */
+    bool logged(const std::string& text);
+    int loggedTimes(const std::string& text);
+    void forgetLog();
+    /** Sends standard output to a file until the end of the test. */
+    void catchConsole();
+    std::string console();
+
+    std::string home; ///< the system root
+    std::string root; ///< the storage root, which is there
+    std::string logs; ///< its log_service folder, which is not
+    std::string cfg; ///< log.cfg
+
+  private:
+    int mStdout = -1;
+    std::string mWorkingFolder;
+};
+
+/** A service on that root, with a FIFO as the kernel log and a file that takes the console level. */
+class ServiceTest : public FolderTest {
   protected:
     ServiceTest();
     ~ServiceTest() override;
@@ -60,37 +92,23 @@ class ServiceTest : public ::testing::Test {
                const std::string& text);
     /** Writes these bytes to a device as they are. */
     void rawEntry(const char* device, const std::string& bytes);
-    /** Sends standard output to a file until the end of the test. */
-    void catchConsole();
-    std::string console();
     /** Asks for a flush and waits until the buffer is empty. */
     bool flush();
 
     /** All stored text, oldest first: archived runs, then the current one. */
-    std::string stored();
+    std::string stored() { return storedText(logs); }
     /** Bytes of all finished sections. */
-    uint64_t storedBytes();
-    std::string storageData() { return readFile(root + "/log_storage.dat"); }
-    void setStorageData(uint32_t total, unsigned head, unsigned tail, unsigned oldest);
-    /** A finished section of the given text. */
-    void makeSection(const std::string& run, unsigned number, const std::string& text);
-    /** A file of exactly this size in the place of a finished section. */
-    void makeSectionOfSize(const std::string& run, unsigned number, size_t size);
+    uint64_t storedBytes() { return storedArchiveBytes(logs); }
     std::string section(const std::string& run, unsigned number, const char* suffix = ".txt.gz");
 
-    /** Whether a diagnostic that contains `text` was logged; how often. */
-    bool logged(const std::string& text);
-    int loggedTimes(const std::string& text);
-    void forgetLog();
-
-    std::string home; ///< the system root
-    std::string root; ///< the storage root
-    std::string logs; ///< its log_service folder
-    std::string cfg; ///< log.cfg
+    // Only until the tests of the parts have replaced them.
+    std::string storageData() { return readFile(root + "/log_storage.dat"); }
+    void setStorageData(uint32_t total, unsigned head, unsigned tail, unsigned oldest);
+    void makeSection(const std::string& run, unsigned number, const std::string& text);
+    void makeSectionOfSize(const std::string& run, unsigned number, size_t size);
 
   private:
     std::unique_ptr<vnlog::platform::LoggerDriver> mDriver;
     std::map<std::string, vnlog::FileDescriptor> mWriters;
-    int mStdout = -1;
     android::sp<LogService> mService;
 };
