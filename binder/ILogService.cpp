@@ -63,24 +63,28 @@ status_t BnLogService::onTransact(uint32_t code, const Parcel& data, Parcel* rep
 
 } // namespace vnlog
 
+namespace {
+
+int callWithoutArguments(android::IBinder& binder, uint32_t code) {
+    android::Parcel data, reply;
+    data.writeInterfaceToken(vnlog::ILogService::descriptor);
+    binder.transact(code, data, &reply, 0);
+    return reply.readInt32();
+}
+
+} // namespace
+
 BpLogService::BpLogService(const android::sp<android::IBinder>& remote)
     : android::BpInterface<vnlog::ILogService>(remote) {}
 
 BpLogService::~BpLogService() = default;
 
-int BpLogService::callWithoutArguments(uint32_t code) {
-    android::Parcel data, reply;
-    data.writeInterfaceToken(getInterfaceDescriptor());
-    remote()->transact(code, data, &reply, 0);
-    return reply.readInt32();
-}
-
 int BpLogService::flushLogBufAll() {
-    return callWithoutArguments(FLUSH_LOG_BUF_ALL);
+    return callWithoutArguments(*remote(), FLUSH_LOG_BUF_ALL);
 }
 
 int BpLogService::getLogFd() {
-    return callWithoutArguments(GET_LOG_FD);
+    return callWithoutArguments(*remote(), GET_LOG_FD);
 }
 
 int BpLogService::logCMD(int cmd, const char* param) {

@@ -72,7 +72,4 @@ class VNLOG_API BpLogService : public android::BpInterface<vnlog::ILogService> {
     int flushLogBufAll() override;
     int getLogFd() override;
     int logCMD(int cmd, const char* param) override;
-
-  private:
-    int callWithoutArguments(uint32_t code);
 };

@@ -185,8 +185,6 @@ void setFlags(S& state, const Setting& setting, bool on) {
 } // namespace
 
 Settings::~Settings() {
-    Mutex<CommandLock> none; // nobody else is there any more
-    LockGuard<CommandLock> lock(none);
     releaseTexts();
 }
 
@@ -349,6 +347,11 @@ bool Settings::save() {
     return false;
 }
 
+/** The storage root; commands alone change it, so that a save need not wait for the flush thread. */
+const char* Settings::root() const VNLOG_UNCHECKED {
+    return mState.mSavePath != nullptr ? mState.mSavePath : "";
+}
+
 /** Writes the line of one setting. */
 void Settings::write(const Setting& setting, FILE* out) {
     std::fputs(setting.key, out);
@@ -359,11 +362,9 @@ void Settings::write(const Setting& setting, FILE* out) {
         std::fputs(on ? kYes : kNo, out);
         break;
     }
-    case Kind::Root: {
-        LockGuard<StorageLock> lock(mStorageLock);
-        std::fputs(mState.mSavePath != nullptr ? mState.mSavePath : "", out);
+    case Kind::Root:
+        std::fputs(root(), out);
         break;
-    }
     case Kind::Number:
         std::fprintf(out, "%d", setting.number.get(mState));
         break;

@@ -18,7 +18,7 @@ class Settings {
     /** All must outlive the object. `storageLock` is the one that guards the storage root. */
     Settings(ServiceState& state, Mutex<StorageLock>& storageLock, Filter& filter)
         : mState(state), mStorageLock(storageLock), mFilter(filter) {}
-    ~Settings();
+    ~Settings() VNLOG_UNCHECKED; // nobody else is there any more
     Settings(const Settings&) = delete;
     Settings& operator=(const Settings&) = delete;
 
@@ -33,7 +33,7 @@ class Settings {
     void releaseTexts() VNLOG_REQUIRES(CommandLock::role);
     /** Rewrites log.cfg. False, reported where its cause is not plain; a part of the file may be written
      * then. */
-    [[nodiscard]] bool save() VNLOG_REQUIRES(CommandLock::role) VNLOG_EXCLUDES(StorageLock::role);
+    [[nodiscard]] bool save() VNLOG_REQUIRES(CommandLock::role);
 
   private:
     bool read(const Setting& setting, const char* text, const char* path) VNLOG_REQUIRES(CommandLock::role);
@@ -44,6 +44,7 @@ class Settings {
     bool readOwnedText(const Setting& setting, const char* text, const char* path);
     void fallBack(const Setting& setting) VNLOG_REQUIRES(CommandLock::role);
     void write(const Setting& setting, FILE* out) VNLOG_REQUIRES(CommandLock::role);
+    const char* root() const VNLOG_REQUIRES(CommandLock::role);
 
     ServiceState& mState;
     Mutex<StorageLock>& mStorageLock;

@@ -14,7 +14,7 @@ struct StorageLock {
 
 /**
  * Where the stored log is, and the numbers that tell its extent. Sizes are in bytes, modulo 2^32, unless said
- * otherwise. Root and paths change only inside a command as well.
+ * otherwise. Root and paths change only at start and inside a command, which may read them without the lock.
  */
 struct StorageState {
     char* mSavePath VNLOG_GUARDED_BY(StorageLock::role) = nullptr; ///< storage root, owned

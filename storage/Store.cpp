@@ -208,25 +208,17 @@ void Store::changeRoot(const char* root) {
     mRootChange.take(root);
 }
 
+/** For commands, which alone change it. */
+const char* Store::logFolder() const VNLOG_UNCHECKED {
+    return mState.mLogServiceDir;
+}
+
+bool Store::copyTargetUsable(const char* target) const {
+    return shellSafe(target) && std::strlen(target) <= longestCopyTarget(std::strlen(logFolder()));
+}
+
 bool Store::copyTo(const char* target) {
-    Path folder;
-    {
-        LockGuard<StorageLock> lock(mLock); // not while the copy runs: the flush thread would wait for it
-        formatPath(folder.text, "%s", mState.mLogServiceDir);
-    }
-    return mFiles.copyTree(folder.text, target);
-}
-
-bool Store::copyTargetUsable(const char* target) {
-    LockGuard<StorageLock> lock(mLock);
-    return shellSafe(target) && std::strlen(target) <= longestCopyTarget(std::strlen(mState.mLogServiceDir));
-}
-
-Path Store::root() {
-    LockGuard<StorageLock> lock(mLock);
-    Path root;
-    formatPath(root.text, "%s", mState.mSavePath != nullptr ? mState.mSavePath : "");
-    return root;
+    return mFiles.copyTree(logFolder(), target);
 }
 
 Path Store::olderText() {

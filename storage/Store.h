@@ -51,12 +51,10 @@ class Store final : public BatchTarget {
      * open stays where it is; the flush thread finds that out at its next cut and goes on under the new root.
      */
     void changeRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
-    /** Copies the log folder into `target`, plain and of at most longestCopyTarget characters. */
-    bool copyTo(const char* target) VNLOG_EXCLUDES(StorageLock::role);
-    /** Whether `target` can be given to copyTo. */
-    bool copyTargetUsable(const char* target) VNLOG_EXCLUDES(StorageLock::role);
-    /** The storage root; empty before it is known. */
-    Path root() VNLOG_EXCLUDES(StorageLock::role);
+    /** Whether `target` can be given to copyTo. Takes no lock, like that: one command runs at a time. */
+    bool copyTargetUsable(const char* target) const;
+    /** Copies the log folder into `target`, a folder; the flush thread goes on meanwhile. */
+    bool copyTo(const char* target);
     /** The name that a log of the older form has in the current run. */
     Path olderText() VNLOG_EXCLUDES(StorageLock::role);
 
@@ -81,6 +79,7 @@ class Store final : public BatchTarget {
     bool pointOldestAtFinishedSection() VNLOG_REQUIRES(StorageLock::role);
     bool keepBound() VNLOG_REQUIRES(StorageLock::role);
     void syncAndClose() VNLOG_REQUIRES(StorageLock::role);
+    const char* logFolder() const;
 
     StorageState& mState;
     Mutex<StorageLock>& mLock;

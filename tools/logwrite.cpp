@@ -1,6 +1,7 @@
 /*
  * Writes entries to a logger device: one, one a line, or a saved log with its own stamps.
  */
+#include "base/KeyValue.h"
 #include "platform/logger/LoggerDevice.h"
 #include "platform/sysroot/SystemRoot.h"
 #include "tools/Options.h"
@@ -64,7 +65,7 @@ class Writer {
     int shortened() const { return mShortened; }
 
     /** Writes one entry; the device fills in what is zero in the header. */
-    bool write(LoggerHeader header, char priority, const std::string& tag, std::string text) {
+    bool write(LoggerHeader header, char priority, const std::string& tag, const std::string& text) {
         std::string payload = priority + tag + '\0' + text;
         if (payload.size() + 1 > kMaxPayload) {
             payload.resize(kMaxPayload - 1);
@@ -187,7 +188,7 @@ int takeOption(int choice, Arguments* arguments) {
         arguments->replay = optarg;
         break;
     case 'y':
-        arguments->year = std::atoi(optarg);
+        arguments->year = vnlog::parseNumber(optarg);
         break;
     case 'l':
         arguments->lossless = true;
@@ -213,6 +214,7 @@ const char* objection(const Arguments& arguments, bool withMessage) {
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): without memory for a line, the program ends in any case
 int main(int argc, char** argv) {
     Arguments arguments;
     std::time_t now = std::time(nullptr);

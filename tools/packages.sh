@@ -2,7 +2,7 @@
 
 BUILD_PACKAGES="g++ cmake ninja-build pkg-config gzip android-liblog-dev android-libutils-dev"
 TEST_PACKAGES="libgtest-dev zlib1g-dev binutils"
-FORMAT_PACKAGES="clang-format"
+CHECK_PACKAGES="clang clang-format clang-tidy"
 PLATFORM_PACKAGES="android-platform-frameworks-native-headers"
 
 need_packages() { # PACKAGE...

@@ -35,9 +35,10 @@ FileDescriptor openLogger(const char* path, LoggerAccess access) {
         return connectAs(path, LoggerHello::Reader);
     case LoggerAccess::Write:
         return connectAs(path, LoggerHello::Writer);
-    default:
-        return connectAs(path, LoggerHello::LosslessWriter);
+    case LoggerAccess::WriteLossless:
+        break;
     }
+    return connectAs(path, LoggerHello::LosslessWriter);
 }
 
 bool isStandIn(int fd) {
