@@ -21,6 +21,47 @@ namespace {
 constexpr size_t kMaxParameter = 16384; // fits a request in any case
 constexpr int kNameColumn = 25;
 
+// --- what the usage text says of the parameter
+
+void printSwitch(FILE* out) {
+    std::fprintf(out, "%s/%s", kYes, kNo);
+}
+
+void printKernelLevels(FILE* out) {
+    std::fprintf(out, "%d~%d", kLeastKernelLevel, kHighestKernelLevel);
+}
+
+void printAndroidLevels(FILE* out) {
+    for (const char* letter = kPriorityLetters; *letter != '\0'; ++letter)
+        std::fprintf(out, "%s%c", letter == kPriorityLetters ? "" : "/", *letter);
+}
+
+void printModuleWords(FILE* out) {
+    std::fprintf(out, "%s/%s", kAllModules, kNoModule);
+}
+
+void printLineFormats(FILE* out) {
+    for (int value = FORMAT_BRIEF; value <= FORMAT_LONG; ++value)
+        std::fprintf(out, "%s%s", value == FORMAT_BRIEF ? "" : "/",
+                     lineFormatWord(static_cast<AndroidLogPrintFormat>(value)));
+}
+
+void printModule(FILE* out) {
+    std::fputs("<name>:<level>", out);
+}
+
+void printModuleName(FILE* out) {
+    std::fputs("<name>", out);
+}
+
+void printRoot(FILE* out) {
+    std::fprintf(out, "<valid path>. e.g. %s", kDefaultRoot);
+}
+
+void printPath(FILE* out) {
+    std::fputs("<path>", out);
+}
+
 // --- what the service accepts
 
 bool anything(const char*) {
@@ -107,26 +148,23 @@ std::string copyObjection(const std::string& param, const ClientView& view) {
 }
 
 constexpr CommandInfo kCommands[] = {
-    {CMD_UART_OUTPUT, "UART_OUTPUT", "y/n", isSwitch, nullptr, &Dispatcher::setConsoleOutput},
-    {CMD_NAND_FILE_OUTPUT, "NAND_FILE_OUTPUT", "y/n", isSwitch, nullptr, &Dispatcher::setFileOutput},
-    {CMD_KLOG_OUTPUT, "KLOG_OUTPUT", "y/n", isSwitch, nullptr, &Dispatcher::setKernelOutput},
-    {CMD_KLOG_LEVEL, "KLOG_LEVEL", "1~7", isKernelLevel, nullptr, &Dispatcher::setKernelLevel},
-    {CMD_ALOG_OUTPUT, "ALOG_OUTPUT", "y/n", isSwitch, nullptr, &Dispatcher::setAndroidOutput},
-    {CMD_ALOG_LEVEL, "ALOG_LEVEL", "v/d/i/w/e/f/s", isAndroidLevel, nullptr, &Dispatcher::setAndroidLevel},
-    {CMD_ALOG_MODULE, "ALOG_MODULE", "ALL_MODULE/NONE_MODULE", isModuleWord, nullptr,
-     &Dispatcher::setModules},
-    {CMD_ALOG_ADD_MODULE, "ALOG_ADD_MODULE", "<name>:<level>", isGiven, moduleListObjection,
+    {CMD_UART_OUTPUT, "UART_OUTPUT", printSwitch, isSwitch, nullptr, &Dispatcher::setConsoleOutput},
+    {CMD_NAND_FILE_OUTPUT, "NAND_FILE_OUTPUT", printSwitch, isSwitch, nullptr, &Dispatcher::setFileOutput},
+    {CMD_KLOG_OUTPUT, "KLOG_OUTPUT", printSwitch, isSwitch, nullptr, &Dispatcher::setKernelOutput},
+    {CMD_KLOG_LEVEL, "KLOG_LEVEL", printKernelLevels, isKernelLevel, nullptr, &Dispatcher::setKernelLevel},
+    {CMD_ALOG_OUTPUT, "ALOG_OUTPUT", printSwitch, isSwitch, nullptr, &Dispatcher::setAndroidOutput},
+    {CMD_ALOG_LEVEL, "ALOG_LEVEL", printAndroidLevels, isAndroidLevel, nullptr, &Dispatcher::setAndroidLevel},
+    {CMD_ALOG_MODULE, "ALOG_MODULE", printModuleWords, isModuleWord, nullptr, &Dispatcher::setModules},
+    {CMD_ALOG_ADD_MODULE, "ALOG_ADD_MODULE", printModule, isGiven, moduleListObjection,
      &Dispatcher::addModules},
-    {CMD_ALOG_DEL_MODULE, "ALOG_DEL_MODULE", "<name>", isGiven, moduleNameObjection,
+    {CMD_ALOG_DEL_MODULE, "ALOG_DEL_MODULE", printModuleName, isGiven, moduleNameObjection,
      &Dispatcher::deleteModule},
-    {CMD_ALOG_FORMAT, "ALOG_FORMAT", "brief/process/tag/thread/raw/time/threadtime/long", isLineFormat,
-     nullptr, &Dispatcher::setLineFormat},
-    {CMD_FLUSH_SWITCH, "FLUSH_SWITCH", "y/n", isSwitch, nullptr, &Dispatcher::setFlushSwitch},
-    {CMD_STORAGE_PATH, "STORAGE_PATH", "<valid path>. e.g. /media/flash/nvm", isGiven, rootObjection,
-     &Dispatcher::setStorageRoot},
-    {CMD_COPY, "COPY", "<path>", isGiven, copyObjection, &Dispatcher::copyStorage},
-    {CMD_FLUSH, "FLUSH", "", anything, nullptr, &Dispatcher::flush},
-    {CMD_SHOW, "SHOW", "", anything, nullptr, &Dispatcher::show},
+    {CMD_ALOG_FORMAT, "ALOG_FORMAT", printLineFormats, isLineFormat, nullptr, &Dispatcher::setLineFormat},
+    {CMD_FLUSH_SWITCH, "FLUSH_SWITCH", printSwitch, isSwitch, nullptr, &Dispatcher::setFlushSwitch},
+    {CMD_STORAGE_PATH, "STORAGE_PATH", printRoot, isGiven, rootObjection, &Dispatcher::setStorageRoot},
+    {CMD_COPY, "COPY", printPath, isGiven, copyObjection, &Dispatcher::copyStorage},
+    {CMD_FLUSH, "FLUSH", nullptr, anything, nullptr, &Dispatcher::flush},
+    {CMD_SHOW, "SHOW", nullptr, anything, nullptr, &Dispatcher::show},
 };
 
 } // namespace
@@ -156,7 +194,7 @@ const CommandInfo* findCommand(const char* name) {
 }
 
 std::string objectionTo(const CommandInfo& command, const char* param, const ClientView& view) {
-    bool takesNone = command.usage[0] == '\0';
+    bool takesNone = command.usage == nullptr;
     if (takesNone || param == nullptr) {
         if (takesNone == (param == nullptr))
             return "";
@@ -173,8 +211,10 @@ void printUsage(FILE* out) {
     constexpr char kIndent[] = "         ";
     std::fputs("\n\nlogset useage:\n\nlogset   <cmd_type>               <cmd_param>\n", out);
     for (const CommandInfo& command : CommandTable()) {
-        int column = command.usage[0] != '\0' ? kNameColumn : 0;
-        std::fprintf(out, "%s%-*s%s\n", kIndent, column, command.name, command.usage);
+        std::fprintf(out, "%s%-*s", kIndent, command.usage != nullptr ? kNameColumn : 0, command.name);
+        if (command.usage != nullptr)
+            command.usage(out);
+        std::fputs("\n", out);
     }
     std::fprintf(out, "\n%sKXXX:kernel AXXX:android\n\n", kIndent);
 }

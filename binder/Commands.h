@@ -20,7 +20,7 @@ struct ClientView {
 struct CommandInfo {
     Command code;
     const char* name;
-    const char* usage; ///< the parameter, as the usage text shows it; empty when there is none
+    void (*usage)(FILE* out); ///< prints the parameter as the usage text shows it; null when there is none
     /** Whether the service acts on the parameter, which may be null; otherwise it answers with its usage
      * text. */
     bool (*accepts)(const char* param);

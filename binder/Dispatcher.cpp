@@ -147,10 +147,7 @@ int Dispatcher::setAndroidLevel(const char* param) {
 }
 
 int Dispatcher::setModules(const char* param) {
-    if (std::strcmp(param, kAllModules) == 0)
-        mTargets.filter.passAll(mState.mALogLevel);
-    else
-        mTargets.filter.passNone();
+    mTargets.filter.setMode(std::strcmp(param, kAllModules) == 0 ? kModeAll : kModeNone, mState.mALogLevel);
     return saveAndShow();
 }
 

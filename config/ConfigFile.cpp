@@ -71,7 +71,7 @@ Text readWhole(const char* path) {
 const char* chooseConfiguration(const char* own) {
     if (pathExists(own))
         return own;
-    const char* fallback = std::getenv("LOG_DEFAULT_CFG");
+    const char* fallback = std::getenv(kDefaultConfigurationVariable);
     if (fallback != nullptr && pathExists(fallback))
         return fallback;
     return "system/etc/log_service/log_default.cfg";

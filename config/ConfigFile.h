@@ -6,7 +6,12 @@
  * cancellation. */
 namespace vnlog {
 
-/** The file that the settings are read from at start: `own`, else LOG_DEFAULT_CFG's, else a relative path. */
+/** The service's own file, under the system root and the default storage root. */
+constexpr char kConfigurationName[] = "/log.cfg";
+/** The environment variable that names the file to be read when that one is missing. */
+constexpr char kDefaultConfigurationVariable[] = "LOG_DEFAULT_CFG";
+
+/** The file that the settings are read from at start: `own`, else the variable's, else a relative path. */
 const char* chooseConfiguration(const char* own);
 
 /**

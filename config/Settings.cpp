@@ -102,7 +102,7 @@ constexpr Setting kSettings[] = {
     onOff("UART_OUTPUT=", kYes, &S::mKLogToUart, &S::mALogToUart),
     onOff("NAND_FILE_OUTPUT=", kNo, &S::mKLogToFile, &S::mALogToFile),
     onOff("SAVE_FLUSH_SWITCH=", kNo, &S::mFlushSwitch),
-    {"STORAGE_PATH=", Kind::Root},
+    {kStorageRootKey, Kind::Root},
     shown("STORAGE_FULL=", &S::mStorageFull),
     number("MAX_LOG_SIZE=", {[](const S& s) { return s.mMaxLogSize; },
                              setMaxLogSize,

@@ -53,6 +53,9 @@ class Settings {
     bool mTextsOwned VNLOG_GUARDED_BY(CommandLock::role) = false;
 };
 
+/** The key of the storage root in log.cfg. */
+constexpr char kStorageRootKey[] = "STORAGE_PATH=";
+
 /** Lowest and highest kernel level, in log.cfg and in commands. */
 constexpr int kLeastKernelLevel = 1;
 constexpr int kHighestKernelLevel = 7;

@@ -57,7 +57,7 @@ bool Lifecycle::prepare(bool* storing) {
 }
 
 void Lifecycle::readSettings() {
-    formatPath(mService.mCfgPath, "%s%s/log.cfg", mParts.systemRoot.path, kDefaultRoot);
+    formatPath(mService.mCfgPath, "%s%s%s", mParts.systemRoot.path, kDefaultRoot, kConfigurationName);
     restoreConfiguration(mService.mCfgPath);
     if (!mParts.settings.parse(chooseConfiguration(mService.mCfgPath)))
         mParts.settings.takeDefaults();

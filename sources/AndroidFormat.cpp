@@ -14,10 +14,14 @@ struct FormatWord {
 };
 
 constexpr FormatWord kFormatWords[] = {
-    {"brief", FORMAT_BRIEF},   {"process", FORMAT_PROCESS},
-    {"tag", FORMAT_TAG},       {"threadtime", FORMAT_THREADTIME},
-    {"thread", FORMAT_THREAD}, {"raw", FORMAT_RAW},
-    {"time", FORMAT_TIME},     {"long", FORMAT_LONG},
+    {kDefaultLineFormat, FORMAT_BRIEF},
+    {"process", FORMAT_PROCESS},
+    {"tag", FORMAT_TAG},
+    {"threadtime", FORMAT_THREADTIME},
+    {"thread", FORMAT_THREAD},
+    {"raw", FORMAT_RAW},
+    {"time", FORMAT_TIME},
+    {"long", FORMAT_LONG},
 };
 
 } // namespace

@@ -18,8 +18,6 @@ namespace vnlog {
 
 namespace {
 
-constexpr char kMainDevice[] = "/dev/log_main";
-constexpr char kSystemDevice[] = "/dev/log_system";
 constexpr long kMergeDelayUs = 5000;
 
 /** What becomes of the pass after one read. */
@@ -132,10 +130,10 @@ void AndroidReader::run() {
 
 /** The main device, and the system device where it can be read. */
 log_device_t* AndroidReader::makeDeviceList() {
-    log_device_t* list = makeDevice(kMainDevice, 'm');
+    log_device_t* list = makeDevice(platform::kMainDevice, 'm');
     mState.mALogDevCount = 1;
-    if (list != nullptr && access(devicePlace(mSystemRoot, kSystemDevice).text, R_OK) == 0) {
-        list->next = makeDevice(kSystemDevice, 's');
+    if (list != nullptr && access(devicePlace(mSystemRoot, platform::kSystemDevice).text, R_OK) == 0) {
+        list->next = makeDevice(platform::kSystemDevice, 's');
         mState.mALogDevCount = list->next != nullptr ? 2 : 1;
     }
     return list;
@@ -237,7 +235,7 @@ void AndroidReader::announce(log_device_t* device) {
 }
 
 bool AndroidReader::clear() {
-    Path path = devicePlace(mSystemRoot, kMainDevice);
+    Path path = devicePlace(mSystemRoot, platform::kMainDevice);
     FileDescriptor device = platform::openLogger(path.text, platform::LoggerAccess::Write);
     if (!device.valid()) {
         char text[128];

@@ -162,24 +162,14 @@ void Filter::setLevel(const char* level) {
     addLevel(expression, level, reportToCommand);
 }
 
-void Filter::passAll(const char* level) {
+void Filter::setMode(int mode, const char* level) {
     LockGuard<FilterLock> lock(mLock);
-    if (mState.mModuleMode == kModeAll)
+    if (mState.mModuleMode == mode)
         return;
-    mState.mModuleMode = kModeAll;
+    mState.mModuleMode = mode;
     releaseRules(mState.mLogFormat);
     char expression[kExpressionSize];
-    addLevel(expression, level, reportToCommand);
-}
-
-void Filter::passNone() {
-    LockGuard<FilterLock> lock(mLock);
-    if (mState.mModuleMode == kModeNone)
-        return;
-    mState.mModuleMode = kModeNone;
-    releaseRules(mState.mLogFormat);
-    char expression[kExpressionSize];
-    addLevel(expression, kSilentLevel, reportToCommand);
+    addLevel(expression, mode == kModeAll ? level : kSilentLevel, reportToCommand);
 }
 
 void Filter::addModules(const char* list, const char* level) {

@@ -40,9 +40,9 @@ class Filter {
     [[nodiscard]] bool setLineFormat(const char* word) VNLOG_EXCLUDES(FilterLock::role);
     /** Makes the letter's priority the one of modules without a rule. */
     void setLevel(const char* level) VNLOG_EXCLUDES(FilterLock::role);
-    /** Lets all modules pass from the level on, or none; without effect in that mode already. */
-    void passAll(const char* level) VNLOG_EXCLUDES(FilterLock::role);
-    void passNone() VNLOG_EXCLUDES(FilterLock::role);
+    /** Lets all modules pass from the level on (kModeAll) or none (kModeNone); without effect in that mode
+     * already. */
+    void setMode(int mode, const char* level) VNLOG_EXCLUDES(FilterLock::role);
     /** Adds the items of a module list; those without a level take `level`. Earlier rules stay in list mode
      * only. */
     void addModules(const char* list, const char* level) VNLOG_EXCLUDES(FilterLock::role);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/sysroot/SystemRoot.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -46,7 +48,7 @@ inline int commonOption(int choice, const char* program, int (*printHelp)()) {
         std::printf("%s %s\n", program, VNLOG_VERSION);
         return 0;
     case 's':
-        return usePath(program, "VNLOG_SYSROOT", optarg, S_IFDIR);
+        return usePath(program, vnlog::platform::kSystemRootVariable, optarg, S_IFDIR);
     default: // reported by getopt_long
         return hintAtHelp(program);
     }

@@ -2,7 +2,9 @@
  * The host process: creates the log service, publishes it, waits for a signal and takes the service down in
  * good order.
  */
+#include "config/ConfigFile.h"
 #include "platform/binder/Host.h"
+#include "platform/logger/LoggerDevice.h"
 #include "platform/logger/LoggerDriver.h"
 #include "platform/sysroot/SystemRoot.h"
 #include "service/LogService.h"
@@ -60,7 +62,7 @@ struct Devices {
     std::unique_ptr<vnlog::platform::LoggerDriver> driver;
 
     explicit Devices(const std::string& root)
-        : main(root + "/dev/log_main"), system(root + "/dev/log_system") {
+        : main(root + vnlog::platform::kMainDevice), system(root + vnlog::platform::kSystemDevice) {
         struct stat info;
         bool real = stat(main.c_str(), &info) == 0 && !S_ISSOCK(info.st_mode);
         if (!root.empty() && !real)
@@ -143,7 +145,7 @@ int main(int argc, char** argv) {
         kHelpOption, kVersionOption, kSysrootOption, {"cfg", required_argument, nullptr, 'c'}, kEndOfOptions};
     int status = kGoOn;
     for (int choice; status == kGoOn && (choice = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
-        status = choice == 'c' ? usePath(kProgram, "LOG_DEFAULT_CFG", optarg, S_IFREG)
+        status = choice == 'c' ? usePath(kProgram, vnlog::kDefaultConfigurationVariable, optarg, S_IFREG)
                                : commonOption(choice, kProgram, printHelp);
     }
     if (status != kGoOn)

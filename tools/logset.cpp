@@ -1,8 +1,11 @@
 /*
  * The command-line client: checks a command by the service's own rules, sends it and says what came of it.
  */
+#include "base/KeyValue.h"
 #include "binder/Commands.h"
 #include "binder/ILogService.h"
+#include "config/ConfigFile.h"
+#include "config/Settings.h"
 #include "platform/binder/Host.h"
 #include "platform/sysroot/SystemRoot.h"
 #include "storage/Layout.h"
@@ -22,7 +25,10 @@ namespace {
 constexpr char kProgram[] = "logset";
 
 void printUsageLine(FILE* out, const CommandInfo& command) {
-    std::fprintf(out, "  %-16s %s\n", command.name, command.usage);
+    std::fprintf(out, "  %-16s ", command.name);
+    if (command.usage != nullptr)
+        command.usage(out);
+    std::fputs("\n", out);
 }
 
 int printHelp() {
@@ -52,7 +58,7 @@ std::string readConfiguration() {
     (void)root.read(); // with a wrong root there is no such file
     std::string text;
     for (int left = kTries; left > 0; --left) {
-        std::ifstream file(std::string(root.path) + vnlog::kDefaultRoot + "/log.cfg");
+        std::ifstream file(std::string(root.path) + vnlog::kDefaultRoot + vnlog::kConfigurationName);
         text.assign(std::istreambuf_iterator<char>(file), {});
         if (text.size() > 2 && text.compare(text.size() - 2, 2, "\n\n") == 0) // the last thing written
             break;
@@ -64,13 +70,9 @@ std::string readConfiguration() {
 
 /** The storage root in the configuration file. */
 std::string configuredRoot() {
-    constexpr char kKey[] = "STORAGE_PATH=";
-    std::string text = readConfiguration();
-    size_t start = text.find(kKey);
-    if (start == std::string::npos)
-        return "";
-    start += sizeof kKey - 1;
-    return text.substr(start, text.find('\n', start) - start);
+    char root[vnlog::kMaxRootLength + 1] = {};
+    (void)vnlog::copyValue(readConfiguration().c_str(), vnlog::kStorageRootKey, root, vnlog::kMaxRootLength);
+    return root;
 }
 
 size_t logFolderLength() {

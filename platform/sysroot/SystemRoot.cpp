@@ -7,7 +7,7 @@
 namespace vnlog::platform {
 
 bool SystemRoot::read() {
-    const char* value = std::getenv("VNLOG_SYSROOT");
+    const char* value = std::getenv(kSystemRootVariable);
     size_t length = value == nullptr ? 0 : std::strlen(value);
     while (length > 0 && value[length - 1] == '/')
         --length;

@@ -7,12 +7,15 @@ namespace vnlog::platform {
 /** Longest system root in characters: with it every path that the service derives still fits. */
 constexpr size_t kMaxSystemRoot = 83;
 
+/** The environment variable that names the system root. */
+constexpr char kSystemRootVariable[] = "VNLOG_SYSROOT";
+
 /** The directory that stands before the service's fixed absolute paths; the empty text on a device. */
 struct SystemRoot {
     char path[kMaxSystemRoot + 1] = {};
 
     /**
-     * Takes the value of VNLOG_SYSROOT without trailing slashes. Returns false when that is longer than
+     * Takes the value of the variable without trailing slashes. Returns false when that is longer than
      * kMaxSystemRoot; `path` then holds its beginning and must not be used for files.
      */
     [[nodiscard]] bool read();
