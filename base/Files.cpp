@@ -17,22 +17,24 @@ FolderState folderState(const char* path) {
         logError("checkDirEmpty path(%s) can not open\n", path);
         return FolderState::Unreadable;
     }
-    return folder.next() == nullptr ? FolderState::Empty : FolderState::NotEmpty;
+    if (folder.next() != nullptr)
+        return FolderState::NotEmpty;
+    return folder.failed() ? FolderState::Unreadable : FolderState::Empty;
 }
 
 bool folderSize(const char* path, uint32_t* sum) {
     *sum = 0;
     Folder folder(path);
-    if (!folder.valid()) {
+    uint32_t found = 0;
+    while (const dirent* entry = folder.valid() ? folder.next() : nullptr) {
+        int64_t size = folder.entrySize(entry->d_name);
+        if (size > 0)
+            found += static_cast<uint32_t>(size);
+    }
+    if (!folder.valid() || folder.failed()) {
         logError("fail to getFolderSize path error!\n");
         logErrno();
         return false;
-    }
-    uint32_t found = 0;
-    while (const dirent* entry = folder.next()) {
-        int64_t size = folder.entrySize(entry->d_name); // of names of any length
-        if (size > 0)
-            found += static_cast<uint32_t>(size);
     }
     if (folder.close() != 0) {
         logError("Failed to close the directory [%s]", path);

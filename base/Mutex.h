@@ -33,7 +33,8 @@ struct VNLOG_THREAD_SAFETY(capability("lock")) LockRole {};
 
 template <class Lock> class LockGuard;
 
-/** The mutex behind a role. Never held by a thread that may be cancelled while it waits. */
+/** The mutex behind a role. A thread that waits with it held must have cancellation disabled, or releases by
+ * unwinding. */
 template <class Lock> class Mutex {
   public:
     Mutex() = default;

@@ -5,7 +5,7 @@
 
 namespace vnlog {
 
-bool formatText(char* out, size_t size, const char* format, va_list args) {
+bool formatTextArgs(char* out, size_t size, const char* format, va_list args) {
     std::memset(out, 0, size);
     int length = std::vsnprintf(out, size, format, args);
     return length >= 0 && static_cast<size_t>(length) < size;
@@ -13,7 +13,7 @@ bool formatText(char* out, size_t size, const char* format, va_list args) {
 
 Path entryPath(const char* folder, const char* name) {
     Path path;
-    formatPath(path.text, "%s/%s", folder, name);
+    formatText(path.text, "%s/%s", folder, name);
     return path;
 }
 

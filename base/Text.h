@@ -11,13 +11,13 @@ struct Path {
 };
 
 /** vsnprintf into a zero-filled fixed buffer of `size` bytes. Returns whether the whole text fitted. */
-bool formatText(char* out, size_t size, const char* format, va_list args);
+bool formatTextArgs(char* out, size_t size, const char* format, va_list args);
 
-/** The same for an array; false when the text was cut. */
-template <size_t N> [[gnu::format(printf, 2, 3)]] bool formatPath(char (&out)[N], const char* format, ...) {
+/** Formats into an array; false when the text was cut. */
+template <size_t N> [[gnu::format(printf, 2, 3)]] bool formatText(char (&out)[N], const char* format, ...) {
     va_list args;
     va_start(args, format);
-    bool whole = formatText(out, N, format, args);
+    bool whole = formatTextArgs(out, N, format, args);
     va_end(args);
     return whole;
 }

@@ -194,12 +194,10 @@ const CommandInfo* findCommand(const char* name) {
 }
 
 std::string objectionTo(const CommandInfo& command, const char* param, const ClientView& view) {
-    bool takesNone = command.usage == nullptr;
-    if (takesNone || param == nullptr) {
-        if (takesNone == (param == nullptr))
-            return "";
-        return takesNone ? "takes no parameter" : "needs a parameter";
-    }
+    if (command.usage == nullptr)
+        return param == nullptr ? "" : "takes no parameter";
+    if (param == nullptr)
+        return "needs a parameter";
     if (std::strlen(param) > kMaxParameter)
         return "the parameter is longer than " + std::to_string(kMaxParameter) + " characters";
     if (!command.accepts(param))

@@ -10,6 +10,7 @@
 namespace vnlog {
 
 class Dispatcher;
+struct CommandAnswer;
 
 /** What the client knows of the service when it looks at a parameter. */
 struct ClientView {
@@ -27,8 +28,8 @@ struct CommandInfo {
     /** The client's objection to a parameter that is there and accepted; empty when there is none. May be
      * null. */
     std::string (*objection)(const std::string& param, const ClientView& view);
-    /** What the service does; the result of logCMD. */
-    int (Dispatcher::*action)(const char* param);
+    /** What the service does. */
+    CommandAnswer (Dispatcher::*action)(const char* param);
 };
 
 /** All commands, in the order of the usage text. */

@@ -23,51 +23,56 @@ constexpr int kMutedConsoleLevel = 1;
 
 int Dispatcher::run(int code, const char* param) {
     CancelGuard guard; // a reader whose storage is full comes here, too
+    CommandAnswer answer = runLocked(code, param);
+    // Without the lock: a console that nobody reads holds up this command only.
+    if (answer.usage)
+        showHelp();
+    if (answer.report)
+        showConfiguration(mState.mCfgPath);
+    return answer.result;
+}
+
+CommandAnswer Dispatcher::runLocked(int code, const char* param) {
     LockGuard<CommandLock> lock(mTargets.lock);
     if (!mTargets.commandState.mServiceStarted) {
         logError("%s failed: service is not start\n", "logCMD");
-        return -1;
+        return {-1};
     }
     const CommandInfo* command = findCommand(code);
-    if (command == nullptr) {
-        showHelp();
-        return 0;
-    }
-    if (!command->accepts(param)) {
-        showHelp();
-        showConfiguration(mState.mCfgPath);
-        return 0;
-    }
+    if (command == nullptr)
+        return {0, false, true};
+    if (!command->accepts(param))
+        return {0, true, true};
     return (this->*command->action)(param);
 }
 
 void Dispatcher::showHelp() {
     CancelGuard guard;
+    flockfile(stdout); // two reports never mix
     printUsage(stdout);
     fflush(stdout); // the Android reader writes to the same descriptor without stdio
+    funlockfile(stdout);
 }
 
-/** The end of every command that changed a setting: saves and shows it. */
-int Dispatcher::saveAndShow() {
-    if (!mTargets.settings.save()) {
-        logError("cmd log configuration failed to save !\n");
-        return -1;
-    }
-    showConfiguration(mState.mCfgPath);
-    return 0;
+/** The end of every command that changed a setting: saves it and has it shown. */
+CommandAnswer Dispatcher::saveAndShow() {
+    if (mTargets.settings.save())
+        return {0, true};
+    logError("cmd log configuration failed to save !\n");
+    return {-1};
 }
 
-int Dispatcher::setConsoleOutput(const char* param) {
+CommandAnswer Dispatcher::setConsoleOutput(const char* param) {
     bool on = isYes(param);
     if (on && !restoreKernelConsole())
-        return -1;
+        return {-1};
     if (!on && mState.mKLogToUart && !muteKernelConsole())
-        return -1;
+        return {-1};
     mState.mALogToUart = on;
     return saveAndShow();
 }
 
-int Dispatcher::setFileOutput(const char* param) {
+CommandAnswer Dispatcher::setFileOutput(const char* param) {
     mState.mKLogToFile = isYes(param);
     mState.mALogToFile = isYes(param);
     return saveAndShow();
@@ -89,44 +94,45 @@ bool Dispatcher::muteKernelConsole() {
     return setConsoleLevel(kMutedConsoleLevel, "fail to set the kernel log level to KERN_ALERT\n");
 }
 
-/** Brings back the level from before the output was switched off. */
+/** Brings back the level from before the output was switched off; when it is on, that undoes a KLOG_LEVEL
+ * since. */
 bool Dispatcher::restoreKernelConsole() {
     mState.mKLogToUart = true;
     mState.mKLogLevel = mState.mOldKLogLevel;
     return setConsoleLevel(mState.mOldKLogLevel, "fail to set the kernel log level to oldKLogLevel \n");
 }
 
-int Dispatcher::setKernelOutput(const char* param) {
+CommandAnswer Dispatcher::setKernelOutput(const char* param) {
     if (!isYes(param)) {
         mState.mKLogOutput = false;
         mState.mKLogToFile = false;
         if (mState.mKLogToUart && !muteKernelConsole())
-            return -1;
+            return {-1};
         return saveAndShow();
     }
     if (!mState.mKLogOutput) {
         if (!mTargets.kernelReader.clear()) {
             logError("Log clearing failed! \n");
-            return -1;
+            return {-1};
         }
         mState.mKLogOutput = true;
         postOrReport(&mState.mKLogSem, "Cmd K_LOG_OUTPUT sem_post failed \n");
     }
     if (!restoreKernelConsole())
-        return -1;
+        return {-1};
     mState.mKLogToFile = true;
     return saveAndShow();
 }
 
-int Dispatcher::setKernelLevel(const char* param) {
+CommandAnswer Dispatcher::setKernelLevel(const char* param) {
     int level = parseNumber(param);
     if (!setConsoleLevel(level, "fail to set the kernel log level \n"))
-        return -1;
+        return {-1};
     mState.mKLogLevel = level;
     return saveAndShow();
 }
 
-int Dispatcher::setAndroidOutput(const char* param) {
+CommandAnswer Dispatcher::setAndroidOutput(const char* param) {
     bool on = isYes(param);
     if (on && !mState.mALogOutput) {
         if (!mTargets.androidReader.clear())
@@ -140,43 +146,42 @@ int Dispatcher::setAndroidOutput(const char* param) {
     return saveAndShow();
 }
 
-int Dispatcher::setAndroidLevel(const char* param) {
+CommandAnswer Dispatcher::setAndroidLevel(const char* param) {
     mState.mALogLevel[0] = param[0];
     mTargets.filter.setLevel(mState.mALogLevel);
     return saveAndShow();
 }
 
-int Dispatcher::setModules(const char* param) {
+CommandAnswer Dispatcher::setModules(const char* param) {
     mTargets.filter.setMode(std::strcmp(param, kAllModules) == 0 ? kModeAll : kModeNone, mState.mALogLevel);
     return saveAndShow();
 }
 
-int Dispatcher::addModules(const char* param) {
+CommandAnswer Dispatcher::addModules(const char* param) {
     mTargets.filter.addModules(param, mState.mALogLevel);
     return saveAndShow();
 }
 
-int Dispatcher::deleteModule(const char* param) {
+CommandAnswer Dispatcher::deleteModule(const char* param) {
     mTargets.filter.deleteModule(param);
     return saveAndShow();
 }
 
-int Dispatcher::setLineFormat(const char* param) {
+CommandAnswer Dispatcher::setLineFormat(const char* param) {
     (void)mTargets.filter.setLineFormat(param); // the word is known
     return saveAndShow();
 }
 
-int Dispatcher::setFlushSwitch(const char* param) {
+CommandAnswer Dispatcher::setFlushSwitch(const char* param) {
     mState.mFlushSwitch = isYes(param);
     return saveAndShow();
 }
 
-int Dispatcher::setStorageRoot(const char* param) {
+CommandAnswer Dispatcher::setStorageRoot(const char* param) {
     Folder folder(usableRoot(param) ? param : "");
     if (!folder.valid()) {
         logError("STORAGE_PATH(%s) can not open\n", param);
-        showConfiguration(mState.mCfgPath);
-        return 0;
+        return {0, true};
     }
     if (mState.mFlushSwitch)
         logError("error: Please turn off the storage function\n");
@@ -184,32 +189,31 @@ int Dispatcher::setStorageRoot(const char* param) {
     if (folder.close() != 0) {
         logError("Failed to close the directory [%s]", param);
         logErrno();
-        return -1;
+        return {-1};
     }
     return saveAndShow();
 }
 
-int Dispatcher::copyStorage(const char* param) {
+CommandAnswer Dispatcher::copyStorage(const char* param) {
     if (!mTargets.store.copyTargetUsable(param) || !pathExists(param)) {
         logError("%s dir does not exist,Please check!\n", param);
-        return 0;
+        return {0};
     }
     if (mTargets.store.copyTo(param))
         logDebug("log copy success\n");
     else
         logError("fail to copy log files\n");
-    return 0;
+    return {0};
 }
 
-int Dispatcher::flush(const char*) {
+CommandAnswer Dispatcher::flush(const char*) {
     if (mTargets.service.flushLogBufAll() != 0)
         logError("error: flush log buf fail\n");
-    return 0;
+    return {0};
 }
 
-int Dispatcher::show(const char*) {
-    showConfiguration(mState.mCfgPath);
-    return 0;
+CommandAnswer Dispatcher::show(const char*) {
+    return {0, true};
 }
 
 } // namespace vnlog

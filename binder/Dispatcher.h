@@ -25,6 +25,13 @@ struct CommandTargets {
     AndroidReader& androidReader;
 };
 
+/** What a command answers. */
+struct CommandAnswer {
+    int result; ///< of logCMD
+    bool report = false; ///< the configuration is to be shown
+    bool usage = false; ///< the usage text is to be shown before it
+};
+
 /** Runs the commands, one at a time. Any thread; a command is not cut in the middle by a cancellation. */
 class Dispatcher {
   public:
@@ -40,24 +47,25 @@ class Dispatcher {
      * The actions of the table: each with a parameter that its row accepts. 0; -1, reported, when the command
      * or the save that ends it failed.
      */
-    int setConsoleOutput(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int setFileOutput(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int setKernelOutput(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int setKernelLevel(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int setAndroidOutput(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int setAndroidLevel(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int setModules(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int addModules(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int deleteModule(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int setLineFormat(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int setFlushSwitch(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int setStorageRoot(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int copyStorage(const char* param) VNLOG_REQUIRES(CommandLock::role);
-    int flush(const char*) VNLOG_REQUIRES(CommandLock::role);
-    int show(const char*) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setConsoleOutput(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setFileOutput(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setKernelOutput(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setKernelLevel(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setAndroidOutput(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setAndroidLevel(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setModules(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer addModules(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer deleteModule(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setLineFormat(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setFlushSwitch(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setStorageRoot(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer copyStorage(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer flush(const char*) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer show(const char*) VNLOG_REQUIRES(CommandLock::role);
 
   private:
-    int saveAndShow() VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer runLocked(int code, const char* param) VNLOG_EXCLUDES(CommandLock::role);
+    CommandAnswer saveAndShow() VNLOG_REQUIRES(CommandLock::role);
     bool setConsoleLevel(int level, const char* report);
     bool muteKernelConsole() VNLOG_REQUIRES(CommandLock::role);
     bool restoreKernelConsole() VNLOG_REQUIRES(CommandLock::role);

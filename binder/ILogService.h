@@ -43,7 +43,8 @@ class VNLOG_API ILogService : public android::IInterface {
     virtual int getLogFd() = 0;
     /**
      * Runs one command. `param` may be null; commands that need a parameter answer with the usage text then.
-     * 0 for success and for answers that only print, -1 for a refused or failed command.
+     * 0 for success, for answers that only print and for a COPY that failed, which only the Android log
+     * tells; -1 for another command that failed or was refused.
      */
     virtual int logCMD(int cmd, const char* param) = 0;
 };

@@ -14,33 +14,32 @@ constexpr unsigned kLongestPauseSeconds = 60;
 } // namespace
 
 void Flusher::run() {
-    unsigned pause = kFirstPauseSeconds;
     while (mState.mFlushThreadRunning) {
         if (!mRing.waitForPost())
             return;
-        drainUntilDone(&pause);
+        drainUntilDone();
     }
     mRing.reportUnwritten();
     mTarget.closeSection();
 }
 
 /** Drains until there is nothing to do or the thread is to end, with a pause after each failure. */
-void Flusher::drainUntilDone(unsigned* pause) {
+void Flusher::drainUntilDone() {
+    unsigned pause = kFirstPauseSeconds;
     bool retry = false;
     while (mState.mFlushThreadRunning) {
         uint32_t requestsSeen = mRing.requests();
         switch (drain(retry, requestsSeen)) {
         case Drain::Idle:
         case Drain::Done:
-            *pause = kFirstPauseSeconds;
             return;
-        case Drain::Partly: // what is left is offered at once; if that moves nothing, it has failed
+        case Drain::Again: // what is left is offered at once; if that moves nothing, it has failed
             break;
         case Drain::Failed:
             mRing.drainFailed();
             mTarget.closeSection();
-            mRing.pause(*pause, requestsSeen);
-            *pause = std::min(*pause * 2, kLongestPauseSeconds);
+            mRing.pause(pause, requestsSeen);
+            pause = std::min(pause * 2, kLongestPauseSeconds);
             break;
         }
         retry = true;
@@ -70,12 +69,12 @@ Flusher::Drain Flusher::drain(bool retry, uint32_t requestsSeen) {
     case SaveStatus::WriteFailed:
         if (result.moved > 0) {
             mRing.drainWorks();
-            return Drain::Partly;
+            return Drain::Again;
         }
         break;
     case SaveStatus::RootMoved:
         logError("error: failed to save log,please check it\n");
-        return Drain::Partly; // the new root is as good as any: no pause
+        return Drain::Again; // the new root is as good as any: no pause
     case SaveStatus::CutFailed:
         break;
     }

@@ -41,13 +41,14 @@ class Flusher {
     Flusher(const RingState& state, Ring& ring, BatchTarget& target)
         : mState(state), mRing(ring), mTarget(target) {}
 
-    /** Runs until the thread is to end; what is left in the ring then is reported and dropped. */
+    /** Runs until the thread is to end; what is left in the ring then is reported and dropped. Ends as well,
+     * reported, when waiting is not possible; what is left stays then. */
     void run();
 
   private:
-    enum class Drain { Idle, Done, Partly, Failed };
+    enum class Drain { Idle, Done, Again, Failed };
 
-    void drainUntilDone(unsigned* pause);
+    void drainUntilDone();
     Drain drain(bool retry, uint32_t requestsSeen);
 
     const RingState& mState;

@@ -16,9 +16,6 @@ namespace vnlog {
 
 namespace {
 
-/** Top bit of the users: the ring takes nobody in any more. The bits below count who is inside. */
-constexpr uint32_t kClosed = 0x80000000U;
-
 // Places of the three file writes in their report, part of its fixed text.
 constexpr int kPlaceWhole = 1699;
 constexpr int kPlaceFirst = 1706;
@@ -52,12 +49,16 @@ bool writeOrReport(int fd, const char* bytes, uint32_t length, int place) {
     return false;
 }
 
-/** Writes the oldest `count` bytes, in two pieces where they run over the end of the data area. */
-bool writeOldest(const LogBuf& buffer, int fd, uint32_t count) VNLOG_REQUIRES(RingLock::role) {
-    uint32_t toEnd = buffer.last_pos + 1 - buffer.read_pos;
+/**
+ * Writes `count` used bytes from `start` on, in two pieces where they run over the end of the data area.
+ * Without the mutex, so that no writer waits for the medium: nobody else moves the used bytes, and writers
+ * leave them alone.
+ */
+bool writeUsed(const LogBuf& buffer, int fd, uint32_t start, uint32_t count) VNLOG_UNCHECKED {
+    uint32_t toEnd = buffer.last_pos + 1 - start;
     if (count <= toEnd)
-        return writeOrReport(fd, buffer.buf + buffer.read_pos, count, kPlaceWhole);
-    return writeOrReport(fd, buffer.buf + buffer.read_pos, toEnd, kPlaceFirst) &&
+        return writeOrReport(fd, buffer.buf + start, count, kPlaceWhole);
+    return writeOrReport(fd, buffer.buf + start, toEnd, kPlaceFirst) &&
            writeOrReport(fd, buffer.buf, count - toEnd, kPlaceSecond);
 }
 
@@ -300,14 +301,19 @@ bool Ring::mediumTooSmall(const LogBuf& buffer, PutResult* result) {
 TakeResult Ring::take(int fd, uint32_t wanted) {
     if (wanted == 0 || !mState.mFlushThreadRunning || mState.mLogBuf == nullptr)
         return {TakeStatus::NotInService};
-    LogBuf& buffer = *mState.mLogBuf;
+    LogBuf& buffer = *mState.mLogBuf; // without a Use: the record stays as long as the consumer runs
+    uint32_t start;
     uint32_t count;
     {
         RingGuard lock(buffer);
+        start = buffer.read_pos;
         count = std::min(wanted, usedBytes(buffer));
-        if (!writeOldest(buffer, fd, count))
-            return {TakeStatus::WriteFailed};
-        buffer.read_pos = (buffer.read_pos + count) % (buffer.last_pos + 1);
+    }
+    if (!writeUsed(buffer, fd, start, count))
+        return {TakeStatus::WriteFailed};
+    {
+        RingGuard lock(buffer);
+        buffer.read_pos = (start + count) % (buffer.last_pos + 1);
         buffer.free_size += count;
     }
     postOrReport(&buffer.sem_write, "logBufRead2File sem_post failed \n");
@@ -342,7 +348,7 @@ bool Ring::flushWanted() const {
 }
 
 void Ring::forgetRequest(uint32_t seen) {
-    mState.mFlushAll = false;
+    mState.mFlushAll = false; // first, so that a request that comes in between is not lost
     if (mFlushRequests != seen)
         mState.mFlushAll = true;
 }

@@ -44,8 +44,8 @@ struct TakeResult {
 };
 
 /**
- * The ring buffer: many writers, one consumer, and a release that waits until the last of them has left.
- * Takes no lock but the ring's own mutex, and that never while it waits.
+ * The ring buffer: many writers, one consumer, and a release that waits until the last writer has left. Its
+ * mutex is held neither while anybody waits nor while a file is written.
  */
 class Ring {
   public:
@@ -55,7 +55,8 @@ class Ring {
     Ring(const Ring&) = delete;
     Ring& operator=(const Ring&) = delete;
 
-    /** Makes an empty record. False, reported and with everything released, when something is not to be had.
+    /** Makes an empty record; there is none yet. False, reported and with everything released, when something
+     * is not to be had.
      */
     [[nodiscard]] bool create();
     /** Lets nobody in any more, turns waiting writers away, waits until the last has left, frees the record.
@@ -77,7 +78,8 @@ class Ring {
     /** Asks for everything buffered to be written out. Any thread; without a record nothing happens. */
     void requestFlush();
 
-    /** Lets the consumer look at its flag. False with errno set when that is not possible. */
+    /** Lets the consumer look at its flag; there is a record. False with errno set when that is not possible.
+     */
     [[nodiscard]] bool wakeConsumer();
 
     // --- for the flush thread
@@ -99,15 +101,19 @@ class Ring {
     /** Says what a stop throws away. */
     void reportUnwritten();
 
-    /** Writers that wait for space, and everybody inside: both 0 once all have left. */
+    // --- for tests: writers that wait for space, everybody inside, and whether the last drain failed
+
     uint32_t waiting() const { return mWaiters; }
-    uint32_t inside() const { return mUsers; }
+    uint32_t inside() const { return mUsers & ~kClosed; }
     bool drainFailing() const { return mDrainFailing; }
 
   private:
     class Use;
     class Waiter;
     enum class Built { Record, WithMutex, WithReadSemaphore, Whole };
+
+    /** Top bit of the users: the ring takes nobody in any more. The bits below count who is inside. */
+    static constexpr uint32_t kClosed = 0x80000000U;
 
     LogBuf* enter() const;
     void leave() const;

@@ -20,7 +20,7 @@ constexpr mode_t kConfigurationMode = 0555;
 
 Path backupOf(const char* path) {
     Path backup;
-    formatPath(backup.text, "%s.unsaved", path);
+    formatText(backup.text, "%s.unsaved", path);
     return backup;
 }
 
@@ -84,7 +84,7 @@ bool replaceConfiguration(const char* path, const char* text, size_t length) {
         char reason[128];
         logError("remove error: %s\n", strerror_r(errno, reason, sizeof reason));
     }
-    FileDescriptor file = openFile(path, O_WRONLY | O_CREAT, kConfigurationMode);
+    FileDescriptor file = openFile(path, O_WRONLY | O_CREAT | O_TRUNC, kConfigurationMode);
     if (!file.valid())
         return false;
     if (!writeAll(file.get(), text, length)) {
@@ -110,9 +110,11 @@ void showConfiguration(const char* path) {
     Text text = readWhole(path);
     if (text == nullptr)
         return;
+    flockfile(stdout); // two reports never mix
     puts("\n\ncurrent log cfg:");
     puts(text.get());
     fflush(stdout); // the Android reader writes to the same descriptor without stdio
+    funlockfile(stdout);
 }
 
 } // namespace vnlog

@@ -108,7 +108,7 @@ constexpr Setting kSettings[] = {
                              setMaxLogSize,
                              [](const S&) {
                                  return Range{INT_MIN, INT_MAX};
-                             },
+                             }, // the deletion size tells when it is too small
                              true,
                              {3, INT_MAX},
                              [](const S&) { return 10; }}),

@@ -23,16 +23,17 @@ class Settings {
     Settings& operator=(const Settings&) = delete;
 
     /**
-     * Reads all settings from the file. False, reported unless there is no such file, as soon as one is
-     * missing or wrong; settings found before it stay.
+     * Reads all settings from the file. False as soon as one is missing or wrong, reported, or when the file
+     * cannot be read; settings found before it stay. A missing switch is off; a missing root is the
+     * environment's.
      */
     [[nodiscard]] bool parse(const char* path) VNLOG_REQUIRES(CommandLock::role);
     /** Takes the settings from the environment and the built-in defaults. */
     void takeDefaults() VNLOG_REQUIRES(CommandLock::role);
     /** Releases the texts that are needed only until the filter is built. */
     void releaseTexts() VNLOG_REQUIRES(CommandLock::role);
-    /** Rewrites log.cfg. False, reported where its cause is not plain; a part of the file may be written
-     * then. */
+    /** Rewrites log.cfg. False, reported unless the file cannot be created; a part of it may be written then.
+     */
     [[nodiscard]] bool save() VNLOG_REQUIRES(CommandLock::role);
 
   private:

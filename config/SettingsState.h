@@ -17,7 +17,7 @@ struct SettingsState {
         nullptr; ///< ALOG_MODULE, from parsing until the filter is built
     char* mFormatCfg VNLOG_GUARDED_BY(CommandLock::role) = nullptr; ///< ALOG_FORMAT, likewise
     int32_t mOldKLogLevel VNLOG_GUARDED_BY(CommandLock::role) = 7; ///< the kernel level from before muting
-    char mALogLevel[4] VNLOG_GUARDED_BY(CommandLock::role) = {}; ///< priority letter
+    char mALogLevel[4] VNLOG_GUARDED_BY(CommandLock::role) = {}; ///< ALOG_LEVEL; its first letter counts
     char mCfgPath[128] = {}; ///< the service's own log.cfg; fixed from start on
 };
 

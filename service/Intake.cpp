@@ -12,9 +12,8 @@ bool Intake::inService() const {
     return mService.mFlushThreadRunning;
 }
 
-/** By way of the service, whose operation this is. */
 bool Intake::put(const char* line, uint32_t length) {
-    return mService.logBufWrite(line, length) == static_cast<int>(length);
+    return append(line, length);
 }
 
 bool Intake::append(const void* bytes, uint32_t length) {

@@ -57,7 +57,7 @@ bool Lifecycle::prepare(bool* storing) {
 }
 
 void Lifecycle::readSettings() {
-    formatPath(mService.mCfgPath, "%s%s%s", mParts.systemRoot.path, kDefaultRoot, kConfigurationName);
+    formatText(mService.mCfgPath, "%s%s%s", mParts.systemRoot.path, kDefaultRoot, kConfigurationName);
     restoreConfiguration(mService.mCfgPath);
     if (!mParts.settings.parse(chooseConfiguration(mService.mCfgPath)))
         mParts.settings.takeDefaults();
@@ -115,7 +115,7 @@ bool Lifecycle::startWorker(Flag& running, pthread_t& handle, void* (*body)(void
 }
 
 /** Ends a start that failed: stops what runs already, then releases the ring. */
-void Lifecycle::undoStart() {
+void Lifecycle::undoStart() { // the Android reader starts last, so it never runs here
     if (mService.mKLogThreadRunning)
         (void)stopKernelReader(); // reported there; the start has failed in any case
     if (mService.mFlushThreadRunning)

@@ -151,7 +151,8 @@ class VNLOG_API LogService : public BnLogService,
 
     // --- Stored log. Each takes the storage lock
 
-    /** Settles the storage root and fills the five paths under it. 0, or -1 with the paths unchanged. */
+    /** Settles the storage root and fills the five paths under it. 0, or -1 with the paths unchanged. Start
+     * only. */
     int logGetSavePath();
     /** Writes the four bookkeeping numbers to log_storage.dat. 0 or -1. */
     int logStorageDataSave();

@@ -36,7 +36,7 @@ bool isPriorityLetter(char letter);
 /** The letter of a priority; '?' when it has none. */
 char priorityLetter(android_LogPriority priority);
 
-// The two words of ALOG_MODULE that are no module list, and the modes that all three set.
+// The two words of ALOG_MODULE that are not lists, and the three modes.
 constexpr char kAllModules[] = "ALL_MODULE";
 constexpr char kNoModule[] = "NONE_MODULE";
 constexpr int kModeAll = 0;

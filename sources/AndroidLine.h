@@ -49,8 +49,9 @@ constexpr int kExitReadError = 1;
 constexpr int kExitOutputError = -1;
 
 /**
- * Ends the host process: what the driver or the console does can no longer be made sense of. Without running
- * the process's exit handlers, beneath which its other threads would go on.
+ * Ends the host process: what the driver or the console does can no longer be made sense of, or there is no
+ * memory for a line. Without running the process's exit handlers, beneath which its other threads would go
+ * on.
  */
 [[noreturn]] void endProcess(int status);
 

@@ -26,7 +26,7 @@ enum class ReadResult { Read, Interrupted, WouldBlock };
 /** The device's place on this machine. */
 Path devicePlace(const platform::SystemRoot& systemRoot, const char* path) {
     Path whole;
-    formatPath(whole.text, "%s%s", systemRoot.path, path);
+    formatText(whole.text, "%s%s", systemRoot.path, path);
     return whole;
 }
 
@@ -124,7 +124,7 @@ void AndroidReader::run() {
     if (opened)
         readLines(list);
     pthread_cleanup_pop(opened ? 0 : 1);
-    if (opened)
+    if (opened) // the handler and its report are for early ends
         releaseDevices(list);
 }
 
@@ -226,7 +226,7 @@ void AndroidReader::announce(log_device_t* device) {
     if (mState.mALogDevCount <= 1)
         return;
     char banner[1024];
-    formatPath(banner, "--------- beginning of %s\n", device->path);
+    formatText(banner, "--------- beginning of %s\n", device->path);
     if (!writeAll(mState.mALogOutFd, banner, std::strlen(banner))) {
         logError("output error");
         logErrno();

@@ -28,7 +28,7 @@ class AndroidReader {
     void readLines(log_device_t* list);
     /** Outputs and drops the first entry of the device. */
     void printFirst(log_device_t* device);
-    /** Drops it. */
+    /** Drops it, announced as well. */
     void skipFirst(log_device_t* device);
     /** Announces the device on the console before its first entry, when there is more than one. */
     void announce(log_device_t* device);

@@ -16,7 +16,7 @@ struct AndroidState {
     Flag mALogToUart{false}; ///< its lines are shown on the console
     Flag mALogToFile{false}; ///< its lines are stored
     sem_t mALogSem; ///< wakes the Android reader when its output is switched on
-    Flag mLogcatThreadRunning{false};
+    Flag mLogcatThreadRunning{false}; ///< started and not stopped yet; it may have ended by itself
 };
 
 } // namespace vnlog

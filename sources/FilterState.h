@@ -16,7 +16,8 @@ struct FilterLock {
 struct FilterState {
     /// The log library's record; owned, for the object's life, and set by the start.
     AndroidLogFormat_t* mLogFormat VNLOG_PT_GUARDED_BY(FilterLock::role) = nullptr;
-    std::atomic<int32_t> mModuleMode{0}; ///< 0 all modules, 1 none, 2 listed ones; changes under the lock
+    std::atomic<int32_t> mModuleMode{
+        0}; ///< kModeAll (0), kModeNone (1) or kModeListed (2); changes under the lock
 };
 
 } // namespace vnlog

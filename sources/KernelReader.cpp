@@ -38,7 +38,7 @@ void pauseAtEndOfFile() {
  */
 FileDescriptor KernelReader::open() {
     Path path;
-    formatPath(path.text, "%s%s", mSystemRoot.path, kKernelLog);
+    formatText(path.text, "%s%s", mSystemRoot.path, kKernelLog);
     FileDescriptor file = openFile(path.text, O_RDONLY | O_NONBLOCK);
     if (!file.valid()) {
         char text[128];
@@ -73,7 +73,7 @@ void KernelReader::run() {
     pthread_cleanup_push(cleanUp, &record);
     cleanUpNow = readLines(fd, log_buffer) ? 0 : 1;
     pthread_cleanup_pop(cleanUpNow);
-    if (cleanUpNow == 0) {
+    if (cleanUpNow == 0) { // the handler and its report are for early ends
         std::free(log_buffer);
         closeDescriptor(fd);
     }

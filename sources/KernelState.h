@@ -14,7 +14,7 @@ struct KernelState {
     Flag mKLogToUart{false}; ///< the kernel prints on its console
     Flag mKLogToFile{false}; ///< its lines are stored
     sem_t mKLogSem; ///< wakes the kernel reader when its output is switched on
-    Flag mKLogThreadRunning{false};
+    Flag mKLogThreadRunning{false}; ///< started and not stopped yet; it may have ended by itself
 };
 
 } // namespace vnlog

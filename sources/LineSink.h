@@ -10,7 +10,8 @@ class LineSink {
   public:
     /** Whether lines are taken at all. */
     virtual bool inService() const = 0;
-    /** Takes one line with its newline, whole or not at all; may wait for space. Reports why it refuses. */
+    /** Takes one line with its newline, whole or not at all; may wait for space. False when it is not taken,
+     * which the caller reports. */
     virtual bool put(const char* line, uint32_t length) = 0;
 
   protected:

@@ -18,17 +18,16 @@ namespace {
 
 /** One line of the file. */
 struct Number {
-    const char* key;
-    const char* name;
+    const char* key; ///< with the "="
     int minimum;
     uint32_t StorageState::*member;
 };
 
 constexpr Number kNumbers[] = {
-    {"TOTAL_LOG_SIZE=", "TOTAL_LOG_SIZE", 0, &StorageState::mTotalLogSize},
-    {"HEAD_FOLDER_NUM=", "HEAD_FOLDER_NUM", 0, &StorageState::mHeadFolderNum},
-    {"TAIL_FOLDER_NUM=", "TAIL_FOLDER_NUM", 0, &StorageState::mTailFolderNum},
-    {"OLDEST_FILE_NUM=", "OLDEST_FILE_NUM", 1, &StorageState::mOldestFileNum},
+    {"TOTAL_LOG_SIZE=", 0, &StorageState::mTotalLogSize},
+    {"HEAD_FOLDER_NUM=", 0, &StorageState::mHeadFolderNum},
+    {"TAIL_FOLDER_NUM=", 0, &StorageState::mTailFolderNum},
+    {"OLDEST_FILE_NUM=", 1, &StorageState::mOldestFileNum},
 };
 
 /** Says which step of reading the file's size failed. */
@@ -71,10 +70,11 @@ Text readBookkeeping(const char* path) {
 } // namespace
 
 bool Bookkeeping::save() {
-    char text[256];
-    formatPath(text, "TOTAL_LOG_SIZE=%zu\nHEAD_FOLDER_NUM=%u\nTAIL_FOLDER_NUM=%u\nOLDEST_FILE_NUM=%u\n",
-               static_cast<size_t>(mState.mTotalLogSize), mState.mHeadFolderNum, mState.mTailFolderNum,
-               mState.mOldestFileNum);
+    char text[256] = {};
+    size_t length = 0;
+    for (const Number& number : kNumbers)
+        length += static_cast<size_t>(
+            std::snprintf(text + length, sizeof text - length, "%s%u\n", number.key, mState.*number.member));
     constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
     FileDescriptor file = openFile(mState.mStorageDataFile, kFlags, kBookkeepingMode);
     Path draft = {}; // where the file is read-only to the service, one beside it takes its place
@@ -85,7 +85,7 @@ bool Bookkeeping::save() {
     }
     if (!file.valid())
         return false;
-    if (!writeAll(file.get(), text, std::strlen(text))) {
+    if (!writeAll(file.get(), text, length)) {
         logError("logStorageDataSave write failed \n");
         logErrno();
         return false;
@@ -101,7 +101,8 @@ bool Bookkeeping::parse() {
     for (const Number& number : kNumbers) {
         int value = 0;
         if (!readNumber(text.get(), number.key, &value, number.minimum, kMaxBookkeepingNumber, -1)) {
-            logError("fail to parse %s,(%s) not found\n", mState.mStorageDataFile, number.name);
+            auto nameLength = static_cast<int>(std::strlen(number.key)) - 1;
+            logError("fail to parse %s,(%.*s) not found\n", mState.mStorageDataFile, nameLength, number.key);
             return false;
         }
         mState.*number.member = static_cast<uint32_t>(value);
@@ -135,7 +136,7 @@ RebuildStatus Bookkeeping::rebuild() {
         logErrno();
         return RebuildStatus::NoRunFolder;
     }
-    if (oldest == kMaxBookkeepingNumber) {
+    if (oldest == kNoNumber) {
         logError("file number search failed! \n");
         return RebuildStatus::NothingFound;
     }
@@ -158,7 +159,7 @@ bool Bookkeeping::startAnew() {
     RunTotals runs;
     uint32_t oldest = 0;
     if (!countRuns(mState.mLogServiceDir, &runs) || runs.count > 0 ||
-        !oldestSection(mState.mCurrentDir, &oldest) || oldest != kMaxBookkeepingNumber)
+        !oldestSection(mState.mCurrentDir, &oldest) || oldest != kNoNumber)
         return false;
     reset();
     return save();

@@ -27,7 +27,8 @@ class Bookkeeping {
     [[nodiscard]] bool parse() VNLOG_REQUIRES(StorageLock::role);
     /** The numbers of a root without archived runs. */
     void reset() VNLOG_REQUIRES(StorageLock::role);
-    /** Sets them by what the folders hold, and saves them. Before NotSaved, a failure changes nothing. */
+    /** Sets them by what the folders hold, and saves them. NotSaved leaves the new numbers in memory; another
+     * failure changes nothing. */
     [[nodiscard]] RebuildStatus rebuild() VNLOG_REQUIRES(StorageLock::role);
     /** Resets and saves them when no section is stored anywhere. False when there is one, or nothing is
      * known. */

@@ -1,11 +1,23 @@
 #pragma once
 
+#include <cstddef>
+
 namespace vnlog {
 
+/** Longest folder in characters that a folder of this length can be copied into. */
+constexpr size_t longestCopyTarget(size_t folderLength) {
+    constexpr size_t kCommandLength = 255;
+    constexpr size_t kFixed = sizeof "cp -rf / /;sync" - 1;
+    return folderLength + kFixed < kCommandLength ? kCommandLength - kFixed - folderLength : 0;
+}
+
+/** Longest path in characters that file work is given: with it every command that a shell runs is whole. */
+constexpr size_t kLongestWorkPath = 240;
+
 /**
- * The work on files that the store leaves to others: one form of it per way to do it. All paths are absolute
- * and plain (shellSafe). Each returns whether the thing is done, and reports when it is not. Any thread that
- * is not cancelled meanwhile.
+ * The work on files that the store leaves to others: one form of it per way to do it. All paths are plain
+ * (shellSafe) and of at most kLongestWorkPath characters. Each returns whether the thing is done, and reports
+ * when it is not. Any thread that is not cancelled meanwhile.
  */
 class FileWork {
   public:
@@ -21,7 +33,8 @@ class FileWork {
     virtual bool removeEntries(const char* folder, const char* beginning) = 0;
     /** Gives the folder `from` the path `to`; where that is a folder already, moves it inside. */
     virtual bool moveFolder(const char* from, const char* to) = 0;
-    /** Copies the folder `from` into the existing folder `into` and waits until the medium has it. */
+    /** Copies the folder `from` into the folder `into`, of at most longestCopyTarget characters; waits for
+     * the medium. */
     virtual bool copyTree(const char* from, const char* into) = 0;
 };
 

@@ -54,31 +54,31 @@ bool usableRoot(const char* root) {
 
 Path runFolder(const char* prefix, uint32_t run) {
     Path path;
-    formatPath(path.text, "%s_%u", prefix, run);
+    formatText(path.text, "%s_%u", prefix, run);
     return path;
 }
 
 Path strayFolder(const char* run) {
     Path path;
-    formatPath(path.text, "%s.stray", run);
+    formatText(path.text, "%s.stray", run);
     return path;
 }
 
 Path sectionText(const char* run, uint32_t section) {
     Path path;
-    formatPath(path.text, "%s/%s%u%s", run, kSection, section, kText);
+    formatText(path.text, "%s/%s%u%s", run, kSection, section, kText);
     return path;
 }
 
 Path sectionArchive(const char* run, uint32_t section) {
     Path path;
-    formatPath(path.text, "%s/%s%u%s", run, kSection, section, kArchive);
+    formatText(path.text, "%s/%s%u%s", run, kSection, section, kArchive);
     return path;
 }
 
 Path archiveOf(const char* text) {
     Path path;
-    formatPath(path.text, "%s.gz", text);
+    formatText(path.text, "%s.gz", text);
     return path;
 }
 
@@ -88,7 +88,7 @@ Path olderArchive(const char* run) {
 
 Path bookkeepingDraft(const char* file) {
     Path path;
-    formatPath(path.text, "%s.new", file);
+    formatText(path.text, "%s.new", file);
     return path;
 }
 

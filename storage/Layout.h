@@ -18,11 +18,10 @@ constexpr char kDefaultRoot[] = "/media/flash/nvm";
 /** Longest storage root in characters with which every derived path fits its 128 bytes. */
 constexpr size_t kMaxRootLength = 99;
 
-/** Name of the log folder under the root. */
-constexpr char kLogFolderName[] = "log_service";
-
 /** Largest value of the four bookkeeping numbers; names with it or a larger number are not ours. */
 constexpr int kMaxBookkeepingNumber = 999999999;
+/** Stands for no number where the lowest one is looked for. */
+constexpr uint32_t kNoNumber = kMaxBookkeepingNumber;
 
 constexpr mode_t kFolderMode = 0777;
 constexpr mode_t kSectionMode = 0777;

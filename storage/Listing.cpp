@@ -20,14 +20,14 @@ bool Listing::next(StoredEntry* entry) {
 }
 
 bool Listing::path(const StoredEntry& entry, Path* path) const {
-    return formatPath(path->text, "%s/%s", mPath, entry.name);
+    return formatText(path->text, "%s/%s", mPath, entry.name);
 }
 
 EntryType entryType(const char* folder, const char* name, unsigned char type) {
     if (type == DT_UNKNOWN) {
         Path path;
         struct stat info;
-        if (!formatPath(path.text, "%s/%s", folder, name) || lstat(path.text, &info) != 0)
+        if (!formatText(path.text, "%s/%s", folder, name) || lstat(path.text, &info) != 0)
             return EntryType::Other;
         type = S_ISDIR(info.st_mode) ? DT_DIR : S_ISREG(info.st_mode) ? DT_REG : DT_LNK;
     }
@@ -56,7 +56,7 @@ bool countRuns(const char* logs, RunTotals* totals) {
 }
 
 bool oldestSection(const char* run, uint32_t* number) {
-    *number = kMaxBookkeepingNumber;
+    *number = kNoNumber;
     Listing listing(run);
     if (!listing.valid())
         return false;
@@ -75,6 +75,8 @@ bool lookIntoRun(const char* run, RunContent* content) {
         return false;
     StoredEntry entry;
     while (listing.next(&entry)) {
+        if (entry.type != EntryType::File)
+            continue;
         content->archive = content->archive || entry.kind == NameKind::Archive;
         content->text =
             content->text || entry.kind == NameKind::PlainText || entry.kind == NameKind::OlderText;

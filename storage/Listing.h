@@ -44,7 +44,7 @@ EntryType entryType(const char* folder, const char* name, unsigned char type);
 struct RunTotals {
     uint32_t count = 0;
     uint32_t bytes = 0; ///< of the entries directly inside each
-    uint32_t oldest = kMaxBookkeepingNumber; ///< kMaxBookkeepingNumber without a run
+    uint32_t oldest = kNoNumber;
     uint32_t newest = 0;
 };
 
@@ -52,7 +52,7 @@ struct RunTotals {
 [[nodiscard]] bool countRuns(const char* logs, RunTotals* totals);
 
 /**
- * Stores the lowest number of a finished section in the folder, kMaxBookkeepingNumber when there is none.
+ * Stores the lowest number of a finished section in the folder, kNoNumber when there is none.
  * False with errno set when it cannot be listed to its end.
  */
 [[nodiscard]] bool oldestSection(const char* run, uint32_t* number);

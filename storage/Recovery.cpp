@@ -158,13 +158,14 @@ PrepareStatus Recovery::compressTexts(const char* run, uint32_t* size, bool* any
     StoredEntry entry;
     while (listing.next(&entry)) {
         Path path;
-        bool whole = listing.path(entry, &path);
-        if (isText(entry.kind) && entry.type == EntryType::File && whole && shellSafe(path.text)) {
+        bool workable =
+            listing.path(entry, &path) && std::strlen(path.text) <= kLongestWorkPath && shellSafe(path.text);
+        if (isText(entry.kind) && entry.type == EntryType::File && workable) {
             PrepareStatus result = compressText(run, path.text);
             if (result != PrepareStatus::Ready)
                 return result;
             *anyCompressed = true;
-        } else { // also a stray file whose name the shell would take apart: it goes along as it is
+        } else { // also a stray text that file work does not take: it goes along as it is
             *size += fileSize(path.text);
         }
     }

@@ -34,7 +34,8 @@ class Recovery {
   public:
     Recovery(StorageState& state, Bookkeeping& numbers, Retention& retention, FileWork& files);
 
-    /** False when the numbers can neither be read nor rebuilt: the service does not start then. */
+    /** False when the numbers of a file that is there can neither be read nor rebuilt: the service does not
+     * start then. */
     [[nodiscard]] bool openNumbers() VNLOG_REQUIRES(StorageLock::role);
     /** Closes off the previous run, if need be after deleting all logs. False: nothing can be stored. */
     [[nodiscard]] bool prepare() VNLOG_REQUIRES(StorageLock::role);

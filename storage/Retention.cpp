@@ -45,7 +45,7 @@ DeleteStatus Retention::deleteOldest() {
         if (result != DeleteStatus::Done)
             return result;
         if (lastGone)
-            break;
+            break; // nothing that the file holds has changed
         if (!mNumbers.save()) {
             logError("[%s] storage data failed to save !\n", "deleteLogSection");
             return DeleteStatus::NotSaved;

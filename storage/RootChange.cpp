@@ -14,6 +14,9 @@ namespace {
 
 constexpr uint32_t kRunNumbersTried = 10000;
 
+static_assert(platform::kMaxSystemRoot + sizeof kDefaultRoot - 1 <= kMaxRootLength,
+              "the default root is usable");
+
 } // namespace
 
 RootChange::RootChange(StorageState& state, const platform::SystemRoot& systemRoot, Bookkeeping& numbers,
@@ -38,18 +41,18 @@ bool RootChange::resolve() {
     }
     if (mState.mSavePath == nullptr || !usableRoot(mState.mSavePath))
         return false; // only a system root can make the default unusable
-    formatPath(mState.mLogServiceDir, "%s%s", mState.mSavePath, kLogFolderSuffix);
-    formatPath(mState.mLastDirPrefix, "%s%s", mState.mSavePath, kRunPrefixSuffix);
-    formatPath(mState.mCurrentDir, "%s%s", mState.mSavePath, kCurrentSuffix);
-    formatPath(mState.mCurrentLogFile, "%s%s", mState.mSavePath, kOlderTextSuffix);
-    formatPath(mState.mStorageDataFile, "%s%s", mState.mSavePath, kBookkeepingSuffix);
+    formatText(mState.mLogServiceDir, "%s%s", mState.mSavePath, kLogFolderSuffix);
+    formatText(mState.mLastDirPrefix, "%s%s", mState.mSavePath, kRunPrefixSuffix);
+    formatText(mState.mCurrentDir, "%s%s", mState.mSavePath, kCurrentSuffix);
+    formatText(mState.mCurrentLogFile, "%s%s", mState.mSavePath, kOlderTextSuffix);
+    formatText(mState.mStorageDataFile, "%s%s", mState.mSavePath, kBookkeepingSuffix);
     return true;
 }
 
 /** Takes the default root untested: with it the service at least says where it failed. */
 void RootChange::takeDefault() {
     Path root;
-    formatPath(root.text, "%s%s", mSystemRoot.path, kDefaultRoot);
+    formatText(root.text, "%s%s", mSystemRoot.path, kDefaultRoot);
     logDebug("Use default STORAGE_PATH: %s\n", root.text);
     std::free(mState.mSavePath);
     mState.mSavePath = strdup(root.text);

@@ -8,7 +8,8 @@ namespace vnlog {
 
 /**
  * Runs a command of at most 255 characters (longer ones are cut) and waits. Whether it exited with status 0;
- * anything else is reported.
+ * anything else is reported. In a process that ignores SIGCHLD no status is to be had: that is reported and
+ * counts as 0.
  */
 [[gnu::format(printf, 1, 2)]] bool runCommand(const char* format, ...);
 [[gnu::format(printf, 1, 0)]] bool runCommandArgs(const char* format, va_list args);

@@ -77,8 +77,8 @@ bool Store::appendAndCut(Batch* batch) {
     return true;
 }
 
-/** Moves up to `wanted` buffered bytes into the open section. A failed write is reported and retried
- * elsewhere. */
+/** Moves up to `wanted` buffered bytes into the open section. The ring reports a failed write; the flusher
+ * tries again. */
 void Store::move(Batch* batch, uint32_t wanted) {
     TakeResult taken = mRing.take(mState.mLogFd, wanted);
     batch->writeFailed = batch->writeFailed || taken.status == TakeStatus::WriteFailed;
@@ -109,7 +109,7 @@ bool Store::openSection() {
  * past its bound, with every try.
  */
 bool Store::resumeCut() {
-    // After a change of the root the section is not there any more; it stays as it is where it was.
+    // After a change of the root the closed section lies under the old one and stays uncompressed.
     if (mCompressPending && pathExists(sectionText(mState.mCurrentDir, mState.mSliceNum).text) &&
         !finishSection())
         return false;
@@ -224,7 +224,7 @@ bool Store::copyTo(const char* target) {
 Path Store::olderText() {
     LockGuard<StorageLock> lock(mLock);
     Path text;
-    formatPath(text.text, "%s", mState.mCurrentLogFile);
+    formatText(text.text, "%s", mState.mCurrentLogFile);
     return text;
 }
 

@@ -12,8 +12,8 @@ namespace vnlog {
 
 /**
  * The stored log: appends batches from the ring to the active section, cuts and compresses that when it is
- * full, keeps the bound, changes the root, and puts in order what a start finds. Every operation takes the
- * storage lock; every failure is reported.
+ * full, keeps the bound, changes the root, and puts in order what a start finds. Operations take the storage
+ * lock unless they say otherwise; every failure is reported.
  */
 class Store final : public BatchTarget {
   public:
@@ -51,7 +51,8 @@ class Store final : public BatchTarget {
      * open stays where it is; the flush thread finds that out at its next cut and goes on under the new root.
      */
     void changeRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
-    /** Whether `target` can be given to copyTo. Takes no lock, like that: one command runs at a time. */
+    /** Whether `target` can be given to copyTo. Both take no lock: commands call them, and commands alone
+     * change the root. */
     bool copyTargetUsable(const char* target) const;
     /** Copies the log folder into `target`, a folder; the flush thread goes on meanwhile. */
     bool copyTo(const char* target);
@@ -96,12 +97,5 @@ class Store final : public BatchTarget {
     /// The bound did not hold after the last cut.
     bool mBoundPending VNLOG_GUARDED_BY(StorageLock::role) = false;
 };
-
-/** Longest target that copyTo takes with a log folder of this length: both go into one shell command. */
-constexpr size_t longestCopyTarget(size_t folderLength) {
-    constexpr size_t kCommandLength = 255;
-    constexpr size_t kFixed = sizeof "cp -rf / /;sync" - 1;
-    return folderLength + kFixed < kCommandLength ? kCommandLength - kFixed - folderLength : 0;
-}
 
 } // namespace vnlog
