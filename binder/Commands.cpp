@@ -6,7 +6,7 @@
 #include "config/Settings.h"
 #include "sources/AndroidFormat.h"
 #include "storage/Layout.h"
-#include "storage/Store.h"
+#include "storage/ShellFileWork.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -124,27 +124,31 @@ std::string moduleNameObjection(const std::string& param, const ClientView&) {
     return param.empty() ? "needs a module name" : "";
 }
 
-/** To a path that no shell may see, or that is not there. A relative one is the service's to find. */
-std::string pathObjection(const std::string& param) {
-    if (!shellSafe(param.c_str()))
-        return quoted(param) + " is empty or holds characters that a shell would interpret";
-    if (param[0] == '/' && access(param.c_str(), F_OK) != 0)
-        return quoted(param) + ": " + std::strerror(errno);
-    return "";
+std::string unsafeObjection(const std::string& param) {
+    bool safe = shellSafe(param.c_str());
+    return safe ? "" : quoted(param) + " is empty or holds characters that a shell would interpret";
+}
+
+/** To a path that is not there. A relative one is the service's to find. */
+std::string missingObjection(const std::string& param) {
+    bool missing = param[0] == '/' && access(param.c_str(), F_OK) != 0;
+    return missing ? quoted(param) + ": " + std::strerror(errno) : "";
 }
 
 std::string rootObjection(const std::string& param, const ClientView&) {
     if (param.size() > kMaxRootLength)
         return quoted(param) + " is longer than " + std::to_string(kMaxRootLength) + " characters";
-    if (param.find('=') != std::string::npos)
+    std::string unsafe = unsafeObjection(param);
+    if (unsafe.empty() && !usableRoot(param.c_str()))
         return quoted(param) + " holds a '='";
-    return pathObjection(param);
+    return unsafe.empty() ? missingObjection(param) : unsafe;
 }
 
 std::string copyObjection(const std::string& param, const ClientView& view) {
-    if (param.size() > longestCopyTarget(view.logFolderLength()))
+    std::string unsafe = unsafeObjection(param);
+    if (unsafe.empty() && param.size() > longestCopyTarget(view.logFolderLength()))
         return quoted(param) + " is too long";
-    return pathObjection(param);
+    return unsafe.empty() ? missingObjection(param) : unsafe;
 }
 
 constexpr CommandInfo kCommands[] = {

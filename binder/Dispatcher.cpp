@@ -6,7 +6,7 @@
 #include "base/KeyValue.h"
 #include "base/Semaphores.h"
 #include "binder/Commands.h"
-#include "config/ConfigFile.h"
+#include "config/Report.h"
 #include "platform/klog/ConsoleLevel.h"
 #include "sources/AndroidFormat.h"
 

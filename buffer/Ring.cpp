@@ -66,15 +66,13 @@ uint32_t usedBytes(const LogBuf& buffer) {
     return buffer.size - buffer.free_size;
 }
 
-void reportDestruction(int error, const char* report) {
-    if (error == 0)
+/** Reports a failed call; `error` is its result or, of one that gives -1, errno's. */
+void reportDestruction(int result, const char* report) {
+    if (result == 0)
         return;
+    int error = result > 0 ? result : errno;
     logError("%s", report);
     logErrno(error);
-}
-
-int destroySemaphore(sem_t* semaphore) {
-    return sem_destroy(semaphore) < 0 ? errno : 0;
 }
 
 } // namespace
@@ -216,9 +214,9 @@ void Ring::destroy(Built built) {
     std::free(record->buf);
     record->buf = nullptr;
     if (built >= Built::Whole)
-        reportDestruction(destroySemaphore(&record->sem_write), "destroy sem_write failure\n");
+        reportDestruction(sem_destroy(&record->sem_write), "destroy sem_write failure\n");
     if (built >= Built::WithReadSemaphore)
-        reportDestruction(destroySemaphore(&record->sem_read), "destroy sem_read failure\n");
+        reportDestruction(sem_destroy(&record->sem_read), "destroy sem_read failure\n");
     if (built >= Built::WithMutex)
         reportDestruction(pthread_mutex_destroy(&record->mutex), "destroy mutex\n");
     delete record;

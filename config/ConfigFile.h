@@ -23,7 +23,4 @@ const char* chooseConfiguration(const char* own);
 /** Undoes a replacement that was cut off: takes back the file from before it. */
 void restoreConfiguration(const char* path);
 
-/** Prints the file to standard output; a failure is reported. */
-void showConfiguration(const char* path);
-
 } // namespace vnlog

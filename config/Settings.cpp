@@ -115,7 +115,7 @@ constexpr Setting kSettings[] = {
     number("LOG_SECTION_SIZE=",
            {[](const S& s) { return kibibytes(s.mLogSectionSize); },
             [](S& s, int value) { s.mLogSectionSize = bytes(value); }, [](const S&) { return kSectionKiB; },
-            true, kSectionKiB, [](const S&) { return 64; }}),
+            true, kSectionKiB, [](const S&) { return kSectionKiB.minimum; }}),
     number("LOG_DELETE_SIZE=",
            {[](const S& s) { return kibibytes(s.mLogDeleteSize); },
             [](S& s, int value) { s.mLogDeleteSize = bytes(value); },
@@ -366,7 +366,7 @@ void Settings::write(const Setting& setting, FILE* out) {
         std::fputs(root(), out);
         break;
     case Kind::Number:
-        std::fprintf(out, "%d", setting.number.get(mState));
+        std::fprintf(out, "%u", static_cast<unsigned>(setting.number.get(mState)));
         break;
     case Kind::Level:
         std::fputs(mState.mALogLevel, out);

@@ -22,14 +22,16 @@ bool Lifecycle::start(const bool* flags) {
         logError("the system root is longer than %zu characters\n", platform::kMaxSystemRoot);
         return false;
     }
-    bool storing = false;
-    bool prepared;
-    {
-        LockGuard<CommandLock> lock(mParts.commandLock);
-        prepared = prepare(&storing);
-        mParts.settings.releaseTexts();
+    readSettings();
+    bool opened = openStore();
+    mService.mALogFileMinPri = ANDROID_LOG_DEBUG;
+    if (!opened || !mParts.ring.create()) {
+        releaseTexts();
+        return false;
     }
-    if (!prepared || !startWorkers(flags, storing)) {
+    bool storing = false;
+    bool ready = buildFilter() && closePreviousRun(&storing);
+    if (!ready || !startWorkers(flags, storing)) {
         undoStart();
         return false;
     }
@@ -38,32 +40,40 @@ bool Lifecycle::start(const bool* flags) {
     return true;
 }
 
-/** Everything before the workers; `storing` tells whether sections can be written. */
-bool Lifecycle::prepare(bool* storing) {
-    readSettings();
-    if (!mParts.store.resolveRoot()) {
-        logError("Failed to obtain the save path !\n");
-        return false;
-    }
-    mParts.store.beginRun();
-    if (!mParts.store.openNumbers() || !mParts.ring.create())
-        return false;
-    mService.mALogFileMinPri = ANDROID_LOG_DEBUG;
-    if (!buildFilter()) {
-        logError("fail to logFilterInit !\n");
-        return false;
-    }
-    return openStore(storing);
-}
-
 void Lifecycle::readSettings() {
+    LockGuard<CommandLock> lock(mParts.commandLock);
     formatText(mService.mCfgPath, "%s%s%s", mParts.systemRoot.path, kDefaultRoot, kConfigurationName);
     restoreConfiguration(mService.mCfgPath);
     if (!mParts.settings.parse(chooseConfiguration(mService.mCfgPath)))
         mParts.settings.takeDefaults();
 }
 
+void Lifecycle::releaseTexts() {
+    LockGuard<CommandLock> lock(mParts.commandLock);
+    mParts.settings.releaseTexts();
+}
+
+/** Settles the root and finds out what is stored there. */
+bool Lifecycle::openStore() {
+    if (!mParts.store.resolveRoot()) {
+        logError("Failed to obtain the save path !\n");
+        return false;
+    }
+    mParts.store.beginRun();
+    return mParts.store.openNumbers();
+}
+
+/** Builds the filter, after which the texts that it is built from are not needed any more. */
 bool Lifecycle::buildFilter() {
+    LockGuard<CommandLock> lock(mParts.commandLock);
+    bool built = applyFilter();
+    mParts.settings.releaseTexts();
+    if (!built)
+        logError("fail to logFilterInit !\n");
+    return built;
+}
+
+bool Lifecycle::applyFilter() {
     if (platform::setConsoleLevel(mParts.systemRoot.path, mService.mKLogLevel) < 0) {
         logError("fail to set the kernel log level,level is :%d\n", mService.mKLogLevel.load());
         logErrno();
@@ -71,13 +81,15 @@ bool Lifecycle::buildFilter() {
     return mParts.filter.build(mService.mFormatCfg, mService.mModuleCfg, mService.mALogLevel);
 }
 
-/** Closes off the previous run and saves what holds from now on. A store that cannot be used is no failure.
+/**
+ * Closes off the previous run and saves what holds from now on; `storing` tells whether sections can be
+ * written. A store that cannot be used is no failure.
  */
-bool Lifecycle::openStore(bool* storing) {
+bool Lifecycle::closePreviousRun(bool* storing) {
     *storing = mParts.store.prepare();
     if (!*storing)
         return true;
-    if (!mParts.settings.save()) {
+    if (!saveSettings()) {
         logError("The log configuration failed to save !\n");
         return false;
     }
@@ -86,6 +98,11 @@ bool Lifecycle::openStore(bool* storing) {
         return false;
     }
     return true;
+}
+
+bool Lifecycle::saveSettings() {
+    LockGuard<CommandLock> lock(mParts.commandLock);
+    return mParts.settings.save();
 }
 
 bool Lifecycle::startWorkers(const bool* flags, bool storing) {
@@ -114,7 +131,7 @@ bool Lifecycle::startWorker(Flag& running, pthread_t& handle, void* (*body)(void
     return false;
 }
 
-/** Ends a start that failed: stops what runs already, then releases the ring. */
+/** Ends a start that failed with the ring made: stops what runs already, then releases the ring. */
 void Lifecycle::undoStart() { // the Android reader starts last, so it never runs here
     if (mService.mKLogThreadRunning)
         (void)stopKernelReader(); // reported there; the start has failed in any case

@@ -8,19 +8,23 @@ namespace vnlog {
 class Lifecycle {
   public:
     /** Both must outlive the object. */
-    Lifecycle(LogService& service, LogService::Parts& parts) : mService(service), mParts(parts) {}
+    Lifecycle(LogService& service, ServiceParts& parts) : mService(service), mParts(parts) {}
 
     /** LogService::serviceStart. */
     bool start(const bool* flags) VNLOG_EXCLUDES(CommandLock::role);
     /** LogService::serviceStop. */
     bool stop(const bool* flags) VNLOG_EXCLUDES(CommandLock::role);
     /** LogService::logFilterInit. */
-    bool buildFilter() VNLOG_REQUIRES(CommandLock::role);
+    bool applyFilter() VNLOG_REQUIRES(CommandLock::role);
 
   private:
-    bool prepare(bool* storing) VNLOG_REQUIRES(CommandLock::role);
-    void readSettings() VNLOG_REQUIRES(CommandLock::role);
-    bool openStore(bool* storing) VNLOG_REQUIRES(CommandLock::role);
+    // start, in this order; the command lock is held only where settings are touched
+    void readSettings() VNLOG_EXCLUDES(CommandLock::role);
+    bool openStore();
+    bool buildFilter() VNLOG_EXCLUDES(CommandLock::role);
+    bool closePreviousRun(bool* storing) VNLOG_EXCLUDES(CommandLock::role);
+    bool saveSettings() VNLOG_EXCLUDES(CommandLock::role);
+    void releaseTexts() VNLOG_EXCLUDES(CommandLock::role);
     bool startWorkers(const bool* flags, bool storing);
     bool startWorker(Flag& running, pthread_t& handle, void* (*body)(void*), const char* name);
     void undoStart();
@@ -30,7 +34,7 @@ class Lifecycle {
     bool stopFlushThread();
 
     LogService& mService;
-    LogService::Parts& mParts;
+    ServiceParts& mParts;
 };
 
 } // namespace vnlog

@@ -4,7 +4,7 @@
 #include "base/Files.h"
 #include "base/Handles.h"
 #include "base/KeyValue.h"
-#include "config/ConfigFile.h"
+#include "config/Report.h"
 #include "service/Parts.h"
 #include "sources/AndroidFormat.h"
 #include "sources/Merge.h"
@@ -33,7 +33,7 @@ void destroySemaphore(sem_t* semaphore, int number) {
 
 } // namespace
 
-LogService::Parts::Parts(LogService& service)
+ServiceParts::ServiceParts(LogService& service)
     : medium(service, storageLock), ring(service, medium), shell(service),
       store(service, storageLock, ring, files, systemRoot), flusher(service, ring, store), filter(service),
       intake(service, ring), kernelReader(service, systemRoot, intake),
@@ -43,7 +43,7 @@ LogService::Parts::Parts(LogService& service)
                   androidReader}),
       lifecycle(service, *this) {}
 
-LogService::LogService(DeferStart) : mParts(std::make_unique<Parts>(*this)) {
+LogService::LogService(DeferStart) : mParts(std::make_unique<ServiceParts>(*this)) {
     (void)sem_init(&mKLogSem, 0, 0); // cannot fail for a private semaphore of count 0
     (void)sem_init(&mALogSem, 0, 0);
     (void)mParts->systemRoot.read(); // the start refuses one that is too long
@@ -72,7 +72,7 @@ int LogService::serviceStop(const bool* flags) {
     return result(mParts->lifecycle.stop(flags));
 }
 int LogService::getLogFd() {
-    return openFile(mParts->store.olderText().text, O_RDONLY).release();
+    return mParts->store.openOlderText();
 }
 uint32_t LogService::bufferedBytes() const {
     return mParts->ring.used();
@@ -221,7 +221,7 @@ int LogService::clearKernelLog() {
 
 int LogService::logFilterInit() {
     LockGuard<CommandLock> lock(mParts->commandLock);
-    return result(mParts->lifecycle.buildFilter());
+    return result(mParts->lifecycle.applyFilter());
 }
 int LogService::logFilterPriForTag(AndroidLogFormat_t* format, const char* tag) {
     return mParts->filter.priorityFor(format, tag);

@@ -17,8 +17,8 @@
 namespace vnlog {
 
 /** The parts behind the service, each wired to those that it knows. */
-struct LogService::Parts {
-    explicit Parts(LogService& service);
+struct ServiceParts {
+    explicit ServiceParts(LogService& service);
 
     platform::SystemRoot systemRoot; ///< read at construction and at every start
     Mutex<CommandLock> commandLock;

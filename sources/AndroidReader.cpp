@@ -84,16 +84,18 @@ ReadResult readEntry(const log_device_t* device, log_entry_node_t* node) {
     return ReadResult::Read;
 }
 
-/** Whether every descriptor of the list fits select's set; otherwise reported. */
+/** Whether a device is open and every descriptor fits select's set; one that does not is reported. */
 bool selectable(const log_device_t* list) {
+    bool open = false;
     for (const log_device_t* device = list; device != nullptr; device = device->next) {
-        if (device->fd < FD_SETSIZE)
-            continue;
-        logError("log device '%s' has the descriptor %d, select takes less than %d\n", device->path,
-                 device->fd, FD_SETSIZE);
-        return false;
+        if (device->fd >= FD_SETSIZE) {
+            logError("log device '%s' has the descriptor %d, select takes less than %d\n", device->path,
+                     device->fd, FD_SETSIZE);
+            return false;
+        }
+        open = open || device->fd >= 0;
     }
-    return list != nullptr;
+    return open;
 }
 
 /** Waits for data, for a short time unless `asleep`. The result of select. */
@@ -101,7 +103,8 @@ int waitForData(const log_device_t* list, bool asleep, fd_set* ready) {
     FD_ZERO(ready);
     int largest = -1;
     for (const log_device_t* device = list; device != nullptr; device = device->next) {
-        FD_SET(device->fd, ready);
+        if (device->fd >= 0)
+            FD_SET(device->fd, ready);
         largest = std::max(largest, device->fd);
     }
     timeval delay{0, kMergeDelayUs};
@@ -139,7 +142,7 @@ log_device_t* AndroidReader::makeDeviceList() {
     return list;
 }
 
-/** Opens every device of the list. False, reported, when there is none or one cannot be opened. */
+/** Opens every device of the list. False when there is none, or, reported, when one cannot be opened. */
 bool AndroidReader::openDevices(log_device_t* list) {
     for (log_device_t* device = list; device != nullptr; device = device->next) {
         Path place = devicePlace(mSystemRoot, device->path);
@@ -185,7 +188,7 @@ bool AndroidReader::readPass(log_device_t* list, Merge& merge, bool asleep, bool
     if (count < 0 || !mState.mLogcatThreadRunning)
         return false;
     for (log_device_t* device = list; device != nullptr; device = device->next) {
-        if (!FD_ISSET(device->fd, &ready))
+        if (device->fd < 0 || !FD_ISSET(device->fd, &ready))
             continue;
         EntryNode node(new (std::nothrow) log_entry_node_t);
         if (node == nullptr)

@@ -21,8 +21,8 @@ bool sameTag(const AndroidLogFilterRule_t* rule, const char* tag) {
     return std::strcmp(rule->tag, tag) == 0;
 }
 
-void reportAtStart() {
-    logError("line[%d] alog add filter failed \n", __LINE__);
+void reportAtStart(int line) {
+    logError("line[%d] alog add filter failed \n", line);
 }
 
 void reportToCommand() {
@@ -57,14 +57,14 @@ bool Filter::build(const char* format, const char* modules, const char* level) {
         return false;
     }
     if (beginsWith(modules, kAllModules)) {
-        addLevel(expression.get(), level, reportAtStart);
+        addLevel(expression.get(), level, [] { reportAtStart(__LINE__); });
         mState.mModuleMode = kModeAll;
     } else if (beginsWith(modules, kNoModule)) {
-        addLevel(expression.get(), kSilentLevel, reportAtStart);
+        addLevel(expression.get(), kSilentLevel, [] { reportAtStart(__LINE__); });
         mState.mModuleMode = kModeNone;
     } else {
         mState.mModuleMode = kModeListed;
-        addItems(modules, level, reportAtStart);
+        addItems(modules, level, [] { reportAtStart(__LINE__); });
     }
     return true;
 }

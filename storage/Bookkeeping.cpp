@@ -130,7 +130,7 @@ RebuildStatus Bookkeeping::rebuild() {
     uint32_t oldest = 1;
     uint32_t tail = runs.count > 0 ? runs.oldest : 0;
     bool search = runs.count > 0 || folderState(mState.mCurrentDir) == FolderState::NotEmpty;
-    Path oldestRun = runFolder(mState.mLastDirPrefix, tail);
+    Path oldestRun = runFolderIn(mState.mLogServiceDir, tail);
     if (search && !oldestSection(runs.count > 0 ? oldestRun.text : mState.mCurrentDir, &oldest)) {
         logError("Failed to open min_dir folder.Please check !\n");
         logErrno();

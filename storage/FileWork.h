@@ -4,13 +4,6 @@
 
 namespace vnlog {
 
-/** Longest folder in characters that a folder of this length can be copied into. */
-constexpr size_t longestCopyTarget(size_t folderLength) {
-    constexpr size_t kCommandLength = 255;
-    constexpr size_t kFixed = sizeof "cp -rf / /;sync" - 1;
-    return folderLength + kFixed < kCommandLength ? kCommandLength - kFixed - folderLength : 0;
-}
-
 /** Longest path in characters that file work is given: with it every command that a shell runs is whole. */
 constexpr size_t kLongestWorkPath = 240;
 
@@ -29,13 +22,15 @@ class FileWork {
     virtual bool removeFile(const char* path) = 0;
     /** Removes a folder with all that it holds; done as well when there is none. */
     virtual bool removeTree(const char* path) = 0;
-    /** Removes what the folder holds under names that begin with `beginning`, hidden names excepted. */
-    virtual bool removeEntries(const char* folder, const char* beginning) = 0;
+    /** Removes everything whose path begins with `beginning`, a folder's path with "/" and the beginning of a
+     * name; hidden names stay where that is empty. */
+    virtual bool removeAll(const char* beginning) = 0;
     /** Gives the folder `from` the path `to`; where that is a folder already, moves it inside. */
     virtual bool moveFolder(const char* from, const char* to) = 0;
-    /** Copies the folder `from` into the folder `into`, of at most longestCopyTarget characters; waits for
-     * the medium. */
+    /** Copies the folder `from` into the folder `into` and waits until the medium has it. */
     virtual bool copyTree(const char* from, const char* into) = 0;
+    /** Whether the two paths are short enough for that. */
+    virtual bool copyFits(const char* from, const char* into) const = 0;
 };
 
 } // namespace vnlog

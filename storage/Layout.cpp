@@ -6,10 +6,6 @@ namespace vnlog {
 
 namespace {
 
-constexpr char kSection[] = "log_";
-constexpr char kText[] = ".txt";
-constexpr char kArchive[] = ".txt.gz";
-
 /** The rest of `text` behind `beginning`, or null when it begins otherwise. */
 const char* behind(const char* text, const char* beginning) {
     size_t length = std::strlen(beginning);
@@ -34,15 +30,26 @@ bool takeNumber(const char** text, uint32_t* number) {
     return true;
 }
 
-/** Whether `name` is `beginning`, a number, then `end`; stores the number. */
-bool isNumbered(const char* name, const char* beginning, const char* end, uint32_t* number) {
-    const char* rest = behind(name, beginning);
-    return rest != nullptr && takeNumber(&rest, number) && std::strcmp(rest, end) == 0;
+/** Steps over `beginning`, "_" and a number. */
+bool takeNumbered(const char** name, const char* beginning, uint32_t* number) {
+    const char* rest = behind(*name, beginning);
+    if (rest == nullptr || *rest != '_' || !takeNumber(&++rest, number))
+        return false;
+    *name = rest;
+    return true;
+}
+
+/** What the end of a section's name, or of one of the older form, tells. */
+NameKind byEnd(const char* end, NameKind text, NameKind archive) {
+    const char* rest = behind(end, kTextEnd);
+    if (rest != nullptr && *rest == '\0')
+        return text;
+    return rest != nullptr && std::strcmp(rest, kArchiveEnd) == 0 ? archive : NameKind::Foreign;
 }
 
 bool endsInText(const char* name) {
     const char* dot = std::strrchr(name, '.');
-    return dot != nullptr && std::strcmp(dot, kText) == 0;
+    return dot != nullptr && std::strcmp(dot, kTextEnd) == 0;
 }
 
 } // namespace
@@ -58,6 +65,10 @@ Path runFolder(const char* prefix, uint32_t run) {
     return path;
 }
 
+Path runFolderIn(const char* logs, uint32_t run) {
+    return runFolder(entryPath(logs, kRunName).text, run);
+}
+
 Path strayFolder(const char* run) {
     Path path;
     formatText(path.text, "%s.stray", run);
@@ -66,24 +77,24 @@ Path strayFolder(const char* run) {
 
 Path sectionText(const char* run, uint32_t section) {
     Path path;
-    formatText(path.text, "%s/%s%u%s", run, kSection, section, kText);
+    formatText(path.text, "%s/%s_%u%s", run, kLogName, section, kTextEnd);
     return path;
 }
 
 Path sectionArchive(const char* run, uint32_t section) {
-    Path path;
-    formatText(path.text, "%s/%s%u%s", run, kSection, section, kArchive);
-    return path;
+    return archiveOf(sectionText(run, section).text);
 }
 
 Path archiveOf(const char* text) {
     Path path;
-    formatText(path.text, "%s.gz", text);
+    formatText(path.text, "%s%s", text, kArchiveEnd);
     return path;
 }
 
 Path olderArchive(const char* run) {
-    return entryPath(run, "log.txt.gz");
+    Path path;
+    formatText(path.text, "%s/%s%s%s", run, kLogName, kTextEnd, kArchiveEnd);
+    return path;
 }
 
 Path bookkeepingDraft(const char* file) {
@@ -93,20 +104,21 @@ Path bookkeepingDraft(const char* file) {
 }
 
 ParsedName parseName(const char* name) {
-    uint32_t number = 0;
-    if (std::strcmp(name, "current") == 0)
+    if (std::strcmp(name, kCurrentFolder) == 0)
         return {NameKind::Current};
-    if (isNumbered(name, kRunBeginning, "", &number))
+    uint32_t number = 0;
+    const char* rest = name;
+    if (takeNumbered(&rest, kRunName, &number) && *rest == '\0')
         return {NameKind::Run, number};
-    if (isNumbered(name, kSection, kArchive, &number))
-        return {NameKind::Archive, number};
-    if (isNumbered(name, kSection, kText, &number))
-        return {NameKind::PlainText, number};
-    if (std::strcmp(name, "log.txt") == 0)
-        return {NameKind::OlderText};
-    if (std::strcmp(name, "log.txt.gz") == 0)
-        return {NameKind::OlderArchive};
-    return {endsInText(name) ? NameKind::OtherText : NameKind::Foreign};
+    NameKind kind = NameKind::Foreign;
+    if (takeNumbered(&(rest = name), kLogName, &number))
+        kind = byEnd(rest, NameKind::PlainText, NameKind::Archive);
+    else if (const char* end = behind(name, kLogName))
+        kind = byEnd(end, NameKind::OlderText, NameKind::OlderArchive);
+    if (kind == NameKind::Foreign)
+        return {endsInText(name) ? NameKind::OtherText : NameKind::Foreign};
+    bool numbered = kind == NameKind::PlainText || kind == NameKind::Archive;
+    return {kind, numbered ? number : 0};
 }
 
 } // namespace vnlog

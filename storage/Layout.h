@@ -31,25 +31,30 @@ constexpr mode_t kBookkeepingMode = 0555;
  * is. */
 bool usableRoot(const char* root);
 
-// --- Under the root. Each as a fixed suffix of it.
+// The names. Under the root lie the log folder and the bookkeeping file; in the log folder the current run's
+// folder and one for each archived run, last_<number>; in those the sections, log_<number>.txt and
+// log_<number>.txt.gz. A log of the form before there were sections is log.txt or log.txt.gz.
+constexpr char kLogFolder[] = "log_service";
+constexpr char kBookkeepingFile[] = "log_storage.dat";
+constexpr char kCurrentFolder[] = "current";
+constexpr char kRunName[] = "last";
+constexpr char kLogName[] = "log";
+constexpr char kTextEnd[] = ".txt";
+constexpr char kArchiveEnd[] = ".gz";
 
-constexpr char kLogFolderSuffix[] = "/log_service";
-constexpr char kRunPrefixSuffix[] = "/log_service/last";
-constexpr char kCurrentSuffix[] = "/log_service/current";
-constexpr char kOlderTextSuffix[] = "/log_service/current/log.txt";
-constexpr char kBookkeepingSuffix[] = "/log_storage.dat";
+/** Characters that the log folder's path has beyond the root. */
+constexpr size_t kLogFolderLength = sizeof kLogFolder;
 
-/** What the name of every archived run begins with. */
-constexpr char kRunBeginning[] = "last_";
+// --- Paths. `prefix` is the log folder with kRunName, `run` a run's folder.
 
-// --- Runs and sections. `prefix` is the path of the log folder with the beginning of a run's name.
-
-Path runFolder(const char* prefix, uint32_t run); ///< last_<run>
+/** last_<run>, by the prefix, or in the log folder. */
+Path runFolder(const char* prefix, uint32_t run);
+Path runFolderIn(const char* logs, uint32_t run);
 Path strayFolder(const char* run); ///< where a run without sections is moved: <run>.stray
 Path sectionText(const char* run, uint32_t section); ///< log_<section>.txt
 Path sectionArchive(const char* run, uint32_t section); ///< log_<section>.txt.gz
 Path archiveOf(const char* text); ///< what compressing the text makes of it: <text>.gz
-Path olderArchive(const char* run); ///< log.txt.gz, of the form before there were sections
+Path olderArchive(const char* run); ///< log.txt.gz
 Path bookkeepingDraft(const char* file); ///< beside a bookkeeping file that cannot be rewritten in place
 
 /** What a name in the log folder or in a run's folder stands for. */

@@ -151,9 +151,12 @@ DeleteStatus Retention::deleteFromCurrent(uint32_t* deleted, bool* lastGone) {
 }
 
 bool Retention::deleteAll() {
-    if (!mFiles.removeEntries(mState.mLogServiceDir, kRunBeginning))
+    Path runs, current;
+    formatText(runs.text, "%s_", mState.mLastDirPrefix);
+    formatText(current.text, "%s/", mState.mCurrentDir);
+    if (!mFiles.removeAll(runs.text))
         logError("[deleteAllLog] failed to delete the last_folder log !\n");
-    if (!mFiles.removeEntries(mState.mCurrentDir, ""))
+    if (!mFiles.removeAll(current.text))
         logError("[deleteAllLog] failed to delete the current_folder log !\n");
     mNumbers.reset();
     if (mNumbers.save())

@@ -41,11 +41,11 @@ bool RootChange::resolve() {
     }
     if (mState.mSavePath == nullptr || !usableRoot(mState.mSavePath))
         return false; // only a system root can make the default unusable
-    formatText(mState.mLogServiceDir, "%s%s", mState.mSavePath, kLogFolderSuffix);
-    formatText(mState.mLastDirPrefix, "%s%s", mState.mSavePath, kRunPrefixSuffix);
-    formatText(mState.mCurrentDir, "%s%s", mState.mSavePath, kCurrentSuffix);
-    formatText(mState.mCurrentLogFile, "%s%s", mState.mSavePath, kOlderTextSuffix);
-    formatText(mState.mStorageDataFile, "%s%s", mState.mSavePath, kBookkeepingSuffix);
+    formatText(mState.mLogServiceDir, "%s/%s", mState.mSavePath, kLogFolder);
+    formatText(mState.mLastDirPrefix, "%s/%s", mState.mLogServiceDir, kRunName);
+    formatText(mState.mCurrentDir, "%s/%s", mState.mLogServiceDir, kCurrentFolder);
+    formatText(mState.mCurrentLogFile, "%s/%s%s", mState.mCurrentDir, kLogName, kTextEnd);
+    formatText(mState.mStorageDataFile, "%s/%s", mState.mSavePath, kBookkeepingFile);
     return true;
 }
 
@@ -90,7 +90,8 @@ RootStatus RootChange::prepare() {
 
 /** Keeps the files of an earlier use of this root as an archived run. */
 RootStatus RootChange::archiveEarlierUse() {
-    if (!mFiles.compress(mState.mCurrentLogFile))
+    bool olderText = pathExists(mState.mCurrentLogFile);
+    if (!mFiles.compress(mState.mCurrentLogFile) || !olderText)
         logError("fail to gzip last log.txt !\n");
     uint32_t size = 0;
     (void)folderSize(mState.mCurrentDir, &size); // reported there; what cannot be counted adds nothing

@@ -17,8 +17,6 @@ namespace vnlog {
 
 namespace {
 
-constexpr size_t kCommandSize = 256;
-
 /** What a wait status says, read bit by bit so that the reports keep their meaning on every C library. */
 bool endedByExiting(int status) {
     return (status & 0x7f) == 0;
@@ -72,7 +70,7 @@ bool runCommand(const char* format, ...) {
 }
 
 bool runCommandArgs(const char* format, va_list args) {
-    char command[kCommandSize] = {};
+    char command[kLongestCommand + 1] = {};
     if (std::vsnprintf(command, sizeof command, format, args) < 0) {
         logError("shellexecute input parameter error\n");
         logErrno();

@@ -3,11 +3,15 @@
 #include "storage/ShellState.h"
 
 #include <cstdarg>
+#include <cstddef>
 
 namespace vnlog {
 
+/** Longest command in characters that runCommand runs whole. */
+constexpr size_t kLongestCommand = 255;
+
 /**
- * Runs a command of at most 255 characters (longer ones are cut) and waits. Whether it exited with status 0;
+ * Runs a command (longer ones are cut) and waits. Whether it exited with status 0;
  * anything else is reported. In a process that ignores SIGCHLD no status is to be had: that is reported and
  * counts as 0.
  */

@@ -2,7 +2,8 @@
 
 #include "base/Files.h"
 #include "storage/Layout.h"
-#include "storage/Shell.h"
+
+#include <cstring>
 
 namespace vnlog {
 
@@ -22,8 +23,8 @@ bool ShellFileWork::removeTree(const char* path) {
     return runCommand("rm -rf %s", path);
 }
 
-bool ShellFileWork::removeEntries(const char* folder, const char* beginning) {
-    return runCommand("rm -rf %s/%s*", folder, beginning);
+bool ShellFileWork::removeAll(const char* beginning) {
+    return runCommand("rm -rf %s*", beginning);
 }
 
 bool ShellFileWork::moveFolder(const char* from, const char* to) {
@@ -31,7 +32,11 @@ bool ShellFileWork::moveFolder(const char* from, const char* to) {
 }
 
 bool ShellFileWork::copyTree(const char* from, const char* into) {
-    return runCommand("cp -rf %s/ %s/;sync", from, into);
+    return runCommand(kCopyCommand, from, into);
+}
+
+bool ShellFileWork::copyFits(const char* from, const char* into) const {
+    return std::strlen(into) <= longestCopyTarget(std::strlen(from));
 }
 
 } // namespace vnlog

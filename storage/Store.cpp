@@ -53,7 +53,7 @@ bool Store::append(Batch* batch) {
     }
     if (mState.mCurLogSize + batch->left > mState.mLogSectionSize)
         return appendAndCut(batch);
-    move(batch, batch->left);
+    mState.mCurLogSize += move(batch, batch->left);
     return true;
 }
 
@@ -62,7 +62,7 @@ bool Store::appendAndCut(Batch* batch) {
     // A file that is over-full already takes the whole batch, so that no batch is cut twice.
     bool overFull = mState.mCurLogSize > mState.mLogSectionSize;
     uint32_t room = overFull ? batch->left : mState.mLogSectionSize - mState.mCurLogSize;
-    move(batch, std::min(room, batch->left));
+    (void)move(batch, std::min(room, batch->left)); // the next section begins its count anew
     closeDescriptor(mState.mLogFd);
     mState.mLogFd = -1;
     mCompressPending = true;
@@ -73,18 +73,18 @@ bool Store::appendAndCut(Batch* batch) {
         logErrno();
         return false;
     }
-    move(batch, batch->left);
+    mState.mCurLogSize += move(batch, batch->left);
     return true;
 }
 
 /** Moves up to `wanted` buffered bytes into the open section. The ring reports a failed write; the flusher
  * tries again. */
-void Store::move(Batch* batch, uint32_t wanted) {
+uint32_t Store::move(Batch* batch, uint32_t wanted) {
     TakeResult taken = mRing.take(mState.mLogFd, wanted);
     batch->writeFailed = batch->writeFailed || taken.status == TakeStatus::WriteFailed;
     batch->moved += taken.count;
     batch->left -= taken.count;
-    mState.mCurLogSize += taken.count;
+    return taken.count;
 }
 
 /**
@@ -184,13 +184,11 @@ void Store::beginRun() {
     mRootChanged = mCompressPending = mBoundPending = false;
 }
 
-bool Store::openNumbers() {
-    LockGuard<StorageLock> lock(mLock);
+bool Store::openNumbers() VNLOG_UNCHECKED {
     return mRecovery.openNumbers();
 }
 
-bool Store::prepare() {
-    LockGuard<StorageLock> lock(mLock);
+bool Store::prepare() VNLOG_UNCHECKED {
     return mRecovery.prepare();
 }
 
@@ -200,32 +198,39 @@ bool Store::saveNumbers() {
 }
 
 void Store::changeRoot(const char* root) {
-    LockGuard<StorageLock> lock(mLock);
-    if (mState.mSavePath != nullptr && std::strcmp(root, mState.mSavePath) == 0)
+    if (isRoot(root))
         return;
+    LockGuard<StorageLock> lock(mLock);
     mRootChanged = mRootChanged || mState.mLogFd >= 0;
     mBoundPending = false;
     mRootChange.take(root);
 }
 
-/** For commands, which alone change it. */
+// The next two are for commands, which alone change what they read.
+
+bool Store::isRoot(const char* root) const VNLOG_UNCHECKED {
+    return mState.mSavePath != nullptr && std::strcmp(root, mState.mSavePath) == 0;
+}
+
 const char* Store::logFolder() const VNLOG_UNCHECKED {
     return mState.mLogServiceDir;
 }
 
 bool Store::copyTargetUsable(const char* target) const {
-    return shellSafe(target) && std::strlen(target) <= longestCopyTarget(std::strlen(logFolder()));
+    return shellSafe(target) && mFiles.copyFits(logFolder(), target);
 }
 
 bool Store::copyTo(const char* target) {
     return mFiles.copyTree(logFolder(), target);
 }
 
-Path Store::olderText() {
-    LockGuard<StorageLock> lock(mLock);
+int Store::openOlderText() {
     Path text;
-    formatText(text.text, "%s", mState.mCurrentLogFile);
-    return text;
+    {
+        LockGuard<StorageLock> lock(mLock);
+        formatText(text.text, "%s", mState.mCurrentLogFile);
+    }
+    return openFile(text.text, O_RDONLY).release();
 }
 
 bool Store::parseNumbers() {

@@ -37,10 +37,10 @@ class Store final : public BatchTarget {
     [[nodiscard]] bool resolveRoot() VNLOG_EXCLUDES(StorageLock::role);
     /** Begins a run, which numbers its sections from 1; forgets what the one before has left open. */
     void beginRun() VNLOG_EXCLUDES(StorageLock::role);
-    /** Recovery::openNumbers. */
-    [[nodiscard]] bool openNumbers() VNLOG_EXCLUDES(StorageLock::role);
-    /** Recovery::prepare. */
-    [[nodiscard]] bool prepare() VNLOG_EXCLUDES(StorageLock::role);
+    /** Recovery::openNumbers and Recovery::prepare. Without the lock: they may last, and nobody else is there
+     * yet. */
+    [[nodiscard]] bool openNumbers();
+    [[nodiscard]] bool prepare();
     /** Bookkeeping::save. */
     [[nodiscard]] bool saveNumbers() VNLOG_EXCLUDES(StorageLock::role);
 
@@ -56,8 +56,8 @@ class Store final : public BatchTarget {
     bool copyTargetUsable(const char* target) const;
     /** Copies the log folder into `target`, a folder; the flush thread goes on meanwhile. */
     bool copyTo(const char* target);
-    /** The name that a log of the older form has in the current run. */
-    Path olderText() VNLOG_EXCLUDES(StorageLock::role);
+    /** Opens the current run's log of the older form, read-only; -1 when there is none. */
+    int openOlderText() VNLOG_EXCLUDES(StorageLock::role);
 
     // --- single steps, for whoever drives the store by hand
 
@@ -73,13 +73,14 @@ class Store final : public BatchTarget {
 
     bool append(Batch* batch) VNLOG_REQUIRES(StorageLock::role);
     bool appendAndCut(Batch* batch) VNLOG_REQUIRES(StorageLock::role);
-    void move(Batch* batch, uint32_t wanted) VNLOG_REQUIRES(StorageLock::role);
+    uint32_t move(Batch* batch, uint32_t wanted) VNLOG_REQUIRES(StorageLock::role);
     bool openSection() VNLOG_REQUIRES(StorageLock::role);
     bool resumeCut() VNLOG_REQUIRES(StorageLock::role);
     bool finishSection() VNLOG_REQUIRES(StorageLock::role);
     bool pointOldestAtFinishedSection() VNLOG_REQUIRES(StorageLock::role);
     bool keepBound() VNLOG_REQUIRES(StorageLock::role);
     void syncAndClose() VNLOG_REQUIRES(StorageLock::role);
+    bool isRoot(const char* root) const;
     const char* logFolder() const;
 
     StorageState& mState;

@@ -76,7 +76,7 @@ std::string configuredRoot() {
 }
 
 size_t logFolderLength() {
-    return configuredRoot().size() + std::strlen(vnlog::kLogFolderSuffix);
+    return configuredRoot().size() + vnlog::kLogFolderLength;
 }
 
 int send(const CommandInfo& command, const char* param) {

@@ -11,7 +11,7 @@ bool SystemRoot::read() {
     size_t length = value == nullptr ? 0 : std::strlen(value);
     while (length > 0 && value[length - 1] == '/')
         --length;
-    size_t copied = std::min(length, kMaxSystemRoot);
+    size_t copied = std::min(length, sizeof path - 1);
     if (copied > 0)
         std::memcpy(path, value, copied);
     path[copied] = '\0';

@@ -12,7 +12,7 @@ constexpr char kSystemRootVariable[] = "VNLOG_SYSROOT";
 
 /** The directory that stands before the service's fixed absolute paths; the empty text on a device. */
 struct SystemRoot {
-    char path[kMaxSystemRoot + 1] = {};
+    char path[128] = {};
 
     /**
      * Takes the value of the variable without trailing slashes. Returns false when that is longer than
