@@ -13,41 +13,45 @@
 
 Faults faults;
 
+using Lock = std::lock_guard<std::mutex>;
+
 void Faults::disarm() {
-    writeError = writesUntilError = shortWrite = writeDelayUs = interruptedReads = selects = 0;
-    freeBytes = failAllocationsFrom = -1;
+    for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &interruptedReads,
+                           &wholeReads, &interruption, &reads, &selects})
+        *number = 0;
     threadsUntilError = semaphoresUntilError = entriesUntilError = -1;
+    freeBytes = failAllocationsFrom = -1;
     allocations = 0;
-    skipPauses = false;
-    recordCalls(false);
-    std::lock_guard<std::mutex> lock(mMutex);
+    skipPauses = mRecording = false;
     mCalls.clear();
     mPauses.clear();
 }
 
 std::vector<long> Faults::pauses() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    Lock lock(mMutex);
     return mPauses;
 }
 
 void Faults::recordCalls(bool on) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    Lock lock(mMutex);
     mRecording = on;
+    if (on)
+        mCalls.clear();
 }
 
 std::vector<std::string> Faults::calls() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    Lock lock(mMutex);
     return mCalls;
 }
 
 void Faults::addCall(const std::string& call) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    Lock lock(mMutex);
     if (mRecording)
         mCalls.push_back(call);
 }
 
 void Faults::addPause(long seconds) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    Lock lock(mMutex);
     mPauses.push_back(seconds);
 }
 
@@ -71,6 +75,11 @@ bool spent(std::atomic<int>& left) {
     return now == 0;
 }
 
+template <typename Result> Result failed(int error, Result result) {
+    errno = error;
+    return result;
+}
+
 void countAllocation() {
     if (gettid() != getpid())
         ++faults.allocations;
@@ -91,138 +100,109 @@ template <typename Info> int answerStatvfs(int result, Info* info) {
 
 } // namespace
 
+/** Begins the wrapper of a function; the linker knows the function itself as REAL(function). */
+#define WRAP(result, function, parameters)                                                                   \
+    result __real_##function parameters;                                                                     \
+    result __wrap_##function parameters
+#define REAL(function) __real_##function
+
 // The linker asks for this of names that a shared library refers to as well.
 #pragma GCC visibility push(default)
 extern "C" {
 
-ssize_t __real_write(int fd, const void* bytes, size_t length);
-ssize_t __wrap_write(int fd, const void* bytes, size_t length) {
+WRAP(ssize_t, write, (int fd, const void* bytes, size_t length)) {
     if (!isRegular(fd))
-        return __real_write(fd, bytes, length);
+        return REAL(write)(fd, bytes, length);
     if (faults.writeDelayUs > 0)
         usleep(static_cast<useconds_t>(faults.writeDelayUs));
-    if (faults.writeError != 0 && spent(faults.writesUntilError)) {
-        errno = faults.writeError;
-        return -1;
-    }
+    if (faults.writeError != 0 && spent(faults.writesUntilError))
+        return failed(faults.writeError, -1);
     if (int limit = faults.shortWrite.exchange(0))
         length = static_cast<size_t>(limit) < length ? static_cast<size_t>(limit) : length;
-    return __real_write(fd, bytes, length);
+    return REAL(write)(fd, bytes, length);
 }
 
-ssize_t __real_read(int fd, void* bytes, size_t length);
-ssize_t __wrap_read(int fd, void* bytes, size_t length) {
-    if (faults.interruptedReads > 0 && !isRegular(fd) && faults.interruptedReads-- > 0) {
-        errno = EINTR;
-        return -1;
-    }
-    return __real_read(fd, bytes, length);
+WRAP(ssize_t, read, (int fd, void* bytes, size_t length)) {
+    ++faults.reads;
+    if (faults.interruptedReads > 0 && !isRegular(fd) && faults.wholeReads-- <= 0 &&
+        faults.interruptedReads-- > 0)
+        return failed(faults.interruption != 0 ? faults.interruption.load() : EINTR, -1);
+    return REAL(read)(fd, bytes, length);
 }
 
-int __real_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* limit);
-int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* limit) {
+WRAP(int, select, (int count, fd_set* read, fd_set* write, fd_set* except, timeval* limit)) {
     ++faults.selects;
-    return __real_select(count, read, write, except, limit);
+    return REAL(select)(count, read, write, except, limit);
 }
 
-int __real_fsync(int fd);
-int __wrap_fsync(int fd) {
+WRAP(int, fsync, (int fd)) {
     faults.addCall("fsync " + nameOf(fd));
-    return __real_fsync(fd);
+    return REAL(fsync)(fd);
 }
 
-int __real_rename(const char* from, const char* to);
-int __wrap_rename(const char* from, const char* to) {
+WRAP(int, rename, (const char* from, const char* to)) {
     faults.addCall("rename " + lastName(from) + " " + lastName(to));
-    return __real_rename(from, to);
+    return REAL(rename)(from, to);
 }
 
-int __real_unlink(const char* path);
-int __wrap_unlink(const char* path) {
+WRAP(int, unlink, (const char* path)) {
     faults.addCall("unlink " + lastName(path));
-    return __real_unlink(path);
+    return REAL(unlink)(path);
 }
 
-// With 64-bit file offsets the headers turn readdir into readdir64 where the two differ.
-dirent* __real_readdir(DIR* folder);
-dirent* __wrap_readdir(DIR* folder) {
-    if (!spent(faults.entriesUntilError))
-        return __real_readdir(folder);
-    errno = EIO;
-    return nullptr;
+// With 64-bit file offsets the headers turn some names into their 64-bit ones where the two differ.
+WRAP(dirent*, readdir, (DIR * folder)) {
+    return spent(faults.entriesUntilError) ? failed<dirent*>(EIO, nullptr) : REAL(readdir)(folder);
+}
+WRAP(dirent64*, readdir64, (DIR * folder)) {
+    return spent(faults.entriesUntilError) ? failed<dirent64*>(EIO, nullptr) : REAL(readdir64)(folder);
+}
+WRAP(int, statvfs, (const char* path, struct statvfs* info)) {
+    return answerStatvfs(REAL(statvfs)(path, info), info);
+}
+WRAP(int, statvfs64, (const char* path, struct statvfs64* info)) {
+    return answerStatvfs(REAL(statvfs64)(path, info), info);
 }
 
-dirent64* __real_readdir64(DIR* folder);
-dirent64* __wrap_readdir64(DIR* folder) {
-    if (!spent(faults.entriesUntilError))
-        return __real_readdir64(folder);
-    errno = EIO;
-    return nullptr;
-}
-
-int __real_sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* end);
-int __wrap_sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* end) {
+WRAP(int, sem_clockwait, (sem_t * semaphore, clockid_t clock, const timespec* end)) {
     timespec now{};
     clock_gettime(clock, &now);
     faults.addPause(end->tv_sec - now.tv_sec + (end->tv_nsec - now.tv_nsec + 999999999) / 1000000000);
-    if (!faults.skipPauses)
-        return __real_sem_clockwait(semaphore, clock, end);
-    errno = ETIMEDOUT;
-    return -1;
+    return faults.skipPauses ? failed(ETIMEDOUT, -1) : REAL(sem_clockwait)(semaphore, clock, end);
 }
 
-int __real_statvfs(const char* path, struct statvfs* info);
-int __wrap_statvfs(const char* path, struct statvfs* info) {
-    return answerStatvfs(__real_statvfs(path, info), info);
+WRAP(int, pthread_create,
+     (pthread_t * thread, const pthread_attr_t* attr, void* (*body)(void*), void* argument)) {
+    return spent(faults.threadsUntilError) ? EAGAIN : REAL(pthread_create)(thread, attr, body, argument);
 }
 
-int __real_statvfs64(const char* path, struct statvfs* info);
-int __wrap_statvfs64(const char* path, struct statvfs* info) {
-    return answerStatvfs(__real_statvfs64(path, info), info);
+WRAP(int, sem_init, (sem_t * semaphore, int shared, unsigned value)) {
+    return spent(faults.semaphoresUntilError) ? failed(ENOSPC, -1) : REAL(sem_init)(semaphore, shared, value);
 }
 
-int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
-                          void* argument);
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
-                          void* argument) {
-    return spent(faults.threadsUntilError) ? EAGAIN : __real_pthread_create(thread, attr, body, argument);
-}
-
-int __real_sem_init(sem_t* semaphore, int shared, unsigned value);
-int __wrap_sem_init(sem_t* semaphore, int shared, unsigned value) {
-    if (spent(faults.semaphoresUntilError)) {
-        errno = ENOSPC;
-        return -1;
-    }
-    return __real_sem_init(semaphore, shared, value);
-}
-
-void* __real_malloc(size_t size);
-void* __wrap_malloc(size_t size) {
+WRAP(void*, malloc, (size_t size)) {
     countAllocation();
-    return __real_malloc(size);
+    return REAL(malloc)(size);
 }
 
 // operator new, whose name tells the width of its argument
 #if __SIZEOF_SIZE_T__ == 8
-#define WRAPPED_NEW(prefix) __##prefix##__Znwm
+#define OPERATOR_NEW _Znwm
 #else
-#define WRAPPED_NEW(prefix) __##prefix##__Znwj
+#define OPERATOR_NEW _Znwj
 #endif
-void* WRAPPED_NEW(real)(size_t size);
-void* WRAPPED_NEW(wrap)(size_t size) {
+#define WRAP_NAMED(result, function, parameters) WRAP(result, function, parameters)
+#define REAL_NAMED(function) REAL(function)
+WRAP_NAMED(void*, OPERATOR_NEW, (size_t size)) {
     countAllocation();
-    return WRAPPED_NEW(real)(size);
+    return REAL_NAMED(OPERATOR_NEW)(size);
 }
 
-void* __real_calloc(size_t count, size_t size);
-void* __wrap_calloc(size_t count, size_t size) {
+WRAP(void*, calloc, (size_t count, size_t size)) {
     countAllocation();
-    if (faults.failAllocationsFrom >= 0 && count * size >= static_cast<size_t>(faults.failAllocationsFrom)) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return __real_calloc(count, size);
+    bool refused =
+        faults.failAllocationsFrom >= 0 && count * size >= static_cast<size_t>(faults.failAllocationsFrom);
+    return refused ? failed<void*>(ENOMEM, nullptr) : REAL(calloc)(count, size);
 }
 }
 #pragma GCC visibility pop

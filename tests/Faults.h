@@ -12,28 +12,29 @@
  * test.
  */
 struct Faults {
-    std::atomic<int> writeError{0}; ///< errno of every write to a regular file while set
-    std::atomic<int> writesUntilError{0}; ///< with writeError: writes that still work
-    std::atomic<int> shortWrite{0}; ///< bytes that the next write takes at most, once
-    std::atomic<int> writeDelayUs{0}; ///< a slow medium
-    std::atomic<int64_t> freeBytes{-1}; ///< what the file system answers, -1 for the truth
-    std::atomic<int> threadsUntilError{-1}; ///< threads that can still be created, -1 for all
-    std::atomic<int> semaphoresUntilError{-1};
+    using Number = std::atomic<int>;
+    Number writeError{0}; ///< errno of every write to a regular file while set
+    Number writesUntilError{0}; ///< with writeError: writes that still work
+    Number shortWrite{0}; ///< bytes that the next write takes at most, once
+    Number writeDelayUs{0}; ///< a slow medium
+    Number threadsUntilError{-1}, semaphoresUntilError{-1}; ///< what can still be made, -1 for all
+    Number entriesUntilError{-1}; ///< folder entries that can still be listed, over all listings
+    Number interruptedReads{0}; ///< reads of sockets and pipes that a signal interrupts
+    Number wholeReads{0}; ///< with interruptedReads: those that work before
+    Number interruption{0}; ///< with interruptedReads: their errno, 0 for EINTR
+    Number reads{0}, selects{0}; ///< count the calls
     std::atomic<uint32_t> allocations{0}; ///< of all threads but the test's own
+    std::atomic<int64_t> freeBytes{-1}; ///< what the file system answers, -1 for the truth
     std::atomic<int64_t> failAllocationsFrom{-1}; ///< smallest size in bytes that is refused
-    std::atomic<int> entriesUntilError{-1}; ///< folder entries that can still be listed, over all listings
-    std::atomic<int> interruptedReads{0}; ///< reads of sockets and pipes that a signal interrupts first
-    std::atomic<int> selects{0}; ///< counts the calls
-
-    /// Seconds that timed waits were to last, oldest first; with skipPauses they end at once.
-    std::vector<long> pauses();
-    std::atomic<bool> skipPauses{false};
-
-    /// While on: "fsync F", "rename F G" and "unlink F" in the order of the calls, F without its folders.
-    void recordCalls(bool on);
-    std::vector<std::string> calls();
+    std::atomic<bool> skipPauses{false}; ///< timed waits end at once
 
     void disarm();
+    /// Seconds that timed waits were to last, oldest first.
+    std::vector<long> pauses();
+    /// While on: "fsync F", "rename F G" and "unlink F" in the order of the calls, F without its folders.
+    /// Switching it on begins anew.
+    void recordCalls(bool on);
+    std::vector<std::string> calls();
 
     // For the wrappers.
     void addCall(const std::string& call);

@@ -146,6 +146,7 @@ uint64_t storedArchiveBytes(const std::string& logs) {
 
 FolderTest::FolderTest() : mWorkingFolder(fs::current_path()) {
     std::string pattern = fs::temp_directory_path() / "vnlog-XXXXXX";
+    alarm(280); // a hang is a failure, within the limit that a test has
     home = mkdtemp(pattern.data());
     root = home + "/media/flash/nvm";
     logs = root + "/log_service";
@@ -180,6 +181,7 @@ FolderTest::~FolderTest() {
     fclose(captured);
     fs::current_path(mWorkingFolder);
     fs::remove_all(home);
+    alarm(0);
 }
 
 ServiceTest::ServiceTest() {
