@@ -15,10 +15,10 @@ const char* behind(const char* text, const char* beginning) {
 /** Reads a number as we write them and steps over it. */
 bool takeNumber(const char** text, uint32_t* number) {
     const char* digits = *text;
-    uint32_t value = 0;
+    uint64_t value = 0; // ten digits do not fit 32 bits
     const char* next = digits;
     for (; *next >= '0' && *next <= '9'; ++next) {
-        value = value * 10 + static_cast<uint32_t>(*next - '0');
+        value = value * 10 + static_cast<uint64_t>(*next - '0');
         if (value >= kMaxBookkeepingNumber)
             return false;
     }
@@ -26,7 +26,7 @@ bool takeNumber(const char** text, uint32_t* number) {
     if (next == digits || padded)
         return false;
     *text = next;
-    *number = value;
+    *number = static_cast<uint32_t>(value);
     return true;
 }
 
