@@ -1,87 +1,98 @@
 #include "Fixture.h"
 
-#include "binder/Command.h"
+#include "binder/ILogService.h"
+#include "platform/binder/Host.h"
+#include "platform/unix/UnixSocket.h"
 
-using android::IInterface;
-using android::Parcel;
-using android::sp;
+#include <binder/IServiceManager.h>
+#include <sys/socket.h>
+
+using namespace android;
+using namespace vnlog::platform;
+using vnlog::ILogService;
 
 namespace {
 
-class BinderTest : public ServiceTest {
-  protected:
-    sp<android::IBinder> binder() { return IInterface::asBinder(&service()); }
-    android::status_t transact(uint32_t code, const Parcel& data, Parcel* reply) {
-        return binder()->transact(code, data, reply);
+constexpr int kWait = 100; ///< a command of the fake service that ends with the next flush
+const std::string kPing("1NIBGNP_\0\0\0\0\0\0\0\0", 16); ///< a whole request as it travels
+
+/** Answers with what it was asked. */
+struct FakeService : vnlog::BnLogService {
+    int flushLogBufAll() override { return ++flushes; }
+    int getLogFd() override { return 77; }
+    int logCMD(int cmd, const char* param) override {
+        ++calls;
+        bool done = cmd != kWait || eventually([&] { return flushes > 0; });
+        return done ? cmd * 100000 + static_cast<int>(strlen(param)) : -1;
     }
-    /** A request that carries the service's token. */
-    static void begin(Parcel& data) { data.writeInterfaceToken(vnlog::ILogService::descriptor); }
+    std::atomic<int> flushes{0}, calls{0};
+};
+
+/** A fake service behind its socket. */
+class BinderTest : public FolderTest {
+  protected:
+    BinderTest() {
+        makeFolder(home + "/dev");
+        EXPECT_EQ(publishService("fake", service), NO_ERROR);
+    }
+    ~BinderTest() override { withdrawServices(); }
+    sp<IBinder> find(const char* name) { return defaultServiceManager()->checkService(String16(name)); }
+    sp<IBinder> connect() { return find("./fake"); } ///< as another process does
+
+    const std::string path = home + "/dev/fake";
+    const sp<FakeService> service = new FakeService;
 };
 
 } // namespace
 
-TEST_F(BinderTest, LocalObjectIsReachedDirectlyAndAProxyByTransactions) {
-    configure();
-    start(false, false);
-    EXPECT_EQ(vnlog::ILogService::asInterface(nullptr), nullptr);
-    EXPECT_EQ(vnlog::ILogService::asInterface(binder()).get(), &service());
-    EXPECT_EQ(binder()->getInterfaceDescriptor(), android::String16("com.velnora.ILogService"));
-
-    sp<vnlog::ILogService> proxy = new BpLogService(binder());
-    EXPECT_EQ(IInterface::asBinder(proxy), binder());
-    EXPECT_EQ(proxy->flushLogBufAll(), 0);
-    EXPECT_TRUE(service().mFlushAll);
-    EXPECT_EQ(proxy->getLogFd(), -1) << "there is no current log file";
-    writeFile(logs + "/current/log.txt", "text");
-    int fd = proxy->getLogFd();
-    EXPECT_GE(fd, 0);
-    close(fd);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(proxy->logCMD(vnlog::CMD_SHOW, "ignored"), 0);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("current log cfg:\nUART_OUTPUT=n\n"),
-              std::string::npos);
-    EXPECT_LT(proxy->logCMD(vnlog::CMD_SHOW, nullptr), 0) << "a null parameter is not sent";
+TEST_F(BinderTest, CallsReachTheServiceUntilItIsWithdrawn) {
+    EXPECT_EQ(ILogService::asInterface(find("fake")).get(), service.get());
+    sp<IBinder> remote = connect();
+    sp<ILogService> proxy = ILogService::asInterface(remote);
+    EXPECT_TRUE(proxy->flushLogBufAll() == 1 && proxy->getLogFd() == 77);
+    EXPECT_EQ(proxy->logCMD(15, std::string(60000, 'x').c_str()), 1560000);
+    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0600});
+    EXPECT_EQ(publishService("fake", service), -EADDRINUSE);
+    withdrawServices();
+    EXPECT_FALSE(remote->isBinderAlive() || connect() != nullptr || exists(path));
+    (void)listenPacketSocket(path.c_str(), 0600); // left behind, nobody listens there
+    EXPECT_EQ(publishService("fake", service), NO_ERROR);
 }
 
-TEST_F(BinderTest, ForeignAndDamagedRequestsDoNothing) {
-    configure();
-    start(false, false);
-    Parcel foreign, reply;
-    foreign.writeInterfaceToken(android::String16("com.velnora.IOther"));
-    for (uint32_t code : {1u, 2u, 3u}) {
-        EXPECT_EQ(transact(code, foreign, &reply), -1);
-        EXPECT_EQ(transact(code, Parcel(), &reply), -1);
+TEST_F(BinderTest, DamagedRequestsAreRefused) {
+    Parcel nothing, foreign;
+    foreign.writeInterfaceToken(String16("com.velnora.IOther"));
+    for (uint32_t code : {1, 2, 3})
+        EXPECT_TRUE(connect()->transact(code, Parcel(), &nothing) == -1 &&
+                    connect()->transact(code, foreign, &nothing) == -1);
+    EXPECT_EQ(connect()->transact(4, Parcel(), &nothing), UNKNOWN_TRANSACTION);
+    EXPECT_TRUE(service->flushes == 0 && service->calls == 0);
+    vnlog::FileDescriptor client = connectPacketSocket(path.c_str());
+    for (const std::string& packet : {kPing.substr(1), kPing + "more", "2" + kPing.substr(1), kPing}) {
+        int32_t reply[2] = {}; // status, size
+        EXPECT_GT(send(client.get(), packet.data(), packet.size(), MSG_NOSIGNAL), 0);
+        EXPECT_GT(recv(client.get(), reply, sizeof reply, 0), 0);
+        EXPECT_EQ(reply[0], packet == kPing ? NO_ERROR : BAD_VALUE);
     }
-    EXPECT_EQ(reply.dataSize(), 0u);
-    EXPECT_FALSE(service().mFlushAll);
-
-    Parcel cut; // a command without its parameter
-    begin(cut);
-    cut.writeInt32(vnlog::CMD_NAND_FILE_OUTPUT);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(transact(3, cut, &reply), android::NO_ERROR);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("logset useage:"), std::string::npos);
-    EXPECT_EQ(reply.readInt32(), 0);
-    EXPECT_TRUE(service().mKLogToFile) << "nothing has changed";
-
-    Parcel open; // text without its end
-    const uint8_t bytes[] = {'a', 'b', 'c', 'd'};
-    open.setData(bytes, sizeof bytes);
-    EXPECT_EQ(open.readCString(), nullptr);
-    EXPECT_EQ(open.readString16().size(), 0u);
-
-    Parcel unknown;
-    begin(unknown);
-    EXPECT_EQ(transact(4, unknown, &reply), android::UNKNOWN_TRANSACTION);
-    EXPECT_TRUE(logged("ILogService/6: [onTransact:92] Unknown code: 0x4\n"));
-    EXPECT_EQ(transact(android::IBinder::INTERFACE_TRANSACTION, Parcel(), &reply), android::NO_ERROR);
 }
 
-TEST_F(BinderTest, CommandsAreRefusedUntilTheServiceRuns) {
-    LogService& s = deferred();
-    EXPECT_EQ(s.logCMD(vnlog::CMD_FLUSH, nullptr), -1);
-    EXPECT_TRUE(logged("logCMD failed: service is not start\n"));
-    EXPECT_EQ(s.flushLogBufAll(), 0);
-    EXPECT_FALSE(s.mFlushAll) << "there is no buffer to flush";
-    EXPECT_EQ(s.bufferedBytes(), 0u);
+TEST_F(BinderTest, BusySilentAndGreedyClientsHoldNobodyUp) {
+    std::vector<std::thread> busy;
+    for (int count = 1; count <= 3; ++count) {
+        busy.emplace_back([this] { EXPECT_GT(ILogService::asInterface(connect())->logCMD(kWait, ""), 0); });
+        EXPECT_TRUE(eventually([&] { return service->calls == count; })) << "all run at once";
+    }
+    vnlog::FileDescriptor greedy = connectPacketSocket(path.c_str());
+    while (send(greedy.get(), kPing.data(), kPing.size(), MSG_NOSIGNAL) > 0)
+        ; // takes no answer, and loses its connection for it
+    EXPECT_EQ(ILogService::asInterface(connect())->flushLogBufAll(), 1);
+    for (std::thread& client : busy)
+        client.join();
+    std::vector<sp<IBinder>> silent;
+    EXPECT_TRUE(eventually([&] { // 64 with the listening one; those that are gone leave in their own time
+        if (sp<IBinder> client = connect(); client->isBinderAlive())
+            silent.push_back(client);
+        return silent.size() == 63;
+    }));
+    EXPECT_FALSE(connect()->isBinderAlive()) << "one too many";
 }

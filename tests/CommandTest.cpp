@@ -1,201 +1,186 @@
 #include "Fixture.h"
 
-#include "binder/Command.h"
+#include "binder/Commands.h"
 
-#include <fcntl.h>
-#include <filesystem>
+#include <array>
 
-using namespace vnlog; // the command codes
+using namespace vnlog;
 
 namespace {
 
+const char kUsage[] = R"(
+
+logset useage:
+
+logset   <cmd_type>               <cmd_param>
+         UART_OUTPUT              y/n
+         NAND_FILE_OUTPUT         y/n
+         KLOG_OUTPUT              y/n
+         KLOG_LEVEL               1~7
+         ALOG_OUTPUT              y/n
+         ALOG_LEVEL               v/d/i/w/e/f/s
+         ALOG_MODULE              ALL_MODULE/NONE_MODULE
+         ALOG_ADD_MODULE          <name>:<level>
+         ALOG_DEL_MODULE          <name>
+         ALOG_FORMAT              brief/process/tag/thread/raw/time/threadtime/long
+         FLUSH_SWITCH             y/n
+         STORAGE_PATH             <valid path>. e.g. /media/flash/nvm
+         COPY                     <path>
+         FLUSH
+         SHOW
+
+         KXXX:kernel AXXX:android
+
+)";
+
+/** A service whose flush is refused, after everybody else has come by if anybody can. */
+struct HeldService : LogService {
+    HeldService() : LogService(DeferStart{}) {}
+    int flushLogBufAll() override {
+        inFlush = true;
+        for (int left = 200; left > 0 && !passed; --left)
+            usleep(1000);
+        overtaken = passed.load();
+        return -1;
+    }
+    Flag inFlush{false}, passed{false}, overtaken{false};
+};
+
 class CommandTest : public ServiceTest {
   protected:
-    void SetUp() override {
-        plugDevices();
-        catchConsole();
+    CommandTest() {
         configure();
-        start(true, true, true);
+        catchConsole();
+        fs::current_path(home);
+        makeFolder("other");
     }
-    int command(int code, const char* param) { return service().logCMD(code, param); }
-    bool saved(const std::string& line) { return readFile(cfg).find(line + "\n") != std::string::npos; }
-    std::string level() { return readFile(home + "/proc/sys/kernel/printk"); }
-    void breakConsoleLevel() { std::filesystem::remove(home + "/proc/sys/kernel/printk"); }
+    /** The switches that are on: kernel and Android read, shown, stored; flush. */
+    std::string switches() {
+        const LogService& s = *held;
+        const bool on[] = {s.mKLogOutput, s.mKLogToUart, s.mKLogToFile, s.mALogOutput,
+                           s.mALogToUart, s.mALogToFile, s.mFlushSwitch};
+        std::string text = "kufAUFs";
+        for (size_t i = 0; i < text.size(); ++i)
+            text[i] = on[i] ? text[i] : '-';
+        return text;
+    }
+    const android::sp<HeldService> held = new HeldService;
 };
+
+/**
+ * Commands, and what each changes: switches, the log that it clears and whose reader it wakes, settings. It
+ * is saved and shown unless the last word says otherwise.
+ */
+constexpr char kSteps[] =
+    "KLOG_LEVEL 5x KLOG_LEVEL=5,UART_OUTPUT y kufAUF- KLOG_LEVEL=7,KLOG_LEVEL 3 KLOG_LEVEL=3,"
+    "UART_OUTPUT n k-fA-F- KLOG_LEVEL=1,UART_OUTPUT n,KLOG_OUTPUT y kufA-F- KLOG_LEVEL=3,"
+    "KLOG_OUTPUT n ---A-F- KLOG_LEVEL=1,KLOG_OUTPUT n,KLOG_OUTPUT y kufA-F- kernel+ KLOG_LEVEL=3,"
+    "ALOG_OUTPUT y kufAUF-,ALOG_OUTPUT n kuf----,NAND_FILE_OUTPUT n ku-----,"
+    "ALOG_OUTPUT y ku-AUF- android+,NAND_FILE_OUTPUT y kufAUF-,ALOG_LEVEL warning ALOG_LEVEL=w,"
+    "ALOG_ADD_MODULE a:d+b ALOG_MODULE=b:w+a:d,ALOG_ADD_MODULE x=y:d+c:s ALOG_MODULE=c:s+b:w+a:d,"
+    "ALOG_DEL_MODULE b ALOG_MODULE=c:s+a:d,ALOG_MODULE NONE_MODULE ALOG_MODULE=NONE_MODULE,"
+    "ALOG_DEL_MODULE a,ALOG_MODULE ALL_MODULE ALOG_MODULE=ALL_MODULE,ALOG_FORMAT long ALOG_FORMAT=long,"
+    "ALOG_ADD_MODULE again:i ALOG_MODULE=again:i,STORAGE_PATH other STORAGE_PATH=other,"
+    "FLUSH_SWITCH y kufAUFs SAVE_FLUSH_SWITCH=y,STORAGE_PATH used STORAGE_PATH=used,"
+    "FLUSH_SWITCH n kufAUF- SAVE_FLUSH_SWITCH=n,COPY other silent,FLUSH ignored silent,SHOW ignored report,"
+    // a console level, then a kernel log that cannot be reached
+    "UART_OUTPUT n k-fA-F- KLOG_LEVEL=1,BREAK proc/sys/kernel/printk,UART_OUTPUT y kufA-F- refused,"
+    "UART_OUTPUT n k-fA-F- refused,MEND proc/sys/kernel/printk,UART_OUTPUT y kufAUF- KLOG_LEVEL=3,"
+    "BREAK proc/sys/kernel/printk,UART_OUTPUT n k-fAUF- refused,UART_OUTPUT y kufAUF- refused,"
+    "KLOG_OUTPUT n ---AUF- refused,KLOG_OUTPUT y ku-AUF- kernel+ refused,KLOG_LEVEL 2 refused,"
+    "MEND proc/sys/kernel/printk,KLOG_OUTPUT n ---AUF- KLOG_LEVEL=1,BREAK proc/kmsg,KLOG_OUTPUT y refused,"
+    "MEND proc/kmsg,UART_OUTPUT yes usage,NAND_FILE_OUTPUT Y usage,KLOG_OUTPUT '' usage,KLOG_LEVEL 8 usage,"
+    "ALOG_OUTPUT '' usage,ALOG_LEVEL x usage,ALOG_MODULE ALL_MODULES usage,ALOG_FORMAT Brief usage,"
+    "FLUSH_SWITCH on usage,STORAGE_PATH none report,"
+    "STORAGE_PATH a;touch${IFS}trapped report,COPY none silent,COPY a;touch${IFS}trapped silent";
 
 } // namespace
 
-TEST_F(CommandTest, WrongParametersAreAnsweredWithTheUsage) {
-    std::string before = readFile(cfg);
-    struct Wrong {
-        int code;
-        const char* param;
+TEST_F(CommandTest, EachDoesItsOwnAndNothingElse) {
+    plugDevices();
+    const FileDescriptor kernel = openFile("proc/kmsg", O_RDWR | O_NONBLOCK);
+    const FileDescriptor device =
+        platform::openLogger((home + "/dev/log_main").c_str(), platform::LoggerAccess::Write);
+    auto waiting = [&] { return platform::controlLogger(device.get(), platform::kRequestReadable) > 0; };
+    writeFile("used/log_service/current/log_1.txt", "text");
+    ASSERT_EQ(held->serviceStart(std::array<bool, 3>{}.data()), 0);
+    held->mTotalLogSize = held->mHeadFolderNum = held->mTailFolderNum = 9; // of the first root
+    held->logCMD(-1, nullptr);
+    const std::string usage = console();
+    EXPECT_EQ(usage, kUsage);
+    std::istringstream steps(kSteps);
+    for (std::string step, name, param, line; std::getline(steps, step, ',');) {
+        SCOPED_TRACE(step);
+        std::istringstream(step) >> name >> param;
+        if (name == "BREAK" || name == "MEND") {
+            name == "BREAK" ? fs::rename(param, "aside") : fs::rename("aside", param);
+            continue;
+        }
+        ASSERT_EQ(write(kernel.get(), "<3>old\n", 7), 7);
+        entry("main", 1, 0, 4, "tag", "old");
+        ASSERT_TRUE(eventually(waiting));
+        const std::string before = "\n" + readFile(cfg), on = switches(), shown = console();
+        fs::last_write_time(cfg, {});
+        int result = held->logCMD(findCommand(name.c_str())->code, param == "''" ? "" : param.c_str());
+        std::string seen = name + " " + param + (switches() != on ? " " + switches() : "");
+        char text[64];
+        if (read(kernel.get(), text, sizeof text) < 0)
+            seen += sem_trywait(&held->mKLogSem) == 0 ? " kernel+" : " kernel";
+        if (!waiting())
+            seen += sem_trywait(&held->mALogSem) == 0 ? " android+" : " android";
+        for (std::istringstream lines(readFile(cfg)); std::getline(lines, line);)
+            if (line.find("_OUTPUT=") > line.size() && before.find("\n" + line + "\n") > before.size())
+                seen += " " + line; // the outputs have been seen as switches
+        const bool saved = fs::last_write_time(cfg) != fs::file_time_type();
+        const std::string report = "\n\ncurrent log cfg:\n" + readFile(cfg) + "\n";
+        const std::map<std::string, std::string> answers{
+            {"", " silent"}, {report, saved ? "" : " report"}, {usage + report, " usage"}};
+        std::string answer = result != 0 ? " refused" : answers.at(console().substr(shown.size()));
+        EXPECT_EQ(seen + answer, step);
+        EXPECT_EQ(saved, answer.empty());
+        EXPECT_TRUE(result != 0 || std::stoi(readFile("proc/sys/kernel/printk")) == held->mKLogLevel);
+    }
+    EXPECT_EQ(loggedTimes("error: Please turn off the storage function\n"), 1);
+    EXPECT_EQ(readFile("other/log_storage.dat") + readFile("used/log_storage.dat"),
+              "TOTAL_LOG_SIZE=0\nHEAD_FOLDER_NUM=0\nTAIL_FOLDER_NUM=0\nOLDEST_FILE_NUM=1\n"
+              "TOTAL_LOG_SIZE=4\nHEAD_FOLDER_NUM=1\nTAIL_FOLDER_NUM=1\nOLDEST_FILE_NUM=1\n");
+    EXPECT_TRUE(readFile("other/log_service/last_1/log_1.txt") == "text" && !exists("trapped"));
+    faults.writeError = ENOSPC;
+    EXPECT_EQ(held->logCMD(CMD_FLUSH_SWITCH, "y"), -1);
+    EXPECT_EQ(held->serviceStop(std::array<bool, 3>{}.data()), 0);
+    EXPECT_EQ(held->logCMD(CMD_SHOW, nullptr) + held->logCMD(CMD_FLUSH_SWITCH, "n"), -2);
+}
+
+TEST(CommandTableTest, ClientObjectsBeforeItAsks) {
+    const std::string root(99, 'a'), target(140, 'a');
+    const std::string cases[][3] = {
+        {"ALOG_DEL_MODULE", "", "needs a module name"},
+        {"STORAGE_PATH", root, ""},
+        {"STORAGE_PATH", root + "a", "'" + root + "a' is longer than 99 characters"},
+        {"COPY", target, ""},
+        {"COPY", target + "a", "'" + target + "a' is too long"},
     };
-    for (auto [code, param] : {Wrong{0, "yes"},
-                               {0, nullptr},
-                               {1, "Y"},
-                               {3, ""},
-                               {4, "0"},
-                               {4, "8"},
-                               {4, "abc"},
-                               {4, nullptr},
-                               {5, "x"},
-                               {6, "x"},
-                               {6, ""},
-                               {7, "ALL_MODULES"},
-                               {8, nullptr},
-                               {9, nullptr},
-                               {10, "Brief"},
-                               {11, "on"},
-                               {15, nullptr},
-                               {18, nullptr}}) {
-        size_t shown = console().size();
-        EXPECT_EQ(command(code, param), 0) << code;
-        std::string answer = console().substr(shown);
-        EXPECT_EQ(answer.find("\n\nlogset useage:\n\nlogset   <cmd_type>               <cmd_param>\n"), 0u)
-            << code;
-        EXPECT_NE(answer.find("current log cfg:"), std::string::npos) << code;
+    for (const auto& [name, param, objection] : cases)
+        EXPECT_EQ(objectionTo(*findCommand(name.c_str()), param.c_str(), {[] { return size_t{100}; }}),
+                  objection);
+    const CommandInfo* command = CommandTable().begin();
+    for (int code : {0, 1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 15, 18, 14, 16}) { // in the order of the usage
+        EXPECT_TRUE(command->code == code && findCommand(command->name) == command);
+        EXPECT_EQ(objectionTo(*command++, nullptr, {}), code != 14 && code != 16 ? "needs a parameter" : "");
     }
-    for (int unassigned : {2, 12, 13, 17, 19, -1})
-        EXPECT_EQ(command(unassigned, nullptr), 0);
-    EXPECT_EQ(readFile(cfg), before);
 }
 
-TEST_F(CommandTest, ConsoleOutputMovesTheKernelLevel) {
-    ASSERT_EQ(command(4, "5x"), 0);
-    EXPECT_EQ(level(), "5\n");
-    ASSERT_EQ(command(0, "y"), 0);
-    EXPECT_EQ(service().mKLogLevel, 7) << "the level from before it was switched off, which never happened";
-    ASSERT_EQ(command(4, "3"), 0);
-    ASSERT_EQ(command(0, "n"), 0);
-    EXPECT_EQ(level(), "1\n");
-    EXPECT_FALSE(service().mKLogToUart || service().mALogToUart);
-    EXPECT_EQ(command(0, "n"), 0);
-    EXPECT_EQ(service().mOldKLogLevel, 3) << "the second time changes nothing";
-    EXPECT_TRUE(saved("UART_OUTPUT=n") && saved("KLOG_LEVEL=1"));
-    ASSERT_EQ(command(0, "y"), 0);
-    EXPECT_EQ(level(), "3\n");
-    EXPECT_TRUE(saved("UART_OUTPUT=y") && saved("KLOG_LEVEL=3"));
-
-    breakConsoleLevel();
-    EXPECT_EQ(command(0, "n"), -1);
-    EXPECT_TRUE(logged("fail to set the kernel log level to KERN_ALERT\n"));
-    EXPECT_TRUE(service().mALogToUart && !service().mKLogToUart);
-    EXPECT_EQ(command(0, "y"), -1);
-    EXPECT_TRUE(logged("fail to set the kernel log level to oldKLogLevel \n"));
-    EXPECT_EQ(command(4, "2"), -1);
-    EXPECT_EQ(service().mKLogLevel, 3);
-}
-
-TEST_F(CommandTest, KernelOutputClearsAndWakesTheReader) {
-    ASSERT_EQ(command(0, "y"), 0);
-    ASSERT_EQ(command(3, "n"), 0);
-    EXPECT_FALSE(service().mKLogOutput || service().mKLogToFile || service().mKLogToUart);
-    EXPECT_EQ(level(), "1\n");
-    feed("<3>held\n");
-    ASSERT_EQ(command(3, "y"), 0);
-    EXPECT_TRUE(service().mKLogOutput && service().mKLogToFile && service().mKLogToUart);
-    EXPECT_EQ(level(), "7\n");
-    feed("<3>fresh\n");
-    EXPECT_TRUE(eventually([&] { return flush() && stored().find("fresh\n") != std::string::npos; }));
-    ASSERT_EQ(command(3, "n"), 0);
-    std::filesystem::remove(home + "/proc/kmsg");
-    EXPECT_EQ(command(3, "y"), -1);
-    EXPECT_TRUE(logged("Log clearing failed! \n"));
-    EXPECT_FALSE(service().mKLogOutput);
-}
-
-TEST_F(CommandTest, AndroidFilterCommands) {
-    auto modules = [&] {
-        std::string text = readFile(cfg);
-        size_t start = text.find("ALOG_MODULE=") + 12;
-        return text.substr(start, text.find('\n', start) - start);
-    };
-    ASSERT_EQ(command(6, "warning"), 0);
-    EXPECT_STREQ(service().mALogLevel, "w");
-    EXPECT_EQ(service().mLogFormat->globalPriority, ANDROID_LOG_WARN);
-    ASSERT_EQ(command(9, "absent"), 0);
-    EXPECT_EQ(modules(), "ALL_MODULE");
-    std::string longName(200, 'n');
-    ASSERT_EQ(command(8, ("name:d+bare+" + longName).c_str()), 0);
-    EXPECT_EQ(modules(), longName + ":w+bare:w+name:d");
-    EXPECT_EQ(command(8, "two\nlines:d"), 0);
-    EXPECT_EQ(command(8, ""), 0);
-    EXPECT_EQ(loggedTimes("Cmd alog add filter failed \n"), 2);
-    ASSERT_EQ(command(9, "bare"), 0);
-    ASSERT_EQ(command(9, longName.c_str()), 0);
-    EXPECT_EQ(modules(), "name:d");
-    ASSERT_EQ(command(7, "NONE_MODULE"), 0);
-    EXPECT_EQ(modules(), "NONE_MODULE");
-    ASSERT_EQ(command(7, "ALL_MODULE"), 0);
-    EXPECT_EQ(modules(), "ALL_MODULE");
-    EXPECT_EQ(service().mLogFormat->globalPriority, ANDROID_LOG_WARN);
-    ASSERT_EQ(command(8, "again:i"), 0);
-    EXPECT_EQ(modules(), "again:i") << "the earlier rules are gone";
-    ASSERT_EQ(command(9, "again"), 0);
-    EXPECT_EQ(command(9, "again"), 0);
-    EXPECT_TRUE(logged("failed to delete filter rule \n"));
-    ASSERT_EQ(command(10, "long"), 0);
-    ASSERT_EQ(command(11, "y"), 0);
-    ASSERT_EQ(command(5, "n"), 0);
-    EXPECT_TRUE(saved("ALOG_FORMAT=long") && saved("SAVE_FLUSH_SWITCH=y") && saved("ALOG_OUTPUT=n"));
-    stop();
-    start(true, true, true);
-    EXPECT_EQ(service().mLogFormat->printFormat, FORMAT_LONG);
-    EXPECT_TRUE(service().mFlushSwitch && !service().mALogOutput);
-}
-
-TEST_F(CommandTest, RootChangeLosesNothingThatWasBuffered) {
-    std::string other = home + "/other";
-    makeFolder(other);
-    std::string first = noise(60000, 1), second = noise(40000, 2), third = noise(30000, 3);
-    ASSERT_TRUE(put(first) && flush());
-    ASSERT_EQ(command(15, other.c_str()), 0);
-    EXPECT_TRUE(saved("STORAGE_PATH=" + other));
-    EXPECT_TRUE(exists(other + "/log_service/current"));
-    ASSERT_TRUE(put(second));
-    EXPECT_TRUE(eventually([&] { return logged("fail to Compress log files 1 log!\n"); }))
-        << "the next cut fails";
-    EXPECT_FALSE(service().mParts->ring.drainFailing()) << "no writer is turned away for it";
-    EXPECT_TRUE(flush()) << "then the next section opens under the new root";
-    ASSERT_TRUE(put(third) && flush());
-    ASSERT_TRUE(put(noise(40000, 4)) && flush());
-    EXPECT_EQ(readFile(section("current", 1, ".txt")), first + second.substr(0, 5536));
-    logs = other + "/log_service";
-    EXPECT_EQ(stored().substr(0, 64464), second.substr(5536) + third);
-    std::string before = stored();
-    stop();
-    start(true, true, true);
-    EXPECT_EQ(stored(), before) << "the next start finds the new root in order";
-    ASSERT_EQ(command(15, root.c_str()), 0);
-    logs = root + "/log_service";
-    EXPECT_TRUE(stored() == first + second.substr(0, 5536)) << "and the old one keeps its open section";
-    stop();
-    start(true, true, true);
-    EXPECT_TRUE(stored() == first + second.substr(0, 5536));
-}
-
-TEST_F(CommandTest, UnusableDirectoriesNeverReachAShell) {
-    makeFolder(home + "/a b");
-    std::string longPath = home + "/" + std::string(100, 'l'), longTarget = home;
-    makeFolder(longPath);
-    while (longTarget.size() + logs.size() < 240)
-        longTarget += "/" + std::string(40, 't');
-    makeFolder(longTarget);
-    std::string trap = home + "/a;touch " + home + "/trapped;";
-    for (const std::string& path :
-         {home + "/none", home + "/a b", longPath, trap, std::string(), std::string("-rf")}) {
-        EXPECT_EQ(command(15, path.c_str()), 0);
-        EXPECT_TRUE(logged("STORAGE_PATH(" + path + ") can not open\n"));
+TEST_F(CommandTest, CommandsSavesAndStopsWaitForEachOther) {
+    HeldService& s = *held;
+    const bool flags[] = {true, false, false};
+    ASSERT_EQ(s.serviceStart(flags), 0);
+    for (int other = 0; other < 3; ++other) {
+        s.inFlush = s.passed = false;
+        std::thread command([&] { s.logCMD(CMD_FLUSH, nullptr); });
+        EXPECT_TRUE(eventually([&] { return s.inFlush.load(); }));
+        EXPECT_EQ(other > 1 ? s.serviceStop(flags) : other > 0 ? s.logConfigSave() : s.logCMD(16, ""), 0);
+        s.passed = true;
+        command.join();
+        EXPECT_FALSE(s.overtaken) << other;
     }
-    EXPECT_TRUE(service().mSavePath == root && saved("STORAGE_PATH=" + root));
-    for (const std::string& path : {home + "/none", home + "/a b", longTarget, trap, std::string("-t")}) {
-        EXPECT_EQ(command(18, path.c_str()), 0);
-        EXPECT_TRUE(logged(path + " dir does not exist,Please check!\n"));
-    }
-    EXPECT_FALSE(exists(home + "/trapped"));
-    ASSERT_TRUE(put("copied") && flush());
-    EXPECT_EQ(command(18, longPath.c_str()), 0);
-    EXPECT_EQ(readFile(longPath + "/log_service/current/log_1.txt"), "copied");
-    EXPECT_TRUE(logged("log copy success\n"));
 }

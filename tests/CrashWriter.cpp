@@ -6,7 +6,6 @@
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <random>
 #include <string>
 #include <sys/prctl.h>
@@ -21,9 +20,7 @@ int main(int, char** argv) {
     std::puts("started");
     std::fflush(stdout);
     for (unsigned line = 0;; ++line) {
-        char head[64];
-        std::snprintf(head, sizeof head, "run %s line %u ", argv[1], line);
-        std::string text(head);
+        std::string text = std::string("run ") + argv[1] + " line " + std::to_string(line) + " ";
         while (text.size() < 1000)
             text += static_cast<char>('!' + random() % 90);
         text += "\n";

@@ -13,8 +13,6 @@
 
 Faults faults;
 
-using Lock = std::lock_guard<std::mutex>;
-
 void Faults::disarm() {
     for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &interruptedReads,
                            &wholeReads, &interruption, &reads, &selects})
@@ -27,21 +25,11 @@ void Faults::disarm() {
     mPauses.clear();
 }
 
-std::vector<long> Faults::pauses() {
-    Lock lock(mMutex);
-    return mPauses;
-}
-
 void Faults::recordCalls(bool on) {
     Lock lock(mMutex);
     mRecording = on;
     if (on)
         mCalls.clear();
-}
-
-std::vector<std::string> Faults::calls() {
-    Lock lock(mMutex);
-    return mCalls;
 }
 
 void Faults::addCall(const std::string& call) {

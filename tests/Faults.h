@@ -30,17 +30,23 @@ struct Faults {
 
     void disarm();
     /// Seconds that timed waits were to last, oldest first.
-    std::vector<long> pauses();
+    std::vector<long> pauses() { return locked(mPauses); }
     /// While on: "fsync F", "rename F G" and "unlink F" in the order of the calls, F without its folders.
     /// Switching it on begins anew.
     void recordCalls(bool on);
-    std::vector<std::string> calls();
+    std::vector<std::string> calls() { return locked(mCalls); }
 
     // For the wrappers.
     void addCall(const std::string& call);
     void addPause(long seconds);
 
   private:
+    using Lock = std::lock_guard<std::mutex>;
+    template <typename Value> Value locked(const Value& value) {
+        Lock lock(mMutex);
+        return value;
+    }
+
     std::mutex mMutex;
     bool mRecording = false;
     std::vector<std::string> mCalls;

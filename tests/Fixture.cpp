@@ -1,22 +1,7 @@
 #include "Fixture.h"
 
-#include "storage/Listing.h"
-
-#include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <filesystem>
 #include <fstream>
-#include <map>
-#include <random>
-#include <sstream>
-#include <sys/stat.h>
-#include <thread>
-#include <unistd.h>
 #include <zlib.h>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -31,12 +16,7 @@ void capture(const __android_logger_data* data, const char* message) {
 }
 
 std::string capturedText() {
-    std::string text;
-    char chunk[4096];
-    ssize_t length;
-    for (off_t at = 0; (length = pread(fileno(captured), chunk, sizeof chunk, at)) > 0; at += length)
-        text.append(chunk, static_cast<size_t>(length));
-    return text;
+    return readFile("/proc/self/fd/" + std::to_string(fileno(captured)));
 }
 
 } // namespace
@@ -72,9 +52,8 @@ bool exists(const std::string& path) {
 std::string runCommand(const std::string& command) {
     std::string output;
     FILE* pipe = popen(command.c_str(), "r");
-    char chunk[4096];
-    while (size_t length = fread(chunk, 1, sizeof chunk, pipe))
-        output.append(chunk, length);
+    for (int c; (c = getc(pipe)) != EOF;)
+        output += static_cast<char>(c);
     pclose(pipe);
     return output;
 }
@@ -91,13 +70,6 @@ std::string readGzip(const std::string& path) {
     return text;
 }
 
-void writeGzip(const std::string& path, const std::string& text) {
-    makeFolder(fs::path(path).parent_path());
-    gzFile file = gzopen(path.c_str(), "wb");
-    EXPECT_EQ(gzwrite(file, text.data(), static_cast<unsigned>(text.size())), static_cast<int>(text.size()));
-    EXPECT_EQ(gzclose(file), Z_OK);
-}
-
 std::string noise(size_t length, unsigned seed) {
     std::mt19937 random(seed);
     std::string text(length, 0);
@@ -110,27 +82,28 @@ int openDescriptors() {
     return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
+/** Calls `visit` with every entry of a folder of a store and its path. */
+template <typename Visit> static void walk(const std::string& folder, const Visit& visit) {
+    vnlog::Listing listing(folder.c_str());
+    vnlog::StoredEntry entry;
+    while (listing.valid() && listing.next(&entry))
+        visit(entry, folder + "/" + entry.name);
+}
+
 std::string storedText(const std::string& logs) {
+    using vnlog::NameKind;
     std::map<std::pair<uint32_t, uint32_t>, std::string> sections; // an unfinished text replaces its archive
-    vnlog::Listing runs(logs.c_str());
-    vnlog::StoredEntry run;
-    while (runs.valid() && runs.next(&run)) {
-        bool current = run.kind == vnlog::NameKind::Current;
-        vnlog::Path path;
-        if ((!current && run.kind != vnlog::NameKind::Run) || run.type != vnlog::EntryType::Folder ||
-            !runs.path(run, &path))
-            continue;
-        vnlog::Listing entries(path.text);
-        vnlog::StoredEntry found;
-        while (entries.valid() && entries.next(&found)) {
-            std::string file = std::string(path.text) + "/" + found.name;
-            std::pair<uint32_t, uint32_t> place(current ? ~0U : run.number, found.number);
-            if (found.kind == vnlog::NameKind::PlainText)
-                sections[place] = readFile(file);
-            else if (found.kind == vnlog::NameKind::Archive && !exists(file.substr(0, file.size() - 3)))
-                sections[place] = readGzip(file);
-        }
-    }
+    walk(logs, [&](const vnlog::StoredEntry& run, const std::string& folder) {
+        if (run.kind != NameKind::Current && run.kind != NameKind::Run)
+            return;
+        uint32_t age = run.kind == NameKind::Current ? ~0U : run.number;
+        walk(folder, [&](const vnlog::StoredEntry& found, const std::string& file) {
+            if (found.kind == NameKind::PlainText)
+                sections[{age, found.number}] = readFile(file);
+            else if (found.kind == NameKind::Archive && !exists(file.substr(0, file.size() - 3)))
+                sections[{age, found.number}] = readGzip(file);
+        });
+    });
     std::string text;
     for (auto& [place, part] : sections)
         text += part;
@@ -193,20 +166,19 @@ ServiceTest::~ServiceTest() {
     stop();
 }
 
-void ServiceTest::configure(const std::vector<std::pair<std::string, std::string>>& changes) {
-    std::vector<std::pair<std::string, std::string>> settings = {
-        {"UART_OUTPUT", "n"},      {"NAND_FILE_OUTPUT", "y"}, {"SAVE_FLUSH_SWITCH", "n"},
-        {"STORAGE_PATH", root},    {"MAX_LOG_SIZE", "1"},     {"LOG_SECTION_SIZE", "64"},
-        {"LOG_DELETE_SIZE", "64"}, {"KLOG_OUTPUT", "y"},      {"KLOG_LEVEL", "7"},
-        {"ALOG_OUTPUT", "y"},      {"ALOG_LEVEL", "d"},       {"ALOG_MODULE", "ALL_MODULE"},
-        {"ALOG_FORMAT", "brief"},
-    };
+void ServiceTest::configure(const Changes& changes) {
+    std::map<std::string, std::string> changed(changes.begin(), changes.end());
+    std::istringstream defaults("UART_OUTPUT=n NAND_FILE_OUTPUT=y SAVE_FLUSH_SWITCH=n STORAGE_PATH=" + root +
+                                " MAX_LOG_SIZE=1 LOG_SECTION_SIZE=64 LOG_DELETE_SIZE=64 KLOG_OUTPUT=y "
+                                "KLOG_LEVEL=7 ALOG_OUTPUT=y ALOG_LEVEL=d "
+                                "ALOG_MODULE=ALL_MODULE ALOG_FORMAT=brief");
     std::string text;
-    for (auto& [key, value] : settings) {
-        for (auto& [changedKey, changedValue] : changes)
-            value = key == changedKey ? changedValue : value;
-        if (value != "-") // leaves the key out
-            text += key + "=" + value + "\n";
+    for (std::string line; defaults >> line;) {
+        std::string key = line.substr(0, line.find('='));
+        if (changed.count(key) == 0)
+            text += line + "\n";
+        else if (changed[key] != "-") // which leaves the key out
+            text += key + "=" + changed[key] + "\n";
     }
     fs::remove(cfg);
     writeFile(cfg, text);
@@ -227,14 +199,8 @@ void ServiceTest::stop() {
 }
 
 void ServiceTest::feed(const std::string& text) {
-    int fd = -1;
-    ASSERT_TRUE(eventually([&] { // the reader opens its end in its own time
-        fd = open((home + "/proc/kmsg").c_str(), O_WRONLY | O_NONBLOCK);
-        return fd >= 0;
-    }));
-    fcntl(fd, F_SETFL, 0);
-    EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    close(fd);
+    vnlog::FileDescriptor log = vnlog::openFile((home + "/proc/kmsg").c_str(), O_WRONLY);
+    EXPECT_TRUE(vnlog::writeAll(log.get(), text.data(), text.size()));
 }
 
 bool ServiceTest::put(const std::string& text) {
@@ -242,29 +208,23 @@ bool ServiceTest::put(const std::string& text) {
            static_cast<int>(text.size());
 }
 
-void ServiceTest::plugDevices(bool withSystem) {
+void ServiceTest::plugDevices() {
     makeFolder(home + "/dev");
-    std::vector<std::string> paths = {home + "/dev/log_main"};
-    if (withSystem)
-        paths.push_back(home + "/dev/log_system");
     mDriver = std::make_unique<vnlog::platform::LoggerDriver>();
-    ASSERT_TRUE(mDriver->start(paths, 65536)) << strerror(errno);
-}
-
-void ServiceTest::rawEntry(const char* device, const std::string& bytes) {
-    vnlog::FileDescriptor& writer = mWriters[device];
-    if (!writer.valid())
-        writer = vnlog::platform::openLogger((home + "/dev/log_" + device).c_str(),
-                                             vnlog::platform::LoggerAccess::WriteLossless);
-    ASSERT_EQ(write(writer.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    ASSERT_TRUE(mDriver->start({home + "/dev/log_main", home + "/dev/log_system"}, 65536)) << strerror(errno);
 }
 
 void ServiceTest::entry(const char* device, int seconds, int nanoseconds, char priority,
                         const std::string& tag, const std::string& text) {
+    vnlog::FileDescriptor& writer = mWriters[device];
+    if (!writer.valid())
+        writer = vnlog::platform::openLogger((home + "/dev/log_" + device).c_str(),
+                                             vnlog::platform::LoggerAccess::WriteLossless);
     std::string payload = priority + tag + '\0' + text + '\0';
     vnlog::platform::LoggerHeader header{
         static_cast<uint16_t>(payload.size()), 0, 17, 18, seconds, nanoseconds};
-    rawEntry(device, std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload);
+    payload.insert(0, reinterpret_cast<const char*>(&header), sizeof header);
+    ASSERT_TRUE(vnlog::writeAll(writer.get(), payload.data(), payload.size()));
 }
 
 void FolderTest::catchConsole() {
@@ -289,25 +249,6 @@ bool ServiceTest::flush() {
             service().flushLogBufAll();
         return service().bufferedBytes() == 0;
     });
-}
-
-void ServiceTest::setStorageData(uint32_t total, unsigned head, unsigned tail, unsigned oldest) {
-    std::ostringstream text;
-    text << "TOTAL_LOG_SIZE=" << total << "\nHEAD_FOLDER_NUM=" << head << "\nTAIL_FOLDER_NUM=" << tail
-         << "\nOLDEST_FILE_NUM=" << oldest << "\n";
-    writeFile(root + "/log_storage.dat", text.str());
-}
-
-std::string ServiceTest::section(const std::string& run, unsigned number, const char* suffix) {
-    return logs + "/" + run + "/log_" + std::to_string(number) + suffix;
-}
-
-void ServiceTest::makeSection(const std::string& run, unsigned number, const std::string& text) {
-    writeGzip(section(run, number), text);
-}
-
-void ServiceTest::makeSectionOfSize(const std::string& run, unsigned number, size_t size) {
-    writeFile(section(run, number), std::string(size, 'x'));
 }
 
 bool FolderTest::logged(const std::string& text) {

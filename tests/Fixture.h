@@ -3,17 +3,33 @@
 #include "Faults.h"
 #include "platform/logger/LoggerDevice.h"
 #include "platform/logger/LoggerDriver.h"
-#include "service/Parts.h"
+#include "service/LogService.h"
 #include "sources/AndroidFormat.h"
+#include "storage/Listing.h"
 
+// What most tests use of the libraries.
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <random>
+#include <sstream>
 #include <string>
-#include <utility>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
+namespace fs = std::filesystem;
 using vnlog::LogService;
 
 /** Waits until `condition` holds, ten seconds at most; returns whether it did. */
@@ -27,8 +43,6 @@ bool exists(const std::string& path);
 std::string runCommand(const std::string& command);
 /** Text of a gzip file; a damaged one fails the test. */
 std::string readGzip(const std::string& path);
-/** Makes a gzip file of the text. */
-void writeGzip(const std::string& path, const std::string& text);
 /** Random bytes, which do not compress. */
 std::string noise(size_t length, unsigned seed);
 int openDescriptors();
@@ -72,7 +86,8 @@ class ServiceTest : public FolderTest {
     ~ServiceTest() override;
 
     /** log.cfg with storage and kernel reading on, small sections, and `changes` like {"KLOG_LEVEL", "3"}. */
-    void configure(const std::vector<std::pair<std::string, std::string>>& changes = {});
+    using Changes = std::vector<std::pair<std::string, std::string>>;
+    void configure(const Changes& changes = {});
     /** Builds the service and starts it with these workers. */
     void start(bool flush = true, bool kernel = true, bool android = false);
     /** Stops and drops the service. */
@@ -80,18 +95,15 @@ class ServiceTest : public FolderTest {
     /** An object that is not started; the constructor's values. */
     LogService& deferred();
     LogService& service() { return *mService; }
-    bool hasService() const { return mService != nullptr; }
 
     /** Writes to the kernel log, which must have its reader. */
     void feed(const std::string& text);
     bool put(const std::string& text);
-    /** Makes the logger devices, both or only main. */
-    void plugDevices(bool withSystem = true);
+    /** Makes the logger devices. */
+    void plugDevices();
     /** Writes an entry with this stamp to a device. */
     void entry(const char* device, int seconds, int nanoseconds, char priority, const std::string& tag,
                const std::string& text);
-    /** Writes these bytes to a device as they are. */
-    void rawEntry(const char* device, const std::string& bytes);
     /** Asks for a flush and waits until the buffer is empty. */
     bool flush();
 
@@ -99,13 +111,6 @@ class ServiceTest : public FolderTest {
     std::string stored() { return storedText(logs); }
     /** Bytes of all finished sections. */
     uint64_t storedBytes() { return storedArchiveBytes(logs); }
-    std::string section(const std::string& run, unsigned number, const char* suffix = ".txt.gz");
-
-    // Only until the tests of the parts have replaced them.
-    std::string storageData() { return readFile(root + "/log_storage.dat"); }
-    void setStorageData(uint32_t total, unsigned head, unsigned tail, unsigned oldest);
-    void makeSection(const std::string& run, unsigned number, const std::string& text);
-    void makeSectionOfSize(const std::string& run, unsigned number, size_t size);
 
   private:
     std::unique_ptr<vnlog::platform::LoggerDriver> mDriver;

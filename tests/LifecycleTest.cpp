@@ -1,146 +1,135 @@
-#include "Fixture.h"
 
-#include <filesystem>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "Fixture.h"
+#include "binder/Command.h"
+
+using namespace vnlog;
 
 namespace {
 
+/** Holds each command back, before it takes the command lock, until the test lets all go. */
+struct HeldService : LogService {
+    using LogService::LogService;
+    int logCMD(int code, const char* param) override {
+        EXPECT_TRUE(++held > 0 && eventually([&] { return go.load(); }));
+        return LogService::logCMD(code, param);
+    }
+    std::atomic<int> held{0};
+    std::atomic<bool> go{false};
+};
+
+/** The sets of workers: bit 0 is the flush thread, bit 1 the kernel reader, bit 2 the Android reader. */
+constexpr bool kSets[8][3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0},
+                              {0, 0, 1}, {1, 0, 1}, {0, 1, 1}, {1, 1, 1}};
+
+unsigned threads() {
+    std::string names = ::runCommand("cat /proc/" + std::to_string(getpid()) + "/task/*/comm 2>&1");
+    auto has = [&](const char* name) { return names.find(name) == std::string::npos ? 0U : 1U; };
+    return has("logBufFlush\n") + 2 * has("kernelLogReader\n") + 4 * has("logcat\n");
+}
+
 class LifecycleTest : public ServiceTest {
   protected:
-    int serviceStart(bool flush, bool kernel, bool android = false) {
-        const bool flags[] = {flush, kernel, android};
-        return service().serviceStart(flags);
-    }
-    int serviceStop(bool flush, bool kernel, bool android = true) {
-        const bool flags[] = {flush, kernel, android};
-        return service().serviceStop(flags);
-    }
-    static std::string threadNames() {
-        return runCommand("cat /proc/" + std::to_string(getpid()) + "/task/*/comm");
+    /** Exactly these workers run, and their flags, the ring and the storing of records fit that. */
+    static void expectRunning(LogService& service, unsigned workers, bool started, bool ring) {
+        const bool* flags = kSets[workers];
+        EXPECT_TRUE(service.mKLogThreadRunning == flags[1] && service.mLogcatThreadRunning == flags[2]);
+        EXPECT_TRUE(service.mServiceStarted == started && (service.mLogBuf != nullptr) == ring);
+        EXPECT_EQ(service.logBufWrite("x", 1), flags[0] ? 1 : -1);
+        EXPECT_TRUE(eventually([&] { return threads() == workers; })) << threads() << " for " << workers;
     }
 };
 
 } // namespace
 
-TEST_F(LifecycleTest, ConstructionStartsAndDestructionStops) {
+TEST_F(LifecycleTest, EverySetOfWorkersStartsAndStopsInParts) {
+    plugDevices();
     configure();
-    android::sp<LogService> service = new LogService();
-    EXPECT_TRUE(service->mServiceStarted);
-    EXPECT_TRUE(logged("LogService/3: LogService start success\n"));
-    EXPECT_TRUE(eventually([] { return threadNames().find("kernelLogReader\n") != std::string::npos; }));
-    EXPECT_NE(threadNames().find("logBufFlush\n"), std::string::npos);
-    service = nullptr;
-    EXPECT_TRUE(logged("Thread kernelLogReader is stopped successfully!\n"));
-    EXPECT_TRUE(logged("Thread logBufFlush is stopped successfully!\n"));
-    EXPECT_FALSE(logged("serviceStop failed"));
+    EXPECT_EQ(deferred().serviceStop(kSets[7]), -1);
+    for (unsigned row = 0; row < 64; ++row) {
+        unsigned started = row % 8, stopped = row / 8, left = started & ~stopped;
+        SCOPED_TRACE(std::to_string(started) + " without " + std::to_string(stopped));
+        ASSERT_EQ(service().serviceStart(kSets[started]), 0);
+        EXPECT_EQ(service().serviceStart(kSets[7]), -1) << "a started service stays as it is";
+        expectRunning(service(), started, true, true);
+        EXPECT_EQ(service().serviceStop(kSets[stopped]), 0);
+        expectRunning(service(), left, left != 0, (left & 1) != 0);
+        EXPECT_EQ(service().logCMD(CMD_FLUSH, ""), left != 0 ? 0 : -1);
+        EXPECT_EQ(service().serviceStop(kSets[7]), left != 0 ? 0 : -1);
+        expectRunning(service(), 0, false, false);
+    }
 }
 
-TEST_F(LifecycleTest, StartAndStopInParts) {
-    configure();
-    start(false, false);
-    EXPECT_NE(service().mLogBuf, nullptr);
-    EXPECT_EQ(service().mALogFileMinPri, 3);
-    EXPECT_EQ(serviceStart(true, true), -1) << "a started service stays as it is";
-    EXPECT_TRUE(logged("serviceStart refused"));
-    EXPECT_FALSE(service().mFlushThreadRunning);
-    EXPECT_EQ(serviceStop(true, true), 0);
-    EXPECT_EQ(service().mLogBuf, nullptr);
-    EXPECT_EQ(serviceStop(true, true), -1);
-
-    ASSERT_EQ(serviceStart(true, true), 0);
-    EXPECT_EQ(serviceStop(false, true), 0);
-    EXPECT_NE(service().mLogBuf, nullptr) << "the flush thread still needs it";
-    EXPECT_TRUE(service().mServiceStarted);
-    EXPECT_EQ(serviceStop(true, false), 0);
-    EXPECT_FALSE(service().mServiceStarted);
-
-    ASSERT_EQ(serviceStart(true, true), 0);
-    EXPECT_EQ(serviceStop(true, false), 0);
-    EXPECT_TRUE(service().mServiceStarted) << "the kernel reader still runs";
-    EXPECT_EQ(service().mLogBuf, nullptr);
-    feed("<3>nobody takes it\n");
-    EXPECT_TRUE(eventually([&] { return logged("kernelLogReader logBufWrite failed\n"); }));
-    EXPECT_EQ(serviceStop(false, true), 0);
-    EXPECT_FALSE(service().mServiceStarted);
-}
-
-TEST_F(LifecycleTest, EachRunOfOneObjectNumbersItsSectionsFromOne) {
-    configure();
-    start(true, false);
-    ASSERT_TRUE(put(noise(70000, 1)) && flush());
-    EXPECT_TRUE(eventually([&] { return exists(section("current", 2, ".txt")); }));
-    EXPECT_EQ(serviceStop(true, true), 0);
-    ASSERT_EQ(serviceStart(true, false), 0);
-    EXPECT_TRUE(exists(section("last_1", 2)));
-    ASSERT_TRUE(put("again") && flush());
-    EXPECT_TRUE(exists(section("current", 1, ".txt")));
-}
-
-TEST_F(LifecycleTest, FailedStartsReleaseWhatTheyMade) {
-    int before = openDescriptors();
-    auto failsWith = [&](const char* report) {
-        configure();
-        deferred();
-        EXPECT_EQ(serviceStart(true, true, true), -1) << report;
-        EXPECT_TRUE(logged(report)) << report;
-        EXPECT_EQ(service().mLogBuf, nullptr);
-        EXPECT_FALSE(service().mServiceStarted || service().mFlushThreadRunning ||
-                     service().mKLogThreadRunning);
-        EXPECT_EQ(service().flushLogBufAll(), 0);
-        stop();
-        EXPECT_EQ(openDescriptors(), before);
-        forgetLog();
+TEST_F(LifecycleTest, FailedStartReleasesWhatItMadeAndTheNextOneWorks) {
+    const std::function<void()> obstacles[] = {
+        [] { faults.threadsUntilError = 0; },
+        [] { faults.threadsUntilError = 1; },
+        [] { faults.threadsUntilError = 2; },
+        [] { faults.semaphoresUntilError = 1; },
+        [] { faults.failAllocationsFrom = kLogBufSize; },
+        [] { faults.writeError = EIO; },
+        [&] { setenv("VNLOG_SYSROOT", (home + std::string(84, 'x')).c_str(), 1); },
     };
-    const char* names[] = {"logBufFlush", "kernelLogReader", "logcat"};
-    for (int threads = 0; threads < 3; ++threads) {
-        faults.threadsUntilError = threads;
-        failsWith((std::string(names[threads]) + " thread failed to start !\n").c_str());
-    }
-    faults.threadsUntilError = -1;
-    for (int semaphores : {3, 4}) { // the first three are the object's own
-        faults.semaphoresUntilError = semaphores;
-        failsWith("Synchronization primitives init failed\n");
-    }
-    faults.semaphoresUntilError = -1;
-    faults.failAllocationsFrom = 131072;
-    failsWith("fail to malloc log buf!\n");
-    faults.failAllocationsFrom = -1;
-    setenv("VNLOG_SYSROOT", (home + std::string(90, 'x')).c_str(), 1);
-    failsWith("the system root is longer than 83 characters\n");
-    setenv("VNLOG_SYSROOT", home.c_str(), 1);
-
-    configure({{"STORAGE_PATH", home}});
-    std::filesystem::rename(cfg, home + "/default.cfg");
-    std::filesystem::remove_all(root); // log.cfg has no home
-    setenv("LOG_DEFAULT_CFG", (home + "/default.cfg").c_str(), 1);
+    configure();
     deferred();
-    EXPECT_EQ(serviceStart(true, true), -1);
-    EXPECT_TRUE(logged("The log configuration failed to save !\n"));
+    int before = openDescriptors();
+    for (auto& obstruct : obstacles) {
+        SCOPED_TRACE(&obstruct - obstacles);
+        obstruct();
+        EXPECT_EQ(service().serviceStart(kSets[7]), -1);
+        expectRunning(service(), 0, false, false);
+        EXPECT_EQ(openDescriptors(), before);
+        faults.disarm();
+        setenv("VNLOG_SYSROOT", home.c_str(), 1);
+        ASSERT_EQ(service().serviceStart(kSets[7]), 0);
+        EXPECT_EQ(service().serviceStop(kSets[7]), 0);
+    }
 }
 
-TEST_F(LifecycleTest, UnusableStorageLeavesTheServiceUpWithoutIt) {
-    configure();
-    writeFile(logs, "a file where the folder should be");
-    writeFile(root + "/log_storage.dat",
-              "TOTAL_LOG_SIZE=0\nHEAD_FOLDER_NUM=0\nTAIL_FOLDER_NUM=0\nOLDEST_FILE_NUM=1\n");
-    std::string config = readFile(cfg);
-    deferred();
-    EXPECT_EQ(serviceStart(true, true), 0);
-    EXPECT_TRUE(logged("error: init_Log_Storage failed, ret=-9,try to delete all the logs\n"));
-    EXPECT_TRUE(logged("log save thread will not start!\n"));
-    EXPECT_TRUE(service().mServiceStarted);
-    EXPECT_FALSE(service().mFlushThreadRunning || service().mKLogThreadRunning);
-    EXPECT_EQ(readFile(cfg), config) << "not rewritten";
+TEST_F(LifecycleTest, TwoWritersAndASlowMediumLoseAndMixNothing) {
+    configure({{"MAX_LOG_SIZE", "64"}});
+    faults.writeDelayUs = 2000;
+    start(true, false);
+    auto line = [](char c, int i) { return c + std::to_string(i) + std::string(i * 7919U % 40000, c); };
+    auto write = [&](char name) {
+        for (int i = 0; i < 400; ++i)
+            EXPECT_TRUE(put(line(name, i) + "\n"));
+    };
+    std::thread other(write, 'a');
+    write('b');
+    other.join();
+    ASSERT_TRUE(flush());
+    std::map<char, int> next;
+    std::istringstream lines(stored());
+    for (std::string found; std::getline(lines, found);)
+        ASSERT_TRUE(found == line(found[0], next[found[0]]++)) << found.substr(0, 9);
+    EXPECT_EQ(next, (std::map<char, int>{{'a', 400}, {'b', 400}}));
 }
 
-TEST_F(LifecycleTest, ChildrenInheritNoDescriptorAndAForeignRestartFindsTheStore) {
-    configure();
-    start();
-    ASSERT_TRUE(put("text") && flush());
-    std::string list = runCommand("ls -l /proc/self/fd");
-    EXPECT_EQ(list.find(home), std::string::npos) << list;
-    stop();
-    start();
-    EXPECT_EQ(readGzip(section("last_1", 1)), "text");
+TEST_F(LifecycleTest, FullStorageStopsTheStoringAlsoWhenTheHostStopsMeanwhile) {
+    catchConsole();
+    for (int round = 0; round < 24; ++round) {
+        configure();
+        forgetLog();
+        android::sp<HeldService> service = new HeldService(LogService::DeferStart{});
+        ASSERT_EQ(service->serviceStart(kSets[3]), 0);
+        // From here on every drain fails, nothing is free on the medium, and the ring has no space.
+        std::filesystem::remove_all(logs);
+        faults.freeBytes = 0;
+        ASSERT_EQ(service->logBufWrite(std::string(kLogBufSize, 'f').data(), kLogBufSize), 131072);
+        feed("<3>has no space\n");
+        std::thread writer([&] { EXPECT_EQ(service->logBufWrite("nor has this", 12), -1); });
+        // Mostly the host comes before the commands of both, sometimes after all, sometimes at any moment.
+        EXPECT_TRUE(round % 4 == 0 || eventually([&] { return service->held == 2; }));
+        service->go = true;
+        if (round % 4 == 1) {
+            EXPECT_TRUE(eventually([&] { return threads() == 2 && logged("logBufWrite failed"); }));
+            EXPECT_TRUE(logged("is insufficient,free space (0),need space (131072)\n"));
+            EXPECT_FALSE(service->mKLogToFile || service->mALogToFile || !service->mStorageFull);
+            EXPECT_NE(readFile(cfg).find("STORAGE_FULL=y\n"), std::string::npos);
+        }
+        EXPECT_EQ(service->serviceStop(kSets[7]), 0);
+        writer.join();
+        expectRunning(*service, 0, false, false);
+        faults.disarm();
+    }
 }

@@ -1,0 +1,82 @@
+#include "Fixture.h"
+
+#include "base/Files.h"
+#include "storage/Layout.h"
+#include "storage/Shell.h"
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+using namespace vnlog;
+
+using LayoutTest = FolderTest;
+using ShellTest = ServiceTest;
+
+TEST_F(LayoutTest, NamesAreParsedOnlyAsTheyAreBuilt) {
+    const std::vector<std::pair<NameKind, const char*>> names = {
+        {NameKind::Current, "current"},
+        {NameKind::Run, "last_0 last_10 last_999999998"},
+        {NameKind::PlainText, "log_0.txt log_4294.txt"},
+        {NameKind::Archive, "log_1.txt.gz log_999999998.txt.gz"},
+        {NameKind::OlderText, "log.txt"},
+        {NameKind::OlderArchive, "log.txt.gz"},
+        {NameKind::OtherText, "x.txt log_01.txt .txt log_.txt log_1.txt.txt a.gz.txt log_999999999.txt"},
+        {NameKind::Foreign, "current2 last_ last_x last_1x last_01 last_-1 last_+1 xlast_1 last_999999999 "
+                            "last_4294967297 last_1.stray log_1 log_1.gz log_.txt.gz log_1.txt.gz2 "
+                            "log_01.txt.gz log_999999999.txt.gz log_1.txtx txt log_storage.dat"}};
+    for (auto& [kind, text] : names) {
+        std::istringstream words(text);
+        for (std::string name; words >> name;) {
+            EXPECT_EQ(parseName(name.c_str()).kind, kind) << name;
+            std::string archive = sectionArchive("", parseName(name.c_str()).number).text;
+            EXPECT_TRUE(kind != NameKind::Archive || archive == "/" + name) << archive;
+        }
+    }
+}
+
+TEST_F(LayoutTest, OnlyPlainPathsAreRoots) {
+    for (const char* path : {"/media/flash/nvm", "relative/a-b_c.d", "/a/+,:@%~#", "/\xc3\xbc", "/"})
+        EXPECT_TRUE(shellSafe(path) && usableRoot(path)) << path;
+    for (char c : std::string(" \t\n;$`*'\"|&()\\<>[]{}?!^\x7f\x01"))
+        EXPECT_FALSE(shellSafe((std::string("/a") + c + "b").c_str())) << c;
+    for (const char* path : {"", "-rf", "~/a", "#a"})
+        EXPECT_FALSE(shellSafe(path) || usableRoot(path)) << path;
+    EXPECT_TRUE(shellSafe("/a=b") && !usableRoot("/a=b"));
+    EXPECT_TRUE(usableRoot(std::string(99, 'r').c_str()) && !usableRoot(std::string(100, 'r').c_str()));
+}
+
+TEST_F(LayoutTest, ListingThatBreaksOffIsNoAnswer) {
+    writeFile(home + "/log_4.txt", "");
+    writeFile(home + "/log_9.txt.gz", "");
+    RunContent content;
+    int entries = 0;
+    for (; faults.entriesUntilError = entries, !lookIntoRun(home.c_str(), &content);)
+        ++entries;
+    EXPECT_TRUE(entries == 6 && content.archive && content.text) << "three folders, two files and the end";
+}
+
+TEST_F(LayoutTest, TypesAndSizesOfWhatLiesInAFolder) {
+    makeFolder(home + "/empty");
+    writeFile(home + "/f/.hidden", std::string(100, 'x'));
+    writeFile(home + "/f/sub/large", std::string(100000, 'x'));
+    fs::create_symlink(".hidden", home + "/f/link");
+    auto type = [&](const char* name) { return entryType((home + "/f").c_str(), name, DT_UNKNOWN); };
+    EXPECT_TRUE(type("sub") == EntryType::Folder && type(".hidden") == EntryType::File);
+    EXPECT_TRUE(type("link") == EntryType::Other && type("none") == EntryType::Other);
+    EXPECT_EQ(folderState((home + "/empty").c_str()), FolderState::Empty);
+    EXPECT_EQ(folderState((home + "/f/.hidden").c_str()), FolderState::Unreadable);
+    uint32_t size = 1;
+    EXPECT_TRUE(folderSize((home + "/f").c_str(), &size));
+    EXPECT_EQ(size, 200 + fileSize((home + "/f/sub").c_str())) << "links are followed";
+    EXPECT_TRUE(!folderSize("/none", &size) && size == 0 && fileSize("/none") == 0);
+    faults.freeBytes = 5000000000;
+    EXPECT_TRUE(freeSpace(home.c_str()) == 4294967295 && freeSpace("/none") == 0);
+}
+
+TEST_F(ShellTest, CommandsAreJudgedByTheirExit) {
+    EXPECT_TRUE(vnlog::runCommand("rm -f %s/none", home.c_str()));
+    EXPECT_FALSE(vnlog::runCommand("exit 1") || vnlog::runCommand("kill -9 $$"));
+    EXPECT_TRUE(logged("run script fail,exit code:1\n") && logged("fork shell fail ,exit code:0\n"));
+    EXPECT_FALSE(vnlog::runCommand(": > %s/long;%0300d 2>&1", home.c_str(), 0)) << "cut at 255 characters";
+    EXPECT_TRUE(exists(home + "/long"));
+}

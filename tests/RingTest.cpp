@@ -1,0 +1,124 @@
+#include "buffer/Ring.h"
+
+#include "Fixture.h"
+
+#include <future>
+#include <malloc.h>
+
+using namespace vnlog;
+
+namespace {
+
+/** The test is the medium and the consumer, which drains into a file that begins anew each time. */
+class RingTest : public FolderTest, Medium {
+  protected:
+    RingTest() { state.mFlushThreadRunning = ring.create(); }
+    ~RingTest() override { ring.release(); }
+    uint32_t freeBytes() override { return onAsk(), room.load(); }
+    PutResult put(const std::string& text) { return ring.put(text.data(), uint32_t(text.size())); }
+    /** Makes a new ring, without space and with the post of a drain that nobody waited for. */
+    void renew() {
+        ring.release();
+        EXPECT_TRUE(ring.create());
+        EXPECT_EQ(take(1).count, 0u);
+        EXPECT_EQ(put(std::string(kLogBufSize, 'f')).status, PutStatus::Stored);
+    }
+    TakeResult take(uint32_t wanted) {
+        EXPECT_EQ(ftruncate(file.get(), lseek(file.get(), 0, SEEK_SET)), 0);
+        return ring.take(file.get(), wanted);
+    }
+
+    FileDescriptor file = openFile((home + "/out").c_str(), O_RDWR | O_CREAT, 0600);
+    std::atomic<uint32_t> room{~0U}; ///< on the medium
+    std::function<void()> onAsk = [] {}; ///< on the thread of a writer that is inside the ring
+    RingState state;
+    Ring ring{state, *this};
+};
+
+} // namespace
+
+TEST_F(RingTest, AgreesWithAQueueOfBytesWhateverIsPutOrTakenOrFails) {
+    std::mt19937 random(7);
+    auto upTo = [&](uint32_t limit) { return std::uniform_int_distribution<uint32_t>(0, limit)(random); };
+    std::string content = noise(2 * kLogBufSize, 1), queue;
+    uint32_t drained = 0;
+    ring.drainFailed(); // so that a writer without space comes back
+    for (int step = 0; step < 1500 && !HasFailure(); ++step) {
+        auto used = static_cast<uint32_t>(queue.size()), space = kLogBufSize - used;
+        if (upTo(1) == 0) {
+            const uint32_t lengths[] = {upTo(3000), space, space + 1, upTo(kLogBufSize + 1)};
+            std::string text = content.substr(upTo(kLogBufSize - 1), lengths[upTo(3)]);
+            room = upTo(kLogBufSize);
+            PutStatus expected = text.empty()                ? PutStatus::NotInService
+                                 : text.size() > kLogBufSize ? PutStatus::TooLong
+                                 : text.size() <= space      ? PutStatus::Stored
+                                 : used > room               ? PutStatus::StorageFull
+                                                             : PutStatus::Refused;
+            EXPECT_EQ(put(text).status, expected);
+            queue += expected == PutStatus::Stored ? text : "";
+        } else {
+            uint32_t wanted = upTo(upTo(1) == 0 ? 2000 : kLogBufSize) + 1, count = std::min(wanted, used);
+            uint32_t first = std::min(count, kLogBufSize - drained % kLogBufSize); // the piece up to the end
+            uint32_t cut = upTo(1), works = upTo(3); // one write of a byte only, writes before all fail
+            uint32_t forFirst = std::min(first, 1 + cut), forAll = forFirst + (count > first ? 1 : 0);
+            faults.shortWrite = static_cast<int>(cut);
+            faults.writesUntilError = static_cast<int>(works);
+            faults.writeError = EIO;
+            uint32_t taken = take(wanted).count, written = works < forFirst ? 0
+                                                           : works < forAll ? first
+                                                                            : count;
+            faults.disarm();
+            EXPECT_EQ(taken, works < forAll ? 0 : count);
+            EXPECT_TRUE(readFile(home + "/out") == queue.substr(0, written));
+            EXPECT_EQ(lseek(file.get(), 0, SEEK_CUR), static_cast<off_t>(written)) << "goes on there";
+            queue.erase(0, taken);
+            drained += taken;
+        }
+        EXPECT_EQ(ring.used(), queue.size());
+    }
+}
+
+TEST_F(RingTest, WaitEndsWithADrainAFullMediumAFailingDrainTheReleaseOrTheThread) {
+    const std::pair<PutStatus, std::function<void(std::thread & writer)>> rows[] = {
+        {PutStatus::Stored, [&](auto&) { take(1000); }},
+        {PutStatus::StorageFull, [&](auto&) { take(room = 1); }},
+        {PutStatus::Refused, [&](auto&) { ring.drainFailed(); }},
+        {PutStatus::NotInService, [](auto& writer) { pthread_cancel(writer.native_handle()); }},
+        {PutStatus::Closed, [&](auto&) { ring.release(); }},
+    };
+    for (auto& [expected, endOneWait] : rows) {
+        renew();
+        room = ~0U;
+        forgetLog();
+        std::vector<std::thread> writers;
+        std::vector<PutStatus> ends(2, PutStatus::NotInService); // of those that are cancelled
+        for (int i = 0; i < 2; ++i) {
+            writers.emplace_back([&, end = &ends[i]] { *end = put(std::string(1000, 'w')).status; });
+            EXPECT_TRUE(eventually([&] { return loggedTimes("for 1000 byte, free size 0 byte\n") > i; }));
+        }
+        for (auto& writer : writers)
+            endOneWait(writer);
+        for (auto& writer : writers)
+            writer.join();
+        EXPECT_EQ(ends, std::vector<PutStatus>(2, expected));
+        EXPECT_EQ(loggedTimes("not enough log buffer"), 2) << "once for each";
+        EXPECT_EQ(ring.waiting() + ring.inside(), 0u);
+    }
+}
+
+TEST_F(RingTest, ReleaseWaitsForTheWriterInsideAndLetsNobodyElseIn) {
+    renew();
+    ring.drainFailed();
+    std::future<void> release;
+    onAsk = [&] {
+        release = std::async(std::launch::async, [&] { ring.release(); });
+        EXPECT_TRUE(eventually([&] { return ring.used() == 0; })) << "closed to everybody";
+        EXPECT_EQ(put("x").status, PutStatus::NotInService);
+        EXPECT_EQ(release.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    };
+    EXPECT_EQ(put("x").status, PutStatus::Refused);
+    release.get();
+    EXPECT_EQ(put("x").status, PutStatus::NotInService);
+    ring.requestFlush();
+    EXPECT_FALSE(state.mFlushAll);
+}

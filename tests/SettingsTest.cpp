@@ -1,0 +1,156 @@
+#include "Fixture.h"
+
+#include "config/Settings.h"
+
+using namespace vnlog;
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+/**
+ * All settings as log.cfg has them: in the file of these tests, and by default. Then what becomes of values:
+ * "read>written", "read!" for one that ends the parsing; "-" for a file without the key, and values of
+ * the environment with a "$".
+ */
+struct Key {
+    const char *name, *value, *byDefault, *cases;
+};
+constexpr Key kKeys[] = {
+    {"UART_OUTPUT", "n", "y", "y>y,yes>y,Y>n, y>n,->n,$n>n,$y>y,$yes>n"},
+    {"NAND_FILE_OUTPUT", "y", "n", "yes>y,n>n,->n,$y>y,$yes>n"},
+    {"SAVE_FLUSH_SWITCH", "y", "n", "n>n,>n,->n,$y>y,$Y>n"},
+    {"STORAGE_PATH", "/the/root", "/the/root", ">,->/from/environment,$/other>/the/root"},
+    {"STORAGE_FULL", "n", "n", "y>n,->n,$y>n,n MAX_LOG_SIZE=x!"},
+    {"MAX_LOG_SIZE", "12", "10", "1>1,4096>4095,99999999999>4095,-5!,-!,$2>10,$3>3,$x>10"},
+    {"LOG_SECTION_SIZE", "128", "64", "64>64,256>256,63!,257!,4294967424!,-!,$63>64,$65>65,$257>64"},
+    {"LOG_DELETE_SIZE", "256", "64", "128>128,6144>6144,127!,6145!,-!,$128>64"},
+    {"KLOG_OUTPUT", "n", "y", "y\n#KLOG_LEVEL=1\n KLOG_LEVEL=2\n>y,Y>n,->n,$n>n,$yes>n"},
+    {"KLOG_LEVEL", "3", "7", "1\r>1,7x>7, 5\nKLOG_LEVEL=6>5,0!,8!,-!,$0>7,$1>1,$6>6,$8>7"},
+    {"ALOG_OUTPUT", "n", "y", "yes>y,->n,$n>n,$yes>n"},
+    {"ALOG_LEVEL", "w", "d", "v>v,warn>war,x!,!,-!,$verbose>v,$x>d"},
+    {"ALOG_MODULE", "a:d", "ALL_MODULE", "NONE_MODULE>NONE_MODULE,b>b:w,-!,$a:w>a:w"},
+    {"ALOG_FORMAT", "tag", "brief", "long>long,-!,$raw>raw"},
+};
+enum { UART, NAND, ROOT = 3, SECTION_SIZE = 6, DELETE_SIZE, MODULE = 12 };
+
+/** The file with these values; without the key for "-". */
+std::string fileOf(const Texts& values) {
+    std::string text;
+    for (size_t i = 0; i < values.size(); ++i)
+        text += values[i] == "-" ? "" : kKeys[i].name + ("=" + values[i]) + "\n";
+    return text + "\n";
+}
+
+/** The settings with all that they need. */
+struct Parts {
+    explicit Parts(const std::string& cfg) { cfg.copy(state.mCfgPath, sizeof state.mCfgPath - 1); }
+    ~Parts() { std::free(state.mSavePath); }
+    /** Saves what was read. */
+    bool save() VNLOG_REQUIRES(CommandLock::role) {
+        return filter.build(state.mFormatCfg, state.mModuleCfg, state.mALogLevel) && settings.save();
+    }
+    ServiceState state;
+    Mutex<StorageLock> storageLock;
+    Filter filter{state};
+    Settings settings{state, storageLock, filter};
+};
+
+/** One column of the table, key by key. */
+Texts valuesOf(const char* Key::*column) {
+    Texts values;
+    for (const Key& key : kKeys)
+        values.emplace_back(key.*column);
+    return values;
+}
+
+class SettingsTest : public ServiceTest {
+  protected:
+    const Texts usual = valuesOf(&Key::value), defaults = valuesOf(&Key::byDefault);
+    Mutex<CommandLock> commands;
+};
+
+} // namespace
+
+TEST_F(SettingsTest, ValuesOfFileAndEnvironment) {
+    LockGuard<CommandLock> lock(commands);
+    setenv("STORAGE_PATH", "/from/environment", 1);
+    for (size_t i = 0; i < std::size(kKeys); ++i) {
+        std::istringstream cases(kKeys[i].cases);
+        for (std::string one; std::getline(cases, one, ',');) {
+            SCOPED_TRACE(kKeys[i].name + ("=" + one));
+            const size_t sign = one.find_first_of(">!");
+            const bool inFile = one[0] != '$', parsed = one[sign] == '>';
+            const std::string rest = one.substr(sign + 1);
+            Texts file = usual, expected = inFile && parsed ? usual : defaults;
+            if (parsed)
+                expected[i] = rest;
+            if (inFile)
+                file[i] = one.substr(0, sign);
+            else {
+                setenv(kKeys[i].name, one.substr(1, sign - 1).c_str(), 1);
+                expected[DELETE_SIZE] = expected[SECTION_SIZE];
+            }
+            writeFile(cfg, fileOf(file));
+            Parts parts(cfg);
+            EXPECT_EQ(parts.settings.parse(cfg.c_str()), parsed);
+            const ServiceState& s = parts.state;
+            EXPECT_TRUE(s.mKLogToUart == s.mALogToUart && s.mKLogToFile == s.mALogToFile);
+            if (!inFile || !parsed)
+                parts.settings.takeDefaults();
+            EXPECT_TRUE(parts.save());
+            EXPECT_EQ(readFile(cfg), fileOf(expected));
+            if (!inFile)
+                unsetenv(kKeys[i].name);
+        }
+    }
+}
+
+TEST_F(SettingsTest, RandomSettingsAreWrittenAndReadBack) {
+    LockGuard<CommandLock> lock(commands);
+    std::mt19937 random(7);
+    for (int round = 0; round < 100; ++round) {
+        const auto on = random() % 16;
+        Texts values = usual;
+        values[UART] = (on & 3) != 0 ? "y" : "n";
+        values[NAND] = (on & 12) != 0 ? "y" : "n";
+        values[ROOT] = std::string(random() % 128, '/');
+        for (auto rule = random() % 5; rule > 0; --rule)
+            values[MODULE] += "+" + std::string(random() % 301, 't') + std::to_string(rule) + ":w";
+        writeFile(cfg, fileOf(values));
+        for (int times = 0; times < 2; ++times) { // rules are written the newest first
+            Parts parts(cfg);
+            ASSERT_TRUE(parts.settings.parse(cfg.c_str()));
+            parts.state.mKLogToUart = (on & 1) != 0; // either is enough
+            parts.state.mALogToUart = (on & 2) != 0;
+            parts.state.mKLogToFile = (on & 4) != 0;
+            parts.state.mALogToFile = (on & 8) != 0;
+            ASSERT_TRUE(parts.save());
+        }
+        ASSERT_EQ(readFile(cfg), fileOf(values));
+    }
+}
+
+TEST_F(SettingsTest, StartUndoesSavesThatWereCutOff) {
+    setenv("LOG_DEFAULT_CFG", (home + "/other.cfg").c_str(), 1);
+    configure({{"KLOG_LEVEL", "4"}});
+    fs::rename(cfg, home + "/other.cfg");
+    start(false, false);
+    const std::string saved = readFile(cfg);
+    EXPECT_NE(saved.find("\nKLOG_LEVEL=4\n"), std::string::npos) << "read there, written here";
+    faults.writeError = ENOSPC;
+    EXPECT_EQ(service().logConfigSave(), -1);
+    EXPECT_EQ(service().logConfigSave(), -1) << "and this one keeps nothing of the first";
+    faults.writeError = 0;
+    stop();
+    start(false, false);
+    EXPECT_EQ(readFile(cfg), saved);
+    faults.recordCalls(true);
+    EXPECT_EQ(service().logConfigSave(), 0);
+    EXPECT_EQ(faults.calls(),
+              (Texts{"rename log.cfg log.cfg.unsaved", "fsync log.cfg", "unlink log.cfg.unsaved"}));
+    EXPECT_EQ(fs::status(cfg).permissions() & fs::perms{0722}, fs::perms{0500}) << "written by nobody";
+    fs::remove(cfg);
+    makeFolder(cfg + "/in the way");
+    EXPECT_TRUE(service().logConfigSave() == -1 && !exists(cfg + ".unsaved"));
+}
