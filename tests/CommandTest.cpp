@@ -151,25 +151,6 @@ TEST_F(CommandTest, EachDoesItsOwnAndNothingElse) {
     EXPECT_EQ(held->logCMD(CMD_SHOW, nullptr) + held->logCMD(CMD_FLUSH_SWITCH, "n"), -2);
 }
 
-TEST(CommandTableTest, ClientObjectsBeforeItAsks) {
-    const std::string root(99, 'a'), target(140, 'a');
-    const std::string cases[][3] = {
-        {"ALOG_DEL_MODULE", "", "needs a module name"},
-        {"STORAGE_PATH", root, ""},
-        {"STORAGE_PATH", root + "a", "'" + root + "a' is longer than 99 characters"},
-        {"COPY", target, ""},
-        {"COPY", target + "a", "'" + target + "a' is too long"},
-    };
-    for (const auto& [name, param, objection] : cases)
-        EXPECT_EQ(objectionTo(*findCommand(name.c_str()), param.c_str(), {[] { return size_t{100}; }}),
-                  objection);
-    const CommandInfo* command = CommandTable().begin();
-    for (int code : {0, 1, 3, 4, 5, 6, 7, 8, 9, 10, 11, 15, 18, 14, 16}) { // in the order of the usage
-        EXPECT_TRUE(command->code == code && findCommand(command->name) == command);
-        EXPECT_EQ(objectionTo(*command++, nullptr, {}), code != 14 && code != 16 ? "needs a parameter" : "");
-    }
-}
-
 TEST_F(CommandTest, CommandsSavesAndStopsWaitForEachOther) {
     HeldService& s = *held;
     const bool flags[] = {true, false, false};

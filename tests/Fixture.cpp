@@ -70,14 +70,6 @@ std::string readGzip(const std::string& path) {
     return text;
 }
 
-std::string noise(size_t length, unsigned seed) {
-    std::mt19937 random(seed);
-    std::string text(length, 0);
-    for (char& c : text)
-        c = static_cast<char>(random());
-    return text;
-}
-
 int openDescriptors() {
     return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }

@@ -43,8 +43,6 @@ bool exists(const std::string& path);
 std::string runCommand(const std::string& command);
 /** Text of a gzip file; a damaged one fails the test. */
 std::string readGzip(const std::string& path);
-/** Random bytes, which do not compress. */
-std::string noise(size_t length, unsigned seed);
 int openDescriptors();
 /** The stored text under a log folder, oldest first, by the product's own listing: archived runs, then the
  * current. */

@@ -12,11 +12,11 @@ constexpr SaveResult kFailed{SaveStatus::WriteFailed};
 /** The storage is the test, which takes out of the ring what its answers claim to have moved. */
 class FlusherTest : public FolderTest, BatchTarget, Medium {
   protected:
-    FlusherTest() {
+    void SetUp() override { // not before the object is whole
         state.mFlushThreadRunning = ring.create();
         thread = std::thread([&] { flusher.run(); });
     }
-    ~FlusherTest() override {
+    void TearDown() override {
         stop();
         thread.join();
         ring.release();

@@ -105,20 +105,3 @@ TEST_F(KernelReaderTest, EndOfTheLogIsNoEndForTheReaderAndNoSpin) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(250));
     EXPECT_TRUE(sink.holds("first\n"));
 }
-
-TEST_F(KernelReaderTest, LogIsClearedAndTheReaderEndsWithItsFlagOrWithoutALog) {
-    feed(std::string(1000, 'x'));
-    EXPECT_TRUE(reader.clear());
-    sink.door = [this](auto) { return !(state.mKLogThreadRunning = false); };
-    feed("<3>last\n<3>too late\n");
-    reader.run();
-    EXPECT_EQ(sink.text(), "last\n");
-    state.mKLogThreadRunning = true;
-    unlink(path.c_str());
-    reader.run();
-    EXPECT_FALSE(reader.clear());
-    EXPECT_EQ(loggedTimes("Unable to open log device '/proc/kmsg': No such file or directory\n"), 2);
-    makeFolder(path); // opens, but cannot be read
-    reader.run();
-    EXPECT_TRUE(logged("kernelLogReader read error line=2011 errno:Is a directory \n"));
-}

@@ -239,17 +239,6 @@ TEST_F(StoreTest, PreparingAStartHasItsResults) {
           [&] { return static_cast<int>(store->closePreviousRun()); });
 }
 
-TEST_F(StoreTest, PreparingARootHasItsResults) {
-    files.archiveSize = 21;
-    check({{"c/1=9", "0 0 0 1", -2, "9 0 0 1", "c/1", 1},
-           {"0/1=9 c/1=2000000", "0 0 0 1", -5, "2000000 1 0 1", "0/1 1/1 c/", 2},
-           {"1/1=5 c/1=9 c/log.txt=1", "0 0 0 1", 0, "30 2 2 1", "1/1 2/1 2/log.txt.gz c/"},
-           {"1/1=900000 2/1=100000 c/1=99979", "1000000 2 1 1", 0, "199979 3 2 1", "2/1 3/1 c/"},
-           {"1/1=6 c/1=1048570", "6 1 1 1", 0, "1048576 2 1 1", "1/1 2/1 c/"},
-           {"1/1=9 c/1=1048577", "0 0 0 1", 0, "0 2 2 1", "1/1 c/"}}, // the moved run goes, nothing else
-          [&] { return static_cast<int>(store->prepareRoot()); });
-}
-
 /** With sections of 1000 bytes and one to be deleted at a time. */
 TEST_F(StoreTest, BoundIsKeptToTheByteByTenDeletionsAtMost) {
     std::string found = "1/31=800000";
@@ -357,24 +346,6 @@ TEST_F(StoreTest, StartMendsWhatItFinds) {
 }
 
 /** What counts is what the files show: with SIGCHLD ignored, no result of a command is to be had. */
-TEST_F(StoreTest, ShellFileWorkIsJudgedByItsFiles) {
-    ShellFileWork work;
-    for (auto handler : {SIG_DFL, SIG_IGN}) {
-        auto earlier = std::signal(SIGCHLD, handler);
-        lay("1/1=9 1/1t=9 a/x_1/y=1 a/x_2=1 a/z=1 b/1=1 b/2=1 c/1t=9 x/1=1 d/y=1 e/y=1 f/y=1 f/.x=1 to/");
-        (void)::runCommand("touch -d 1960-01-01 " + at("c/1t")); // gzip warns of it
-        EXPECT_TRUE(!work.compress(at("1/1t").c_str()) || handler == SIG_IGN);
-        EXPECT_TRUE(work.compress(at("c/1t").c_str()) && work.removeFile(at("b/1").c_str()) &&
-                    work.removeTree(at("x").c_str()) && work.removeTree(at("none").c_str()) &&
-                    work.removeAll(at("a/x_").c_str()) && work.removeAll((at("f") + "/").c_str()) &&
-                    work.moveFolder(at("d").c_str(), at("m").c_str()) &&
-                    work.copyTree(at("e").c_str(), at("to").c_str()));
-        EXPECT_EQ(readGzip(at("c/1")), "xxxxxxxxx");
-        EXPECT_EQ(tree(), "1/1 1/1t a/z b/2 c/1 e/y f/.x m/y to/e/y");
-        std::signal(SIGCHLD, earlier);
-    }
-}
-
 namespace {
 
 /**
