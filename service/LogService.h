@@ -63,9 +63,10 @@ class VNLOG_API LogService : public BnLogService,
 
     /**
      * Reads the configuration, mends and prepares the storage, and starts the workers whose flags are set:
-     * flush thread, kernel reader, Android reader. Not to be called while another start or stop runs. Takes the command lock where settings are touched. 0 when the service is started; this includes a storage that
-     * could not be prepared, with which neither the flush thread nor the kernel reader runs. -1 when it is
-     * not started: everything that the attempt made is released again. A service that is started already
+     * flush thread, kernel reader, Android reader. Not to be called while another start or stop runs. Takes
+     * the command lock where settings are touched. 0 when the service is started; this includes a storage
+     * that could not be prepared, with which neither the flush thread nor the kernel reader runs. -1 when it
+     * is not started: everything that the attempt made is released again. A service that is started already
      * stays as it is and gives -1.
      */
     int serviceStart(const bool* flags);
