@@ -79,7 +79,7 @@ CommandAnswer Dispatcher::setFileOutput(const char* param) {
 }
 
 bool Dispatcher::setConsoleLevel(int level, const char* report) {
-    if (platform::setConsoleLevel(mSystemRoot.path, level) >= 0)
+    if (platform::setConsoleLevel(mTargets.systemRoot.path, level) >= 0)
         return true;
     logError("%s", report);
     logErrno();

@@ -35,8 +35,7 @@ struct CommandAnswer {
 /** Runs the commands, one at a time. Any thread; a command is not cut in the middle by a cancellation. */
 class Dispatcher {
   public:
-    explicit Dispatcher(const CommandTargets& targets)
-        : mTargets(targets), mState(targets.state), mSystemRoot(targets.systemRoot) {}
+    explicit Dispatcher(const CommandTargets& targets) : mTargets(targets), mState(targets.state) {}
 
     /** ILogService::logCMD. */
     int run(int code, const char* param) VNLOG_EXCLUDES(CommandLock::role);
@@ -72,7 +71,6 @@ class Dispatcher {
 
     const CommandTargets mTargets;
     ServiceState& mState;
-    const platform::SystemRoot& mSystemRoot;
 };
 
 } // namespace vnlog

@@ -101,11 +101,10 @@ class Ring {
     /** Says what a stop throws away. */
     void reportUnwritten();
 
-    // --- for tests: writers that wait for space, everybody inside, and whether the last drain failed
+    // --- for tests: writers that wait for space, and everybody inside
 
     uint32_t waiting() const { return mWaiters; }
     uint32_t inside() const { return mUsers & ~kClosed; }
-    bool drainFailing() const { return mDrainFailing; }
 
   private:
     class Use;

@@ -2,7 +2,6 @@
 
 #include "base/Diagnostics.h"
 #include "base/Handles.h"
-#include "base/Semaphores.h"
 #include "base/Text.h"
 #include "config/ConfigFile.h"
 #include "platform/klog/ConsoleLevel.h"
