@@ -1,6 +1,9 @@
 #include "base/Handles.h"
 
+#include "base/Text.h"
+
 #include <cerrno>
+#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,6 +39,18 @@ FileDescriptor openFile(const char* path, int flags, mode_t mode) {
     return FileDescriptor(fd);
 }
 
+FileDescriptor openOwnFile(const char* path, int flags, mode_t mode) {
+    FileDescriptor file = openFile(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode);
+    struct stat info;
+    if (!file.valid() || fstat(file.get(), &info) != 0)
+        return FileDescriptor();
+    if (S_ISREG(info.st_mode) && (info.st_uid == geteuid() || info.st_uid == 0))
+        return file;
+    file = FileDescriptor();
+    errno = EPERM;
+    return file;
+}
+
 bool writeAll(int fd, const void* bytes, size_t length) {
     const char* next = static_cast<const char*>(bytes);
     while (length > 0) {
@@ -60,6 +75,16 @@ bool syncPath(const char* path) {
     return file.valid() && fsync(file.get()) == 0;
 }
 
+bool syncFolderOf(const char* path) {
+    Path folder;
+    formatText(folder.text, "%s", path);
+    char* slash = std::strrchr(folder.text, '/');
+    if (slash == nullptr)
+        return syncPath(".");
+    slash[slash == folder.text ? 1 : 0] = '\0';
+    return syncPath(folder.text);
+}
+
 void StreamCloser::operator()(FILE* stream) const {
     CancelGuard guard;
     fclose(stream);
@@ -70,9 +95,13 @@ Stream openForReading(const char* path) {
     return Stream(fopen(path, "re"));
 }
 
-Folder::Folder(const char* path) {
+Folder::Folder(const char* path, Links links) {
     CancelGuard guard;
-    mListing = opendir(path);
+    FileDescriptor folder =
+        openFile(path, O_RDONLY | O_DIRECTORY | (links == Links::Refused ? O_NOFOLLOW : 0));
+    mListing = folder.valid() ? fdopendir(folder.get()) : nullptr;
+    if (mListing != nullptr)
+        (void)folder.release(); // the listing's from here on
 }
 
 const dirent* Folder::next() {

@@ -59,6 +59,12 @@ class FileDescriptor {
 [[nodiscard]] FileDescriptor openFile(const char* path, int flags, mode_t mode = 0);
 
 /**
+ * openFile for a name in a folder that is ours: follows no link there, never waits, and takes only a regular
+ * file of this process's user or of root. errno is ELOOP for a link, EPERM for anything else that is refused.
+ */
+[[nodiscard]] FileDescriptor openOwnFile(const char* path, int flags, mode_t mode = 0);
+
+/**
  * Writes all `length` bytes, going on after signals and short writes.
  * Returns false, with errno set, as soon as a write fails; a part may have been written then.
  */
@@ -66,6 +72,11 @@ class FileDescriptor {
 
 /** Syncs the file or folder `path` to its medium. Returns false with errno set when that fails. */
 [[nodiscard]] bool syncPath(const char* path);
+/** Syncs the folder that holds `path`, and with it the names there. Returns false with errno set. */
+[[nodiscard]] bool syncFolderOf(const char* path);
+
+/** What a link in the last place of a path means. */
+enum class Links { Followed, Refused };
 
 struct StreamCloser {
     void operator()(FILE* stream) const;
@@ -79,7 +90,7 @@ using Stream = std::unique_ptr<FILE, StreamCloser>;
 /** Owns an open folder listing. */
 class Folder {
   public:
-    explicit Folder(const char* path);
+    explicit Folder(const char* path, Links links = Links::Followed);
     ~Folder() { (void)close(); }
     Folder(const Folder&) = delete;
     Folder& operator=(const Folder&) = delete;

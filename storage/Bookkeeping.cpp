@@ -79,7 +79,7 @@ bool Bookkeeping::save() {
     FileDescriptor file = openFile(mState.mStorageDataFile, kFlags, kBookkeepingMode);
     Path draft = {}; // where the file is read-only to the service, one beside it takes its place
     if (!file.valid() && errno == EACCES) {
-        draft = bookkeepingDraft(mState.mStorageDataFile);
+        draft = draftOf(mState.mStorageDataFile);
         (void)unlink(draft.text); // of an attempt that was cut off
         file = openFile(draft.text, kFlags, kBookkeepingMode);
     }

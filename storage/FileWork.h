@@ -9,14 +9,19 @@ constexpr size_t kLongestWorkPath = 240;
 
 /**
  * The work on files that the store leaves to others: one form of it per way to do it. All paths are plain
- * (shellSafe) and of at most kLongestWorkPath characters. Each returns whether the thing is done, and reports
- * when it is not. Any thread that is not cancelled meanwhile.
+ * (shellSafe) and of at most kLongestWorkPath characters. Each returns whether the thing is done; where not,
+ * it reports that and errno tells why. No link in the last place of a path is followed. Any thread that is
+ * not cancelled meanwhile.
  */
 class FileWork {
   public:
     virtual ~FileWork() = default;
 
-    /** Puts the gzip archive `<text>.gz`, which must not exist, in the place of the text. */
+    /**
+     * Puts the gzip archive `<text>.gz` in the place of the text; one that is there already is replaced. The
+     * archive is written beside under its draft's name and is on the medium, name and all, before the text
+     * goes. Where it fails, text and older archive are as they were and the draft is gone.
+     */
     virtual bool compress(const char* text) = 0;
     /** Removes a file; done as well when there is none. */
     virtual bool removeFile(const char* path) = 0;
@@ -25,9 +30,10 @@ class FileWork {
     /** Removes everything whose path begins with `beginning`, a folder's path with "/" and the beginning of a
      * name; hidden names stay where that is empty. */
     virtual bool removeAll(const char* beginning) = 0;
-    /** Gives the folder `from` the path `to`; where that is a folder already, moves it inside. */
+    /** Gives the folder `from` the path `to`, where nothing is, on the same file system; does not sync it. */
     virtual bool moveFolder(const char* from, const char* to) = 0;
-    /** Copies the folder `from` into the folder `into` and waits until the medium has it. */
+    /** Copies the folder `from` into the folder `into` and waits until the medium has it. What vanishes from
+     * `from` meanwhile is left out. */
     virtual bool copyTree(const char* from, const char* into) = 0;
     /** Whether the two paths are short enough for that. */
     virtual bool copyFits(const char* from, const char* into) const = 0;

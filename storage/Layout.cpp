@@ -47,9 +47,9 @@ NameKind byEnd(const char* end, NameKind text, NameKind archive) {
     return rest != nullptr && std::strcmp(rest, kArchiveEnd) == 0 ? archive : NameKind::Foreign;
 }
 
-bool endsInText(const char* name) {
-    const char* dot = std::strrchr(name, '.');
-    return dot != nullptr && std::strcmp(dot, kTextEnd) == 0;
+bool endsIn(const char* name, const char* end) {
+    size_t length = std::strlen(name), endLength = std::strlen(end);
+    return length >= endLength && std::strcmp(name + length - endLength, end) == 0;
 }
 
 } // namespace
@@ -97,9 +97,9 @@ Path olderArchive(const char* run) {
     return path;
 }
 
-Path bookkeepingDraft(const char* file) {
+Path draftOf(const char* file) {
     Path path;
-    formatText(path.text, "%s.new", file);
+    formatText(path.text, "%s%s", file, kDraftEnd);
     return path;
 }
 
@@ -115,8 +115,11 @@ ParsedName parseName(const char* name) {
         kind = byEnd(rest, NameKind::PlainText, NameKind::Archive);
     else if (const char* end = behind(name, kLogName))
         kind = byEnd(end, NameKind::OlderText, NameKind::OlderArchive);
-    if (kind == NameKind::Foreign)
-        return {endsInText(name) ? NameKind::OtherText : NameKind::Foreign};
+    if (kind == NameKind::Foreign) {
+        return {endsIn(name, kTextEnd)        ? NameKind::OtherText
+                : endsIn(name, ".txt.gz.new") ? NameKind::Draft
+                                              : NameKind::Foreign};
+    }
     bool numbered = kind == NameKind::PlainText || kind == NameKind::Archive;
     return {kind, numbered ? number : 0};
 }

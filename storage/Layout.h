@@ -23,8 +23,9 @@ constexpr int kMaxBookkeepingNumber = 999999999;
 /** Stands for no number where the lowest one is looked for. */
 constexpr uint32_t kNoNumber = kMaxBookkeepingNumber;
 
-constexpr mode_t kFolderMode = 0777;
-constexpr mode_t kSectionMode = 0777;
+// Less the umask; others can never write, whatever that is.
+constexpr mode_t kFolderMode = 0755;
+constexpr mode_t kSectionMode = 0755;
 constexpr mode_t kBookkeepingMode = 0555;
 
 /** Whether a path can be a storage root: every path derived from it fits, and shell and log.cfg take it as it
@@ -41,6 +42,10 @@ constexpr char kRunName[] = "last";
 constexpr char kLogName[] = "log";
 constexpr char kTextEnd[] = ".txt";
 constexpr char kArchiveEnd[] = ".gz";
+/** Ends the name under which a file is written before it takes the place of the whole one. */
+constexpr char kDraftEnd[] = ".new";
+/** Where a log folder goes that contradicts itself, under the root. */
+constexpr char kDamagedFolder[] = "log_service.damaged";
 
 /** Characters that the log folder's path has beyond the root. */
 constexpr size_t kLogFolderLength = sizeof kLogFolder;
@@ -55,7 +60,7 @@ Path sectionText(const char* run, uint32_t section); ///< log_<section>.txt
 Path sectionArchive(const char* run, uint32_t section); ///< log_<section>.txt.gz
 Path archiveOf(const char* text); ///< what compressing the text makes of it: <text>.gz
 Path olderArchive(const char* run); ///< log.txt.gz
-Path bookkeepingDraft(const char* file); ///< beside a bookkeeping file that cannot be rewritten in place
+Path draftOf(const char* file); ///< what is to replace the file: <file>.new
 
 /** What a name in the log folder or in a run's folder stands for. */
 enum class NameKind {
@@ -66,6 +71,7 @@ enum class NameKind {
     OlderArchive, ///< log.txt.gz
     OlderText, ///< log.txt
     OtherText, ///< anything else that ends in .txt
+    Draft, ///< an archive that was not finished: anything that ends in .txt.gz.new
     Foreign,
 };
 
