@@ -70,6 +70,18 @@ bool writeAll(int fd, const void* bytes, size_t length) {
     return true;
 }
 
+bool readPiece(int fd, void* bytes, size_t size, size_t* count) {
+    for (*count = 0; *count < size;) {
+        ssize_t length = read(fd, static_cast<char*>(bytes) + *count, size - *count);
+        if (length < 0 && errno != EINTR)
+            return false;
+        if (length == 0)
+            break;
+        *count += length > 0 ? static_cast<size_t>(length) : 0;
+    }
+    return true;
+}
+
 bool syncPath(const char* path) {
     FileDescriptor file = openFile(path, O_RDONLY);
     return file.valid() && fsync(file.get()) == 0;
@@ -95,10 +107,11 @@ Stream openForReading(const char* path) {
     return Stream(fopen(path, "re"));
 }
 
-Folder::Folder(const char* path, Links links) {
+Folder::Folder(const char* path, Links links)
+    : Folder(openFile(path, O_RDONLY | O_DIRECTORY | (links == Links::Refused ? O_NOFOLLOW : 0))) {}
+
+Folder::Folder(FileDescriptor folder) {
     CancelGuard guard;
-    FileDescriptor folder =
-        openFile(path, O_RDONLY | O_DIRECTORY | (links == Links::Refused ? O_NOFOLLOW : 0));
     mListing = folder.valid() ? fdopendir(folder.get()) : nullptr;
     if (mListing != nullptr)
         (void)folder.release(); // the listing's from here on

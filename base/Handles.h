@@ -70,6 +70,9 @@ class FileDescriptor {
  */
 [[nodiscard]] bool writeAll(int fd, const void* bytes, size_t length);
 
+/** Reads `size` bytes and stores how many came: fewer only at the end of the file. False with errno set. */
+[[nodiscard]] bool readPiece(int fd, void* bytes, size_t size, size_t* count);
+
 /** Syncs the file or folder `path` to its medium. Returns false with errno set when that fails. */
 [[nodiscard]] bool syncPath(const char* path);
 /** Syncs the folder that holds `path`, and with it the names there. Returns false with errno set. */
@@ -91,11 +94,15 @@ using Stream = std::unique_ptr<FILE, StreamCloser>;
 class Folder {
   public:
     explicit Folder(const char* path, Links links = Links::Followed);
+    /** Lists what the descriptor, which it takes, is open on. */
+    explicit Folder(FileDescriptor folder);
     ~Folder() { (void)close(); }
     Folder(const Folder&) = delete;
     Folder& operator=(const Folder&) = delete;
 
     [[nodiscard]] bool valid() const { return mListing != nullptr; }
+    /** The descriptor of a valid listing. */
+    [[nodiscard]] int descriptor() const { return dirfd(mListing); }
     /** The next entry other than "." and "..", or null at the end and after an error, see failed(). */
     [[nodiscard]] const dirent* next();
     /** Whether the listing ended in an error, so that entries may be missing. */

@@ -5,8 +5,8 @@
 #include "binder/Dispatcher.h"
 #include "config/Settings.h"
 #include "sources/AndroidFormat.h"
+#include "storage/FileWork.h"
 #include "storage/Layout.h"
-#include "storage/ShellFileWork.h"
 
 #include <algorithm>
 #include <cerrno>

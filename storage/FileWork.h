@@ -1,11 +1,17 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 
 namespace vnlog {
 
 /** Longest path in characters that file work is given: with it every command that a shell runs is whole. */
 constexpr size_t kLongestWorkPath = 240;
+
+/** Longest target in characters into which a folder whose path has this length is copied. */
+constexpr size_t longestCopyTarget(size_t folderLength) {
+    return folderLength < kLongestWorkPath ? kLongestWorkPath - folderLength : 0;
+}
 
 /**
  * The work on files that the store leaves to others: one form of it per way to do it. All paths are plain
@@ -32,11 +38,16 @@ class FileWork {
     virtual bool removeAll(const char* beginning) = 0;
     /** Gives the folder `from` the path `to`, where nothing is, on the same file system; does not sync it. */
     virtual bool moveFolder(const char* from, const char* to) = 0;
-    /** Copies the folder `from` into the folder `into` and waits until the medium has it. What vanishes from
-     * `from` meanwhile is left out. */
+    /**
+     * Copies the folder `from` into the folder `into`, which may be a link to one, and waits until the medium
+     * has it. Files that are there already are replaced, links copied as links. What vanishes from `from`
+     * meanwhile is left out; after a failure all that can be copied is.
+     */
     virtual bool copyTree(const char* from, const char* into) = 0;
     /** Whether the two paths are short enough for that. */
-    virtual bool copyFits(const char* from, const char* into) const = 0;
+    virtual bool copyFits(const char* from, const char* into) const {
+        return std::strlen(into) <= longestCopyTarget(std::strlen(from));
+    }
 };
 
 } // namespace vnlog

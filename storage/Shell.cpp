@@ -2,6 +2,8 @@
 
 #include "base/Diagnostics.h"
 #include "base/Handles.h"
+#include "base/Text.h"
+#include "storage/FileWork.h"
 
 #include <cerrno>
 #include <csignal>
@@ -10,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,30 +29,117 @@ int exitCode(int status) {
     return (status >> 8) & 0xff;
 }
 
-/**
- * Runs a command through the shell as system() does, and returns its wait status or -1 with errno set. Unlike
- * with system(), the command ends with this process: one that outlived it would go on changing the store
- * under the next start. And no signal's disposition is changed meanwhile, which would lose a pending one.
+/** A command, and under which conditions it runs. */
+struct Command {
+    const char* text;
+    int seconds; ///< until it is killed with its process group; 0: it runs as the host's own, in its group
+    sigset_t signals; ///< that are blocked for it
+};
+
+/*
+ * Between the service and the shell stands a process that keeps the command. It is made without an exit
+ * signal, and only a process that has none, and never calls exec, is out of reach of a host that ignores
+ * SIGCHLD or waits for any child. The shell is the keeper's child and the keeper ends as the shell did.
+ * Both are ended with their parents: a command that outlived the service would go on changing the store under
+ * the next start.
+ *
+ * Keeper and shell begin as copies of a process with threads whose locks are held for ever there: they call
+ * nothing but what is safe in a signal handler, and fork() is not, as it takes locks and runs hooks.
  */
-int runShell(const char* command) {
-    CancelGuard guard;
+
+/** Copies the process. The other arguments are zero, so that their order, which differs, does not matter. */
+pid_t copyProcess(long exitSignal) {
+    return static_cast<pid_t>(syscall(SYS_clone, exitSignal, 0L, 0L, 0L, 0L));
+}
+
+/** Lets the process end with its parent. */
+void endWithParent(pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent)
+        _exit(127); // it is late already
+}
+
+[[noreturn]] void becomeShell(const Command& command, pid_t keeper) {
+    char path[] = "PATH=/usr/bin:/bin:/usr/sbin:/sbin";
+    char* plain[] = {path, nullptr};
+    bool limited = command.seconds > 0;
+    endWithParent(keeper);
+    if (limited)
+        setpgid(0, 0);
+    sigprocmask(SIG_SETMASK, &command.signals, nullptr);
+    execle("/bin/sh", "sh", "-c", command.text, static_cast<char*>(nullptr), limited ? plain : environ);
+    _exit(127);
+}
+
+/** Closes every descriptor: the keeper may live long and would hold open what the service closes. */
+void closeEverything() {
+#ifdef SYS_close_range
+    if (syscall(SYS_close_range, 0U, ~0U, 0U) == 0)
+        return;
+#endif
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    for (int fd = 0; static_cast<rlim_t>(fd) < limit.rlim_cur; ++fd)
+        close(fd);
+}
+
+/** Waits until a child ends, whose SIGCHLD is blocked. Whether it did in time. */
+bool endsWithin(int seconds) {
+    sigset_t ended;
+    sigemptyset(&ended);
+    sigaddset(&ended, SIGCHLD);
+    timespec limit{};
+    limit.tv_sec = seconds;
+    int signal = -1;
+    do
+        signal = sigtimedwait(&ended, nullptr, &limit);
+    while (signal < 0 && errno == EINTR);
+    return signal == SIGCHLD;
+}
+
+/** Body of the keeper, in which all signals are blocked. */
+[[noreturn]] void keepCommand(const Command& command, pid_t service) {
+    struct sigaction plain {};
+    plain.sa_handler = SIG_DFL; // neither the host's handler nor its wish to know nothing of children
+    plain.sa_flags = SA_NOCLDSTOP;
+    sigaction(SIGCHLD, &plain, nullptr);
+    endWithParent(service);
     pid_t self = getpid();
-    pid_t child = fork();
-    if (child == 0) { // nothing but async-signal-safe calls: other threads' locks are held for ever here
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() == self) // else it is late already
-            execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
-        _exit(127);
+    pid_t shell = copyProcess(SIGCHLD);
+    if (shell == 0)
+        becomeShell(command, self);
+    closeEverything();
+    if (shell > 0 && command.seconds > 0) {
+        setpgid(shell, shell); // which of the two comes first is open
+        if (!endsWithin(command.seconds))
+            kill(-shell, SIGKILL);
     }
     int status = -1;
-    while (child > 0 && waitpid(child, &status, 0) < 0) {
-        if (errno == ECHILD) { // what follows shows it in the files; as a failure it would delete logs
-            logError("the result of [%s] is not known: the process ignores SIGCHLD\n", command);
-            return 0;
-        }
+    while (shell > 0 && waitpid(shell, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (shell > 0 && !endedByExiting(status))
+        kill(self, SIGKILL);
+    _exit(shell > 0 ? exitCode(status) : 127);
+}
+
+/** Runs a command through the shell. Its wait status, or -1 with errno set. */
+int runShell(const char* text, int seconds = 0) {
+    CancelGuard guard;
+    Command command{text, seconds, {}};
+    sigset_t all;
+    sigfillset(&all); // no handler of the host's runs in the keeper
+    pthread_sigmask(SIG_SETMASK, &all, &command.signals);
+    pid_t self = getpid();
+    pid_t keeper = copyProcess(0);
+    if (keeper < 0 && errno == EINVAL)
+        keeper = copyProcess(SIGCHLD); // an emulator of another machine's processes may know no other
+    if (keeper == 0)
+        keepCommand(command, self);
+    pthread_sigmask(SIG_SETMASK, &command.signals, nullptr);
+    int status = -1;
+    while (keeper > 0 && waitpid(keeper, &status, __WALL) < 0)
         if (errno != EINTR)
             return -1;
-    }
     return status;
 }
 
@@ -90,6 +181,22 @@ bool runCommandArgs(const char* format, va_list args) {
         return false;
     }
     return true;
+}
+
+bool runFileCommand(int seconds, const char* format, ...) {
+    char command[2 * kLongestWorkPath + 64];
+    va_list args;
+    va_start(args, format);
+    bool whole = formatTextArgs(command, sizeof command, format, args);
+    va_end(args);
+    if (!whole) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    int status = runShell(command, seconds);
+    if (status > 0)
+        errno = EIO;
+    return status == 0;
 }
 
 void runUnwatched(const char* command) {

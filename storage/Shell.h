@@ -10,13 +10,23 @@ namespace vnlog {
 /** Longest command in characters that runCommand runs whole. */
 constexpr size_t kLongestCommand = 255;
 
-/**
- * Runs a command (longer ones are cut) and waits. Whether it exited with status 0;
- * anything else is reported. In a process that ignores SIGCHLD no status is to be had: that is reported and
- * counts as 0.
+/*
+ * All commands are run in such a way that a process which ignores SIGCHLD, or reaps every child that ends,
+ * notices nothing of them and loses none of their results.
+ */
+
+/** Runs a command (longer ones are cut) and waits. Whether it exited with status 0; anything else is
+ * reported.
  */
 [[gnu::format(printf, 1, 2)]] bool runCommand(const char* format, ...);
 [[gnu::format(printf, 1, 0)]] bool runCommandArgs(const char* format, va_list args);
+
+/**
+ * Runs a command of file work and waits, `seconds` at most: then it is killed with all that it has started.
+ * Its environment is a plain PATH and nothing else. Whether it exited with status 0; else false, not
+ * reported, with errno set: EIO when it ran.
+ */
+[[gnu::format(printf, 2, 3)]] bool runFileCommand(int seconds, const char* format, ...);
 
 /** Runs the text through the shell and reports a failure. */
 void runUnwatched(const char* command);

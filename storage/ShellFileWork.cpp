@@ -1,42 +1,67 @@
 #include "storage/ShellFileWork.h"
 
 #include "base/Files.h"
-#include "storage/Layout.h"
+#include "base/Text.h"
+#include "storage/Archive.h"
+#include "storage/FileSteps.h"
+#include "storage/Shell.h"
 
-#include <cstring>
+#include <cerrno>
 
 namespace vnlog {
 
-/*
- * What counts is that the archive has taken the text's place: gzip also reports mere warnings, and in a
- * process that ignores SIGCHLD no result is to be had at all.
- */
+namespace {
+
+constexpr int kSeconds = 60; ///< that a command may take
+constexpr uint32_t kNearlyFull = 65536; ///< free bytes with which a failure counts as one of space
+
+/** The two files alone decide: gzip also reports mere warnings, and what it may have left out it does not. */
+bool fillByGzip(const Draft& draft) {
+    (void)runFileCommand(kSeconds, "gzip -c %s > %s", draft.textPath, draft.path);
+    if (archiveHolds(draft.path, draft.textPath))
+        return true;
+    errno = freeSpace(draft.path) < kNearlyFull ? ENOSPC : EIO;
+    return false;
+}
+
+/** Whether cp may make the folder there: it would follow a link. */
+bool canCopy(const char* from, const char* into) {
+    Path copy = entryPath(into, lastName(from));
+    return pathExists(from) && pathExists(into) && (isNoLink(copy.text) || errno == ENOENT);
+}
+
+} // namespace
+
 bool ShellFileWork::compress(const char* text) {
-    return runCommand("gzip %s", text) || (!pathExists(text) && pathExists(archiveOf(text).text));
+    return compressByDraft(text, fillByGzip);
 }
 
 bool ShellFileWork::removeFile(const char* path) {
-    return runCommand("rm -f %s", path);
+    return reported(runFileCommand(kSeconds, "rm -f %s", path), "remove", path);
 }
 
 bool ShellFileWork::removeTree(const char* path) {
-    return runCommand("rm -rf %s", path);
+    return reported(runFileCommand(kSeconds, "rm -rf %s", path), "remove", path);
 }
 
 bool ShellFileWork::removeAll(const char* beginning) {
-    return runCommand("rm -rf %s*", beginning);
+    Path folder;
+    bool within = *lastName(beginning) == '\0'; // then the folder is the last place, which must be no link
+    formatText(folder.text, "%.*s", static_cast<int>(lastName(beginning) - beginning) - 1, beginning);
+    bool done = within && !isNoLink(folder.text) ? errno == ENOENT
+                                                 : runFileCommand(kSeconds, "rm -rf %s*", beginning);
+    return reported(done, "remove all of", beginning);
 }
 
 bool ShellFileWork::moveFolder(const char* from, const char* to) {
-    return runCommand("mv -f %s/ %s/", from, to);
+    return reported(canMove(from, to) && runFileCommand(kSeconds, "mv -f %s/ %s/", from, to), "move", from);
 }
 
+/** The result is that of sync: cp also fails for what has vanished meanwhile. */
 bool ShellFileWork::copyTree(const char* from, const char* into) {
-    return runCommand(kCopyCommand, from, into);
-}
-
-bool ShellFileWork::copyFits(const char* from, const char* into) const {
-    return std::strlen(into) <= longestCopyTarget(std::strlen(from));
+    bool done = canCopy(from, into) &&
+                runFileCommand(kSeconds, "cp -rf --remove-destination %s/ %s/;sync", from, into);
+    return reported(done, "copy", from);
 }
 
 } // namespace vnlog

@@ -106,7 +106,6 @@ int serve(const std::string& root) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN); // a console that goes away is reported by its write
 
-    std::signal(SIGCHLD, SIG_DFL); // ignored, it would take the results of the storage commands away
     const char* name = vnlog::platform::kServiceName;
     if (android::defaultServiceManager()->checkService(android::String16(name)) != nullptr) {
         std::fprintf(stderr, "%s: %s is served already\n", kProgram, name);

@@ -1,7 +1,7 @@
 # Sourced by run and test: installs the Debian packages that are missing, and only those.
 
-BUILD_PACKAGES="g++ cmake ninja-build pkg-config gzip android-liblog-dev android-libutils-dev"
-TEST_PACKAGES="libgtest-dev zlib1g-dev binutils"
+BUILD_PACKAGES="g++ cmake ninja-build pkg-config zlib1g-dev android-liblog-dev android-libutils-dev"
+TEST_PACKAGES="libgtest-dev gzip binutils"
 CHECK_PACKAGES="clang clang-format clang-tidy"
 PLATFORM_PACKAGES="android-platform-frameworks-native-headers"
 
