@@ -9,8 +9,8 @@
 #include "service/LogService.h"
 #include "sources/AndroidReader.h"
 #include "sources/KernelReader.h"
+#include "storage/ChosenFileWork.h"
 #include "storage/Shell.h"
-#include "storage/ShellFileWork.h"
 #include "storage/StorageMedium.h"
 #include "storage/Store.h"
 
@@ -26,7 +26,7 @@ struct ServiceParts {
     StorageMedium medium;
     Ring ring;
     Shell shell;
-    ShellFileWork files;
+    ChosenFileWork files;
     Store store;
     Flusher flusher;
     Filter filter;

@@ -17,7 +17,7 @@ void Faults::disarm() {
     for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &interruptedReads,
                            &wholeReads, &interruption, &reads, &selects})
         *number = 0;
-    threadsUntilError = semaphoresUntilError = entriesUntilError = -1;
+    threadsUntilError = semaphoresUntilError = entriesUntilError = stepsUntilError = -1;
     freeBytes = failAllocationsFrom = -1;
     allocations = 0;
     skipPauses = mRecording = false;
@@ -61,6 +61,13 @@ bool spent(std::atomic<int>& left) {
     while (now >= 0 && !left.compare_exchange_weak(now, now > 0 ? now - 1 : 0)) {
     }
     return now == 0;
+}
+
+bool stepFails() {
+    bool fails = faults.stepsUntilError == 0;
+    if (faults.stepsUntilError >= 0)
+        --faults.stepsUntilError;
+    return fails;
 }
 
 template <typename Result> Result failed(int error, Result result) {
@@ -125,17 +132,17 @@ WRAP(int, select, (int count, fd_set* read, fd_set* write, fd_set* except, timev
 
 WRAP(int, fsync, (int fd)) {
     faults.addCall("fsync " + nameOf(fd));
-    return REAL(fsync)(fd);
+    return stepFails() ? failed(EIO, -1) : REAL(fsync)(fd);
 }
 
 WRAP(int, rename, (const char* from, const char* to)) {
     faults.addCall("rename " + lastName(from) + " " + lastName(to));
-    return REAL(rename)(from, to);
+    return stepFails() ? failed(EIO, -1) : REAL(rename)(from, to);
 }
 
 WRAP(int, unlink, (const char* path)) {
     faults.addCall("unlink " + lastName(path));
-    return REAL(unlink)(path);
+    return stepFails() ? failed(EIO, -1) : REAL(unlink)(path);
 }
 
 // With 64-bit file offsets the headers turn some names into their 64-bit ones where the two differ.

@@ -18,6 +18,7 @@ struct Faults {
     Number shortWrite{0}; ///< bytes that the next write takes at most, once
     Number writeDelayUs{0}; ///< a slow medium
     Number threadsUntilError{-1}, semaphoresUntilError{-1}; ///< what can still be made, -1 for all
+    Number stepsUntilError{-1}; ///< of fsync, rename and unlink that still work; one fails then (EIO)
     Number entriesUntilError{-1}; ///< folder entries that can still be listed, over all listings
     Number interruptedReads{0}; ///< reads of sockets and pipes that a signal interrupts
     Number wholeReads{0}; ///< with interruptedReads: those that work before

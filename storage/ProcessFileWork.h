@@ -1,0 +1,18 @@
+#pragma once
+
+#include "storage/FileWork.h"
+
+namespace vnlog {
+
+/** File work by the system's own calls, in this process. */
+class ProcessFileWork final : public FileWork {
+  public:
+    bool compress(const char* text) override;
+    bool removeFile(const char* path) override;
+    bool removeTree(const char* path) override;
+    bool removeAll(const char* beginning) override;
+    bool moveFolder(const char* from, const char* to) override;
+    bool copyTree(const char* from, const char* into) override;
+};
+
+} // namespace vnlog

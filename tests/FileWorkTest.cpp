@@ -1,0 +1,170 @@
+#include "Fixture.h"
+
+#include "storage/Archive.h"
+#include "storage/ProcessFileWork.h"
+#include "storage/Shell.h"
+#include "storage/ShellFileWork.h"
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+using namespace vnlog;
+
+namespace {
+
+class FileWorkTest : public FolderTest {
+  protected:
+    ProcessFileWork process;
+    ShellFileWork shell;
+    FileWork* forms[2] = {&process, &shell};
+    const char *text = "run/log_1.txt", *archive = "run/log_1.txt.gz", *draft = "run/log_1.txt.gz.new";
+    std::string noise = std::string(1 << 20, '\0');
+
+    FileWorkTest() {
+        std::generate(noise.begin(), noise.end(), std::minstd_rand());
+        fs::current_path(home);
+    }
+    std::string packed(const std::string& content) {
+        writeFile(text, content);
+        EXPECT_TRUE(process.compress(text));
+        return readFile(archive);
+    }
+    PairKind pair(const std::string& bytes, const std::string& content) {
+        writeFile(archive, bytes);
+        writeFile(text, content);
+        return comparePair(archive, text);
+    }
+};
+
+} // namespace
+
+/** Whatever the host does with its children and its environment. */
+TEST_F(FileWorkTest, BothFormsMakeTheSameArchives) {
+    auto reap = [](int) {
+        int error = errno;
+        waitpid(-1, nullptr, 0);
+        errno = error;
+    };
+    bool emulated = CRASH_WRITER[1] != '/'; // by what knows no children without an exit signal
+    std::string path = getenv("PATH"), header("\x1f\x8b\x08\x08\x00\xca\x9a\x3b\x00\x03log_1.txt", 20);
+    setenv("GZIP", "--none", 1);
+    setenv("PATH", "", 1);
+    umask(077);
+    for (auto handler : {SIG_DFL, SIG_IGN, static_cast<sighandler_t>(reap)})
+        for (FileWork* form : forms) {
+            std::signal(SIGCHLD, emulated ? SIG_DFL : handler);
+            for (auto& content : {std::string(), noise, std::string(99999, '\0'), noise.substr(0, 16384)}) {
+                writeFile(text, content);
+                writeFile(draft, "torn");
+                ::runCommand(
+                    "export PATH=/bin; ln run/log_1.txt link; chmod 577 link; touch -d @1000000000 link");
+                EXPECT_TRUE(form->compress(text) && readGzip(archive) == content);
+                EXPECT_EQ(readFile(archive).substr(0, 20), header);
+                EXPECT_TRUE(!exists(text) && !exists(draft) && fs::remove("link"));
+                EXPECT_EQ(static_cast<int>(fs::status(archive).permissions()), 0555);
+            }
+            EXPECT_TRUE(vnlog::runCommand("exit 0") && !vnlog::runCommand("exit 3"));
+        }
+    std::signal(SIGCHLD, SIG_DFL);
+    umask(022);
+    setenv("PATH", path.c_str(), 1);
+    unsetenv("GZIP");
+}
+
+/** What fails: the space, the memory, then one step after the other until none is left to fail. */
+TEST_F(FileWorkTest, AFailureLeavesTextAndOlderArchive) {
+    std::string old = packed("old");
+    std::signal(SIGXFSZ, SIG_IGN);
+    for (FileWork* form : forms)
+        for (int fault = -2, passed = 0; passed < 2;
+             ++fault) { // a draft that cannot be removed may not be there
+            bool full = fault == -2;
+            (void)pair(old, noise);
+            faults.writeError = full ? ENOSPC : 0;
+            faults.freeBytes = full ? 0 : -1;
+            faults.failAllocationsFrom = fault == -1 ? 16384 : -1;
+            faults.stepsUntilError = fault;
+            rlimit all{RLIM_INFINITY, RLIM_INFINITY}, few{65536, RLIM_INFINITY};
+            setrlimit(RLIMIT_FSIZE, full ? &few : &all);
+            faults.recordCalls(true);
+            bool done = form->compress(text);
+            int error = done ? 0 : full ? ENOSPC : fault == -1 && form == &process ? ENOMEM : EIO;
+            EXPECT_EQ(done ? 0 : errno, error);
+            setrlimit(RLIMIT_FSIZE, &all);
+            std::vector<std::string> steps{"unlink log_1.txt.gz.new", "fsync log_1.txt.gz.new",
+                                           "rename log_1.txt.gz.new log_1.txt.gz", "fsync run",
+                                           "unlink log_1.txt"};
+            EXPECT_TRUE(!done || faults.calls() == steps);
+            faults.disarm();
+            passed += done;
+            EXPECT_TRUE(exists(text) == !done && (done || readFile(text) == noise) && !exists(draft))
+                << fault;
+            EXPECT_EQ(readGzip(archive) == noise, done || fault > 2) << fault;
+            EXPECT_TRUE(readGzip(archive) == noise || readFile(archive) == old);
+        }
+    std::signal(SIGXFSZ, SIG_DFL);
+}
+
+TEST_F(FileWorkTest, PairsAreJudgedByTheirContent) {
+    std::string a = noise.substr(0, 40000), zeros(30000, '\0'), b = a.substr(0, 20000), bx = b + zeros + "x";
+    std::string none = packed(""), half = packed(b), two = half + packed(a.substr(20000)) + none;
+    std::map<PairKind, std::vector<std::pair<std::string, std::string>>> rows;
+    for (auto& content : {a, b, b + zeros, a + zeros, std::string(), zeros})
+        rows[PairKind::Covers].push_back({two, content});
+    for (auto& content : {bx, b + zeros.substr(9) + a, bx.substr(1), std::string("x")})
+        rows[PairKind::Different].push_back({two, content});
+    for (auto& bytes : {std::string(), two + "x", two + '\0', two + two.substr(0, 99), a})
+        rows[PairKind::Damaged].push_back({bytes, a});
+    rows[PairKind::Continued] = {{half, a}, {half, bx}, {none, "x"}, {none, zeros + "x"}};
+    std::string small = packed(a = "some some some text");
+    for (size_t at = 0; at < small.size(); ++at) {
+        rows[PairKind::Damaged].push_back({small.substr(0, at), ""});
+        for (int bit = 1; bit < 256; bit *= 2) {
+            std::string flipped = small;
+            flipped[at] = static_cast<char>(flipped[at] ^ bit);
+            bool same = pair(flipped, a) == PairKind::Covers && readGzip(archive) == a; // but for the header
+            rows[same ? PairKind::Covers : PairKind::Damaged].push_back({flipped, a});
+        }
+    }
+    for (auto& [kind, pairs] : rows)
+        for (auto& [bytes, content] : pairs) {
+            EXPECT_EQ(pair(bytes, content), kind) << &content - &pairs[0].second;
+            EXPECT_EQ(archiveHolds(archive, text), kind == PairKind::Covers && readGzip(archive) == content);
+        }
+    EXPECT_TRUE(comparePair(archive, "none") == PairKind::Unreadable && errno == ENOENT);
+}
+
+TEST_F(FileWorkTest, NothingBehindALinkIsTouched) {
+    for (FileWork* form : forms) {
+        ::runCommand(
+            "rm -rf *; mkdir -p out s/last_1/.d/e s/last_3 i/s/last_3; echo kept >out/f; echo 3 >s/last_3/x;"
+            "ln -s ../../../out/f i/s/last_3/x; cd s; ln -s ../out last_2; ln -s ../out current; : >.h;"
+            "ln -s ../out/f l.txt; mkfifo last_1/p; : >foreign; chown 4242 foreign");
+        std::ostringstream done;
+        done << form->compress("s/l.txt") << form->compress("s/last_1/p") << form->compress("s/last_1")
+             << (getuid() == 0 && form->compress("s/foreign")) << form->copyTree("s", "no")
+             << form->copyTree("no", "i") << form->removeAll("s/current/") << form->removeFile("s/last_1")
+             << form->moveFolder("s/last_3", "s/last_1/.d/e") << ' ' << form->copyTree("s", "i")
+             << form->copyTree("s", "i") << form->moveFolder("s/last_3", "s/last_4")
+             << form->removeTree("s/current") << form->removeTree("none") << form->removeFile("s/l.txt")
+             << form->removeFile("none") << form->removeAll("s/last_") << form->removeAll("none/")
+             << form->removeAll("s/");
+        EXPECT_EQ(done.str(), "000000000 1111111111");
+        EXPECT_EQ(
+            ::runCommand("ls -A s; cd i/s; cat last_3/x ../../out/f; ls -dF * last_1/.d/e; readlink last_2"),
+            ".h\n3\nkept\ncurrent@\nforeign\nl.txt@\nlast_1/\nlast_1/.d/e/\nlast_2@\nlast_3/\n../out\n");
+    }
+    // A copy leaves itself out, and makes no file its own copy.
+    ::runCommand("rm -rf *; mkdir -p s/in; echo 3 >s/x");
+    EXPECT_TRUE(process.copyTree("s", "s/in") && !process.copyTree("s", ".") && errno == EINVAL);
+    EXPECT_EQ(::runCommand("cat s/x s/in/s/x; ls s/in/s/in"), "3\n3\n");
+}
+
+TEST_F(FileWorkTest, ACommandThatTakesTooLongEndsWithAllItStarted) {
+    mkfifo("fifo", 0600);
+    FileDescriptor reader = openFile("fifo", O_RDONLY | O_NONBLOCK);
+    EXPECT_FALSE(runFileCommand(1, "(echo; sleep 99)>fifo & sleep %d", 99));
+    char byte;
+    EXPECT_EQ(read(reader.get(), &byte, 1), 1);
+    EXPECT_TRUE(eventually([&] { return read(reader.get(), &byte, 1) == 0; }));
+}
