@@ -197,6 +197,7 @@ bool Ring::build() {
     record->free_size = kLogBufSize;
     mState.mFlushAll = false;
     mDrainFailing = false;
+    mDroppedBytes = mDroppedLines = 0;
     return true;
 }
 
@@ -378,8 +379,20 @@ void Ring::reportRefused() {
 
 void Ring::reportUnwritten() {
     reportRefused();
+    countDropped();
     if (uint32_t left = used())
         logError("%u buffered byte are dropped by the stop\n", left);
+}
+
+void Ring::countDropped() {
+    LogBuf& buffer = *mState.mLogBuf;
+    RingGuard lock(buffer);
+    uint32_t lines = 0;
+    uint32_t used = usedBytes(buffer);
+    for (uint32_t i = 0; i < used; ++i)
+        lines += buffer.buf[(buffer.read_pos + i) % buffer.size] == '\n' ? 1 : 0;
+    mDroppedBytes = used;
+    mDroppedLines = lines;
 }
 
 } // namespace vnlog

@@ -77,6 +77,10 @@ class Ring {
     uint32_t used() const;
     /** Asks for everything buffered to be written out. Any thread; without a record nothing happens. */
     void requestFlush();
+    /** What the last stop of the consumer threw away of this record or of the one before, which is gone: its
+     * bytes, and the lines that end in them. */
+    uint32_t droppedBytes() const { return mDroppedBytes; }
+    uint32_t droppedLines() const { return mDroppedLines; }
 
     /** Lets the consumer look at its flag; there is a record. False with errno set when that is not possible.
      */
@@ -98,7 +102,7 @@ class Ring {
     void drainFailed();
     /** Ends that, and reports how many records were refused meanwhile. */
     void drainWorks();
-    /** Says what a stop throws away. */
+    /** Says what a stop throws away, and counts it. */
     void reportUnwritten();
 
     // --- for tests: writers that wait for space, and everybody inside
@@ -126,6 +130,7 @@ class Ring {
     bool mediumTooSmall(const LogBuf& buffer, PutResult* result);
     void wakeWaiters();
     void reportRefused();
+    void countDropped();
 
     RingState& mState;
     Medium& mMedium;
@@ -135,6 +140,8 @@ class Ring {
     std::atomic<uint32_t> mFlushRequests{0};
     std::atomic<uint32_t> mRefusedRecords{0}; ///< since draining began to fail
     Flag mDrainFailing{false}; ///< the last drain failed
+    std::atomic<uint32_t> mDroppedBytes{0};
+    std::atomic<uint32_t> mDroppedLines{0};
 };
 
 } // namespace vnlog

@@ -4,7 +4,7 @@
 #include "base/Handles.h"
 #include "base/KeyValue.h"
 #include "binder/Command.h"
-#include "service/LogService.h"
+#include "service/Lifecycle.h"
 
 namespace vnlog {
 
@@ -31,8 +31,7 @@ void Intake::giveUpStoring(const PutResult& full) {
         logError("Failed to close the log storage \n");
     logError("Storage path space is insufficient,free space (%zd),need space (%zd)\n",
              static_cast<ssize_t>(full.freeBytes), static_cast<ssize_t>(full.usedBytes));
-    const bool flags[] = {true, false, false};
-    if (mService.serviceStop(flags) < 0)
+    if (!mLifecycle.stopStoring())
         logError("Failed to stop the service \n");
 }
 

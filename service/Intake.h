@@ -7,13 +7,15 @@
 
 namespace vnlog {
 
+class Lifecycle;
 class LogService;
 
 /** The one door into the ring for the readers' lines; gives storing up when the medium has no room left. */
 class Intake final : public LineSink {
   public:
     /** All must outlive the intake. */
-    Intake(LogService& service, Ring& ring) : mService(service), mRing(ring) {}
+    Intake(LogService& service, Ring& ring, Lifecycle& lifecycle)
+        : mService(service), mRing(ring), mLifecycle(lifecycle) {}
 
     bool inService() const override;
     bool put(const char* line, uint32_t length) override;
@@ -25,6 +27,7 @@ class Intake final : public LineSink {
 
     LogService& mService;
     Ring& mRing;
+    Lifecycle& mLifecycle;
 };
 
 } // namespace vnlog

@@ -8,8 +8,6 @@
 #include "service/Parts.h"
 #include "storage/Layout.h"
 
-#include <cerrno>
-
 namespace vnlog {
 
 bool Lifecycle::start(const bool* flags) {
@@ -105,114 +103,68 @@ bool Lifecycle::saveSettings() {
 }
 
 bool Lifecycle::startWorkers(const bool* flags, bool storing) {
-    LogService& s = mService;
-    if (storing && flags[LogService::FLUSH_THREAD] &&
-        !startWorker(s.mFlushThreadRunning, s.mFlushThread, LogService::logBufFlush, "logBufFlush"))
+    Workers& workers = mParts.workers;
+    if (storing && flags[LogService::FLUSH_THREAD] && !workers.startFlushThread())
         return false;
-    if (storing && flags[LogService::KERNEL_READER] &&
-        !startWorker(s.mKLogThreadRunning, s.mKLogThread, LogService::kernelLogReader, "kernelLogReader"))
+    if (storing && flags[LogService::KERNEL_READER] && !workers.startKernelReader())
         return false;
-    return !flags[LogService::ANDROID_READER] ||
-           startWorker(s.mLogcatThreadRunning, s.mLogcatThread, LogService::logcat, "logcat");
-}
-
-/** Starts a worker under its name. False, reported, when there is no thread for it. */
-bool Lifecycle::startWorker(Flag& running, pthread_t& handle, void* (*body)(void*), const char* name) {
-    running = true; // before the thread exists, so that its first look finds it
-    int error = pthread_create(&handle, nullptr, body, &mService);
-    if (error == 0) {
-        (void)pthread_setname_np(handle, name); // a nameless thread works as well
-        return true;
-    }
-    running = false;
-    logError("%s thread failed to start !\n", name);
-    logErrno(error);
-    return false;
+    return !flags[LogService::ANDROID_READER] || workers.startAndroidReader();
 }
 
 /** Ends a start that failed with the ring made: stops what runs already, then releases the ring. */
 void Lifecycle::undoStart() { // the Android reader starts last, so it never runs here
+    const bool started[] = {true, true, false};
+    mParts.workers.askToFinish(started);
     if (mService.mKLogThreadRunning)
-        (void)stopKernelReader(); // reported there; the start has failed in any case
+        (void)mParts.workers.endKernelReader(); // reported there; the start has failed in any case
+    mParts.workers.drain();
     if (mService.mFlushThreadRunning)
-        (void)stopFlushThread();
+        (void)mParts.workers.endFlushThread();
     mParts.ring.release();
 }
 
 /*
- * The readers are ended before the command lock is taken: a reader that has found the storage full may itself
- * be waiting for that lock, in a command or in a stop of its own, and is joined here all the same.
+ * The data's way from its end: the readers put in what there is, the ring is written out, the flush thread
+ * closes the section. The readers are ended without the command lock: one that has found the storage full may
+ * itself be waiting for that lock, in a command or in a stop of its own, and is joined here all the same.
  */
 bool Lifecycle::stop(const bool* flags) {
     CancelGuard guard;
+    LockGuard<HostLock> host(mHostLock);
     if (!mService.mServiceStarted)
         return false;
     logDebug("Thread stopped \n");
-    if (flags[LogService::KERNEL_READER] && mService.mKLogThreadRunning && !stopKernelReader())
+    if (!endReaders(flags))
         return false;
-    if (flags[LogService::ANDROID_READER] && mService.mLogcatThreadRunning && !stopAndroidReader())
-        return false;
+    if (flags[LogService::FLUSH_THREAD])
+        mParts.workers.drain();
+    return endStoring(flags[LogService::FLUSH_THREAD]);
+}
 
+bool Lifecycle::endReaders(const bool* flags) {
+    Workers& workers = mParts.workers;
+    workers.askToFinish(flags);
+    if (flags[LogService::KERNEL_READER] && mService.mKLogThreadRunning && !workers.endKernelReader())
+        return false;
+    return !flags[LogService::ANDROID_READER] || !mService.mLogcatThreadRunning || workers.endAndroidReader();
+}
+
+bool Lifecycle::stopStoring() {
+    if (!mService.mServiceStarted)
+        return false;
+    logDebug("Thread stopped \n");
+    return endStoring(true);
+}
+
+/** Ends the flush thread if it is to, and tells what is left of the service. */
+bool Lifecycle::endStoring(bool flushThread) {
     LockGuard<CommandLock> lock(mParts.commandLock);
-    if (flags[LogService::FLUSH_THREAD] && mService.mFlushThreadRunning && !stopFlushThread())
+    if (flushThread && mService.mFlushThreadRunning && !mParts.workers.endFlushThread())
         return false;
     if (!mService.mFlushThreadRunning) // it needs the ring as long as it runs
         mParts.ring.release();
     mService.mServiceStarted =
         mService.mKLogThreadRunning || mService.mLogcatThreadRunning || mService.mFlushThreadRunning;
-    return true;
-}
-
-bool Lifecycle::stopKernelReader() {
-    if (!cancelReader(mService.mKLogThread, "kernelLogReader"))
-        return false;
-    if (pthread_join(mService.mKLogThread, nullptr) != 0) {
-        logDebug("error join kernelLogReader thread\n");
-        return false;
-    }
-    mService.mKLogThreadRunning = false;
-    logDebug("Thread kernelLogReader is stopped successfully!\n");
-    return true;
-}
-
-bool Lifecycle::stopAndroidReader() {
-    if (!cancelReader(mService.mLogcatThread, "logcat"))
-        return false;
-    int error = pthread_join(mService.mLogcatThread, nullptr);
-    if (error != 0) {
-        logError("error join logcat thread\n");
-        logErrno(error);
-        return false;
-    }
-    mService.mLogcatThreadRunning = false;
-    logDebug("Thread logcat is stopped successfully!\n");
-    return true;
-}
-
-/** Asks a reader to end at its next cancellation point. False, reported, when that is not possible. */
-bool Lifecycle::cancelReader(pthread_t thread, const char* name) {
-    int error = pthread_cancel(thread);
-    if (error == 0 || error == ESRCH) // it has ended by itself already
-        return true;
-    logError("Thread %s is stopped unsuccessfully! \n", name);
-    logErrno(error);
-    return false;
-}
-
-bool Lifecycle::stopFlushThread() {
-    mService.mFlushThreadRunning = false;
-    if (!mParts.ring.wakeConsumer()) {
-        logError("serviceStop sem_post failed \n");
-        logErrno();
-        return false;
-    }
-    int error = pthread_join(mService.mFlushThread, nullptr);
-    if (error != 0) {
-        logError("error join logBufFlush thread\n");
-        logErrno(error);
-        return false;
-    }
-    logDebug("Thread logBufFlush is stopped successfully!\n");
     return true;
 }
 

@@ -4,7 +4,12 @@
 
 namespace vnlog {
 
-/** Starts and stops the service: the sequence of steps over the parts, and the workers. */
+/** The role of the lock that lets one stop of the host run at a time. */
+struct HostLock {
+    static LockRole role;
+};
+
+/** Starts and stops the service: the sequence of steps over the parts and the workers. */
 class Lifecycle {
   public:
     /** Both must outlive the object. */
@@ -13,7 +18,13 @@ class Lifecycle {
     /** LogService::serviceStart. */
     bool start(const bool* flags) VNLOG_EXCLUDES(CommandLock::role);
     /** LogService::serviceStop. */
-    bool stop(const bool* flags) VNLOG_EXCLUDES(CommandLock::role);
+    bool stop(const bool* flags) VNLOG_EXCLUDES(CommandLock::role, HostLock::role);
+    /**
+     * Stops the flush thread of a storage that is full, without writing anything out. On the thread that
+     * found that out, which may be a reader that a stop is waiting for. False when the service is not started
+     * or a step failed.
+     */
+    bool stopStoring() VNLOG_EXCLUDES(CommandLock::role);
     /** LogService::logFilterInit. */
     bool applyFilter() VNLOG_REQUIRES(CommandLock::role);
 
@@ -26,15 +37,14 @@ class Lifecycle {
     bool saveSettings() VNLOG_EXCLUDES(CommandLock::role);
     void releaseTexts() VNLOG_EXCLUDES(CommandLock::role);
     bool startWorkers(const bool* flags, bool storing);
-    bool startWorker(Flag& running, pthread_t& handle, void* (*body)(void*), const char* name);
     void undoStart();
-    bool stopKernelReader();
-    bool stopAndroidReader();
-    bool cancelReader(pthread_t thread, const char* name);
-    bool stopFlushThread();
+    // stop
+    bool endReaders(const bool* flags) VNLOG_REQUIRES(HostLock::role);
+    bool endStoring(bool flushThread) VNLOG_EXCLUDES(CommandLock::role);
 
     LogService& mService;
     ServiceParts& mParts;
+    Mutex<HostLock> mHostLock;
 };
 
 } // namespace vnlog

@@ -36,12 +36,12 @@ void destroySemaphore(sem_t* semaphore, int number) {
 ServiceParts::ServiceParts(LogService& service)
     : medium(service, storageLock), ring(service, medium), shell(service),
       store(service, storageLock, ring, files, systemRoot), flusher(service, ring, store), filter(service),
-      intake(service, ring), kernelReader(service, systemRoot, intake),
+      intake(service, ring, lifecycle), kernelReader(service, systemRoot, intake),
       androidLine(service, service, filter, intake), androidReader(service, systemRoot, androidLine),
       settings(service, storageLock, filter),
       dispatcher({service, service, commandLock, systemRoot, service, settings, store, filter, kernelReader,
                   androidReader}),
-      lifecycle(service, *this) {}
+      workers(service, *this), lifecycle(service, *this) {}
 
 LogService::LogService(DeferStart) : mParts(std::make_unique<ServiceParts>(*this)) {
     (void)sem_init(&mKLogSem, 0, 0); // cannot fail for a private semaphore of count 0
@@ -76,6 +76,9 @@ int LogService::getLogFd() {
 }
 uint32_t LogService::bufferedBytes() const {
     return mParts->ring.used();
+}
+uint32_t LogService::droppedBytes() const {
+    return mParts->ring.droppedBytes();
 }
 
 // --- Shell and files

@@ -25,9 +25,9 @@ using logger_entry = platform::LoggerHeader;
  *
  * A host process creates one object and publishes it as a binder service. The argument-less constructor
  * starts the service, the destructor stops it. Hosts use the construction, serviceStart and serviceStop,
- * bufferedBytes, the three ILogService operations and the flags mServiceStarted, mFlushThreadRunning and
- * mFlushAll. The other operations are single steps of the parts, for tests and tools; setting a member takes
- * effect in the next operation.
+ * bufferedBytes, droppedBytes, the three ILogService operations and the flags mServiceStarted,
+ * mFlushThreadRunning and mFlushAll. The other operations are single steps of the parts, for tests and tools;
+ * setting a member takes effect in the next operation.
  *
  * Results are integers: 0 (or a byte count) for success and negative codes for failures, unless said
  * otherwise. Nothing is thrown. Failures that a caller could not tell from the result alone are reported to
@@ -71,15 +71,20 @@ class VNLOG_API LogService : public BnLogService,
      */
     int serviceStart(const bool* flags);
     /**
-     * Stops the workers whose flags are set and releases the ring buffer unless the flush thread goes on.
-     * Buffered bytes are not written out. Called by the host, or on a reader thread whose storage is full;
-     * the two may meet. Takes the command lock once the readers have ended. 0, or -1 when the service is not
-     * started or a step failed (the steps after it are not done).
+     * Stops the workers whose flags are set, in good order: the readers take what there is for them to read,
+     * the flush thread writes out what is buffered and closes the section, the ring buffer is released. With
+     * the flush thread left running nothing is written out and the buffer stays. A reader that does not get
+     * on for 2 seconds is cancelled, and a buffer that does not for 5 is dropped, which is reported. For the
+     * host, on any of its threads; a second stop waits for the first. Takes the command lock once the buffer
+     * is written out. 0, or -1 when the service is not started or a step failed (the steps after it are not
+     * done).
      */
     int serviceStop(const bool* flags);
     int getLogFd() override;
     /** Bytes in the ring buffer that are not yet written out; 0 without a buffer. Any thread, never waits. */
     uint32_t bufferedBytes() const;
+    /** Bytes that the last stop of the flush thread could not write out; 0 from the next start on. */
+    uint32_t droppedBytes() const;
 
     // --- Shell and files. Any thread
 

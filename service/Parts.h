@@ -7,6 +7,7 @@
 #include "service/Intake.h"
 #include "service/Lifecycle.h"
 #include "service/LogService.h"
+#include "service/Workers.h"
 #include "sources/AndroidReader.h"
 #include "sources/KernelReader.h"
 #include "storage/ChosenFileWork.h"
@@ -36,6 +37,7 @@ struct ServiceParts {
     AndroidReader androidReader;
     Settings settings;
     Dispatcher dispatcher;
+    Workers workers;
     Lifecycle lifecycle;
 };
 

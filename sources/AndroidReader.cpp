@@ -19,6 +19,7 @@ namespace vnlog {
 namespace {
 
 constexpr long kMergeDelayUs = 5000;
+constexpr long kFinishDelayUs = 20000; // in which what is on its way from a writer to the device arrives
 
 /** What becomes of the pass after one read. */
 enum class ReadResult { Read, Interrupted, WouldBlock };
@@ -98,20 +99,15 @@ bool selectable(const log_device_t* list) {
     return open;
 }
 
-/** Waits for data, for a short time unless `asleep`. The result of select. */
-int waitForData(const log_device_t* list, bool asleep, fd_set* ready) {
-    FD_ZERO(ready);
-    int largest = -1;
-    for (const log_device_t* device = list; device != nullptr; device = device->next) {
-        if (device->fd >= 0)
-            FD_SET(device->fd, ready);
-        largest = std::max(largest, device->fd);
-    }
-    timeval delay{0, kMergeDelayUs};
-    return select(largest + 1, ready, nullptr, nullptr, asleep ? nullptr : &delay);
-}
-
 } // namespace
+
+/** One cycle of reading, and what it is to go by. */
+struct AndroidReader::Pass {
+    bool finishing; ///< the reader is to end once nothing is readable
+    bool asleep; ///< it waits until there is something
+    bool quiet = false; ///< no device was ready
+    uint32_t bytes = 0; ///< that were read
+};
 
 void logcat_cleanup(log_device_t* list) {
     logDebug("%s logcat_cleanup dev=%p\n", "logcat_cleanup", static_cast<void*>(list));
@@ -166,26 +162,48 @@ void AndroidReader::readLines(log_device_t* list) {
         return;
     Merge merge(list);
     bool asleep = false;
+    uint32_t finishBytes = 0;
     while (mState.mLogcatThreadRunning) {
-        bool quiet = false;
-        if (!readPass(list, merge, asleep, &quiet))
+        Pass pass{mFinish.made(), asleep};
+        if (!readPass(list, merge, &pass))
             continue;
         if (!mState.mALogOutput && !waitOrReport(&mState.mALogSem, " readLogLines sem_wait failed\n"))
             return;
-        printReady(merge, quiet || merge.full());
-        asleep = quiet;
+        finishBytes += pass.finishing ? pass.bytes : 0;
+        bool last = pass.finishing && (pass.quiet || finishBytes >= FinishRequest::kMostBytes);
+        printReady(merge, pass.quiet || last || merge.full());
+        if (last)
+            return;
+        asleep = pass.quiet;
     }
 }
 
 /**
- * Waits, then reads at most one entry from every ready device. `quiet` tells that none was. False when the
- * cycle is to be begun anew.
+ * Waits for data: for a short time, or when asleep until there is some or the reader is to finish. Less than
+ * 0 when it was interrupted; `ready` and `quiet` tell what there is.
  */
-bool AndroidReader::readPass(log_device_t* list, Merge& merge, bool asleep, bool* quiet) {
+int AndroidReader::waitForData(const log_device_t* list, Pass* pass, fd_set* ready) const {
+    FD_ZERO(ready);
+    int wakeUp = pass->finishing || mFinish.wakeUp() >= FD_SETSIZE ? -1 : mFinish.wakeUp();
+    if (wakeUp >= 0)
+        FD_SET(wakeUp, ready);
+    int largest = wakeUp;
+    for (const log_device_t* device = list; device != nullptr; device = device->next) {
+        if (device->fd >= 0)
+            FD_SET(device->fd, ready);
+        largest = std::max(largest, device->fd);
+    }
+    timeval delay{0, pass->finishing ? kFinishDelayUs : kMergeDelayUs};
+    bool sleeps = pass->asleep && !pass->finishing;
+    int count = select(largest + 1, ready, nullptr, nullptr, sleeps ? nullptr : &delay);
+    pass->quiet = count == (wakeUp >= 0 && count > 0 && FD_ISSET(wakeUp, ready) ? 1 : 0);
+    return count;
+}
+
+/** Waits, then reads at most one entry from every ready device. False when the cycle is to be begun anew. */
+bool AndroidReader::readPass(log_device_t* list, Merge& merge, Pass* pass) {
     fd_set ready;
-    int count = waitForData(list, asleep, &ready);
-    *quiet = count == 0;
-    if (count < 0 || !mState.mLogcatThreadRunning)
+    if (waitForData(list, pass, &ready) < 0 || !mState.mLogcatThreadRunning)
         return false;
     for (log_device_t* device = list; device != nullptr; device = device->next) {
         if (device->fd < 0 || !FD_ISSET(device->fd, &ready))
@@ -198,6 +216,7 @@ bool AndroidReader::readPass(log_device_t* list, Merge& merge, bool asleep, bool
             return false;
         if (result == ReadResult::WouldBlock)
             break;
+        pass->bytes += static_cast<uint32_t>(sizeof(logger_entry)) + node->entry()->length;
         merge.add(device, std::move(node));
     }
     return true;
@@ -208,6 +227,7 @@ void AndroidReader::printReady(Merge& merge, bool everything) {
     while (log_device_t* device = merge.next(everything)) {
         printFirst(device);
         merge.done();
+        mFinish.step();
     }
 }
 

@@ -3,7 +3,10 @@
 #include "platform/sysroot/SystemRoot.h"
 #include "sources/AndroidLine.h"
 #include "sources/AndroidState.h"
+#include "sources/FinishRequest.h"
 #include "sources/LogDevice.h"
+
+#include <sys/select.h>
 
 namespace vnlog {
 
@@ -19,9 +22,13 @@ class AndroidReader {
     AndroidReader(AndroidState& state, const platform::SystemRoot& systemRoot, AndroidLine& line)
         : mState(state), mSystemRoot(systemRoot), mLine(line) {}
 
-    /** The thread's work: ends with the flag mLogcatThreadRunning, by cancellation, or on an error, reported.
+    /**
+     * The thread's work: ends when it is asked to finish, with the flag mLogcatThreadRunning, by
+     * cancellation, or on an error, reported.
      */
     void run();
+    /** How a stop asks the thread to finish. */
+    FinishRequest& finishRequest() { return mFinish; }
     /** Makes standard output the console. */
     void setupOutput();
     /** Reads, merges and outputs entries until the thread is to end. */
@@ -36,14 +43,18 @@ class AndroidReader {
     [[nodiscard]] bool clear();
 
   private:
+    struct Pass;
+
     log_device_t* makeDeviceList();
     bool openDevices(log_device_t* list);
-    bool readPass(log_device_t* list, Merge& merge, bool asleep, bool* quiet);
+    bool readPass(log_device_t* list, Merge& merge, Pass* pass);
+    int waitForData(const log_device_t* list, Pass* pass, fd_set* ready) const;
     void printReady(Merge& merge, bool everything);
 
     AndroidState& mState;
     const platform::SystemRoot& mSystemRoot;
     AndroidLine& mLine;
+    FinishRequest mFinish;
 };
 
 /**

@@ -7,7 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
+#include <poll.h>
 #include <unistd.h>
 
 namespace vnlog {
@@ -17,7 +17,8 @@ namespace {
 constexpr char kKernelLog[] = "/proc/kmsg";
 constexpr uint32_t kTextSize = 127; // bytes of kernel text held at a time; one more ends a cut line
 constexpr int kReadPlace = 2011; // part of the message's fixed text
-constexpr long kEndOfFilePause = 100000000; // nanoseconds
+constexpr int kEndOfFilePauseMs = 100;
+constexpr int kForever = -1;
 
 /** What the reader holds, as its cancellation handler finds it. */
 struct CleanupRecord {
@@ -25,16 +26,11 @@ struct CleanupRecord {
     int* fd;
 };
 
-void pauseAtEndOfFile() {
-    timespec pause{0, kEndOfFilePause};
-    (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr); // a signal only makes it shorter
-}
-
 } // namespace
 
 /**
- * Opens the kernel log under the system root. Without waiting, so that a FIFO that nobody writes to does not
- * hold the caller up where it cannot be cancelled.
+ * Opens the kernel log under the system root. Neither this nor a read waits: a FIFO that nobody writes to
+ * would hold the caller up where it cannot be cancelled, and a reader where it does not hear of a request.
  */
 FileDescriptor KernelReader::open() {
     Path path;
@@ -59,8 +55,6 @@ void KernelReader::run() {
     FileDescriptor file = open();
     if (!file.valid())
         return;
-    int flags = fcntl(file.get(), F_GETFL);
-    (void)fcntl(file.get(), F_SETFL, flags & ~O_NONBLOCK); // reads are meant to wait
     char* log_buffer = allocateText(kTextSize + 1).release();
     if (log_buffer == nullptr) {
         logError("fail to malloc log_buffer!\n");
@@ -82,31 +76,49 @@ void KernelReader::run() {
 /** Reads and stores lines until the thread is to end. False when its wait for output failed. */
 bool KernelReader::readLines(int fd, char* buffer) {
     KernelSplitter splitter(buffer, kTextSize);
+    uint32_t finishBytes = 0;
     while (mState.mKLogThreadRunning) {
+        bool finishing = mFinish.made();
         ssize_t length = read(fd, splitter.chunk(), splitter.room());
-        if (length < 0) {
-            if (errno == EINTR)
-                continue;
+        if (length < 0 && errno == EINTR)
+            continue;
+        if (length < 0 && errno != EAGAIN) {
             char text[128];
             logError("kernelLogReader read error line=%d errno:%s \n", kReadPlace,
                      strerror_r(errno, text, sizeof text));
             return true;
         }
-        if (length == 0) {
-            pauseAtEndOfFile();
+        if (length <= 0) {
+            if (finishing)
+                return true;
+            awaitText(length < 0 ? fd : -1, length < 0 ? kForever : kEndOfFilePauseMs);
             continue;
         }
         if (!mState.mKLogOutput && !waitOrReport(&mState.mKLogSem, "kernelLogReader sem_wait failed\n"))
             return false;
         splitter.add(static_cast<uint32_t>(length));
-        KernelLine line;
-        while (mState.mKLogThreadRunning && splitter.next(&line)) {
-            if (line.length > 1 && line.priority <= mState.mKLogLevel && mState.mKLogToFile &&
-                !mSink.put(line.text, line.length))
-                logError("kernelLogReader logBufWrite failed\n");
-        }
+        storeLines(splitter);
+        finishBytes += finishing ? static_cast<uint32_t>(length) : 0;
+        if (finishBytes >= FinishRequest::kMostBytes)
+            return true;
     }
     return true;
+}
+
+/** Waits until there is text in `fd`, the reader is to finish, or the time is up. */
+void KernelReader::awaitText(int fd, int timeoutMs) const {
+    pollfd watched[] = {{fd, POLLIN, 0}, {mFinish.wakeUp(), POLLIN, 0}};
+    (void)poll(watched, 2, timeoutMs); // the read that follows tells what there is
+}
+
+void KernelReader::storeLines(KernelSplitter& splitter) {
+    KernelLine line;
+    while (mState.mKLogThreadRunning && splitter.next(&line)) {
+        if (line.length > 1 && line.priority <= mState.mKLogLevel && mState.mKLogToFile &&
+            !mSink.put(line.text, line.length))
+            logError("kernelLogReader logBufWrite failed\n");
+        mFinish.step();
+    }
 }
 
 bool KernelReader::clear() {

@@ -2,10 +2,13 @@
 
 #include "base/Handles.h"
 #include "platform/sysroot/SystemRoot.h"
+#include "sources/FinishRequest.h"
 #include "sources/KernelState.h"
 #include "sources/LineSink.h"
 
 namespace vnlog {
+
+class KernelSplitter;
 
 /** Reads the kernel's log and puts the lines whose priority passes into the sink. */
 class KernelReader {
@@ -14,9 +17,13 @@ class KernelReader {
     KernelReader(KernelState& state, const platform::SystemRoot& systemRoot, LineSink& sink)
         : mState(state), mSystemRoot(systemRoot), mSink(sink) {}
 
-    /** The thread's work: ends with the flag mKLogThreadRunning, by cancellation, or on an error, reported.
+    /**
+     * The thread's work: ends when it is asked to finish, with the flag mKLogThreadRunning, by cancellation,
+     * or on an error, reported.
      */
     void run();
+    /** How a stop asks the thread to finish. */
+    FinishRequest& finishRequest() { return mFinish; }
     /** Throws away the kernel messages that wait to be read. False, reported, when they cannot be reached. */
     [[nodiscard]] bool clear();
     /** Releases what run holds; the argument is its cleanup record. */
@@ -25,10 +32,13 @@ class KernelReader {
   private:
     [[nodiscard]] FileDescriptor open();
     bool readLines(int fd, char* buffer);
+    void storeLines(KernelSplitter& splitter);
+    void awaitText(int fd, int timeoutMs) const;
 
     KernelState& mState;
     const platform::SystemRoot& mSystemRoot;
     LineSink& mSink;
+    FinishRequest mFinish;
 };
 
 } // namespace vnlog

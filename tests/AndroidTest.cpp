@@ -25,7 +25,7 @@ class AndroidTest : public ReaderTest {
   protected:
     AndroidTest() {
         catchConsole();
-        descriptors = openDescriptors();
+        ++descriptors; // where standard output is kept
         sem_init(&state.mALogSem, 0, 0);
         state.mALogOutput = state.mALogToUart = state.mALogToFile = state.mLogcatThreadRunning = true;
         state.mALogOutFd = STDOUT_FILENO;

@@ -3,6 +3,7 @@
 #include "sources/KernelSplitter.h"
 
 using namespace std::string_literals;
+using vnlog::FinishRequest;
 
 namespace {
 
@@ -104,4 +105,19 @@ TEST_F(KernelReaderTest, EndOfTheLogIsNoEndForTheReaderAndNoSpin) {
     EXPECT_TRUE(eventually([] { return faults.reads >= 5; }));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(250));
     EXPECT_TRUE(sink.holds("first\n"));
+}
+
+TEST_F(KernelReaderTest, FinishesWithWhatIsThereButNotWithAFlood) {
+    unlink(path.c_str());
+    std::string flood;
+    while (flood.size() < 2 * FinishRequest::kMostBytes)
+        flood += "<3>" + std::string(92, 'f') + "\n";
+    for (size_t bytes : {960U, FinishRequest::kMostBytes + 200U}) {
+        writeFile(path, bytes < 1000 ? flood.substr(0, bytes) : flood);
+        sink.forget();
+        reader.finishRequest().make();
+        reader.run(); // a request that came before is heard, too
+        EXPECT_NEAR(static_cast<double>(sink.text().size()) / 93 * 96, static_cast<double>(bytes), 300);
+        reader.finishRequest().withdraw();
+    }
 }

@@ -105,6 +105,32 @@ TEST_F(LifecycleTest, TwoWritersAndASlowMediumLoseAndMixNothing) {
     EXPECT_EQ(next, (std::map<char, int>{{'a', 400}, {'b', 400}}));
 }
 
+TEST_F(LifecycleTest, StopStoresWhatIsThereForTheReadersAndASecondOneWaitsForIt) {
+    catchConsole();
+    plugDevices();
+    configure();
+    start(true, true, true);
+    faults.writeDelayUs = 20000; // so that most of it is still on its way
+    std::string kernel;
+    ASSERT_TRUE(put(std::string(100000, 'p') + "\n"));
+    for (int i = 0; i < 12; ++i)
+        entry("system", 100 + i, 0, 4, "tag", std::to_string(i) + std::string(3000, 'a'));
+    for (int i = 0; i < 600; ++i)
+        kernel += "<3>kernel's " + std::to_string(i) + std::string(80, 'k') + "\n";
+    feed(kernel);
+    int first = 0, second = 0;
+    std::thread other([&] { second = service().serviceStop(kSets[7]); });
+    first = service().serviceStop(kSets[7]);
+    other.join();
+    EXPECT_EQ(first + second, -1);
+    const std::string all = stored();
+    for (int i = 0; i < 600; ++i)
+        ASSERT_NE(all.find("\nkernel's " + std::to_string(i) + "k"), std::string::npos) << i;
+    for (int i = 0; i < 12; ++i)
+        ASSERT_NE(all.find(": " + std::to_string(i) + "a"), std::string::npos) << i;
+    EXPECT_FALSE(logged("_cleanup ") || logged("dropped by the stop")) << "no reader was cancelled";
+}
+
 TEST_F(LifecycleTest, FullStorageStopsTheStoringAlsoWhenTheHostStopsMeanwhile) {
     catchConsole();
     for (int round = 0; round < 24; ++round) {

@@ -20,6 +20,10 @@ class FakeSink final : public vnlog::LineSink {
         std::lock_guard<std::mutex> lock(mMutex);
         return mText;
     }
+    void forget() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mText.clear();
+    }
     /** Waits until exactly this is stored. */
     bool holds(const std::string& expected) {
         return eventually([&] { return text() == expected; });

@@ -19,7 +19,9 @@ flushed() { kill -USR1 $hostpid && grep -q "last line" "$store/current/log_1.txt
 wait_for flushed
 stop_host INT
 start_host
-stop_host
+printf '<3>right before the end\n' >"$root/proc/kmsg"
+stop_host HUP
+grep -qx "right before the end" "$store/current/log_1.txt" || fail "the end does not wait for its readers"
 [ "$(zcat "$store/last_1/log_1.txt.gz")" = "$(printf 'kept\nlast line')" ] || fail "the first run is not archived"
 
 # A medium that takes nothing: the end gives up in time. More than the FIFO holds, so that some of it is buffered.

@@ -12,7 +12,6 @@
 
 #include <binder/IServiceManager.h>
 #include <csignal>
-#include <ctime>
 #include <memory>
 #include <string>
 
@@ -29,12 +28,8 @@ constexpr char kHelp[] = "Usage: logserviced [OPTION]...\n"
                          "  --help         show this text\n"
                          "  --version      show the version\n"
                          "\n"
-                         "SIGUSR1 writes out what is buffered. SIGTERM and SIGINT do so, too, and then end\n"
-                         "the service.\n";
-
-constexpr int kFlushLimitMs = 5000;
-constexpr int kFlushPollMs = 10;
-constexpr int kFlushRetryMs = 1000;
+                         "SIGUSR1 writes out what is buffered. SIGTERM, SIGINT and SIGHUP end the service:\n"
+                         "what has been logged by then is stored first.\n";
 
 int printHelp() {
     std::fputs(kHelp, stdout);
@@ -71,17 +66,24 @@ struct Devices {
     const char* kind() const { return driver != nullptr ? "stand-in" : "driver"; }
 };
 
-/** Asks for everything buffered and waits, for a limited time, until it is written. */
-void flush(vnlog::LogService& service) {
-    for (int waited = 0; service.bufferedBytes() > 0 && waited < kFlushLimitMs; waited += kFlushPollMs) {
-        // Again when more has come after the last request was served, and now and then when writing fails.
-        if (!service.mFlushAll || waited % kFlushRetryMs == 0)
-            service.flushLogBufAll();
-        timespec pause{0, kFlushPollMs * 1000000L};
-        nanosleep(&pause, nullptr);
-    }
-    if (uint32_t left = service.bufferedBytes())
-        std::fprintf(stderr, "%s: %u bytes could not be written out in time\n", kProgram, left);
+/** The signals that the host waits for: a hang-up only where it does not outlive the terminal on purpose. */
+sigset_t signalsToWaitFor() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int number : {SIGTERM, SIGINT, SIGUSR1})
+        sigaddset(&signals, number);
+    struct sigaction hangUp {};
+    if (sigaction(SIGHUP, nullptr, &hangUp) == 0 && hangUp.sa_handler != SIG_IGN)
+        sigaddset(&signals, SIGHUP);
+    return signals;
+}
+
+/** Takes the service down in good order. */
+void stop(vnlog::LogService& service) {
+    const bool all[] = {true, true, true};
+    (void)service.serviceStop(all); // reported there
+    if (uint32_t dropped = service.droppedBytes())
+        std::fprintf(stderr, "%s: %u bytes could not be written out in time\n", kProgram, dropped);
 }
 
 void waitForEnd(vnlog::LogService& service, const sigset_t& signals) {
@@ -99,10 +101,7 @@ std::string storageRoot(const vnlog::LogService& service) VNLOG_UNCHECKED {
 
 int serve(const std::string& root) {
     // Blocked before any thread exists, so that every thread leaves the signals to sigwait.
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (int number : {SIGTERM, SIGINT, SIGUSR1})
-        sigaddset(&signals, number);
+    const sigset_t signals = signalsToWaitFor();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN); // a console that goes away is reported by its write
 
@@ -131,9 +130,9 @@ int serve(const std::string& root) {
     std::fprintf(stderr, "%s: devices %s, %s (%s); %s at %s; store %s\n", kProgram, devices.main.c_str(),
                  devices.system.c_str(), devices.kind(), name, place.c_str(), store.c_str());
     waitForEnd(*service, signals);
-    flush(*service);
-    vnlog::platform::withdrawServices(); // now this is the last reference, and the devices outlive it
-    service = nullptr;
+    vnlog::platform::withdrawServices();
+    stop(*service);
+    service = nullptr; // the last reference; the devices outlive it
     return 0;
 }
 
