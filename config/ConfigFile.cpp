@@ -17,62 +17,133 @@ namespace vnlog {
 namespace {
 
 constexpr mode_t kConfigurationMode = 0555;
+constexpr off_t kMaxConfigurationSize = 1024 * 1024;
 
-Path backupOf(const char* path) {
-    Path backup;
-    formatText(backup.text, "%s.unsaved", path);
-    return backup;
+Path besides(const char* path, const char* end) {
+    Path whole;
+    formatText(whole.text, "%s%s", path, end);
+    return whole;
 }
 
-/**
- * Removes the file before it is written anew, keeping it as the backup until that has succeeded. An older
- * backup is of before a save that failed, and the better one.
- */
-bool setAside(const char* path, const char* backup) {
-    struct stat info;
-    bool worthKeeping = stat(path, &info) == 0 && S_ISREG(info.st_mode) && !pathExists(backup);
-    if (worthKeeping && std::rename(path, backup) == 0)
+/** Where a file is written before it takes its place. */
+Path draftOf(const char* path) {
+    return besides(path, ".new");
+}
+
+/** Where earlier versions have set the old file aside. */
+Path backupOf(const char* path) {
+    return besides(path, ".unsaved");
+}
+
+void reportRemoval() {
+    char reason[128];
+    logError("remove error: %s\n", strerror_r(errno, reason, sizeof reason));
+}
+
+/** Removes what is in the way, if anything. */
+bool clearAway(const char* path) {
+    if (std::remove(path) == 0 || errno == ENOENT)
         return true;
-    return std::remove(path) == 0;
+    reportRemoval();
+    return false;
+}
+
+/** Writes a file that is not there yet, synced. False with errno set and nothing left. */
+bool writeNew(const char* path, const char* text, size_t length) {
+    FileDescriptor file = openFile(path, O_WRONLY | O_CREAT | O_EXCL, kConfigurationMode);
+    if (!file.valid())
+        return false;
+    if (writeAll(file.get(), text, length) && fsync(file.get()) == 0)
+        return true;
+    int error = errno;
+    (void)unlink(path);
+    errno = error;
+    return false;
+}
+
+/** The file as it is; null when it cannot be read. */
+Text readOwn(const char* path, size_t* size) {
+    FileDescriptor file = openConfiguration(path, Configuration::Own, size);
+    Text text = file.valid() ? allocateText(*size + 1) : nullptr;
+    bool whole = text != nullptr && read(file.get(), text.get(), *size) == static_cast<ssize_t>(*size);
+    return whole ? std::move(text) : nullptr;
+}
+
+/** Replaces the file where there is no room for a second one beside it. False with errno set. */
+bool writeInPlace(const char* path, const char* text, size_t length) {
+    size_t oldLength = 0;
+    Text old = readOwn(path, &oldLength);
+    if (!clearAway(path))
+        return false;
+    if (writeNew(path, text, length))
+        return true;
+    int error = errno;
+    if (old == nullptr || !writeNew(path, old.get(), oldLength))
+        logError("there is no room for %s any more, and none is left\n", path);
+    errno = error;
+    return false;
+}
+
+bool takeDraft(const char* draft, const char* path) {
+    if (std::rename(draft, path) == 0)
+        return true;
+    reportRemoval(); // of the old file, by the new one
+    (void)unlink(draft);
+    return false;
 }
 
 } // namespace
 
-const char* chooseConfiguration(const char* own) {
-    if (pathExists(own))
-        return own;
+const char* fallbackConfiguration() {
     const char* fallback = std::getenv(kDefaultConfigurationVariable);
     if (fallback != nullptr && pathExists(fallback))
         return fallback;
     return "system/etc/log_service/log_default.cfg";
 }
 
-bool replaceConfiguration(const char* path, const char* text, size_t length) {
-    CancelGuard guard;
-    Path backup = backupOf(path);
-    if (pathExists(path) && !setAside(path, backup.text)) {
-        char reason[128];
-        logError("remove error: %s\n", strerror_r(errno, reason, sizeof reason));
-    }
-    FileDescriptor file = openFile(path, O_WRONLY | O_CREAT | O_TRUNC, kConfigurationMode);
-    if (!file.valid())
-        return false;
-    if (!writeAll(file.get(), text, length)) {
-        logError("write error \n");
-        return false;
-    }
-    fsync(file.get());
-    (void)unlink(backup.text); // there is none after a first save
-    return true;
+FileDescriptor openConfiguration(const char* path, Configuration whose, size_t* size) {
+    FileDescriptor file = whose == Configuration::Own ? openOwnFile(path, O_RDONLY)
+                                                      : openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    struct stat info;
+    if (!file.valid() || fstat(file.get(), &info) != 0)
+        return FileDescriptor();
+    *size = static_cast<size_t>(info.st_size);
+    if (S_ISREG(info.st_mode) && info.st_size <= kMaxConfigurationSize)
+        return file;
+    file = FileDescriptor();
+    errno = EPERM;
+    return file;
 }
 
-void restoreConfiguration(const char* path) {
+bool replaceConfiguration(const char* path, const char* text, size_t length) {
+    CancelGuard guard;
+    Path draft = draftOf(path);
+    (void)clearAway(draft.text); // what stays in the way makes the next step fail
+    bool written = writeNew(draft.text, text, length);
+    if (written && !takeDraft(draft.text, path))
+        return false;
+    if (!written && (errno == ENOSPC || errno == EDQUOT))
+        written = writeInPlace(path, text, length);
+    if (written && syncFolderOf(path))
+        return true;
+    logError("write error \n");
+    logErrno();
+    return false;
+}
+
+bool restoreConfiguration(const char* path) {
     Path backup = backupOf(path);
     if (!pathExists(backup.text))
-        return;
+        return false;
     logError("the last save of %s was cut off, the settings from before it are used\n", path);
-    if (std::rename(backup.text, path) != 0)
-        logErrno();
+    if (std::rename(backup.text, path) == 0)
+        return true;
+    logErrno();
+    return false;
+}
+
+void discardOldConfiguration(const char* path) {
+    (void)unlink(backupOf(path).text); // there is none but after an earlier version
 }
 
 } // namespace vnlog

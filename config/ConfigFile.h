@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Handles.h"
+
 #include <cstddef>
 
 /* The file that holds the settings: which one is read, and how it is replaced. Not to be cut by a
@@ -8,19 +10,35 @@ namespace vnlog {
 
 /** The service's own file, under the system root and the default storage root. */
 constexpr char kConfigurationName[] = "/log.cfg";
-/** The environment variable that names the file to be read when that one is missing. */
+/** The environment variable that names the file to be read when that one is missing or unusable. */
 constexpr char kDefaultConfigurationVariable[] = "LOG_DEFAULT_CFG";
 
-/** The file that the settings are read from at start: `own`, else the variable's, else a relative path. */
-const char* chooseConfiguration(const char* own);
+/** The file to be read then: the variable's where it is there, else a relative path. */
+const char* fallbackConfiguration();
+
+/** Whose file is read: log.cfg must be ours and no link, another one may be whoever's and wherever. */
+enum class Configuration { Own, Foreign };
 
 /**
- * Replaces the file by the text, synced. The old one is kept beside it until that has succeeded. False when
- * the file cannot be made, or, reported, when it cannot be written; a part of it may be there then.
+ * Opens a file of settings, a regular one of at most 1 MiB, without ever waiting; stores its size in bytes.
+ * Otherwise the result is not valid, and errno tells why.
+ */
+[[nodiscard]] FileDescriptor openConfiguration(const char* path, Configuration whose, size_t* size);
+
+/**
+ * Replaces the file by the text. True when that survives a power cut. False, reported, when a step failed:
+ * the old file is there then, or the new one if only its name is not safe yet. Where the medium has no room
+ * for two, the old one goes first, and is put back when the new one does not fit either; if even that fails,
+ * which is reported, there is none.
  */
 [[nodiscard]] bool replaceConfiguration(const char* path, const char* text, size_t length);
 
-/** Undoes a replacement that was cut off: takes back the file from before it. */
-void restoreConfiguration(const char* path);
+/**
+ * Takes back, reported, the file that an earlier version of the service has set aside while it wrote a new
+ * one. False when there is none.
+ */
+[[nodiscard]] bool restoreConfiguration(const char* path);
+/** Removes it unused, if it is there. */
+void discardOldConfiguration(const char* path);
 
 } // namespace vnlog

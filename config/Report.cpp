@@ -1,10 +1,11 @@
 #include "config/Report.h"
 
 #include "base/Diagnostics.h"
+#include "base/Files.h"
 #include "base/Handles.h"
+#include "config/ConfigFile.h"
 
 #include <cstdio>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vnlog {
@@ -18,17 +19,16 @@ void reportStep(const char* report) {
 
 /** The whole text of the file; null, reported, when it cannot be had. */
 Text readWhole(const char* path) {
-    struct stat info;
-    if (stat(path, &info) != 0) {
+    if (!pathExists(path)) {
         reportStep("showLogCfg fail to stat!\n");
         return nullptr;
     }
-    FileDescriptor file = openFile(path, O_RDONLY);
+    size_t size = 0;
+    FileDescriptor file = openConfiguration(path, Configuration::Own, &size);
     if (!file.valid()) {
         reportStep("showLogCfg fail to open!\n");
         return nullptr;
     }
-    auto size = static_cast<size_t>(info.st_size);
     Text text = allocateText(size + 1);
     if (text == nullptr) {
         reportStep("showLogCfg fail to malloc cfg buf!\n");

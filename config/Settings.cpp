@@ -1,6 +1,7 @@
 #include "config/Settings.h"
 
 #include "base/Diagnostics.h"
+#include "base/Files.h"
 #include "base/Handles.h"
 #include "base/KeyValue.h"
 #include "config/ConfigFile.h"
@@ -10,7 +11,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 
 namespace vnlog {
 
@@ -161,14 +161,15 @@ bool copyNeeded(const Setting& setting, const char* text, const char* path, char
 }
 
 /** The significant lines of the file as one text; null, reported where it must be, when it cannot be read. */
-Text readFile(const char* path) {
-    struct stat info;
-    if (stat(path, &info) != 0)
+Text readFile(const char* path, Configuration whose) {
+    CancelGuard guard;
+    size_t size = 0;
+    FileDescriptor file = openConfiguration(path, whose, &size);
+    Stream stream(file.valid() ? fdopen(file.get(), "r") : nullptr);
+    if (stream == nullptr)
         return nullptr;
-    Stream file = openForReading(path);
-    if (file == nullptr)
-        return nullptr;
-    Text text = readSignificantLines(file.get(), static_cast<size_t>(info.st_size));
+    (void)file.release(); // the stream's from here on
+    Text text = readSignificantLines(stream.get(), size);
     if (text == nullptr) {
         logError("fail to calloc cfg buf!\n");
         logErrno();
@@ -198,11 +199,33 @@ void Settings::releaseTexts() {
     mTextsOwned = false;
 }
 
+bool Settings::load() {
+    const char* own = mState.mCfgPath;
+    if (parse(own)) {
+        discardOldConfiguration(own);
+        return true;
+    }
+    if (restoreConfiguration(own) && parse(own))
+        return true;
+    const char* fallback = fallbackConfiguration();
+    if (!pathExists(fallback))
+        return false;
+    setRoot(nullptr); // of the file that is unusable: another one may leave it to the environment
+    return parse(fallback);
+}
+
+void Settings::setRoot(const char* root) {
+    LockGuard<StorageLock> lock(mStorageLock);
+    std::free(mState.mSavePath);
+    mState.mSavePath = root != nullptr ? strdup(root) : nullptr;
+}
+
 bool Settings::parse(const char* path) {
     releaseTexts();
     mState.mModuleCfg = nullptr; // a text that is not ours may be left of an earlier start
     mState.mFormatCfg = nullptr;
-    Text text = readFile(path);
+    bool own = std::strcmp(path, mState.mCfgPath) == 0;
+    Text text = readFile(path, own ? Configuration::Own : Configuration::Foreign);
     if (text == nullptr)
         return false;
     mTextsOwned = true;
@@ -261,9 +284,7 @@ void Settings::readRoot(const Setting& setting, const char* text, const char* pa
             return;
         logDebug("Use env STORAGE_PATH: %s\n", root);
     }
-    LockGuard<StorageLock> lock(mStorageLock);
-    std::free(mState.mSavePath);
-    mState.mSavePath = strdup(root);
+    setRoot(root);
 }
 
 bool Settings::readLevel(const Setting& setting, const char* text, const char* path) {

@@ -28,17 +28,23 @@ class Settings {
      * environment's.
      */
     [[nodiscard]] bool parse(const char* path) VNLOG_REQUIRES(CommandLock::role);
+    /**
+     * Reads them at a start: from log.cfg; where that is missing or unusable from the one that was set aside
+     * for it, then from the file that the environment names. False when none can be used: what the last one
+     * had set before it failed stays.
+     */
+    [[nodiscard]] bool load() VNLOG_REQUIRES(CommandLock::role);
     /** Takes the settings from the environment and the built-in defaults. */
     void takeDefaults() VNLOG_REQUIRES(CommandLock::role);
     /** Releases the texts that are needed only until the filter is built. */
     void releaseTexts() VNLOG_REQUIRES(CommandLock::role);
-    /** Rewrites log.cfg. False, reported unless the file cannot be created; a part of it may be written then.
-     */
+    /** Rewrites log.cfg, as of replaceConfiguration. */
     [[nodiscard]] bool save() VNLOG_REQUIRES(CommandLock::role);
 
   private:
     bool read(const Setting& setting, const char* text, const char* path) VNLOG_REQUIRES(CommandLock::role);
     bool readNumberSetting(const Setting& setting, const char* text, const char* path);
+    void setRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
     void readRoot(const Setting& setting, const char* text, const char* path);
     bool readLevel(const Setting& setting, const char* text, const char* path)
         VNLOG_REQUIRES(CommandLock::role);

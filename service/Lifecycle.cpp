@@ -40,8 +40,7 @@ bool Lifecycle::start(const bool* flags) {
 void Lifecycle::readSettings() {
     LockGuard<CommandLock> lock(mParts.commandLock);
     formatText(mService.mCfgPath, "%s%s%s", mParts.systemRoot.path, kDefaultRoot, kConfigurationName);
-    restoreConfiguration(mService.mCfgPath);
-    if (!mParts.settings.parse(chooseConfiguration(mService.mCfgPath)))
+    if (!mParts.settings.load())
         mParts.settings.takeDefaults();
 }
 

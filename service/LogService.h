@@ -130,7 +130,7 @@ class VNLOG_API LogService : public BnLogService,
     int getCfgInt(const char* text, const char* key, int* out, int minimum, int maximum, int fallback);
     /** Whether the text is exactly "y". */
     bool strToBool(const char* text);
-    /** Rewrites log.cfg. 0, or -1 (a part of the file may be written then). */
+    /** Rewrites log.cfg. 0 once that is safe on the medium, or -1. */
     int logConfigSave();
     /** Prints log.cfg as it is on disk to standard output. */
     void showLogCfg();

@@ -14,10 +14,10 @@
 Faults faults;
 
 void Faults::disarm() {
-    for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &interruptedReads,
-                           &wholeReads, &interruption, &reads, &selects})
+    for (Number* number : {&writeError, &writesUntilError, &syncError, &shortWrite, &writeDelayUs,
+                           &interruptedReads, &wholeReads, &interruption, &reads, &selects})
         *number = 0;
-    threadsUntilError = semaphoresUntilError = entriesUntilError = stepsUntilError = -1;
+    threadsUntilError = semaphoresUntilError = entriesUntilError = writeErrors = stepsUntilError = -1;
     freeBytes = failAllocationsFrom = -1;
     allocations = 0;
     skipPauses = mRecording = false;
@@ -110,7 +110,7 @@ WRAP(ssize_t, write, (int fd, const void* bytes, size_t length)) {
         return REAL(write)(fd, bytes, length);
     if (faults.writeDelayUs > 0)
         usleep(static_cast<useconds_t>(faults.writeDelayUs));
-    if (faults.writeError != 0 && spent(faults.writesUntilError))
+    if (faults.writeError != 0 && spent(faults.writesUntilError) && !spent(faults.writeErrors))
         return failed(faults.writeError, -1);
     if (int limit = faults.shortWrite.exchange(0))
         length = static_cast<size_t>(limit) < length ? static_cast<size_t>(limit) : length;
@@ -132,7 +132,8 @@ WRAP(int, select, (int count, fd_set* read, fd_set* write, fd_set* except, timev
 
 WRAP(int, fsync, (int fd)) {
     faults.addCall("fsync " + nameOf(fd));
-    return stepFails() ? failed(EIO, -1) : REAL(fsync)(fd);
+    int error = faults.syncError != 0 ? faults.syncError.load() : stepFails() ? EIO : 0;
+    return error != 0 ? failed(error, -1) : REAL(fsync)(fd);
 }
 
 WRAP(int, rename, (const char* from, const char* to)) {

@@ -15,6 +15,8 @@ struct Faults {
     using Number = std::atomic<int>;
     Number writeError{0}; ///< errno of every write to a regular file while set
     Number writesUntilError{0}; ///< with writeError: writes that still work
+    Number writeErrors{-1}; ///< with writeError: how many fail, -1 for all
+    Number syncError{0}; ///< errno of every fsync while set
     Number shortWrite{0}; ///< bytes that the next write takes at most, once
     Number writeDelayUs{0}; ///< a slow medium
     Number threadsUntilError{-1}, semaphoresUntilError{-1}; ///< what can still be made, -1 for all

@@ -32,7 +32,7 @@ constexpr Key kKeys[] = {
     {"ALOG_MODULE", "a:d", "ALL_MODULE", "NONE_MODULE>NONE_MODULE,b>b:w,-!,$a:w>a:w"},
     {"ALOG_FORMAT", "tag", "brief", "long>long,-!,$raw>raw"},
 };
-enum { UART, NAND, ROOT = 3, SECTION_SIZE = 6, DELETE_SIZE, MODULE = 12 };
+enum { UART, NAND, ROOT = 3, SECTION_SIZE = 6, DELETE_SIZE, LEVEL = 9, MODULE = 12 };
 
 /** The file with these values; without the key for "-". */
 std::string fileOf(const Texts& values) {
@@ -131,26 +131,87 @@ TEST_F(SettingsTest, RandomSettingsAreWrittenAndReadBack) {
     }
 }
 
-TEST_F(SettingsTest, StartUndoesSavesThatWereCutOff) {
-    setenv("LOG_DEFAULT_CFG", (home + "/other.cfg").c_str(), 1);
-    configure({{"KLOG_LEVEL", "4"}});
-    fs::rename(cfg, home + "/other.cfg");
-    start(false, false);
-    const std::string saved = readFile(cfg);
-    EXPECT_NE(saved.find("\nKLOG_LEVEL=4\n"), std::string::npos) << "read there, written here";
-    faults.writeError = ENOSPC;
-    EXPECT_EQ(service().logConfigSave(), -1);
-    EXPECT_EQ(service().logConfigSave(), -1) << "and this one keeps nothing of the first";
-    faults.writeError = 0;
-    stop();
-    start(false, false);
-    EXPECT_EQ(readFile(cfg), saved);
+TEST_F(SettingsTest, SaveIsSafeOnTheMediumOrLeavesTheOldFile) {
+    LockGuard<CommandLock> lock(commands);
+    Parts parts(cfg);
+    writeFile(cfg, fileOf(usual));
+    ASSERT_TRUE(parts.settings.load() && parts.save());
+    const std::string draft = cfg + ".new", older = readFile(cfg);
+    parts.state.mKLogLevel = 5;
+    auto save = [&](int writeError, int writeErrors, int syncError, bool saved) {
+        faults.writeError = writeError;
+        faults.writeErrors = writeErrors;
+        faults.syncError = syncError;
+        EXPECT_EQ(parts.settings.save(), saved);
+        faults.writeError = faults.syncError = 0;
+    };
+    writeFile(draft, "cut off");
+    save(EIO, -1, 0, false);
+    save(0, 0, EIO, false);
+    save(ENOSPC, 2, 0, false); // and there is room for the old one again
+    EXPECT_TRUE(readFile(cfg) == older && !exists(draft) && loggedTimes("write error \n") == 3);
+    makeFolder(draft + "/in the way");
+    save(0, 0, 0, false);
+    EXPECT_TRUE(readFile(cfg) == older && logged("remove error: Directory not empty\n"));
+    fs::remove_all(draft);
     faults.recordCalls(true);
-    EXPECT_EQ(service().logConfigSave(), 0);
-    EXPECT_EQ(faults.calls(),
-              (Texts{"rename log.cfg log.cfg.unsaved", "fsync log.cfg", "unlink log.cfg.unsaved"}));
+    save(0, 0, 0, true);
+    EXPECT_EQ(faults.calls(), (Texts{"fsync log.cfg.new", "rename log.cfg.new log.cfg", "fsync nvm"}));
     EXPECT_EQ(fs::status(cfg).permissions() & fs::perms{0722}, fs::perms{0500}) << "written by nobody";
-    fs::remove(cfg);
+    EXPECT_NE(readFile(cfg).find("\nKLOG_LEVEL=5\n"), std::string::npos);
+    parts.state.mKLogLevel = 6;
+    save(EDQUOT, 1, 0, true);
+    EXPECT_NE(readFile(cfg).find("\nKLOG_LEVEL=6\n"), std::string::npos) << "in place";
+    save(ENOSPC, -1, 0, false);
+    EXPECT_TRUE(!exists(cfg) && !exists(draft) && logged("log.cfg any more, and none is left\n"));
     makeFolder(cfg + "/in the way");
-    EXPECT_TRUE(service().logConfigSave() == -1 && !exists(cfg + ".unsaved"));
+    save(0, 0, 0, false);
+    EXPECT_TRUE(!exists(draft) && logged("remove error: Is a directory\n"));
+}
+
+TEST_F(SettingsTest, StartTakesTheFirstFileThatIsUsable) {
+    LockGuard<CommandLock> lock(commands);
+    const std::string other = home + "/other.cfg", aside = cfg + ".unsaved";
+    setenv("LOG_DEFAULT_CFG", other.c_str(), 1);
+    auto with = [&](const char* level, const char* path) {
+        Texts values = usual;
+        values[LEVEL] = level;
+        values[ROOT] = path;
+        return fileOf(values);
+    };
+    const std::string broken = with("x", "/broken"), huge = with("2", "/two") + std::string(1 << 20, '#');
+    const struct {
+        std::string own, aside, other;
+        int level; // that is read, 0 for none
+        const char* root;
+    } cases[] = {
+        {with("2", "/two"), with("3", "/three"), with("4", "/four"), 2, "/two"},
+        {"", with("3", "/three"), with("4", "/four"), 3, "/three"},
+        {"-", with("3", "/three"), with("4", "/four"), 3, "/three"},
+        {broken, broken, with("4", "/four"), 4, "/four"},
+        {broken, "-", with("4", "-"), 4, ""}, // nothing of the broken one
+        {broken, "-", "-", 0, "/broken"},
+        {"pipe", "-", with("4", "/four"), 4, "/four"},
+        {"link", "-", with("4", "/four"), 4, "/four"},
+        {huge, "-", with("4", "/four"), 4, "/four"},
+        {"-", "-", "pipe", 0, ""},
+    };
+    for (auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        for (auto& [path, text] : {std::pair(cfg, c.own), {aside, c.aside}, {other, c.other}}) {
+            fs::remove(path);
+            if (text == "link")
+                fs::create_symlink(other, path);
+            else if (text == "pipe")
+                mkfifo(path.c_str(), 0600);
+            else if (text != "-")
+                writeFile(path, text);
+        }
+        Parts parts(cfg);
+        EXPECT_EQ(parts.settings.load(), c.level != 0);
+        EXPECT_TRUE(c.level == 0 || parts.state.mKLogLevel == c.level) << parts.state.mKLogLevel;
+        const char* path = parts.state.mSavePath;
+        EXPECT_EQ(std::string(path != nullptr ? path : ""), c.root);
+        EXPECT_FALSE(exists(aside));
+    }
 }
