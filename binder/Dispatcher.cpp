@@ -73,8 +73,13 @@ CommandAnswer Dispatcher::setConsoleOutput(const char* param) {
 }
 
 CommandAnswer Dispatcher::setFileOutput(const char* param) {
-    mState.mKLogToFile = isYes(param);
-    mState.mALogToFile = isYes(param);
+    bool on = isYes(param);
+    if (on && !mTargets.storing.switchOn())
+        return {-1};
+    if (!on)
+        mTargets.storing.switchOff();
+    mState.mKLogToFile = on;
+    mState.mALogToFile = on;
     return saveAndShow();
 }
 

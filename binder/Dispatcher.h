@@ -2,6 +2,7 @@
 
 #include "binder/CommandState.h"
 #include "binder/ILogService.h"
+#include "binder/StoringSwitch.h"
 #include "config/Settings.h"
 #include "platform/sysroot/SystemRoot.h"
 #include "sources/AndroidReader.h"
@@ -23,6 +24,7 @@ struct CommandTargets {
     Filter& filter;
     KernelReader& kernelReader;
     AndroidReader& androidReader;
+    StoringSwitch& storing;
 };
 
 /** What a command answers. */

@@ -41,7 +41,7 @@ struct Number {
 
 enum class Kind {
     Switch, ///< y or n, in one flag or two
-    Shown, ///< a switch that is written and never read
+    GivenUp, ///< written as a switch; one that is read as on tells that storing was
     Root,
     Number,
     Level,
@@ -68,8 +68,8 @@ namespace {
 constexpr Setting onOff(const char* key, const char* fallback, Flag S::*flag, Flag S::*second = nullptr) {
     return {key, Kind::Switch, fallback, flag, second};
 }
-constexpr Setting shown(const char* key, Flag S::*flag) {
-    return {key, Kind::Shown, nullptr, flag};
+constexpr Setting givenUp(const char* key, Flag S::*flag) {
+    return {key, Kind::GivenUp, nullptr, flag};
 }
 constexpr Setting number(const char* key, Number number) {
     return {key, Kind::Number, nullptr, nullptr, nullptr, number};
@@ -103,7 +103,7 @@ constexpr Setting kSettings[] = {
     onOff("NAND_FILE_OUTPUT=", kNo, &S::mKLogToFile, &S::mALogToFile),
     onOff("SAVE_FLUSH_SWITCH=", kNo, &S::mFlushSwitch),
     {kStorageRootKey, Kind::Root},
-    shown("STORAGE_FULL=", &S::mStorageFull),
+    givenUp("STORAGE_FULL=", &S::mStorageFull),
     number("MAX_LOG_SIZE=", {[](const S& s) { return s.mMaxLogSize; },
                              setMaxLogSize,
                              [](const S&) {
@@ -245,7 +245,9 @@ bool Settings::read(const Setting& setting, const char* text, const char* path) 
     case Kind::Switch:
         setFlags(mState, setting, valueIsYes(text, setting.key));
         return true;
-    case Kind::Shown:
+    case Kind::GivenUp:
+        if (valueIsYes(text, setting.key))
+            mState.mKLogToFile = mState.mALogToFile = true;
         return true;
     case Kind::Root:
         readRoot(setting, text, path);
@@ -327,7 +329,7 @@ void Settings::fallBack(const Setting& setting) {
     case Kind::Switch:
         setFlags(mState, setting, isYes(value != nullptr ? value : setting.fallback));
         return;
-    case Kind::Shown:
+    case Kind::GivenUp:
     case Kind::Root: // keeps what the file may have set before it failed
         return;
     case Kind::Number: {
@@ -378,7 +380,7 @@ void Settings::write(const Setting& setting, FILE* out) {
     std::fputs(setting.key, out);
     switch (setting.kind) {
     case Kind::Switch:
-    case Kind::Shown: {
+    case Kind::GivenUp: {
         bool on = mState.*setting.flag || (setting.secondFlag != nullptr && mState.*setting.secondFlag);
         std::fputs(on ? kYes : kNo, out);
         break;

@@ -10,7 +10,16 @@ namespace vnlog {
 class Lifecycle;
 class LogService;
 
-/** The one door into the ring for the readers' lines; gives storing up when the medium has no room left. */
+/** The role of the lock on what was lost since storing was given up. Nothing but the ring's is taken in it.
+ */
+struct LossLock {
+    static LockRole role;
+};
+
+/**
+ * The one door into the ring for the readers' lines. Gives storing up when the medium has no room left; from
+ * then on it takes nothing, and counts the lines that are lost by that, until storing is begun again.
+ */
 class Intake final : public LineSink {
   public:
     /** All must outlive the intake. */
@@ -19,15 +28,40 @@ class Intake final : public LineSink {
 
     bool inService() const override;
     bool put(const char* line, uint32_t length) override;
+    bool leaveOut(const char* line, uint32_t length) override VNLOG_EXCLUDES(LossLock::role);
     /** Appends one record. False, reported where the ring does, when it is not taken. */
     bool append(const void* bytes, uint32_t length);
 
+    // --- for the comeback, with the command lock held
+
+    /** A new run: nothing is given up, nothing lost. */
+    void beginRun() VNLOG_EXCLUDES(LossLock::role);
+    bool givenUp() const { return mGivenUp; }
+    /** Adds to the lines that were lost. */
+    void addLost(uint32_t lines) VNLOG_EXCLUDES(LossLock::role);
+    /**
+     * File output is switched off. True when that is the user's wish about a storing that was given up: it is
+     * not full for him any more, and what is not stored from now on is not lost.
+     */
+    bool forgo() VNLOG_EXCLUDES(LossLock::role);
+    /**
+     * Switches file output on and takes lines again, into a ring that is new and drained. The first is one
+     * that tells how many were lost, which is the result.
+     */
+    uint32_t resume() VNLOG_EXCLUDES(LossLock::role);
+
   private:
     void giveUpStoring(const PutResult& full);
+    bool beginGivingUp() VNLOG_EXCLUDES(LossLock::role);
 
     LogService& mService;
     Ring& mRing;
     Lifecycle& mLifecycle;
+    Mutex<LossLock> mLossLock;
+    Flag mGivenUp{false}; ///< changes under the lock
+    bool mMissed VNLOG_GUARDED_BY(LossLock::role) = false; ///< the user wants lines stored all the same
+    bool mOwnSwitchOff VNLOG_GUARDED_BY(LossLock::role) = false; ///< the command of giving up is yet to come
+    uint32_t mLost VNLOG_GUARDED_BY(LossLock::role) = 0;
 };
 
 } // namespace vnlog

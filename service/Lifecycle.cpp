@@ -19,7 +19,7 @@ bool Lifecycle::start(const bool* flags) {
         logError("the system root is longer than %zu characters\n", platform::kMaxSystemRoot);
         return false;
     }
-    readSettings();
+    readSettings(flags);
     bool opened = openStore();
     mService.mALogFileMinPri = ANDROID_LOG_DEBUG;
     if (!opened || !mParts.ring.create()) {
@@ -27,18 +27,30 @@ bool Lifecycle::start(const bool* flags) {
         return false;
     }
     bool storing = false;
-    bool ready = buildFilter() && closePreviousRun(&storing);
-    if (!ready || !startWorkers(flags, storing)) {
+    bool ready = buildFilter() && beginStoring(&storing);
+    if (!ready || !beginService(flags, storing)) {
         undoStart();
         return false;
     }
-    mService.mServiceStarted = true;
     logDebug("LogService start success\n");
     return true;
 }
 
-void Lifecycle::readSettings() {
+/** With the lock held until the service is started, so that a reader whose storage is full finds it so. */
+bool Lifecycle::beginService(const bool* flags, bool storing) {
     LockGuard<CommandLock> lock(mParts.commandLock);
+    if (!startWorkers(flags, storing))
+        return false;
+    mService.mServiceStarted = true;
+    if (!storing)
+        mParts.comeback.awaitStorage();
+    return true;
+}
+
+void Lifecycle::readSettings(const bool* flags) {
+    LockGuard<CommandLock> lock(mParts.commandLock);
+    mParts.comeback.beginRun(flags);
+    mParts.intake.beginRun();
     formatText(mService.mCfgPath, "%s%s%s", mParts.systemRoot.path, kDefaultRoot, kConfigurationName);
     if (!mParts.settings.load())
         mParts.settings.takeDefaults();
@@ -49,14 +61,14 @@ void Lifecycle::releaseTexts() {
     mParts.settings.releaseTexts();
 }
 
-/** Settles the root and finds out what is stored there. */
+/** Settles the root. */
 bool Lifecycle::openStore() {
     if (!mParts.store.resolveRoot()) {
         logError("Failed to obtain the save path !\n");
         return false;
     }
     mParts.store.beginRun();
-    return mParts.store.openNumbers();
+    return true;
 }
 
 /** Builds the filter, after which the texts that it is built from are not needed any more. */
@@ -77,28 +89,26 @@ bool Lifecycle::applyFilter() {
     return mParts.filter.build(mService.mFormatCfg, mService.mModuleCfg, mService.mALogLevel);
 }
 
-/**
- * Closes off the previous run and saves what holds from now on; `storing` tells whether sections can be
- * written. A store that cannot be used is no failure.
- */
-bool Lifecycle::closePreviousRun(bool* storing) {
-    *storing = mParts.store.prepare();
-    if (!*storing)
-        return true;
-    if (!saveSettings()) {
+/** Prepares the store; `storing` tells whether it can be used. One that cannot is no failure. */
+bool Lifecycle::beginStoring(bool* storing) {
+    LockGuard<CommandLock> lock(mParts.commandLock);
+    Preparation result = prepareStore();
+    *storing = result == Preparation::Done;
+    return result != Preparation::SettingsNotSaved;
+}
+
+Preparation Lifecycle::prepareStore() {
+    if (!mParts.store.openNumbers() || !mParts.store.prepare())
+        return Preparation::NoStorage;
+    if (!mParts.settings.save()) {
         logError("The log configuration failed to save !\n");
-        return false;
+        return Preparation::SettingsNotSaved;
     }
     if (!mParts.store.saveNumbers()) {
         logError("The storage data failed to save !\n");
-        return false;
+        return Preparation::NoStorage;
     }
-    return true;
-}
-
-bool Lifecycle::saveSettings() {
-    LockGuard<CommandLock> lock(mParts.commandLock);
-    return mParts.settings.save();
+    return Preparation::Done;
 }
 
 bool Lifecycle::startWorkers(const bool* flags, bool storing) {
@@ -130,6 +140,7 @@ void Lifecycle::undoStart() { // the Android reader starts last, so it never run
 bool Lifecycle::stop(const bool* flags) {
     CancelGuard guard;
     LockGuard<HostLock> host(mHostLock);
+    mParts.comeback.end(); // also of a service of which nothing else is left
     if (!mService.mServiceStarted)
         return false;
     logDebug("Thread stopped \n");
@@ -137,7 +148,7 @@ bool Lifecycle::stop(const bool* flags) {
         return false;
     if (flags[LogService::FLUSH_THREAD])
         mParts.workers.drain();
-    return endStoring(flags[LogService::FLUSH_THREAD]);
+    return endStoring(flags);
 }
 
 bool Lifecycle::endReaders(const bool* flags) {
@@ -149,22 +160,35 @@ bool Lifecycle::endReaders(const bool* flags) {
 }
 
 bool Lifecycle::stopStoring() {
+    LockGuard<CommandLock> lock(mParts.commandLock);
     if (!mService.mServiceStarted)
         return false;
+    if (!mParts.intake.givenUp())
+        return true; // a command has brought it back already
     logDebug("Thread stopped \n");
-    return endStoring(true);
+    if (!mParts.comeback.stopStoring())
+        return false;
+    mService.mServiceStarted = anyWorker();
+    if (mService.mServiceStarted)
+        mParts.comeback.awaitRoom();
+    return true;
 }
 
 /** Ends the flush thread if it is to, and tells what is left of the service. */
-bool Lifecycle::endStoring(bool flushThread) {
+bool Lifecycle::endStoring(const bool* flags) {
     LockGuard<CommandLock> lock(mParts.commandLock);
-    if (flushThread && mService.mFlushThreadRunning && !mParts.workers.endFlushThread())
+    if (flags[LogService::FLUSH_THREAD] && mService.mFlushThreadRunning && !mParts.workers.endFlushThread())
         return false;
     if (!mService.mFlushThreadRunning) // it needs the ring as long as it runs
         mParts.ring.release();
-    mService.mServiceStarted =
-        mService.mKLogThreadRunning || mService.mLogcatThreadRunning || mService.mFlushThreadRunning;
+    mService.mServiceStarted = anyWorker();
+    if (mService.mServiceStarted && !flags[LogService::FLUSH_THREAD])
+        mParts.comeback.resume(flags);
     return true;
+}
+
+bool Lifecycle::anyWorker() const {
+    return mService.mKLogThreadRunning || mService.mLogcatThreadRunning || mService.mFlushThreadRunning;
 }
 
 } // namespace vnlog

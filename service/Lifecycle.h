@@ -9,6 +9,13 @@ struct HostLock {
     static LockRole role;
 };
 
+/** What came of preparing the store. */
+enum class Preparation {
+    Done,
+    NoStorage, ///< nothing can be stored
+    SettingsNotSaved,
+};
+
 /** Starts and stops the service: the sequence of steps over the parts and the workers. */
 class Lifecycle {
   public:
@@ -25,22 +32,32 @@ class Lifecycle {
      * or a step failed.
      */
     bool stopStoring() VNLOG_EXCLUDES(CommandLock::role);
+    /**
+     * Mends and prepares the store, closes off the previous run, and saves settings and numbers. Nothing is
+     * being stored meanwhile.
+     */
+    Preparation prepareStore() VNLOG_REQUIRES(CommandLock::role);
+    /**
+     * Starts the workers of these flags; without `storing` neither flush thread nor kernel reader. False when
+     * there is no thread for one: those before it run.
+     */
+    bool startWorkers(const bool* flags, bool storing);
     /** LogService::logFilterInit. */
     bool applyFilter() VNLOG_REQUIRES(CommandLock::role);
 
   private:
     // start, in this order; the command lock is held only where settings are touched
-    void readSettings() VNLOG_EXCLUDES(CommandLock::role);
+    void readSettings(const bool* flags) VNLOG_EXCLUDES(CommandLock::role);
     bool openStore();
     bool buildFilter() VNLOG_EXCLUDES(CommandLock::role);
-    bool closePreviousRun(bool* storing) VNLOG_EXCLUDES(CommandLock::role);
-    bool saveSettings() VNLOG_EXCLUDES(CommandLock::role);
+    bool beginStoring(bool* storing) VNLOG_EXCLUDES(CommandLock::role);
     void releaseTexts() VNLOG_EXCLUDES(CommandLock::role);
-    bool startWorkers(const bool* flags, bool storing);
+    bool beginService(const bool* flags, bool storing) VNLOG_EXCLUDES(CommandLock::role);
     void undoStart();
     // stop
     bool endReaders(const bool* flags) VNLOG_REQUIRES(HostLock::role);
-    bool endStoring(bool flushThread) VNLOG_EXCLUDES(CommandLock::role);
+    bool endStoring(const bool* flags) VNLOG_EXCLUDES(CommandLock::role);
+    bool anyWorker() const;
 
     LogService& mService;
     ServiceParts& mParts;

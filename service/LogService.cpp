@@ -38,10 +38,10 @@ ServiceParts::ServiceParts(LogService& service)
       store(service, storageLock, ring, files, systemRoot), flusher(service, ring, store), filter(service),
       intake(service, ring, lifecycle), kernelReader(service, systemRoot, intake),
       androidLine(service, service, filter, intake), androidReader(service, systemRoot, androidLine),
-      settings(service, storageLock, filter),
+      settings(service, storageLock, filter), workers(service, *this), comeback(service, *this),
       dispatcher({service, service, commandLock, systemRoot, service, settings, store, filter, kernelReader,
-                  androidReader}),
-      workers(service, *this), lifecycle(service, *this) {}
+                  androidReader, comeback}),
+      lifecycle(service, *this) {}
 
 LogService::LogService(DeferStart) : mParts(std::make_unique<ServiceParts>(*this)) {
     (void)sem_init(&mKLogSem, 0, 0); // cannot fail for a private semaphore of count 0

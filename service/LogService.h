@@ -34,8 +34,8 @@ using logger_entry = platform::LoggerHeader;
  * the Android log with the tag "LogService".
  *
  * Locks, in the order in which they may be taken: commands (CommandLock), storage (StorageLock), filter
- * (FilterLock), ring (RingLock). Each member names its lock. Flags and settings that workers read while
- * commands write them are atomic.
+ * (FilterLock), losses (LossLock), ring (RingLock). Each member names its lock. Flags and settings that
+ * workers read while commands write them are atomic.
  */
 class VNLOG_API LogService : public BnLogService,
                              public CommandState,
@@ -65,9 +65,9 @@ class VNLOG_API LogService : public BnLogService,
      * Reads the configuration, mends and prepares the storage, and starts the workers whose flags are set:
      * flush thread, kernel reader, Android reader. Not to be called while another start or stop runs. Takes
      * the command lock where settings are touched. 0 when the service is started; this includes a storage
-     * that could not be prepared, with which neither the flush thread nor the kernel reader runs. -1 when it
-     * is not started: everything that the attempt made is released again. A service that is started already
-     * stays as it is and gives -1.
+     * that could not be prepared: flush thread and kernel reader are started when it can, which is tried
+     * every minute. -1 when it is not started: everything that the attempt made is released again. A service
+     * that is started already stays as it is and gives -1.
      */
     int serviceStart(const bool* flags);
     /**
@@ -141,7 +141,7 @@ class VNLOG_API LogService : public BnLogService,
      * Appends one record to the ring buffer, whole or not at all; waits while there is no space. Called on
      * the reader threads, which may be cancelled while waiting. Returns `length`, or -1: empty or too long a
      * record, no flush thread, a stop, or a storage that takes nothing more. When the storage is full this
-     * switches file output off and stops the flush thread.
+     * switches file output off and stops the flush thread, until there is room for two sections.
      */
     int logBufWrite(const void* bytes, uint32_t length);
     /**

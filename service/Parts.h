@@ -4,6 +4,7 @@
 #include "buffer/Flusher.h"
 #include "buffer/Ring.h"
 #include "config/Settings.h"
+#include "service/Comeback.h"
 #include "service/Intake.h"
 #include "service/Lifecycle.h"
 #include "service/LogService.h"
@@ -36,8 +37,9 @@ struct ServiceParts {
     AndroidLine androidLine;
     AndroidReader androidReader;
     Settings settings;
-    Dispatcher dispatcher;
     Workers workers;
+    Comeback comeback;
+    Dispatcher dispatcher;
     Lifecycle lifecycle;
 };
 

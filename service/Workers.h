@@ -8,8 +8,8 @@ class FinishRequest;
 
 /**
  * Starts and ends the three workers' threads; each step is reported. Callers see to it that no worker is
- * started or ended by two at once: by the host's lock for the readers, by that of the commands for the flush
- * thread.
+ * started or ended by two at once: a stop of the host ends the readers, after the comeback, which may start
+ * one; the flush thread is ended with the command lock held.
  */
 class Workers {
   public:

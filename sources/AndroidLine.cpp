@@ -96,7 +96,14 @@ AndroidLine::LineResult AndroidLine::route(AndroidLogFormat_t* format, int fd, c
         if (result != static_cast<int>(length))
             return {true, result};
     }
-    return {true, mState.mALogToFile ? storeLine(line, length, entry, result) : result};
+    return {true, isForFile(line, length, entry) ? storeLine(line, length, entry, result) : result};
+}
+
+/** Whether the line goes to the file; one that a full storage keeps out is counted as lost. */
+bool AndroidLine::isForFile(const char* line, size_t length, const AndroidLogEntry& entry) {
+    if (entry.priority < mState.mALogFileMinPri)
+        return mState.mALogToFile;
+    return mSink.wants(mState.mALogToFile, line, static_cast<uint32_t>(length));
 }
 
 /** Writes the line to the console: its length, 0 for a failure, or the bytes of a short write; both reported.
@@ -118,6 +125,8 @@ int AndroidLine::showLine(int fd, const char* line, size_t length, const Android
 /** Puts the line into the sink when its priority is stored; `result` is what came of it before. */
 int AndroidLine::storeLine(const char* line, size_t length, const AndroidLogEntry& entry, int result) {
     if (!mSink.inService()) {
+        if (entry.priority >= mState.mALogFileMinPri)
+            (void)mSink.leaveOut(line, static_cast<uint32_t>(length)); // it may be counted there
         if (!isOwnReport(entry))
             logDebug("write log buf skip, LOGBUF thread not start\n");
         return 0;

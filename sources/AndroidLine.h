@@ -36,6 +36,7 @@ class AndroidLine {
     };
 
     LineResult route(AndroidLogFormat_t* format, int fd, const AndroidLogEntry& entry);
+    bool isForFile(const char* line, size_t length, const AndroidLogEntry& entry);
     int showLine(int fd, const char* line, size_t length, const AndroidLogEntry& entry);
     int storeLine(const char* line, size_t length, const AndroidLogEntry& entry, int result);
 

@@ -114,8 +114,8 @@ void KernelReader::awaitText(int fd, int timeoutMs) const {
 void KernelReader::storeLines(KernelSplitter& splitter) {
     KernelLine line;
     while (mState.mKLogThreadRunning && splitter.next(&line)) {
-        if (line.length > 1 && line.priority <= mState.mKLogLevel && mState.mKLogToFile &&
-            !mSink.put(line.text, line.length))
+        if (line.length > 1 && line.priority <= mState.mKLogLevel &&
+            mSink.wants(mState.mKLogToFile, line.text, line.length) && !mSink.put(line.text, line.length))
             logError("kernelLogReader logBufWrite failed\n");
         mFinish.step();
     }

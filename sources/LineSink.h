@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Flag.h"
+
 #include <cstdint>
 
 namespace vnlog {
@@ -13,6 +15,18 @@ class LineSink {
     /** Takes one line with its newline, whole or not at all; may wait for space. False when it is not taken,
      * which the caller reports. */
     virtual bool put(const char* line, uint32_t length) = 0;
+    /**
+     * A line that would be stored is not put. True when that is so because the storage is full: it is counted
+     * as lost.
+     */
+    virtual bool leaveOut(const char*, uint32_t) { return false; }
+    /**
+     * Whether a line that would be stored is to be put, by the switch of its source; counts it as lost
+     * otherwise where the storage is full.
+     */
+    bool wants(const Flag& toFile, const char* line, uint32_t length) {
+        return toFile || (!leaveOut(line, length) && toFile);
+    }
 
   protected:
     ~LineSink() = default;

@@ -18,7 +18,7 @@ struct Key {
 };
 constexpr Key kKeys[] = {
     {"UART_OUTPUT", "n", "y", "y>y,yes>y,Y>n, y>n,->n,$n>n,$y>y,$yes>n"},
-    {"NAND_FILE_OUTPUT", "y", "n", "yes>y,n>n,->n,$y>y,$yes>n"},
+    {"NAND_FILE_OUTPUT", "y", "n", "yes>y,n>n,->n,n\nSTORAGE_FULL=y>y,$y>y,$yes>n"},
     {"SAVE_FLUSH_SWITCH", "y", "n", "n>n,>n,->n,$y>y,$Y>n"},
     {"STORAGE_PATH", "/the/root", "/the/root", ">,->/from/environment,$/other>/the/root"},
     {"STORAGE_FULL", "n", "n", "y>n,->n,$y>n,n MAX_LOG_SIZE=x!"},

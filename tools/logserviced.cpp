@@ -119,7 +119,7 @@ int serve(const std::string& root) {
         return kFailure;
     }
     if (!service->mFlushThreadRunning)
-        std::fprintf(stderr, "%s: the storage cannot be used, nothing is stored\n", kProgram);
+        std::fprintf(stderr, "%s: the storage cannot be used, nothing is stored until it can\n", kProgram);
     std::string place = vnlog::platform::servicePlace(name);
     std::string store = storageRoot(*service);
     android::status_t status = vnlog::platform::publishService(name, service);
