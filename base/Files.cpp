@@ -4,6 +4,8 @@
 #include "base/Handles.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <limits>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -27,9 +29,9 @@ bool folderSize(const char* path, uint32_t* sum) {
     Folder folder(path);
     uint32_t found = 0;
     while (const dirent* entry = folder.valid() ? folder.next() : nullptr) {
-        int64_t size = folder.entrySize(entry->d_name);
-        if (size > 0)
-            found += static_cast<uint32_t>(size);
+        struct stat info;
+        if (folder.examine(entry->d_name, Links::Followed, &info))
+            found += static_cast<uint32_t>(info.st_size);
     }
     if (!folder.valid() || folder.failed()) {
         logError("fail to getFolderSize path error!\n");
@@ -60,6 +62,40 @@ uint32_t freeSpace(const char* path) {
     uint64_t blockSize = std::max<uint64_t>(info.f_bsize, 1);
     uint64_t blocks = std::min<uint64_t>(info.f_bfree, limit / blockSize + 1); // keeps the product in range
     return static_cast<uint32_t>(std::min(blocks * info.f_bsize, limit));
+}
+
+OwnFolder ownFolder(const char* path) {
+    struct stat info;
+    int error = 0;
+    if (lstat(path, &info) != 0)
+        error = errno;
+    else if (!S_ISDIR(info.st_mode))
+        error = S_ISLNK(info.st_mode) ? ELOOP : ENOTDIR;
+    else if (info.st_uid != geteuid() && info.st_uid != 0)
+        error = EPERM;
+    if (error == ENOENT)
+        return OwnFolder::Missing;
+    if (error == 0) {
+        constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
+        if ((info.st_mode & kOthersWrite) != 0 && info.st_uid == geteuid())
+            (void)chmod(path, info.st_mode & 07777 &
+                                  ~kOthersWrite); // on a medium without rights it changes nothing
+        return OwnFolder::Ours;
+    }
+    char reason[128];
+    logError("[%s] is not used as a folder of the store: %s\n", path,
+             strerror_r(error, reason, sizeof reason));
+    errno = error;
+    return OwnFolder::Refused;
+}
+
+bool lackOfRoom(int error) {
+    return error == ENOSPC || error == EDQUOT;
+}
+
+bool nameTaken(const char* path) {
+    struct stat info;
+    return lstat(path, &info) == 0;
 }
 
 bool pathExists(const char* path) {

@@ -22,7 +22,22 @@ uint32_t fileSize(const char* path);
 /** Free bytes of the file system that holds `path`, at most 4294967295; 0, reported, when it cannot tell. */
 uint32_t freeSpace(const char* path);
 
-/** Whether anything is at `path`. */
+enum class OwnFolder { Missing, Ours, Refused };
+
+/**
+ * Whether there is a folder of this process's user or of root at `path`. Anything else there is refused and
+ * reported, a link as well; errno tells why, as it does when it cannot be told. Write rights of others on a
+ * folder of this user's are taken away.
+ */
+OwnFolder ownFolder(const char* path);
+
+/** Whether this is what a call gives (errno) that finds no room on the medium. */
+bool lackOfRoom(int error);
+
+/** Whether there is anything at `path`, be it a link to nowhere. */
+bool nameTaken(const char* path);
+
+/** Whether `path` leads to anything, links followed. */
 bool pathExists(const char* path);
 
 } // namespace vnlog

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vnlog {
@@ -133,9 +132,8 @@ const dirent* Folder::next() {
     }
 }
 
-int64_t Folder::entrySize(const char* name) const {
-    struct stat info;
-    return fstatat(dirfd(mListing), name, &info, 0) == 0 ? info.st_size : -1;
+bool Folder::examine(const char* name, Links links, struct stat* info) const {
+    return fstatat(dirfd(mListing), name, info, links == Links::Refused ? AT_SYMLINK_NOFOLLOW : 0) == 0;
 }
 
 int Folder::close() {

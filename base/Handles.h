@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <pthread.h>
+#include <sys/stat.h>
 
 /*
  * The owning types for descriptors, streams and folders, and the calls that make and use them.
@@ -107,8 +108,8 @@ class Folder {
     [[nodiscard]] const dirent* next();
     /** Whether the listing ended in an error, so that entries may be missing. */
     [[nodiscard]] bool failed() const { return mFailed; }
-    /** Size in bytes of the entry `name`, symbolic links followed; -1 when it cannot be examined. */
-    [[nodiscard]] int64_t entrySize(const char* name) const;
+    /** Examines the entry `name`. False with errno set. */
+    [[nodiscard]] bool examine(const char* name, Links links, struct stat* info) const;
     /** Closes the listing. 0, or -1 with errno set; an object that is not open gives 0. */
     int close();
 

@@ -188,6 +188,10 @@ CommandAnswer Dispatcher::setStorageRoot(const char* param) {
         logError("STORAGE_PATH(%s) can not open\n", param);
         return {0, true};
     }
+    if (mTargets.store.contains(param)) {
+        logError("STORAGE_PATH(%s) lies inside the stored log, where it would be deleted with it\n", param);
+        return {-1};
+    }
     if (mState.mFlushSwitch)
         logError("error: Please turn off the storage function\n");
     mTargets.store.changeRoot(param);

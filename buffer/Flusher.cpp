@@ -29,14 +29,16 @@ void Flusher::drainUntilDone() {
     bool retry = false;
     while (mState.mFlushThreadRunning) {
         uint32_t requestsSeen = mRing.requests();
-        switch (drain(retry, requestsSeen)) {
+        Drain drained = drain(retry, requestsSeen);
+        switch (drained) {
         case Drain::Idle:
         case Drain::Done:
             return;
         case Drain::Again: // what is left is offered at once; if that moves nothing, it has failed
             break;
         case Drain::Failed:
-            mRing.drainFailed();
+        case Drain::Full:
+            mRing.drainFailed(drained == Drain::Full);
             mTarget.closeSection();
             mRing.pause(pause, requestsSeen);
             pause = std::min(pause * 2, kLongestPauseSeconds);
@@ -77,6 +79,9 @@ Flusher::Drain Flusher::drain(bool retry, uint32_t requestsSeen) {
         return Drain::Again; // the new root is as good as any: no pause
     case SaveStatus::CutFailed:
         break;
+    case SaveStatus::MediumFull:
+        logError("error: failed to save log,please check it\n");
+        return Drain::Full;
     }
     logError("error: failed to save log,please check it\n");
     return Drain::Failed;

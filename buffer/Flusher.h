@@ -10,6 +10,7 @@ enum class SaveStatus {
     Saved,
     WriteFailed, ///< a write failed; `moved` bytes had gone before it
     CutFailed, ///< the section could not be ended or the next one not opened
+    MediumFull, ///< either, because the medium has no room and nothing is left to be deleted
     RootMoved, ///< the same, because the root was changed while the section was open: worth another try at
                ///< once
 };
@@ -46,7 +47,7 @@ class Flusher {
     void run();
 
   private:
-    enum class Drain { Idle, Done, Again, Failed };
+    enum class Drain { Idle, Done, Again, Failed, Full };
 
     void drainUntilDone();
     Drain drain(bool retry, uint32_t requestsSeen);

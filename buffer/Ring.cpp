@@ -35,17 +35,14 @@ class VNLOG_SCOPED_LOCK RingGuard {
     pthread_mutex_t& mMutex;
 };
 
-/** Writes one piece. A file that takes only a part of it is cut back, for the piece will be offered again. */
+/** Writes one piece; reports its failure and leaves errno. */
 bool writeOrReport(int fd, const char* bytes, uint32_t length, int place) {
-    off_t start = lseek(fd, 0, SEEK_CUR);
     if (writeAll(fd, bytes, length))
         return true;
     int error = errno;
-    if (start >= 0 && ftruncate(fd, start) == 0)
-        (void)lseek(fd, start, SEEK_SET);
-    errno = error;
     logError("line[%d] logBufRead2File write failed \n", place);
-    logErrno();
+    logErrno(error);
+    errno = error;
     return false;
 }
 
@@ -60,6 +57,17 @@ bool writeUsed(const LogBuf& buffer, int fd, uint32_t start, uint32_t count) VNL
         return writeOrReport(fd, buffer.buf + start, count, kPlaceWhole);
     return writeOrReport(fd, buffer.buf + start, toEnd, kPlaceFirst) &&
            writeOrReport(fd, buffer.buf, count - toEnd, kPlaceSecond);
+}
+
+/** Cuts a file back to `start`, for what was written will be offered again. Returns how much of it stays. */
+uint32_t cutBack(int fd, off_t start) {
+    off_t end = lseek(fd, 0, SEEK_CUR);
+    if (start < 0 || end <= start)
+        return 0;
+    if (ftruncate(fd, start) != 0)
+        return static_cast<uint32_t>(end - start);
+    (void)lseek(fd, start, SEEK_SET);
+    return 0;
 }
 
 uint32_t usedBytes(const LogBuf& buffer) {
@@ -267,15 +275,14 @@ PutResult Ring::waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length) 
         }
     }
     postOrReport(&buffer.sem_read, "logBufWrite sem_post failed \n");
-    PutResult full{PutStatus::StorageFull};
     for (;;) {
         if (tryCopy(buffer, bytes, length))
             return {PutStatus::Stored};
         if (closed())
             return {PutStatus::Closed};
         if (mDrainFailing) {
-            if (mediumTooSmall(buffer, &full))
-                return full;
+            if (mMediumFull)
+                return mediumIsFull(buffer);
             ++mRefusedRecords;
             return {PutStatus::Refused};
         }
@@ -283,18 +290,11 @@ PutResult Ring::waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length) 
                  static_cast<ssize_t>(buffer.free_size.load()));
         if (!waitOrReport(&buffer.sem_write, " logBufWrite sem_wait failed\n"))
             return {PutStatus::WaitFailed};
-        if (closed())
-            return {PutStatus::Closed};
-        if (mediumTooSmall(buffer, &full))
-            return full;
     }
 }
 
-/** Whether the medium has less room than the ring holds; stores both amounts. */
-bool Ring::mediumTooSmall(const LogBuf& buffer, PutResult* result) {
-    result->freeBytes = mMedium.freeBytes();
-    result->usedBytes = vnlog::usedBytes(buffer);
-    return result->usedBytes > result->freeBytes;
+PutResult Ring::mediumIsFull(const LogBuf& buffer) const {
+    return {PutStatus::StorageFull, mMedium.freeBytes(), vnlog::usedBytes(buffer)};
 }
 
 TakeResult Ring::take(int fd, uint32_t wanted) {
@@ -308,15 +308,21 @@ TakeResult Ring::take(int fd, uint32_t wanted) {
         start = buffer.read_pos;
         count = std::min(wanted, usedBytes(buffer));
     }
-    if (!writeUsed(buffer, fd, start, count))
-        return {TakeStatus::WriteFailed};
+    off_t before = lseek(fd, 0, SEEK_CUR);
+    TakeResult result{TakeStatus::Taken, count};
+    if (!writeUsed(buffer, fd, start, count)) {
+        result = {TakeStatus::WriteFailed, 0, errno};
+        result.count = cutBack(fd, before);
+        if (result.count == 0)
+            return result;
+    }
     {
         RingGuard lock(buffer);
-        buffer.read_pos = (start + count) % (buffer.last_pos + 1);
-        buffer.free_size += count;
+        buffer.read_pos = (start + result.count) % (buffer.last_pos + 1);
+        buffer.free_size += result.count;
     }
     postOrReport(&buffer.sem_write, "logBufRead2File sem_post failed \n");
-    return {TakeStatus::Taken, count};
+    return result;
 }
 
 uint32_t Ring::used() const {
@@ -362,7 +368,8 @@ void Ring::pause(unsigned seconds, uint32_t seen) {
     }
 }
 
-void Ring::drainFailed() {
+void Ring::drainFailed(bool mediumFull) {
+    mMediumFull = mediumFull; // first: a writer that sees the failure asks for its kind
     mDrainFailing = true;
     wakeWaiters(); // they look at the medium themselves: no drain is coming that would wake them
 }

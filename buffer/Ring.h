@@ -8,7 +8,7 @@
 
 namespace vnlog {
 
-/** Where the buffered bytes go in the end, as far as a writer without space asks about it. */
+/** Where the buffered bytes go in the end, as far as a writer is told about it. */
 class Medium {
   public:
     /** Free bytes there; 0 when it cannot tell. Any thread, no lock of the ring is held. */
@@ -24,7 +24,7 @@ enum class PutStatus {
     TooLong, ///< the record can never fit; reported
     Closed, ///< the ring was closed while the writer waited
     Refused, ///< there is no space, and draining fails; counted
-    StorageFull, ///< there is no space, and less room on the medium than the ring holds
+    StorageFull, ///< there is no space, and the medium has no room
     WaitFailed, ///< reported
 };
 
@@ -40,7 +40,8 @@ enum class TakeStatus { Taken, NotInService, WriteFailed };
 /** What a drain took. */
 struct TakeResult {
     TakeStatus status;
-    uint32_t count = 0; ///< bytes written out and freed; none after a failed write
+    uint32_t count = 0; ///< bytes written out and freed, also before a write that failed
+    int error = 0; ///< errno of a failed write
 };
 
 /**
@@ -70,7 +71,8 @@ class Ring {
     PutResult put(const void* bytes, uint32_t length);
     /**
      * Writes up to `wanted` of the oldest bytes to `fd` and frees them. The consumer only. A write that fails
-     * is reported, cut back as far as the file allows, and consumes nothing.
+     * is reported and cut back with all that this call has written, and nothing is consumed; what a file does
+     * not let itself be cut back by is consumed.
      */
     TakeResult take(int fd, uint32_t wanted);
     /** Bytes that are not yet written out; 0 without a record. Any thread, never waits. */
@@ -98,8 +100,9 @@ class Ring {
     void forgetRequest(uint32_t seen);
     /** Waits `seconds`; a stop or a request after `seen` ends the wait, other posts do not. */
     void pause(unsigned seconds, uint32_t seen);
-    /** Puts the writers on notice: those without space are refused from now on, those that wait get up. */
-    void drainFailed();
+    /** Puts the writers on notice: those without space are refused from now on, those that wait get up. With
+     * `mediumFull` they are told that. */
+    void drainFailed(bool mediumFull);
     /** Ends that, and reports how many records were refused meanwhile. */
     void drainWorks();
     /** Says what a stop throws away, and counts it. */
@@ -127,7 +130,7 @@ class Ring {
     void destroy(Built built);
     bool tryCopy(LogBuf& buffer, const void* bytes, uint32_t length);
     PutResult waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length);
-    bool mediumTooSmall(const LogBuf& buffer, PutResult* result);
+    PutResult mediumIsFull(const LogBuf& buffer) const;
     void wakeWaiters();
     void reportRefused();
     void countDropped();
@@ -140,6 +143,7 @@ class Ring {
     std::atomic<uint32_t> mFlushRequests{0};
     std::atomic<uint32_t> mRefusedRecords{0}; ///< since draining began to fail
     Flag mDrainFailing{false}; ///< the last drain failed
+    Flag mMediumFull{false}; ///< it did so for want of room
     std::atomic<uint32_t> mDroppedBytes{0};
     std::atomic<uint32_t> mDroppedLines{0};
 };

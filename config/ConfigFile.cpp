@@ -17,7 +17,7 @@ namespace vnlog {
 namespace {
 
 constexpr mode_t kConfigurationMode = 0555;
-constexpr off_t kMaxConfigurationSize = 1024 * 1024;
+constexpr off_t kMaxConfigurationSize = 1048576;
 
 Path besides(const char* path, const char* end) {
     Path whole;
@@ -122,7 +122,7 @@ bool replaceConfiguration(const char* path, const char* text, size_t length) {
     bool written = writeNew(draft.text, text, length);
     if (written && !takeDraft(draft.text, path))
         return false;
-    if (!written && (errno == ENOSPC || errno == EDQUOT))
+    if (!written && lackOfRoom(errno))
         written = writeInPlace(path, text, length);
     if (written && syncFolderOf(path))
         return true;
@@ -133,7 +133,8 @@ bool replaceConfiguration(const char* path, const char* text, size_t length) {
 
 bool restoreConfiguration(const char* path) {
     Path backup = backupOf(path);
-    if (!pathExists(backup.text))
+    struct stat info;
+    if (lstat(backup.text, &info) != 0 || !S_ISREG(info.st_mode))
         return false;
     logError("the last save of %s was cut off, the settings from before it are used\n", path);
     if (std::rename(backup.text, path) == 0)

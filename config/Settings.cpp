@@ -199,7 +199,14 @@ void Settings::releaseTexts() {
     mTextsOwned = false;
 }
 
+bool Settings::forgetGivingUp() {
+    bool gaveUp = mGaveUp;
+    mGaveUp = false;
+    return gaveUp;
+}
+
 bool Settings::load() {
+    mGaveUp = false;
     const char* own = mState.mCfgPath;
     if (parse(own)) {
         discardOldConfiguration(own);
@@ -246,7 +253,8 @@ bool Settings::read(const Setting& setting, const char* text, const char* path) 
         setFlags(mState, setting, valueIsYes(text, setting.key));
         return true;
     case Kind::GivenUp:
-        if (valueIsYes(text, setting.key))
+        mGaveUp = valueIsYes(text, setting.key);
+        if (mGaveUp)
             mState.mKLogToFile = mState.mALogToFile = true;
         return true;
     case Kind::Root:

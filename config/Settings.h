@@ -34,6 +34,8 @@ class Settings {
      * had set before it failed stays.
      */
     [[nodiscard]] bool load() VNLOG_REQUIRES(CommandLock::role);
+    /** Whether the settings that were read tell that storing was given up for a full medium; once. */
+    [[nodiscard]] bool forgetGivingUp() VNLOG_REQUIRES(CommandLock::role);
     /** Takes the settings from the environment and the built-in defaults. */
     void takeDefaults() VNLOG_REQUIRES(CommandLock::role);
     /** Releases the texts that are needed only until the filter is built. */
@@ -58,6 +60,7 @@ class Settings {
     Filter& mFilter;
     /// Whether mModuleCfg and mFormatCfg are ours to release.
     bool mTextsOwned VNLOG_GUARDED_BY(CommandLock::role) = false;
+    bool mGaveUp VNLOG_GUARDED_BY(CommandLock::role) = false;
 };
 
 /** The key of the storage root in log.cfg. */

@@ -135,7 +135,7 @@ bool Comeback::tryAgain() {
 /** What the start could not do. */
 bool Comeback::prepareAgain() {
     const bool storing[] = {mFlags[LogService::FLUSH_THREAD], mFlags[LogService::KERNEL_READER], false};
-    if (!makeRing() || mParts.lifecycle.prepareStore() != Preparation::Done)
+    if (!makeRing() || !mParts.lifecycle.prepareStore())
         return false;
     if (!mParts.lifecycle.startWorkers(storing, true)) {
         if (mService.mFlushThreadRunning)

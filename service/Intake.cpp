@@ -94,6 +94,18 @@ bool Intake::forgo() {
     return true;
 }
 
+void Intake::reportLost() {
+    LockGuard<LossLock> lock(mLossLock);
+    if (mLost > 0)
+        logError("%u lines were not stored while the storage was full\n", mLost);
+    mLost = 0;
+}
+
+void Intake::tellOlderLoss() {
+    constexpr char kLine[] = "--------- lines lost here: the storage was full until the restart\n";
+    (void)mRing.put(kLine, sizeof kLine - 1); // into an empty ring
+}
+
 uint32_t Intake::resume() {
     LockGuard<LossLock> lock(mLossLock);
     uint32_t lost = mLost;

@@ -32,11 +32,15 @@ class Intake final : public LineSink {
     /** Appends one record. False, reported where the ring does, when it is not taken. */
     bool append(const void* bytes, uint32_t length);
 
-    // --- for the comeback, with the command lock held
+    // --- for comeback and life cycle, with the command lock held
 
     /** A new run: nothing is given up, nothing lost. */
     void beginRun() VNLOG_EXCLUDES(LossLock::role);
     bool givenUp() const { return mGivenUp; }
+    /** Says how many lines were lost that no line in the store will tell of any more: the service ends. */
+    void reportLost() VNLOG_EXCLUDES(LossLock::role);
+    /** Begins a run's log with a line that tells that an earlier run has lost some; nobody knows how many. */
+    void tellOlderLoss();
     /** Adds to the lines that were lost. */
     void addLost(uint32_t lines) VNLOG_EXCLUDES(LossLock::role);
     /**

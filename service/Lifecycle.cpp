@@ -26,9 +26,7 @@ bool Lifecycle::start(const bool* flags) {
         releaseTexts();
         return false;
     }
-    bool storing = false;
-    bool ready = buildFilter() && beginStoring(&storing);
-    if (!ready || !beginService(flags, storing)) {
+    if (!buildFilter() || !beginService(flags, beginStoring())) {
         undoStart();
         return false;
     }
@@ -89,32 +87,34 @@ bool Lifecycle::applyFilter() {
     return mParts.filter.build(mService.mFormatCfg, mService.mModuleCfg, mService.mALogLevel);
 }
 
-/** Prepares the store; `storing` tells whether it can be used. One that cannot is no failure. */
-bool Lifecycle::beginStoring(bool* storing) {
+/** Prepares the store. One that cannot be used is no failure of the start. */
+bool Lifecycle::beginStoring() {
     LockGuard<CommandLock> lock(mParts.commandLock);
-    Preparation result = prepareStore();
-    *storing = result == Preparation::Done;
-    return result != Preparation::SettingsNotSaved;
+    return prepareStore();
 }
 
-Preparation Lifecycle::prepareStore() {
-    if (!mParts.store.openNumbers() || !mParts.store.prepare())
-        return Preparation::NoStorage;
+bool Lifecycle::prepareStore() {
+    if (!mParts.store.prepare())
+        return false;
     if (!mParts.settings.save()) {
         logError("The log configuration failed to save !\n");
-        return Preparation::SettingsNotSaved;
+        return false;
     }
     if (!mParts.store.saveNumbers()) {
         logError("The storage data failed to save !\n");
-        return Preparation::NoStorage;
+        return false;
     }
-    return Preparation::Done;
+    return true;
 }
 
 bool Lifecycle::startWorkers(const bool* flags, bool storing) {
     Workers& workers = mParts.workers;
-    if (storing && flags[LogService::FLUSH_THREAD] && !workers.startFlushThread())
-        return false;
+    if (storing && flags[LogService::FLUSH_THREAD]) {
+        if (!workers.startFlushThread())
+            return false;
+        if (mParts.settings.forgetGivingUp())
+            mParts.intake.tellOlderLoss(); // before any reader puts a line in
+    }
     if (storing && flags[LogService::KERNEL_READER] && !workers.startKernelReader())
         return false;
     return !flags[LogService::ANDROID_READER] || workers.startAndroidReader();
@@ -130,6 +130,7 @@ void Lifecycle::undoStart() { // the Android reader starts last, so it never run
     if (mService.mFlushThreadRunning)
         (void)mParts.workers.endFlushThread();
     mParts.ring.release();
+    mParts.store.leaveRoot();
 }
 
 /*
@@ -179,9 +180,13 @@ bool Lifecycle::endStoring(const bool* flags) {
     LockGuard<CommandLock> lock(mParts.commandLock);
     if (flags[LogService::FLUSH_THREAD] && mService.mFlushThreadRunning && !mParts.workers.endFlushThread())
         return false;
-    if (!mService.mFlushThreadRunning) // it needs the ring as long as it runs
+    if (!mService.mFlushThreadRunning) { // it needs both as long as it runs
         mParts.ring.release();
+        mParts.store.leaveRoot();
+    }
     mService.mServiceStarted = anyWorker();
+    if (!mService.mServiceStarted)
+        mParts.intake.reportLost();
     if (mService.mServiceStarted && !flags[LogService::FLUSH_THREAD])
         mParts.comeback.resume(flags);
     return true;

@@ -9,13 +9,6 @@ struct HostLock {
     static LockRole role;
 };
 
-/** What came of preparing the store. */
-enum class Preparation {
-    Done,
-    NoStorage, ///< nothing can be stored
-    SettingsNotSaved,
-};
-
 /** Starts and stops the service: the sequence of steps over the parts and the workers. */
 class Lifecycle {
   public:
@@ -34,14 +27,15 @@ class Lifecycle {
     bool stopStoring() VNLOG_EXCLUDES(CommandLock::role);
     /**
      * Mends and prepares the store, closes off the previous run, and saves settings and numbers. Nothing is
-     * being stored meanwhile.
+     * being stored meanwhile. False, reported, when any of that fails: nothing can be stored.
      */
-    Preparation prepareStore() VNLOG_REQUIRES(CommandLock::role);
+    [[nodiscard]] bool prepareStore() VNLOG_REQUIRES(CommandLock::role);
     /**
-     * Starts the workers of these flags; without `storing` neither flush thread nor kernel reader. False when
-     * there is no thread for one: those before it run.
+     * Starts the workers of these flags; without `storing` neither flush thread nor kernel reader. After a
+     * run that had given storing up, the first line tells that. False when there is no thread for one: those
+     * before it run.
      */
-    bool startWorkers(const bool* flags, bool storing);
+    bool startWorkers(const bool* flags, bool storing) VNLOG_REQUIRES(CommandLock::role);
     /** LogService::logFilterInit. */
     bool applyFilter() VNLOG_REQUIRES(CommandLock::role);
 
@@ -50,7 +44,7 @@ class Lifecycle {
     void readSettings(const bool* flags) VNLOG_EXCLUDES(CommandLock::role);
     bool openStore();
     bool buildFilter() VNLOG_EXCLUDES(CommandLock::role);
-    bool beginStoring(bool* storing) VNLOG_EXCLUDES(CommandLock::role);
+    bool beginStoring() VNLOG_EXCLUDES(CommandLock::role);
     void releaseTexts() VNLOG_EXCLUDES(CommandLock::role);
     bool beginService(const bool* flags, bool storing) VNLOG_EXCLUDES(CommandLock::role);
     void undoStart();

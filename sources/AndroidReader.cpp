@@ -172,6 +172,8 @@ void AndroidReader::readLines(log_device_t* list) {
         finishBytes += pass.finishing ? pass.bytes : 0;
         bool last = pass.finishing && (pass.quiet || finishBytes >= FinishRequest::kMostBytes);
         printReady(merge, pass.quiet || last || merge.full());
+        if (last && !pass.quiet)
+            FinishRequest::reportRest("logcat");
         if (last)
             return;
         asleep = pass.quiet;

@@ -1,5 +1,7 @@
 #include "sources/FinishRequest.h"
 
+#include "base/Diagnostics.h"
+
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -12,6 +14,10 @@ void FinishRequest::make() {
     uint64_t one = 1;
     if (mWakeUp.valid())
         (void)!write(mWakeUp.get(), &one, sizeof one); // fails only where it is readable already
+}
+
+void FinishRequest::reportRest(const char* reader) {
+    logError("%s: more than %u byte came during the stop, the rest is not read\n", reader, kMostBytes);
 }
 
 void FinishRequest::withdraw() {

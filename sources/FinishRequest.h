@@ -27,6 +27,9 @@ class FinishRequest {
      * case a reader that waits hears of the request with its next data. */
     int wakeUp() const { return mWakeUp.get(); }
 
+    /** Says that a reader of this name has taken its most and leaves the rest. */
+    static void reportRest(const char* reader);
+
     /** The reader has come a step further. */
     void step() { ++mSteps; }
     /** How many steps it has made so far, modulo 2^32. */

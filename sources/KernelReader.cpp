@@ -99,8 +99,10 @@ bool KernelReader::readLines(int fd, char* buffer) {
         splitter.add(static_cast<uint32_t>(length));
         storeLines(splitter);
         finishBytes += finishing ? static_cast<uint32_t>(length) : 0;
-        if (finishBytes >= FinishRequest::kMostBytes)
+        if (finishBytes >= FinishRequest::kMostBytes) {
+            FinishRequest::reportRest("kernelLogReader");
             return true;
+        }
     }
     return true;
 }

@@ -7,6 +7,7 @@
 #include "base/ProcessorTime.h"
 #include "storage/Listing.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -30,6 +31,8 @@ constexpr Number kNumbers[] = {
     {"OLDEST_FILE_NUM=", 1, &StorageState::mOldestFileNum},
 };
 
+constexpr size_t kLongestFile = 65536; ///< what is longer is not ours
+
 /** Says which step of reading the file's size failed. */
 bool sizeFailed(const char* report) {
     logError("%s", report);
@@ -50,21 +53,43 @@ bool sizeOf(FILE* file, size_t* size) {
 
 /** The significant lines of the file; null, reported, when they cannot be read. */
 Text readBookkeeping(const char* path) {
-    Stream file = openForReading(path);
+    FileDescriptor own = openOwnFile(path, O_RDONLY);
+    Stream file(own.valid() ? fdopen(own.get(), "r") : nullptr);
     if (file == nullptr) {
         logError("[logStorageDataParse] fail to open storage data file !\n");
         logErrno();
         return nullptr;
     }
+    (void)own.release(); // the stream's from here on
     size_t size = 0;
     if (!sizeOf(file.get(), &size))
         return nullptr;
+    size = std::min(size, kLongestFile);
     Text text = readSignificantLines(file.get(), size);
     if (text == nullptr) {
         logError("[logStorageDataParse] fail to calloc cfg buf!\n");
         logErrno();
     }
     return text;
+}
+
+/** Writes a file anew, synced. False with errno set: nothing of it is left. */
+bool writeWhole(const char* path, const char* text, size_t length) {
+    (void)unlink(path); // of an attempt that was cut off
+    FileDescriptor file = openOwnFile(path, O_WRONLY | O_CREAT | O_EXCL, kBookkeepingMode);
+    if (!file.valid())
+        return false;
+    bool written = writeAll(file.get(), text, length);
+    if (!written) {
+        logError("logStorageDataSave write failed \n");
+        logErrno();
+    }
+    if (written && fsync(file.get()) == 0)
+        return true;
+    int error = errno;
+    (void)unlink(path);
+    errno = error;
+    return false;
 }
 
 } // namespace
@@ -75,23 +100,12 @@ bool Bookkeeping::save() {
     for (const Number& number : kNumbers)
         length += static_cast<size_t>(
             std::snprintf(text + length, sizeof text - length, "%s%u\n", number.key, mState.*number.member));
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
-    FileDescriptor file = openFile(mState.mStorageDataFile, kFlags, kBookkeepingMode);
-    Path draft = {}; // where the file is read-only to the service, one beside it takes its place
-    if (!file.valid() && errno == EACCES) {
-        draft = draftOf(mState.mStorageDataFile);
-        (void)unlink(draft.text); // of an attempt that was cut off
-        file = openFile(draft.text, kFlags, kBookkeepingMode);
-    }
-    if (!file.valid())
-        return false;
-    if (!writeAll(file.get(), text, length)) {
-        logError("logStorageDataSave write failed \n");
-        logErrno();
-        return false;
-    }
-    fsync(file.get());
-    return draft.text[0] == '\0' || rename(draft.text, mState.mStorageDataFile) == 0;
+    Path draft = draftOf(mState.mStorageDataFile);
+    if (writeWhole(draft.text, text, length))
+        return rename(draft.text, mState.mStorageDataFile) == 0;
+    // The numbers can be had from the folders again: no room for both files, or something odd in the draft's
+    // place, is no reason to go without.
+    return (lackOfRoom(errno) || errno == EEXIST) && writeWhole(mState.mStorageDataFile, text, length);
 }
 
 bool Bookkeeping::parse() {
@@ -119,34 +133,45 @@ void Bookkeeping::reset() {
     mState.mOldestFileNum = 1;
 }
 
+/** What the folders say. */
+struct Bookkeeping::Stock {
+    RunTotals runs;
+    RunContent current; ///< empty where there is none
+
+    uint32_t tail() const { return runs.oldestHolding != kNoNumber ? runs.oldestHolding : runs.newest; }
+    /** kNoNumber when no section is finished anywhere. */
+    uint32_t oldest() const {
+        return runs.oldestSection != kNoNumber ? runs.oldestSection : current.oldestArchive;
+    }
+};
+
+/** Looks into the folders. Done, or which of them cannot be told, with errno set. */
+RebuildStatus Bookkeeping::look(Stock* stock) {
+    if (!countRuns(mState.mLogServiceDir, &stock->runs))
+        return RebuildStatus::NoLogFolder;
+    bool known = lookIntoRun(mState.mCurrentDir, &stock->current) || errno == ENOENT || errno == ENOTDIR ||
+                 errno == ELOOP; // without a folder there is nothing in it
+    return known ? RebuildStatus::Done : RebuildStatus::NoRunFolder;
+}
+
 RebuildStatus Bookkeeping::rebuild() {
     ProcessorTime time;
-    RunTotals runs;
-    if (!countRuns(mState.mLogServiceDir, &runs)) {
-        logError("Failed to open storage folder.Please check !\n");
+    Stock stock;
+    RebuildStatus looked = look(&stock);
+    if (looked != RebuildStatus::Done) {
+        logError(looked == RebuildStatus::NoLogFolder ? "Failed to open storage folder.Please check !\n"
+                                                      : "Failed to open min_dir folder.Please check !\n");
         logErrno();
-        return RebuildStatus::NoLogFolder;
+        return looked;
     }
-    uint32_t oldest = 1;
-    uint32_t tail = runs.count > 0 ? runs.oldest : 0;
-    bool search = runs.count > 0 || folderState(mState.mCurrentDir) == FolderState::NotEmpty;
-    Path oldestRun = runFolderIn(mState.mLogServiceDir, tail);
-    if (search && !oldestSection(runs.count > 0 ? oldestRun.text : mState.mCurrentDir, &oldest)) {
-        logError("Failed to open min_dir folder.Please check !\n");
-        logErrno();
-        return RebuildStatus::NoRunFolder;
-    }
-    if (oldest == kNoNumber) {
+    if (stock.oldest() == kNoNumber && (stock.runs.count > 0 || stock.current.holdsSection())) {
         logError("file number search failed! \n");
         return RebuildStatus::NothingFound;
     }
-
+    take(stock, 0);
     logDebug("repairLogDatFile total_size:%zu\nhead:%u\ntail:%u\nold_file:%u\n",
-             static_cast<size_t>(runs.bytes), runs.newest, tail, oldest);
-    mState.mHeadFolderNum = runs.newest;
-    mState.mTotalLogSize = runs.bytes;
-    mState.mTailFolderNum = tail;
-    mState.mOldestFileNum = oldest;
+             static_cast<size_t>(mState.mTotalLogSize), mState.mHeadFolderNum, mState.mTailFolderNum,
+             mState.mOldestFileNum);
     if (!save()) {
         logError("[repairLogDatFile] storage data failed to save !\n");
         return RebuildStatus::NotSaved;
@@ -155,31 +180,46 @@ RebuildStatus Bookkeeping::rebuild() {
     return RebuildStatus::Done;
 }
 
-bool Bookkeeping::startAnew() {
-    RunTotals runs;
-    uint32_t oldest = 0;
-    if (!countRuns(mState.mLogServiceDir, &runs) || runs.count > 0 ||
-        !oldestSection(mState.mCurrentDir, &oldest) || oldest != kNoNumber)
-        return false;
-    reset();
-    return save();
+/** Sets the numbers; `lastRun` is the newest one's when there is no run. */
+void Bookkeeping::take(const Stock& stock, uint32_t lastRun) {
+    bool anyRun = stock.runs.count > 0;
+    mState.mHeadFolderNum = anyRun ? stock.runs.newest : lastRun;
+    mState.mTailFolderNum = anyRun ? stock.tail() : lastRun;
+    mState.mTotalLogSize = stock.runs.bytes;
+    mState.mOldestFileNum = stock.oldest() == kNoNumber ? 1 : stock.oldest();
 }
 
-bool Bookkeeping::matchesFolders() {
-    RunTotals runs;
-    if (!countRuns(mState.mLogServiceDir, &runs))
-        return true; // nothing to compare with
-    if (runs.count == 0)
-        return mState.mTailFolderNum == mState.mHeadFolderNum && mState.mTotalLogSize == 0;
-    bool archivingWillTell = pathExists(runFolder(mState.mLastDirPrefix, mState.mHeadFolderNum + 1).text) &&
-                             pathExists(mState.mCurrentDir) &&
-                             folderState(mState.mCurrentDir) == FolderState::NotEmpty;
-    if (archivingWillTell)
+bool Bookkeeping::takeStock() {
+    Stock stock;
+    if (look(&stock) != RebuildStatus::Done) {
+        logError("[%s] cannot be counted\n", mState.mLogServiceDir);
+        logErrno();
+        return false;
+    }
+    mState.mCurrentTotalSize = stock.current.archiveBytes;
+    mOnMedium = stock.runs.onMedium + stock.current.onMedium;
+    if (matches(stock))
         return true;
-    Path oldestRun = runFolder(mState.mLastDirPrefix, mState.mTailFolderNum);
-    return runs.newest == mState.mHeadFolderNum && runs.oldest == mState.mTailFolderNum &&
-           runs.bytes == mState.mTotalLogSize &&
-           pathExists(sectionArchive(oldestRun.text, mState.mOldestFileNum).text);
+    take(stock, mState.mHeadFolderNum); // the next run is to have a higher number than the last one had
+    if (!save()) { // the next start takes stock again
+        logError("[%s] failed to save !\n", mState.mStorageDataFile);
+        logErrno();
+    }
+    return true;
+}
+
+bool Bookkeeping::matchFolders() {
+    Stock stock;
+    return look(&stock) != RebuildStatus::Done || matches(stock);
+}
+
+/** An oldest number that names nothing is right as long as no section is finished. */
+bool Bookkeeping::matches(const Stock& stock) {
+    bool anyRun = stock.runs.count > 0;
+    return mState.mTotalLogSize == stock.runs.bytes &&
+           mState.mHeadFolderNum == (anyRun ? stock.runs.newest : mState.mTailFolderNum) &&
+           mState.mTailFolderNum == (anyRun ? stock.tail() : mState.mHeadFolderNum) &&
+           (stock.oldest() == kNoNumber || mState.mOldestFileNum == stock.oldest());
 }
 
 } // namespace vnlog

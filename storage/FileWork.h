@@ -26,7 +26,8 @@ class FileWork {
     /**
      * Puts the gzip archive `<text>.gz` in the place of the text; one that is there already is replaced. The
      * archive is written beside under its draft's name and is on the medium, name and all, before the text
-     * goes. Where it fails, text and older archive are as they were and the draft is gone.
+     *      * goes. Where it fails, the text is as it was, the archive is the older one or the whole new one,
+     * and the draft is gone.
      */
     virtual bool compress(const char* text) = 0;
     /** Removes a file; done as well when there is none. */

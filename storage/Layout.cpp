@@ -47,9 +47,24 @@ NameKind byEnd(const char* end, NameKind text, NameKind archive) {
     return rest != nullptr && std::strcmp(rest, kArchiveEnd) == 0 ? archive : NameKind::Foreign;
 }
 
-bool endsIn(const char* name, const char* end) {
-    size_t length = std::strlen(name), endLength = std::strlen(end);
-    return length >= endLength && std::strcmp(name + length - endLength, end) == 0;
+/** Takes the end off a text. False when it ends otherwise or is too long. */
+bool takeEnd(const char* text, const char* end, Path* beginning) {
+    size_t length = std::strlen(text), endLength = std::strlen(end);
+    if (length < endLength || std::strcmp(text + length - endLength, end) != 0)
+        return false;
+    return formatText(beginning->text, "%.*s", static_cast<int>(length - endLength), text);
+}
+
+/** What a name that is no section's stands for. */
+NameKind otherKind(const char* name) {
+    Path beginning;
+    if (takeEnd(name, kTextEnd, &beginning))
+        return NameKind::OtherText;
+    if (!takeEnd(name, kDraftEnd, &beginning))
+        return NameKind::Foreign;
+    NameKind whole = parseName(beginning.text).kind;
+    return whole == NameKind::Archive || whole == NameKind::OlderArchive ? NameKind::Draft
+                                                                         : NameKind::Foreign;
 }
 
 } // namespace
@@ -65,13 +80,18 @@ Path runFolder(const char* prefix, uint32_t run) {
     return path;
 }
 
-Path runFolderIn(const char* logs, uint32_t run) {
-    return runFolder(entryPath(logs, kRunName).text, run);
+Path strayFolder(const char* run, uint32_t copy) {
+    Path path;
+    if (copy == 0)
+        formatText(path.text, "%s.stray", run);
+    else
+        formatText(path.text, "%s.stray%u", run, copy);
+    return path;
 }
 
-Path strayFolder(const char* run) {
+Path damagedFolder(const char* logs) {
     Path path;
-    formatText(path.text, "%s.stray", run);
+    formatText(path.text, "%s.damaged", logs);
     return path;
 }
 
@@ -91,10 +111,14 @@ Path archiveOf(const char* text) {
     return path;
 }
 
-Path olderArchive(const char* run) {
+Path olderText(const char* run) {
     Path path;
-    formatText(path.text, "%s/%s%s%s", run, kLogName, kTextEnd, kArchiveEnd);
+    formatText(path.text, "%s/%s%s", run, kLogName, kTextEnd);
     return path;
+}
+
+Path olderArchive(const char* run) {
+    return archiveOf(olderText(run).text);
 }
 
 Path draftOf(const char* file) {
@@ -115,11 +139,8 @@ ParsedName parseName(const char* name) {
         kind = byEnd(rest, NameKind::PlainText, NameKind::Archive);
     else if (const char* end = behind(name, kLogName))
         kind = byEnd(end, NameKind::OlderText, NameKind::OlderArchive);
-    if (kind == NameKind::Foreign) {
-        return {endsIn(name, kTextEnd)        ? NameKind::OtherText
-                : endsIn(name, ".txt.gz.new") ? NameKind::Draft
-                                              : NameKind::Foreign};
-    }
+    if (kind == NameKind::Foreign)
+        return {otherKind(name)};
     bool numbered = kind == NameKind::PlainText || kind == NameKind::Archive;
     return {kind, numbered ? number : 0};
 }

@@ -44,21 +44,21 @@ constexpr char kTextEnd[] = ".txt";
 constexpr char kArchiveEnd[] = ".gz";
 /** Ends the name under which a file is written before it takes the place of the whole one. */
 constexpr char kDraftEnd[] = ".new";
-/** Where a log folder goes that contradicts itself, under the root. */
-constexpr char kDamagedFolder[] = "log_service.damaged";
 
 /** Characters that the log folder's path has beyond the root. */
 constexpr size_t kLogFolderLength = sizeof kLogFolder;
 
 // --- Paths. `prefix` is the log folder with kRunName, `run` a run's folder.
 
-/** last_<run>, by the prefix, or in the log folder. */
+/** last_<run>. */
 Path runFolder(const char* prefix, uint32_t run);
-Path runFolderIn(const char* logs, uint32_t run);
-Path strayFolder(const char* run); ///< where a run without sections is moved: <run>.stray
+/** Where a run without sections is moved: <run>.stray, and with a `copy` above 0 <run>.stray<copy>. */
+Path strayFolder(const char* run, uint32_t copy);
+Path damagedFolder(const char* logs); ///< where a log folder goes that contradicts itself: <logs>.damaged
 Path sectionText(const char* run, uint32_t section); ///< log_<section>.txt
 Path sectionArchive(const char* run, uint32_t section); ///< log_<section>.txt.gz
 Path archiveOf(const char* text); ///< what compressing the text makes of it: <text>.gz
+Path olderText(const char* run); ///< log.txt
 Path olderArchive(const char* run); ///< log.txt.gz
 Path draftOf(const char* file); ///< what is to replace the file: <file>.new
 
@@ -71,7 +71,7 @@ enum class NameKind {
     OlderArchive, ///< log.txt.gz
     OlderText, ///< log.txt
     OtherText, ///< anything else that ends in .txt
-    Draft, ///< an archive that was not finished: anything that ends in .txt.gz.new
+    Draft, ///< an archive of a section or of the older form that was not finished
     Foreign,
 };
 

@@ -3,12 +3,47 @@
 #include "base/Files.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <dirent.h>
-#include <sys/stat.h>
 
 namespace vnlog {
 
-Listing::Listing(const char* folder) : mPath(folder), mFolder(folder) {}
+namespace {
+
+void addEntry(const StoredEntry& entry, const struct stat& info, RunContent* content) {
+    auto size = static_cast<uint32_t>(info.st_size);
+    content->bytes += size;
+    content->onMedium += bytesOnMedium(info);
+    if (entry.type != EntryType::File)
+        return;
+    bool older = entry.kind == NameKind::OlderText || entry.kind == NameKind::OlderArchive;
+    content->older = content->older || older;
+    content->text = content->text || entry.kind == NameKind::PlainText || entry.kind == NameKind::OlderText;
+    content->draft = content->draft || entry.kind == NameKind::Draft;
+    if (!entry.isSection())
+        return;
+    content->oldestSection = std::min(content->oldestSection, entry.number);
+    if (entry.kind != NameKind::Archive)
+        return;
+    ++content->archives;
+    content->archiveBytes += size;
+    content->oldestArchive = std::min(content->oldestArchive, entry.number);
+}
+
+/** Whether what a listing failed with says nothing about the folder, so that its content is not known. */
+bool mayPass(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
+}
+
+/** One step of the FNV-1a hash. */
+uint64_t mixed(uint64_t hash, uint64_t value) {
+    constexpr uint64_t kPrime = 1099511628211U;
+    return (hash ^ value) * kPrime;
+}
+
+} // namespace
+
+Listing::Listing(const char* folder) : mPath(folder), mFolder(folder, Links::Refused) {}
 
 bool Listing::next(StoredEntry* entry) {
     const dirent* found = mFolder.next();
@@ -23,6 +58,10 @@ bool Listing::path(const StoredEntry& entry, Path* path) const {
     return formatText(path->text, "%s/%s", mPath, entry.name);
 }
 
+bool Listing::examine(const StoredEntry& entry, struct stat* info) const {
+    return mFolder.examine(entry.name, Links::Refused, info);
+}
+
 EntryType entryType(const char* folder, const char* name, unsigned char type) {
     if (type == DT_UNKNOWN) {
         Path path;
@@ -34,6 +73,22 @@ EntryType entryType(const char* folder, const char* name, unsigned char type) {
     return type == DT_DIR ? EntryType::Folder : type == DT_REG ? EntryType::File : EntryType::Other;
 }
 
+bool lookIntoRun(const char* run, RunContent* content) {
+    *content = RunContent();
+    Listing listing(run);
+    struct stat info;
+    if (!listing.valid())
+        return false;
+    if (lstat(run, &info) == 0)
+        content->onMedium += bytesOnMedium(info);
+    StoredEntry entry;
+    while (listing.next(&entry)) {
+        if (listing.examine(entry, &info))
+            addEntry(entry, info, content);
+    }
+    return !listing.failed();
+}
+
 bool countRuns(const char* logs, RunTotals* totals) {
     *totals = RunTotals();
     Listing listing(logs);
@@ -41,47 +96,52 @@ bool countRuns(const char* logs, RunTotals* totals) {
         return false;
     StoredEntry entry;
     while (listing.next(&entry)) {
-        if (entry.kind != NameKind::Run || entry.type != EntryType::Folder)
+        if (!entry.isRun())
             continue;
         Path path;
-        uint32_t size = 0;
+        RunContent content;
         listing.path(entry, &path);
-        (void)folderSize(path.text, &size); // reported there; what cannot be counted adds nothing
+        if (!lookIntoRun(path.text, &content) && mayPass(errno))
+            return false;
         ++totals->count;
-        totals->bytes += size;
-        totals->oldest = std::min(totals->oldest, entry.number);
         totals->newest = std::max(totals->newest, entry.number);
+        if (!content.holdsSection())
+            continue; // nothing of it is ours to delete
+        totals->bytes += content.bytes;
+        totals->onMedium += content.onMedium;
+        if (entry.number < totals->oldestHolding) {
+            totals->oldestHolding = entry.number;
+            totals->oldestSection = content.oldestSection;
+        }
     }
     return !listing.failed();
 }
 
-bool oldestSection(const char* run, uint32_t* number) {
-    *number = kNoNumber;
-    Listing listing(run);
-    if (!listing.valid())
-        return false;
+bool nextRun(const char* logs, uint32_t least, uint32_t* number) {
+    Listing listing(logs);
     StoredEntry entry;
-    while (listing.next(&entry)) {
-        if (entry.kind == NameKind::Archive && entry.type == EntryType::File)
+    *number = kNoNumber;
+    while (listing.valid() && listing.next(&entry)) {
+        if (entry.isRun() && entry.number >= least)
             *number = std::min(*number, entry.number);
     }
-    return !listing.failed();
+    return *number != kNoNumber && !listing.failed();
 }
 
-bool lookIntoRun(const char* run, RunContent* content) {
-    *content = RunContent();
-    Listing listing(run);
-    if (!listing.valid())
-        return false;
+uint64_t storeStamp(const char* logs) {
+    Listing listing(logs);
+    uint64_t sum = 1;
     StoredEntry entry;
-    while (listing.next(&entry)) {
-        if (entry.type != EntryType::File)
+    while (listing.valid() && listing.next(&entry)) {
+        struct stat info;
+        if (!(entry.isRun() || entry.kind == NameKind::Current) || !listing.examine(entry, &info))
             continue;
-        content->archive = content->archive || entry.kind == NameKind::Archive;
-        content->text =
-            content->text || entry.kind == NameKind::PlainText || entry.kind == NameKind::OlderText;
+        uint64_t one = mixed(entry.isRun() ? entry.number : kNoNumber, info.st_ino);
+        one = mixed(one, static_cast<uint64_t>(info.st_mtim.tv_sec));
+        sum +=
+            mixed(one, static_cast<uint64_t>(info.st_mtim.tv_nsec)); // the order of the entries says nothing
     }
-    return !listing.failed();
+    return listing.valid() && !listing.failed() ? sum : 0;
 }
 
 } // namespace vnlog

@@ -4,8 +4,9 @@
 #include "storage/Layout.h"
 
 #include <cstdint>
+#include <sys/stat.h>
 
-/* The one walk through a store: whoever looks at what is stored uses it. */
+/* The one walk through a store: whoever looks at what is stored uses it. No link is followed. */
 namespace vnlog {
 
 enum class EntryType { Folder, File, Other };
@@ -16,6 +17,12 @@ struct StoredEntry {
     EntryType type = EntryType::Other; ///< links are Other
     NameKind kind = NameKind::Foreign; ///< by the name alone
     uint32_t number = 0; ///< of a run or a section
+
+    /** Whether it is a numbered section, compressed or not. */
+    bool isSection() const {
+        return type == EntryType::File && (kind == NameKind::Archive || kind == NameKind::PlainText);
+    }
+    bool isRun() const { return type == EntryType::Folder && kind == NameKind::Run; }
 };
 
 /** Lists the entries of the log folder or of one run, in no order. */
@@ -31,6 +38,8 @@ class Listing {
     [[nodiscard]] bool failed() const { return mFolder.failed(); }
     /** Path of an entry; false when it was cut. */
     bool path(const StoredEntry& entry, Path* path) const;
+    /** Examines an entry. False with errno set. */
+    bool examine(const StoredEntry& entry, struct stat* info) const;
 
   private:
     const char* mPath;
@@ -40,30 +49,53 @@ class Listing {
 /** Type of the entry `name` of `folder`, from the listing's `type`; lstat decides where that says nothing. */
 EntryType entryType(const char* folder, const char* name, unsigned char type);
 
+/** Bytes of the blocks that a file takes on its medium. */
+inline uint64_t bytesOnMedium(const struct stat& info) {
+    return static_cast<uint64_t>(info.st_blocks) * 512; // stat's unit, whatever the file system's is
+}
+
+/** What a run's folder holds. */
+struct RunContent {
+    uint32_t bytes = 0; ///< of all entries directly inside, modulo 2^32
+    uint64_t onMedium = 0; ///< bytes of the blocks that they and the folder take
+    uint32_t archives = 0; ///< finished sections
+    uint32_t archiveBytes = 0;
+    uint32_t oldestArchive = kNoNumber;
+    uint32_t oldestSection = kNoNumber; ///< finished or still a text
+    bool text = false; ///< there is a section that is not compressed, or a log of the older form
+    bool older = false; ///< there is a log of the older form
+    bool draft = false;
+
+    bool holdsSection() const { return oldestSection != kNoNumber; }
+};
+
+/** Looks into a run's folder. False with errno set when it cannot be listed to its end. */
+[[nodiscard]] bool lookIntoRun(const char* run, RunContent* content);
+
 /** What the archived runs amount to. */
 struct RunTotals {
     uint32_t count = 0;
-    uint32_t bytes = 0; ///< of the entries directly inside each
-    uint32_t oldest = kNoNumber;
+    uint32_t bytes = 0; ///< of the entries directly inside each that holds a section, modulo 2^32
+    uint64_t onMedium = 0; ///< bytes of the blocks that those take
     uint32_t newest = 0;
+    uint32_t oldestHolding = kNoNumber; ///< the oldest run that holds a section, kNoNumber when none does
+    uint32_t oldestSection = kNoNumber; ///< the oldest section in that
 };
-
-/** Adds up the archived runs of a log folder. False with errno set when it cannot be listed to its end. */
-[[nodiscard]] bool countRuns(const char* logs, RunTotals* totals);
 
 /**
- * Stores the lowest number of a finished section in the folder, kNoNumber when there is none.
- * False with errno set when it cannot be listed to its end.
+ * Adds up the archived runs of a log folder; one that this user may not list adds nothing. False with errno
+ * set when the log folder cannot be listed to its end, or a run cannot for a reason that may pass.
  */
-[[nodiscard]] bool oldestSection(const char* run, uint32_t* number);
+[[nodiscard]] bool countRuns(const char* logs, RunTotals* totals);
 
-/** What a run holds that is, or is to become, a finished section. */
-struct RunContent {
-    bool archive = false;
-    bool text = false;
-};
+/** Stores the lowest number from `least` on that a run has. False when there is none, or it cannot be told.
+ */
+bool nextRun(const char* logs, uint32_t least, uint32_t* number);
 
-/** Looks into a run's folder. False when it cannot be listed to its end. */
-[[nodiscard]] bool lookIntoRun(const char* run, RunContent* content);
+/**
+ * A number that differs when runs or sections have come to the log folder or have gone from it: made of the
+ * names and times of all runs and of the current one, without listing them. 0 when that is not possible.
+ */
+uint64_t storeStamp(const char* logs);
 
 } // namespace vnlog

@@ -4,6 +4,7 @@
 #include "storage/FileWork.h"
 #include "storage/Retention.h"
 #include "storage/RunFolders.h"
+#include "storage/RunMender.h"
 
 #include <cstdint>
 
@@ -12,56 +13,53 @@ namespace vnlog {
 enum class PrepareStatus {
     Ready = 0,
     NoLogFolder = -1,
-    CurrentUnreadable = -2,
-    StaleArchiveStays = -3,
-    NotCompressed = -4,
-    NotCounted = -5,
-    NumbersLost = -6, ///< the next run's number was taken, and the numbers could not be rebuilt
+    CurrentUnreadable = -2, ///< it cannot be listed, or is none of ours
+    NotCounted = -5, ///< the runs cannot be listed, or there is no number for a new one
     NotArchived = -7,
     NoNewCurrent = -8,
     NoCurrent = -9,
-    BoundNumbersLost = -10, ///< a deletion failed, and so did the rebuild after it
-    BoundNotHeld = -11, ///< the deletion passes are spent
+    NotDeleted = -10, ///< the bound does not hold: a section cannot be deleted
+    Contradiction = -11, ///< the bound does not hold: the folders name sections that are not there
 };
 
 /**
- * What a start does with the store that it finds, in this order:
- *   openNumbers   puts the archived runs in order, then reads the bookkeeping or rebuilds it
- *   prepare       compresses and archives the previous run, keeps the bound, counts once more
- * docs/on-disk-format.md has a row for each state that is mended here. Every failure is reported.
+ * What a start or a change of the root does with the store that it finds: puts the archived runs in order,
+ * compares the * bookkeeping with the folders, compresses and archives the previous run, keeps the bound.
+Deletes for that and for room
+ * on the medium only.
+docs/on-disk-format.md has a row for each state that is mended here. Every
+ * failure is reported.
  */
 class Recovery {
   public:
     Recovery(StorageState& state, Bookkeeping& numbers, Retention& retention, FileWork& files);
 
-    /** False when the numbers of a file that is there can neither be read nor rebuilt: the service does not
-     * start then. */
-    [[nodiscard]] bool openNumbers() VNLOG_REQUIRES(StorageLock::role);
-    /** Closes off the previous run, if need be after deleting all logs. False: nothing can be stored. */
+    /**
+     * At start, and whenever that is tried again. False: nothing can be stored; errno tells why where the
+     * system did. A store that contradicts itself is moved aside once, see damagedFolder.
+     */
     [[nodiscard]] bool prepare() VNLOG_REQUIRES(StorageLock::role);
-    /** Closes off the previous run: one try. */
+    /** Takes over what an earlier use of a root has left: puts its runs in order, takes stock, closes off its
+     * current run. */
+    [[nodiscard]] PrepareStatus takeOver() VNLOG_REQUIRES(StorageLock::role);
+    /** Closes off the previous run, with the oldest sections making room where there is none. */
     [[nodiscard]] PrepareStatus closePreviousRun() VNLOG_REQUIRES(StorageLock::role);
 
   private:
-    // openNumbers
-    void mendArchivedRuns() VNLOG_REQUIRES(StorageLock::role);
-    void mendArchivedRun(const char* run) VNLOG_REQUIRES(StorageLock::role);
-    void recoverMissingNumbers() VNLOG_REQUIRES(StorageLock::role);
-    bool recoverNumbers() VNLOG_REQUIRES(StorageLock::role);
-    // closePreviousRun
-    PrepareStatus compressPreviousRun(uint32_t* size) VNLOG_REQUIRES(StorageLock::role);
-    PrepareStatus compressTexts(const char* run, uint32_t* size, bool* anyCompressed);
-    PrepareStatus compressText(const char* run, const char* text);
-    PrepareStatus archivePreviousRun() VNLOG_REQUIRES(StorageLock::role);
-    PrepareStatus keepBound(uint32_t size) VNLOG_REQUIRES(StorageLock::role);
-    // prepare
-    void countOnceMore() VNLOG_REQUIRES(StorageLock::role);
+    void readNumbers() VNLOG_REQUIRES(StorageLock::role);
+    PrepareStatus tryToClose() VNLOG_REQUIRES(StorageLock::role);
+    PrepareStatus closeCurrent() VNLOG_REQUIRES(StorageLock::role);
+    PrepareStatus archiveCurrent() VNLOG_REQUIRES(StorageLock::role);
+    bool chooseNumber(uint32_t* number) VNLOG_REQUIRES(StorageLock::role);
+    PrepareStatus keepBound() VNLOG_REQUIRES(StorageLock::role);
+    bool setAside() VNLOG_REQUIRES(StorageLock::role);
 
     StorageState& mState;
     Bookkeeping& mNumbers;
     Retention& mRetention;
     FileWork& mFiles;
     RunFolders mFolders;
+    RunMender mMender;
 };
 
 } // namespace vnlog

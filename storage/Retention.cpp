@@ -4,15 +4,29 @@
 #include "base/Files.h"
 #include "base/ProcessorTime.h"
 #include "storage/Layout.h"
+#include "storage/Listing.h"
 
-#include <sys/types.h>
+#include <algorithm>
+#include <cerrno>
+#include <sys/stat.h>
 
 namespace vnlog {
 
 namespace {
 
-/** Deletions after which a bound that still does not hold counts as a failure. */
-constexpr int kDeletionPasses = 10;
+constexpr uint64_t kSpareBlocks = 16384; ///< bytes for the bookkeeping and growing folders
+
+bool isFile(const char* path) {
+    struct stat info;
+    return lstat(path, &info) == 0 && S_ISREG(info.st_mode);
+}
+
+/** Whether the run, which a link is not, has this section, compressed or not. */
+bool holdsSection(const char* run, uint32_t number) {
+    struct stat info;
+    bool isRun = lstat(run, &info) == 0 && S_ISDIR(info.st_mode);
+    return isRun && (isFile(sectionArchive(run, number).text) || isFile(sectionText(run, number).text));
+}
 
 void reportRemoval(int number, const char* path) {
     logError("[%d] %s deletion failed.\n", number, path);
@@ -32,27 +46,46 @@ struct Retention::RunReports {
     int hadMoreNumber;
 };
 
-bool Retention::withinBound(uint32_t more) const {
-    return mState.mTotalLogSize + more <= static_cast<uint32_t>(mState.mMaxLogSize) << 20;
+uint64_t Retention::stored() const {
+    return uint64_t{mState.mTotalLogSize} + mState.mCurrentTotalSize;
+}
+
+/** A text and its archive are on the medium at a time, so that a section counts twice there. */
+bool Retention::fits() const {
+    return bytesFit() &&
+           mNumbers.onMedium() + 2 * uint64_t{mState.mLogSectionSize} + kSpareBlocks <= 2 * bound();
+}
+
+bool Retention::bytesFit() const {
+    return stored() + mState.mLogSectionSize <= bound();
+}
+
+uint64_t Retention::bound() const {
+    return static_cast<uint64_t>(std::max(mState.mMaxLogSize, 0)) << 20;
 }
 
 DeleteStatus Retention::deleteOldest() {
     ProcessorTime time;
     uint32_t deleted = 0;
     bool lastGone = false;
-    while (deleted < mState.mLogDeleteSize) {
+    bool changed = false; // the last section of the current run changes nothing that the file holds
+    const uint64_t before = mNumbers.onMedium();
+    // Of sections that are smaller than their blocks, no more go than those blocks ask for.
+    auto freed = [&] { return std::max<uint64_t>(deleted, (before - mNumbers.onMedium()) / 2); };
+    while (freed() < mState.mLogDeleteSize && !lastGone) {
         DeleteStatus result = deleteStep(&deleted, &lastGone);
         if (result != DeleteStatus::Done)
             return result;
-        if (lastGone)
-            break; // nothing that the file holds has changed
-        if (!mNumbers.save()) {
-            logError("[%s] storage data failed to save !\n", "deleteLogSection");
-            return DeleteStatus::NotSaved;
-        }
+        changed = changed || !lastGone;
         logDebug("Delete [%zu] logs,At least delete[%zu] ,totalLogSize[%zu] ,CurrentTotalSize[%zu]\n",
                  static_cast<size_t>(deleted), static_cast<size_t>(mState.mLogDeleteSize),
                  static_cast<size_t>(mState.mTotalLogSize), static_cast<size_t>(mState.mCurrentTotalSize));
+    }
+    // Once for all: after a crash in between the folders tell, and the medium takes no write for each
+    // section.
+    if (changed && !mNumbers.save()) {
+        logError("[%s] storage data failed to save !\n", "deleteLogSection");
+        return DeleteStatus::NotSaved;
     }
     logDebug(" deleteLogSection startup time is %f ms\n", time.milliseconds());
     return DeleteStatus::Done;
@@ -77,7 +110,10 @@ DeleteStatus Retention::deleteStep(uint32_t* deleted, bool* lastGone) {
                  mState.mHeadFolderNum);
         return DeleteStatus::TailPastHead;
     }
-    if (pathExists(runFolder(mState.mLastDirPrefix, mState.mTailFolderNum).text))
+    Path run = runFolder(mState.mLastDirPrefix, mState.mTailFolderNum);
+    RunContent content; // an emptied run that stays, or what is no run, is in nobody's way
+    if (holdsSection(run.text, mState.mOldestFileNum) ||
+        (lookIntoRun(run.text, &content) && content.holdsSection()))
         return deleteFromRun(kNewest, deleted);
     return deleteFromCurrent(deleted, lastGone);
 }
@@ -86,44 +122,66 @@ DeleteStatus Retention::deleteStep(uint32_t* deleted, bool* lastGone) {
 DeleteStatus Retention::deleteFromRun(const RunReports& reports, uint32_t* deleted) {
     Path run = runFolder(mState.mLastDirPrefix, mState.mTailFolderNum);
     Path section = sectionArchive(run.text, mState.mOldestFileNum);
-    if (!pathExists(section.text)) {
+    if (!holdsSection(run.text, mState.mOldestFileNum)) {
         logError(reports.missingReport, section.text);
         return reports.missing;
     }
-    uint32_t size = fileSize(section.text);
-    if (!mFiles.removeFile(section.text)) {
+    uint32_t size = 0;
+    bool gone = removeCounted(section.text, &size) &&
+                removeCounted(sectionText(run.text, mState.mOldestFileNum).text, &size);
+    mState.mTotalLogSize -= std::min(size, mState.mTotalLogSize);
+    if (!gone) {
         reportRemoval(reports.sectionNumber, section.text);
         return reports.sectionStays;
     }
-    mState.mTotalLogSize -= size;
-
-    uint32_t oldest = mState.mOldestFileNum + 1;
-    if (!pathExists(sectionArchive(run.text, oldest).text)) {
-        DeleteStatus result = removeEmptiedRun(reports);
-        if (result != DeleteStatus::Done)
-            return result;
-        oldest = 1;
-    }
     *deleted += size;
+    uint32_t oldest = mState.mOldestFileNum + 1;
+    RunContent left;
+    if (!holdsSection(run.text, oldest) && lookIntoRun(run.text, &left)) {
+        if (!left.holdsSection())
+            return removeEmptiedRun(reports);
+        oldest = left.oldestSection;
+    }
     mState.mOldestFileNum = oldest;
     return DeleteStatus::Done;
 }
 
-/** Removes the folder of the oldest archived run after its last numbered section. */
+/** Removes the folder of the oldest archived run after its last section, and looks for the oldest one then.
+ */
 DeleteStatus Retention::removeEmptiedRun(const RunReports& reports) {
     Path run = runFolder(mState.mLastDirPrefix, mState.mTailFolderNum);
     bool hadMore = folderState(run.text) == FolderState::NotEmpty;
     if (hadMore)
         logError("[%s] Not empty!\n", run.text);
-    if (!mFiles.removeTree(run.text)) {
+    if (!removeWhole(run.text)) {
         reportRemoval(hadMore ? reports.hadMoreNumber : reports.runNumber, run.text);
         return hadMore ? reports.hadMore : reports.runStays;
     }
     if (hadMore)
         return reports.hadMore; // what else lay there was counted, too: the caller counts anew
+    mState.mOldestFileNum = 1;
     if (mState.mTailFolderNum < mState.mHeadFolderNum)
         ++mState.mTailFolderNum;
+    findOldest();
     return DeleteStatus::Done;
+}
+
+/** Makes the numbers name the oldest section where they do not: a run or a section may be missing in between.
+ */
+void Retention::findOldest() {
+    if (holdsSection(runFolder(mState.mLastDirPrefix, mState.mTailFolderNum).text, mState.mOldestFileNum))
+        return;
+    RunContent content;
+    for (uint32_t run = mState.mTailFolderNum; nextRun(mState.mLogServiceDir, run, &run); ++run) {
+        if (!lookIntoRun(runFolder(mState.mLastDirPrefix, run).text, &content) || !content.holdsSection())
+            continue;
+        mState.mTailFolderNum = run;
+        mState.mOldestFileNum = content.oldestSection;
+        return;
+    }
+    mState.mTailFolderNum = mState.mHeadFolderNum;
+    if (lookIntoRun(mState.mCurrentDir, &content) && content.archives > 0)
+        mState.mOldestFileNum = content.oldestArchive;
 }
 
 /** Deletes the oldest finished section of the running service; `lastGone` tells that it was the last one. */
@@ -133,21 +191,60 @@ DeleteStatus Retention::deleteFromCurrent(uint32_t* deleted, bool* lastGone) {
         return DeleteStatus::TotalNotZero;
     }
     Path section = sectionArchive(mState.mCurrentDir, mState.mOldestFileNum);
-    if (!pathExists(section.text)) {
+    if (!isFile(section.text)) {
         logError("[%s] log size less than 0!\n", section.text);
         return DeleteStatus::CurrentSectionMissing;
     }
-    uint32_t size = fileSize(section.text);
-    *deleted += size;
-    if (!mFiles.removeFile(section.text)) {
+    uint32_t size = 0;
+    if (!removeCounted(section.text, &size)) {
         reportRemoval(2849, section.text);
         return DeleteStatus::CurrentSectionStays;
     }
-    mState.mCurrentTotalSize -= size;
-    *lastGone = mState.mOldestFileNum == mState.mSliceNum - 1;
+    *deleted += size;
+    mState.mCurrentTotalSize -= std::min(size, mState.mCurrentTotalSize);
+    uint32_t next = mState.mOldestFileNum + 1;
+    RunContent left;
+    if (!isFile(sectionArchive(mState.mCurrentDir, next).text) && lookIntoRun(mState.mCurrentDir, &left))
+        next = left.oldestArchive;
+    *lastGone = next == kNoNumber;
     if (!*lastGone)
-        ++mState.mOldestFileNum;
+        mState.mOldestFileNum = next;
     return DeleteStatus::Done;
+}
+
+/** Removes a file, if there is one, and adds its size. False when it stays, also in spite of a success. */
+bool Retention::removeCounted(const char* path, uint32_t* size) {
+    struct stat info;
+    if (lstat(path, &info) != 0 || !S_ISREG(info.st_mode))
+        return true;
+    errno = 0;
+    if (!mFiles.removeFile(path) || nameTaken(path)) {
+        noteResistance();
+        return false;
+    }
+    *size += static_cast<uint32_t>(info.st_size);
+    mNumbers.takeOffMedium(bytesOnMedium(info));
+    return true;
+}
+
+/** Keeps apart what the system says why it stays, and what it says is not there. */
+void Retention::noteResistance() {
+    bool told = errno != 0 && errno != ENOENT;
+    mError = told ? errno : mError;
+    mResisted = mResisted || !told;
+}
+
+bool Retention::removeWhole(const char* run) {
+    RunContent content;
+    (void)lookIntoRun(
+        run, &content); // what cannot be listed is not taken off the sum: stock is taken now and then
+    errno = 0;
+    if (!mFiles.removeTree(run) || nameTaken(run)) {
+        noteResistance();
+        return false;
+    }
+    mNumbers.takeOffMedium(content.onMedium);
+    return true;
 }
 
 bool Retention::deleteAll() {
@@ -165,42 +262,58 @@ bool Retention::deleteAll() {
     return false;
 }
 
-BoundStatus Retention::makeRoomForSection() {
-    for (int pass = 0; !withinBound(mState.mCurrentTotalSize + mState.mLogSectionSize); ++pass) {
-        if (pass == kDeletionPasses) {
-            logError("[saveLogSection] Fatal error attempt to fix the failure\n");
-            return BoundStatus::PassesSpent;
+BoundStatus Retention::makeRoom(Occasion occasion) {
+    const char* caller = occasion == Occasion::Cut ? "[saveLogSection] " : "";
+    mError = 0;
+    mResisted = false;
+    for (bool stuck = false; !fits();) {
+        (void)removeDamaged();
+        bool freed = false;
+        if (!pass(occasion, &freed)) {
+            logError("%sFatal error log storage file information is completely damaged\n", caller);
+            return BoundStatus::NotCounted;
         }
-        if (deleteOldest() == DeleteStatus::Done)
-            continue;
-        logError("fail to delete log section !\n");
-        if (mNumbers.rebuild() != RebuildStatus::Done) {
-            logError("[saveLogSection] Fatal error log storage file information is completely damaged\n");
-            return BoundStatus::NumbersLost;
+        if (!freed && stuck && bytesFit())
+            break; // blocks that no deletion frees are nobody's fault
+        if (!freed && stuck) { // the pass before has repaired the numbers, and it did not help
+            logError("%sFatal error attempt to fix the failure\n", caller);
+            errno = mError;
+            return mResisted && mError == 0 ? BoundStatus::Contradiction : BoundStatus::NotDeleted;
         }
+        stuck = !freed;
     }
     return BoundStatus::Held;
 }
 
-BoundStatus Retention::makeRoomAtStart(uint32_t uncounted) {
-    for (int pass = 0; !withinBound(mState.mLogSectionSize + uncounted); ++pass) {
-        if (pass == kDeletionPasses) {
-            logError("Fatal error attempt to fix the failure\n");
-            return BoundStatus::PassesSpent;
-        }
-        DeleteStatus result = deleteOldest();
-        if (result == DeleteStatus::Done)
-            continue;
+bool Retention::freeOldest() {
+    bool freed = removeDamaged();
+    for (int tries = 0; !freed && tries < 2; ++tries) // the first one may only repair the numbers
+        (void)pass(Occasion::Cut, &freed); // what is free is free, counted or not
+    return freed;
+}
+
+/** One deletion, and a repair when that fails. False with errno set when the store cannot be counted. */
+bool Retention::pass(Occasion occasion, bool* freed) {
+    uint64_t before = stored() + mNumbers.onMedium();
+    DeleteStatus result = deleteOldest();
+    *freed = stored() + mNumbers.onMedium() < before;
+    if (result == DeleteStatus::Done)
+        return true;
+    if (occasion == Occasion::Start)
         logError("fail to delete log section ret=[%d] !\n", static_cast<int>(result));
-        if (mNumbers.rebuild() != RebuildStatus::Done) {
-            logError("Fatal error log storage file information is completely damaged\n");
-            return BoundStatus::NumbersLost;
-        }
-        uncounted = 0; // the rebuilt total has them already
-    }
-    mState.mTotalLogSize += uncounted;
-    logDebug("total size is [%zd] \n", static_cast<ssize_t>(mState.mTotalLogSize));
-    return BoundStatus::Held;
+    else
+        logError("fail to delete log section !\n");
+    mMender.mendAll(nullptr);
+    return mNumbers.takeStock();
+}
+
+/** Removes what was set aside as damaged: of all that is stored it tells least. Whether there was any. */
+bool Retention::removeDamaged() {
+    Path damaged = damagedFolder(mState.mLogServiceDir);
+    if (!nameTaken(damaged.text) || !mFiles.removeTree(damaged.text))
+        return false;
+    logError("[%s] is removed for want of room\n", damaged.text);
+    return !nameTaken(damaged.text);
 }
 
 } // namespace vnlog

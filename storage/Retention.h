@@ -1,7 +1,7 @@
 #pragma once
 
 #include "storage/Bookkeeping.h"
-#include "storage/FileWork.h"
+#include "storage/RunMender.h"
 
 #include <cstdint>
 
@@ -13,7 +13,7 @@ enum class DeleteStatus {
     OlderSectionMissing = -1,
     OlderSectionStays = -2,
     OlderRunStays = -3,
-    OlderRunHadMore = -4, ///< the run held more than its numbered sections and was removed whole
+    OlderRunHadMore = -4, ///< the run held more than sections and was removed whole, or tried to be
     // In the newest archived run:
     NewestSectionMissing = -5,
     NewestSectionStays = -6,
@@ -27,35 +27,40 @@ enum class DeleteStatus {
     TailPastHead = -13, ///< the numbers cannot be right
 };
 
+/** When room is made; the reports differ. */
+enum class Occasion { Start, Cut };
+
 enum class BoundStatus {
-    Held,
-    PassesSpent, ///< as many deletions as are tried did not suffice
-    NumbersLost, ///< a deletion failed, and so did the rebuild of the numbers after it
+    Held, ///< or only blocks are above it that no deletion frees
+    NotDeleted, ///< nothing more could be deleted; errno tells why, if the system did
+    NotCounted, ///< the folders cannot be listed; errno tells why
+    Contradiction, ///< the folders name sections that are not there, also after a repair
 };
 
 /**
- * Deletes stored sections, oldest first, and keeps the bound that way. Every failure is reported; after one
- * the numbers may be ahead of their file, and a rebuild tells.
+ * Deletes stored sections, oldest first, and keeps the bound that way: on their bytes, and at twice that on
+ * the blocks that the store takes on the medium. What is deleted is looked up. Every failure is reported.
  */
-class Retention {
+class Retention final : public RoomMaker {
   public:
     Retention(StorageState& state, Bookkeeping& numbers, FileWork& files)
-        : mState(state), mNumbers(numbers), mFiles(files) {}
+        : mState(state), mNumbers(numbers), mFiles(files), mMender(state, files) {}
 
-    /** Whether the archived runs and `more` bytes stay within the bound; all sums are modulo 2^32. */
-    bool withinBound(uint32_t more) const VNLOG_REQUIRES(StorageLock::role);
-    /** Deletes mLogDeleteSize bytes at least, or all that is finished. */
+    /**
+     * Deletes mLogDeleteSize bytes at least, or twice that in blocks, or all that is finished. After a
+     * failure the numbers may be ahead of their file; stock is to be taken then.
+     */
     [[nodiscard]] DeleteStatus deleteOldest() VNLOG_REQUIRES(StorageLock::role);
     /** Deletes every stored log and resets the numbers. False when those could not be saved. */
     bool deleteAll() VNLOG_REQUIRES(StorageLock::role);
 
-    /** Deletes until the archived runs, the finished sections and one more full section fit. */
-    [[nodiscard]] BoundStatus makeRoomForSection() VNLOG_REQUIRES(StorageLock::role);
+    /** Deletes until all that is finished and one more full section fit. */
+    [[nodiscard]] BoundStatus makeRoom(Occasion occasion) VNLOG_REQUIRES(StorageLock::role);
     /**
-     * At start: deletes until the archived runs and a full section fit, together with the `uncounted` bytes
-     * of a run that the total does not hold yet; then counts those.
+     * Frees room on the medium: what was set aside as damaged goes first, then the oldest sections,
+     * mLogDeleteSize bytes at a time. False when nothing is left to delete, or nothing can be.
      */
-    [[nodiscard]] BoundStatus makeRoomAtStart(uint32_t uncounted) VNLOG_REQUIRES(StorageLock::role);
+    [[nodiscard]] bool freeOldest() override VNLOG_REQUIRES(StorageLock::role);
 
   private:
     struct RunReports;
@@ -65,10 +70,23 @@ class Retention {
         VNLOG_REQUIRES(StorageLock::role);
     DeleteStatus removeEmptiedRun(const RunReports& reports) VNLOG_REQUIRES(StorageLock::role);
     DeleteStatus deleteFromCurrent(uint32_t* deleted, bool* lastGone) VNLOG_REQUIRES(StorageLock::role);
+    bool removeCounted(const char* path, uint32_t* size);
+    bool removeWhole(const char* run);
+    void noteResistance();
+    void findOldest() VNLOG_REQUIRES(StorageLock::role);
+    uint64_t bound() const;
+    bool bytesFit() const VNLOG_REQUIRES(StorageLock::role);
+    bool fits() const VNLOG_REQUIRES(StorageLock::role);
+    uint64_t stored() const VNLOG_REQUIRES(StorageLock::role);
+    bool removeDamaged() VNLOG_REQUIRES(StorageLock::role);
+    bool pass(Occasion occasion, bool* freed) VNLOG_REQUIRES(StorageLock::role);
 
     StorageState& mState;
     Bookkeeping& mNumbers;
     FileWork& mFiles;
+    RunMender mMender;
+    int mError = 0; ///< of the last removal that the system refused
+    bool mResisted = false; ///< what is listed could not be removed although the system did not refuse
 };
 
 } // namespace vnlog

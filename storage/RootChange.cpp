@@ -12,17 +12,10 @@ namespace vnlog {
 
 namespace {
 
-constexpr uint32_t kRunNumbersTried = 10000;
-
 static_assert(platform::kMaxSystemRoot + sizeof kDefaultRoot - 1 <= kMaxRootLength,
               "the default root is usable");
 
 } // namespace
-
-RootChange::RootChange(StorageState& state, const platform::SystemRoot& systemRoot, Bookkeeping& numbers,
-                       const Retention& retention, FileWork& files)
-    : mState(state), mSystemRoot(systemRoot), mNumbers(numbers), mRetention(retention), mFiles(files),
-      mFolders(state, files) {}
 
 bool RootChange::resolve() {
     if (mState.mSavePath == nullptr) {
@@ -58,68 +51,41 @@ void RootChange::takeDefault() {
     mState.mSavePath = strdup(root.text);
 }
 
-void RootChange::take(const char* root) {
+bool RootChange::move(const char* root) {
+    char* copy = strdup(root);
+    if (copy == nullptr) {
+        logErrno();
+        return false;
+    }
     logDebug("STORAGE_PATH changed (%s ==> %s)\n", mState.mSavePath, root);
     std::free(mState.mSavePath);
-    mState.mSavePath = strdup(root);
+    mState.mSavePath = copy;
     if (!resolve())
         logError("failed to obtain the save path !\n");
     mNumbers.reset();
     mState.mCurrentTotalSize = 0; // the finished sections of this run stay under the old root
-    RootStatus result = prepare();
-    if (result != RootStatus::Ready)
-        logError("error: failed to init log storage, ret=%d\n", static_cast<int>(result));
-    // Without the numbers, the next start would take a root that holds but one section for a damaged one.
-    if (!mNumbers.save())
-        logError("the storage data of [%s] failed to save !\n", root);
+    return true;
 }
 
 RootStatus RootChange::prepare() {
-    if (!mFolders.makeLogFolder())
+    switch (mRecovery.takeOver()) {
+    case PrepareStatus::Ready:
+        return RootStatus::Ready;
+    case PrepareStatus::NoLogFolder:
         return RootStatus::NoLogFolder;
-    if (!pathExists(mState.mCurrentDir)) {
-        if (!mFolders.makeCurrent())
-            return RootStatus::NoCurrent;
-    } else if (folderState(mState.mCurrentDir) == FolderState::NotEmpty) {
-        RootStatus result = archiveEarlierUse();
-        if (result != RootStatus::Ready)
-            return result;
-    }
-    return removeRunsAboveBound();
-}
-
-/** Keeps the files of an earlier use of this root as an archived run. */
-RootStatus RootChange::archiveEarlierUse() {
-    bool olderText = pathExists(mState.mCurrentLogFile);
-    if (!mFiles.compress(mState.mCurrentLogFile) || !olderText)
-        logError("fail to gzip last log.txt !\n");
-    uint32_t size = 0;
-    (void)folderSize(mState.mCurrentDir, &size); // reported there; what cannot be counted adds nothing
-    mState.mTotalLogSize += size;
-    uint32_t number = mState.mHeadFolderNum + 1;
-    for (uint32_t tried = 1; !mFolders.numberFree(number) && tried < kRunNumbersTried; ++tried)
-        ++number;
-    if (!mFolders.archiveCurrent(number))
+    case PrepareStatus::CurrentUnreadable:
+    case PrepareStatus::NotArchived:
         return RootStatus::NotArchived;
-    return mFolders.makeCurrent() ? RootStatus::Ready : RootStatus::NoNewCurrent;
-}
-
-/** Removes whole archived runs, oldest first, until the bound holds or none is left. */
-RootStatus RootChange::removeRunsAboveBound() {
-    for (uint32_t run = mState.mTailFolderNum; !mRetention.withinBound(0);) {
-        Path path = runFolder(mState.mLastDirPrefix, run);
-        uint32_t size = 0;
-        (void)folderSize(path.text, &size); // as above
-        if (!mFiles.removeTree(path.text)) {
-            logError("fail to rm last log !\n");
-            return RootStatus::RunStays;
-        }
-        mState.mTotalLogSize -= size;
-        if (++run > mState.mHeadFolderNum)
-            return RootStatus::Ready;
-        mState.mTailFolderNum = run;
+    case PrepareStatus::NoNewCurrent:
+        return RootStatus::NoNewCurrent;
+    case PrepareStatus::NoCurrent:
+        return RootStatus::NoCurrent;
+    case PrepareStatus::NotCounted:
+    case PrepareStatus::NotDeleted:
+    case PrepareStatus::Contradiction:
+        break;
     }
-    return RootStatus::Ready;
+    return RootStatus::AboveBound;
 }
 
 } // namespace vnlog

@@ -3,31 +3,50 @@
 #include "base/Diagnostics.h"
 #include "base/Files.h"
 #include "base/Handles.h"
-#include "storage/Layout.h"
+#include "storage/Listing.h"
 
+#include <cerrno>
 #include <sys/stat.h>
 
 namespace vnlog {
 
-bool RunFolders::makeLogFolder() {
-    if (pathExists(mState.mLogServiceDir) || mkdir(mState.mLogServiceDir, kFolderMode) == 0)
+namespace {
+
+/** Makes a folder and brings its name to the medium. False, reported, with errno set. */
+bool makeFolder(const char* path, const char* report) {
+    if (mkdir(path, kFolderMode) == 0 && syncFolderOf(path))
         return true;
-    logError("fail to create log_service storage! \n");
-    logErrno();
+    int error = errno;
+    logError("%s", report);
+    logErrno(error);
+    logError("[%s] cannot be made\n", path);
+    errno = error;
     return false;
 }
 
+} // namespace
+
+bool RunFolders::makeLogFolder() {
+    OwnFolder found = ownFolder(mState.mLogServiceDir);
+    return found == OwnFolder::Ours ||
+           (found == OwnFolder::Missing &&
+            makeFolder(mState.mLogServiceDir, "fail to create log_service storage! \n"));
+}
+
 bool RunFolders::makeCurrent() {
-    if (mkdir(mState.mCurrentDir, kFolderMode) == 0)
-        return true;
-    logError("fail to create current log storage !\n");
-    logErrno();
-    return false;
+    return makeFolder(mState.mCurrentDir, "fail to create current log storage !\n");
+}
+
+bool RunFolders::makeMissing() {
+    if (!makeLogFolder())
+        return false;
+    OwnFolder current = ownFolder(mState.mCurrentDir);
+    return current == OwnFolder::Ours || (current == OwnFolder::Missing && makeCurrent());
 }
 
 bool RunFolders::numberFree(uint32_t number) {
     Path run = runFolder(mState.mLastDirPrefix, number);
-    if (pathExists(run.text)) {
+    if (nameTaken(run.text)) {
         logError("backup dest folder(%s) exists, try a new folder !\n", run.text);
         return false;
     }
@@ -36,8 +55,11 @@ bool RunFolders::numberFree(uint32_t number) {
 }
 
 bool RunFolders::archiveCurrent(uint32_t number) {
-    if (!mFiles.moveFolder(mState.mCurrentDir, runFolder(mState.mLastDirPrefix, number).text)) {
+    Path run = runFolder(mState.mLastDirPrefix, number);
+    if (!mFiles.moveFolder(mState.mCurrentDir, run.text) || !syncFolderOf(run.text)) {
+        int error = errno;
         logError("fail to back up last log !\n");
+        errno = error;
         return false;
     }
     mState.mHeadFolderNum = number;
@@ -46,11 +68,22 @@ bool RunFolders::archiveCurrent(uint32_t number) {
     return true;
 }
 
-void syncArchive(const char* run, const char* archive) {
-    if (syncPath(archive) && syncPath(run))
-        return;
-    logError("fail to sync [%s]\n", archive);
-    logErrno();
+bool RunFolders::renumber() {
+    logError("the numbers of the runs are near their end: the runs are numbered anew\n");
+    uint32_t least = 1; // a run 0 keeps its number
+    uint32_t free = 1;
+    for (uint32_t run; nextRun(mState.mLogServiceDir, least, &run); least = run + 1) {
+        while (free < run && nameTaken(runFolder(mState.mLastDirPrefix, free).text))
+            ++free;
+        if (free < run && !moveRun(run, free))
+            return false;
+    }
+    return true;
+}
+
+bool RunFolders::moveRun(uint32_t from, uint32_t to) {
+    Path run = runFolder(mState.mLastDirPrefix, to);
+    return mFiles.moveFolder(runFolder(mState.mLastDirPrefix, from).text, run.text) && syncFolderOf(run.text);
 }
 
 } // namespace vnlog

@@ -4,10 +4,13 @@
 #include "base/Files.h"
 #include "base/Handles.h"
 #include "storage/Layout.h"
+#include "storage/Listing.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vnlog {
@@ -16,18 +19,19 @@ namespace vnlog {
 struct Store::Batch {
     uint32_t left;
     uint32_t moved = 0;
-    bool writeFailed = false;
+    int error = 0; ///< errno of the step that failed
 };
 
 Store::Store(StorageState& state, Mutex<StorageLock>& lock, Ring& ring, FileWork& files,
              const platform::SystemRoot& systemRoot)
     : mState(state), mLock(lock), mRing(ring), mFiles(files), mNumbers(state),
-      mRetention(state, mNumbers, files), mRootChange(state, systemRoot, mNumbers, mRetention, files),
-      mRecovery(state, mNumbers, mRetention, files) {}
+      mRetention(state, mNumbers, files), mRecovery(state, mNumbers, mRetention, files),
+      mRootChange(state, systemRoot, mNumbers, mRecovery), mFolders(state, files), mSections(files) {}
 
 Store::~Store() {
     closeSection();
     LockGuard<StorageLock> lock(mLock);
+    mRoot.release();
     std::free(mState.mSavePath);
     mState.mSavePath = nullptr;
 }
@@ -35,56 +39,117 @@ Store::~Store() {
 SaveResult Store::save(uint32_t count) {
     LockGuard<StorageLock> lock(mLock);
     Batch batch{count};
-    bool saved = append(&batch);
-    bool rootMoved = mRootChanged && !saved;
-    mRootChanged = mRootChanged && saved; // the cut that it makes fail is over
-    if (!saved)
-        return {rootMoved ? SaveStatus::RootMoved : SaveStatus::CutFailed, batch.moved};
-    return {batch.writeFailed ? SaveStatus::WriteFailed : SaveStatus::Saved, batch.moved};
+    SaveStatus status = append(&batch);
+    while (status != SaveStatus::Saved && lackOfRoom(batch.error) && findRoom()) {
+        batch.error = 0;
+        status = append(&batch);
+    }
+    if (status == SaveStatus::CutFailed && mRootChanged)
+        status = SaveStatus::RootMoved;
+    else if (status != SaveStatus::Saved && lackOfRoom(batch.error))
+        status = SaveStatus::MediumFull;
+    mRootChanged = mRootChanged && mState.mLogFd >= 0;
+    return {status, batch.moved};
 }
 
-bool Store::append(Batch* batch) {
-    if (!resumeCut())
-        return false;
+/** Does something about a medium that has no room. False when nothing can be done. */
+bool Store::findRoom() {
+    if (!mRootChanged)
+        return mRoot.isAt(mState.mSavePath) && mRetention.freeOldest();
+    syncAndClose(); // it is the old root that is full: what is left goes to the new one
+    return true;
+}
+
+SaveStatus Store::append(Batch* batch) {
+    leaveLostSection();
+    errno = 0;
+    if (!resumeCut()) {
+        batch->error = errno;
+        return SaveStatus::CutFailed;
+    }
     if (mState.mLogFd < 0 && !openSection()) {
+        batch->error = errno;
         logError("fail to save log,because fd is abnormal\n");
-        logErrno();
-        return false;
+        logErrno(batch->error);
+        return SaveStatus::CutFailed;
     }
     if (mState.mCurLogSize + batch->left > mState.mLogSectionSize)
         return appendAndCut(batch);
-    mState.mCurLogSize += move(batch, batch->left);
-    return true;
+    return move(batch, batch->left) ? SaveStatus::Saved : SaveStatus::WriteFailed;
 }
 
 /** Fills the section up, ends it, and puts the rest of the batch into the next one. */
-bool Store::appendAndCut(Batch* batch) {
+SaveStatus Store::appendAndCut(Batch* batch) {
     // A file that is over-full already takes the whole batch, so that no batch is cut twice.
     bool overFull = mState.mCurLogSize > mState.mLogSectionSize;
     uint32_t room = overFull ? batch->left : mState.mLogSectionSize - mState.mCurLogSize;
-    (void)move(batch, std::min(room, batch->left)); // the next section begins its count anew
-    closeDescriptor(mState.mLogFd);
-    mState.mLogFd = -1;
-    mCompressPending = true;
-    if (!finishSection() || !keepBound())
-        return false;
-    if (!openSection()) {
-        logError("fail to open log file !\n");
-        logErrno();
-        return false;
+    if (!move(batch, std::min(room, batch->left)))
+        return SaveStatus::WriteFailed; // a section is not ended before it is full
+    errno = 0;
+    if (mRootChanged) { // the section stays where it is, for the next start there
+        syncText();
+        closeText();
+        logError("fail to Compress log files %d log!\n", static_cast<int>(mState.mSliceNum));
+        return SaveStatus::CutFailed;
     }
-    mState.mCurLogSize += move(batch, batch->left);
-    return true;
+    closeText();
+    mCompressPending = true;
+    if (!finishSection() || !keepBound()) {
+        batch->error = errno;
+        return SaveStatus::CutFailed;
+    }
+    if (!openSection()) {
+        batch->error = errno;
+        logError("fail to open log file !\n");
+        logErrno(batch->error);
+        return SaveStatus::CutFailed;
+    }
+    return move(batch, batch->left) ? SaveStatus::Saved : SaveStatus::WriteFailed;
 }
 
 /** Moves up to `wanted` buffered bytes into the open section. The ring reports a failed write; the flusher
  * tries again. */
-uint32_t Store::move(Batch* batch, uint32_t wanted) {
+bool Store::move(Batch* batch, uint32_t wanted) {
     TakeResult taken = mRing.take(mState.mLogFd, wanted);
-    batch->writeFailed = batch->writeFailed || taken.status == TakeStatus::WriteFailed;
     batch->moved += taken.count;
     batch->left -= taken.count;
-    return taken.count;
+    mState.mCurLogSize += taken.count;
+    batch->error = taken.error;
+    return taken.count == wanted; // less also when a stop comes in between
+}
+
+/** Gives an open section up whose file is not in its place any more: nobody would find what is written there.
+ */
+void Store::leaveLostSection() {
+    struct stat open, there;
+    if (mState.mLogFd < 0 || mOpenText.text[0] == '\0' || fstat(mState.mLogFd, &open) != 0)
+        return;
+    if (lstat(mOpenText.text, &there) == 0 && open.st_dev == there.st_dev && open.st_ino == there.st_ino)
+        return;
+    logError("[%s] is gone; storing goes on in a new section\n", mOpenText.text);
+    closeText();
+    mRootChanged = false;
+}
+
+/**
+ * Sees to it that the root is there, is nobody else's, and has its folders; another folder that has come to
+ * its place is taken over with what it holds.
+ */
+bool Store::claimRoot() {
+    if (mState.mSavePath == nullptr)
+        return true; // the folder is given by hand
+    if (!mRoot.isAt(mState.mSavePath)) {
+        bool hadOther = mRoot.held();
+        if (mRoot.take(mState.mSavePath) != RootLock::Status::Held)
+            return false;
+        if (hadOther)
+            logError("[%s] is another folder than before\n", mState.mSavePath);
+        mTakeOverPending = mTakeOverPending || hadOther;
+    }
+    if (!mTakeOverPending)
+        return mFolders.makeMissing();
+    mTakeOverPending = mRootChange.prepare() != RootStatus::Ready;
+    return !mTakeOverPending;
 }
 
 /**
@@ -92,16 +157,46 @@ uint32_t Store::move(Batch* batch, uint32_t wanted) {
  * root, is continued at its end.
  */
 bool Store::openSection() {
-    FileDescriptor file =
-        openFile(sectionText(mState.mCurrentDir, mState.mSliceNum).text, O_WRONLY | O_CREAT, kSectionMode);
-    if (!file.valid())
+    if (!claimRoot())
         return false;
-    off_t end = lseek(file.get(), 0, SEEK_END);
+    lookAgain();
+    FileDescriptor file = openText();
+    off_t end = file.valid() ? lseek(file.get(), 0, SEEK_END) : -1;
     if (end < 0)
         return false;
+    mOpenText = sectionText(mState.mCurrentDir, mState.mSliceNum);
     mState.mCurLogSize = static_cast<uint32_t>(end);
     mState.mLogFd = file.release();
+    noteStamp();
     return true;
+}
+
+/** Opens the text of the section, under the next free number where the names of this one are taken. */
+FileDescriptor Store::openText() {
+    constexpr int kFlags = O_WRONLY | O_CREAT;
+    if (nameTaken(sectionArchive(mState.mCurrentDir, mState.mSliceNum).text))
+        mState.mSliceNum = freeSection(mState.mCurrentDir, mState.mSliceNum + 1);
+    FileDescriptor file =
+        openOwnFile(sectionText(mState.mCurrentDir, mState.mSliceNum).text, kFlags, kSectionMode);
+    bool passing = lackOfRoom(errno) || errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == EIO;
+    if (file.valid() || passing || !nameTaken(sectionText(mState.mCurrentDir, mState.mSliceNum).text))
+        return file;
+    // What has the name is nothing of ours.
+    mState.mSliceNum = freeSection(mState.mCurrentDir, mState.mSliceNum + 1);
+    return openOwnFile(sectionText(mState.mCurrentDir, mState.mSliceNum).text, kFlags, kSectionMode);
+}
+
+/** Counts anew when somebody else has changed the store. */
+void Store::lookAgain() {
+    if (storeStamp(mState.mLogServiceDir) != mStamp)
+        (void)mNumbers.takeStock(); // reported there; the sums from before are the next best
+}
+
+/** Remembers the store as it is now. */
+void Store::noteStamp() {
+    int error = errno;
+    mStamp = storeStamp(mState.mLogServiceDir);
+    errno = error;
 }
 
 /**
@@ -109,39 +204,62 @@ bool Store::openSection() {
  * past its bound, with every try.
  */
 bool Store::resumeCut() {
-    // After a change of the root the closed section lies under the old one and stays uncompressed.
-    if (mCompressPending && pathExists(sectionText(mState.mCurrentDir, mState.mSliceNum).text) &&
-        !finishSection())
+    if (mCompressPending)
+        return finishSection() && keepBound();
+    if (!mBoundPending)
+        return true;
+    if (!claimRoot())
         return false;
-    mCompressPending = false;
-    return !mBoundPending || keepBound();
+    lookAgain();
+    return keepBound();
 }
 
 /** Compresses the closed section, counts it and goes on to the next number. */
 bool Store::finishSection() {
-    Path text = sectionText(mState.mCurrentDir, mState.mSliceNum);
-    Path archive = sectionArchive(mState.mCurrentDir, mState.mSliceNum);
-    if (pathExists(text.text))
-        (void)unlink(
-            archive.text); // of a compression that was cut off; with it in place the next would refuse
-    if (!mFiles.compress(text.text)) {
+    if (!claimRoot())
+        return false;
+    lookAgain();
+    if (!pathExists(sectionText(mState.mCurrentDir, mState.mSliceNum).text)) {
+        logError("[%s] is gone\n", sectionText(mState.mCurrentDir, mState.mSliceNum).text);
+        mCompressPending = false;
+        return true;
+    }
+    if (!mSections.finish(mState.mCurrentDir, &mState.mSliceNum)) {
         logError("fail to Compress log files %d log!\n", static_cast<int>(mState.mSliceNum));
+        mStamp = 0; // how far it came is found out by the next try
+        mFinishRetried = true;
         return false;
     }
     mCompressPending = false;
-    syncArchive(mState.mCurrentDir, archive.text);
-    mState.mCurrentTotalSize += fileSize(archive.text);
+    mBoundPending = true; // until it is known to hold
+    countFinished();
     bool pointed = pointOldestAtFinishedSection();
     ++mState.mSliceNum; // in any case: the number is taken by the finished section
+    noteStamp();
     return pointed;
+}
+
+/** Adds the archive that was just made, unless a try before may have been counted. */
+void Store::countFinished() {
+    struct stat info;
+    if (mFinishRetried) {
+        (void)mNumbers.takeStock(); // reported there
+    } else if (lstat(sectionArchive(mState.mCurrentDir, mState.mSliceNum).text, &info) == 0) {
+        mState.mCurrentTotalSize += static_cast<uint32_t>(info.st_size);
+        mNumbers.addOnMedium(bytesOnMedium(info));
+    }
+    mFinishRetried = false;
 }
 
 /** Makes the section just finished the oldest one when nothing older survives. False when that is not saved.
  */
 bool Store::pointOldestAtFinishedSection() {
-    bool olderSurvives = mState.mTailFolderNum != mState.mHeadFolderNum ||
-                         pathExists(runFolder(mState.mLastDirPrefix, mState.mTailFolderNum).text) ||
-                         pathExists(sectionArchive(mState.mCurrentDir, mState.mOldestFileNum).text);
+    RunContent content;
+    bool olderSurvives =
+        mState.mTailFolderNum != mState.mHeadFolderNum || mState.mTotalLogSize != 0 ||
+        pathExists(sectionArchive(mState.mCurrentDir, mState.mOldestFileNum).text) ||
+        (lookIntoRun(runFolder(mState.mLastDirPrefix, mState.mTailFolderNum).text, &content) &&
+         content.holdsSection());
     if (olderSurvives)
         return true;
     mState.mOldestFileNum = mState.mSliceNum;
@@ -153,7 +271,8 @@ bool Store::pointOldestAtFinishedSection() {
 
 /** Deletes until another full section fits. False: to be tried again before more is written. */
 bool Store::keepBound() {
-    mBoundPending = mRetention.makeRoomForSection() != BoundStatus::Held;
+    mBoundPending = mRetention.makeRoom(Occasion::Cut) != BoundStatus::Held;
+    noteStamp();
     return !mBoundPending;
 }
 
@@ -162,12 +281,28 @@ void Store::closeSection() {
     syncAndClose();
 }
 
+/** Closes the open text, and with that leaves the root before the present one. */
+void Store::closeText() {
+    closeDescriptor(mState.mLogFd);
+    mState.mLogFd = -1;
+    mOpenText = {};
+    mEarlierRoot.release();
+}
+
+/** Brings the open text to the medium, name and all. */
+void Store::syncText() {
+    if (fsync(mState.mLogFd) == 0 && (mOpenText.text[0] == '\0' || syncFolderOf(mOpenText.text)))
+        return;
+    logError("fail to sync [%s]\n", mOpenText.text);
+    logErrno();
+}
+
 void Store::syncAndClose() {
     if (mState.mLogFd == -1)
         return;
-    fsync(mState.mLogFd);
-    closeDescriptor(mState.mLogFd);
-    mState.mLogFd = -1;
+    syncText();
+    closeText();
+    mRootChanged = false;
 }
 
 bool Store::resolveRoot() {
@@ -181,29 +316,57 @@ void Store::beginRun() {
     mState.mSliceNum = 1;
     mState.mCurLogSize = 0;
     mState.mCurrentTotalSize = 0;
-    mRootChanged = mCompressPending = mBoundPending = false;
-}
-
-bool Store::openNumbers() VNLOG_UNCHECKED {
-    return mRecovery.openNumbers();
+    mRootChanged = mCompressPending = mBoundPending = mTakeOverPending = mFinishRetried = false;
+    mStamp = 0;
 }
 
 bool Store::prepare() VNLOG_UNCHECKED {
-    return mRecovery.prepare();
+    bool free = mRoot.take(mState.mSavePath) != RootLock::Status::Taken;
+    if (free && mRecovery.prepare()) // without a root it says where it fails
+        return true;
+    mRoot.release();
+    logError("nothing is stored under [%s] for now\n", mState.mSavePath);
+    return false;
+}
+
+void Store::leaveRoot() {
+    LockGuard<StorageLock> lock(mLock);
+    mRoot.release();
 }
 
 bool Store::saveNumbers() {
     LockGuard<StorageLock> lock(mLock);
-    return mNumbers.save();
+    bool saved = mNumbers.save();
+    while (!saved && lackOfRoom(errno) && findRoom())
+        saved = mNumbers.save();
+    return saved;
 }
 
 void Store::changeRoot(const char* root) {
     if (isRoot(root))
         return;
     LockGuard<StorageLock> lock(mLock);
-    mRootChanged = mRootChanged || mState.mLogFd >= 0;
-    mBoundPending = false;
-    mRootChange.take(root);
+    if (!mRootChange.move(root))
+        return;
+    if (mState.mLogFd >= 0 && !mRootChanged) {
+        mEarlierRoot = std::move(mRoot);
+        mRootChanged = true;
+    }
+    mRoot.release();
+    if (mEarlierRoot.isAt(root)) { // back where the open section is: it is closed off with its run
+        mRoot = std::move(mEarlierRoot);
+        syncAndClose();
+    }
+    mBoundPending = mCompressPending = mFinishRetried = false; // a section that was cut stays where it is
+    RootStatus result = RootStatus::NoLogFolder;
+    if (mRoot.take(mState.mSavePath) == RootLock::Status::Held)
+        result = mRootChange.prepare();
+    mTakeOverPending = result != RootStatus::Ready;
+    if (mTakeOverPending)
+        logError("error: failed to init log storage, ret=%d\n", static_cast<int>(result));
+    if (mRoot.held() && !mNumbers.save())
+        logError("the storage data of [%s] failed to save !\n", root);
+    noteStamp();
 }
 
 // The next two are for commands, which alone change what they read.
@@ -214,6 +377,13 @@ bool Store::isRoot(const char* root) const VNLOG_UNCHECKED {
 
 const char* Store::logFolder() const VNLOG_UNCHECKED {
     return mState.mLogServiceDir;
+}
+
+bool Store::contains(const char* folder) const {
+    Text inner(realpath(folder, nullptr)), outer(realpath(logFolder(), nullptr));
+    size_t length = outer != nullptr ? std::strlen(outer.get()) : 0;
+    return inner != nullptr && length > 0 && std::strncmp(inner.get(), outer.get(), length) == 0 &&
+           (inner.get()[length] == '/' || inner.get()[length] == '\0');
 }
 
 bool Store::copyTargetUsable(const char* target) const {
@@ -230,7 +400,7 @@ int Store::openOlderText() {
         LockGuard<StorageLock> lock(mLock);
         formatText(text.text, "%s", mState.mCurrentLogFile);
     }
-    return openFile(text.text, O_RDONLY).release();
+    return openOwnFile(text.text, O_RDONLY).release();
 }
 
 bool Store::parseNumbers() {

@@ -5,6 +5,8 @@
 #include "storage/Layout.h"
 #include "storage/Recovery.h"
 #include "storage/RootChange.h"
+#include "storage/RootLock.h"
+#include "storage/SectionFiles.h"
 
 #include <cstdint>
 
@@ -37,12 +39,19 @@ class Store final : public BatchTarget {
     [[nodiscard]] bool resolveRoot() VNLOG_EXCLUDES(StorageLock::role);
     /** Begins a run, which numbers its sections from 1; forgets what the one before has left open. */
     void beginRun() VNLOG_EXCLUDES(StorageLock::role);
-    /** Recovery::openNumbers and Recovery::prepare. Without the lock: they may last, and nobody else is there
-     * yet. */
-    [[nodiscard]] bool openNumbers();
+    /**
+     * Locks the root against other services and puts in order what is found there, see Recovery::prepare.
+     * False: nothing can be stored. Without the storage lock: it may last, and nobody else changes the store
+     * yet.
+     */
     [[nodiscard]] bool prepare();
-    /** Bookkeeping::save. */
+    /** Bookkeeping::save, with the oldest sections making room where there is none. */
     [[nodiscard]] bool saveNumbers() VNLOG_EXCLUDES(StorageLock::role);
+
+    // --- stop
+
+    /** Leaves the root to other services until something is stored again. */
+    void leaveRoot() VNLOG_EXCLUDES(StorageLock::role);
 
     // --- commands
 
@@ -51,8 +60,10 @@ class Store final : public BatchTarget {
      * open stays where it is; the flush thread finds that out at its next cut and goes on under the new root.
      */
     void changeRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
-    /** Whether `target` can be given to copyTo. Both take no lock: commands call them, and commands alone
-     * change the root. */
+    /** Whether a folder is the log folder or lies inside it, by way of links as well. */
+    bool contains(const char* folder) const;
+    /** Whether `target` can be given to copyTo. These three take no lock: commands call them, and commands
+     * alone change the root. */
     bool copyTargetUsable(const char* target) const;
     /** Copies the log folder into `target`, a folder; the flush thread goes on meanwhile. */
     bool copyTo(const char* target);
@@ -71,15 +82,24 @@ class Store final : public BatchTarget {
   private:
     struct Batch;
 
-    bool append(Batch* batch) VNLOG_REQUIRES(StorageLock::role);
-    bool appendAndCut(Batch* batch) VNLOG_REQUIRES(StorageLock::role);
-    uint32_t move(Batch* batch, uint32_t wanted) VNLOG_REQUIRES(StorageLock::role);
+    SaveStatus append(Batch* batch) VNLOG_REQUIRES(StorageLock::role);
+    SaveStatus appendAndCut(Batch* batch) VNLOG_REQUIRES(StorageLock::role);
+    bool move(Batch* batch, uint32_t wanted) VNLOG_REQUIRES(StorageLock::role);
+    void leaveLostSection() VNLOG_REQUIRES(StorageLock::role);
+    bool claimRoot() VNLOG_REQUIRES(StorageLock::role);
     bool openSection() VNLOG_REQUIRES(StorageLock::role);
+    FileDescriptor openText() VNLOG_REQUIRES(StorageLock::role);
     bool resumeCut() VNLOG_REQUIRES(StorageLock::role);
     bool finishSection() VNLOG_REQUIRES(StorageLock::role);
     bool pointOldestAtFinishedSection() VNLOG_REQUIRES(StorageLock::role);
     bool keepBound() VNLOG_REQUIRES(StorageLock::role);
+    bool findRoom() VNLOG_REQUIRES(StorageLock::role);
+    void countFinished() VNLOG_REQUIRES(StorageLock::role);
+    void syncText() VNLOG_REQUIRES(StorageLock::role);
+    void closeText() VNLOG_REQUIRES(StorageLock::role);
     void syncAndClose() VNLOG_REQUIRES(StorageLock::role);
+    void lookAgain() VNLOG_REQUIRES(StorageLock::role);
+    void noteStamp() VNLOG_REQUIRES(StorageLock::role);
     bool isRoot(const char* root) const;
     const char* logFolder() const;
 
@@ -89,12 +109,24 @@ class Store final : public BatchTarget {
     FileWork& mFiles;
     Bookkeeping mNumbers;
     Retention mRetention;
-    RootChange mRootChange;
     Recovery mRecovery;
+    RootChange mRootChange;
+    RunFolders mFolders;
+    SectionFiles mSections;
+    RootLock mRoot VNLOG_GUARDED_BY(StorageLock::role);
+    /// Held as long as the section is open that lies under the root before the present one.
+    RootLock mEarlierRoot VNLOG_GUARDED_BY(StorageLock::role);
+    Path mOpenText VNLOG_GUARDED_BY(StorageLock::role) = {}; ///< of the open section
+    /// Of the store after the last change of ours; any other tells that somebody else was there.
+    uint64_t mStamp VNLOG_GUARDED_BY(StorageLock::role) = 0;
     /// The root was changed while a section was open.
     bool mRootChanged VNLOG_GUARDED_BY(StorageLock::role) = false;
+    /// What lies under the root has not been put in order yet.
+    bool mTakeOverPending VNLOG_GUARDED_BY(StorageLock::role) = false;
     /// The section is closed but not compressed.
     bool mCompressPending VNLOG_GUARDED_BY(StorageLock::role) = false;
+    /// A try to compress the section failed.
+    bool mFinishRetried VNLOG_GUARDED_BY(StorageLock::role) = false;
     /// The bound did not hold after the last cut.
     bool mBoundPending VNLOG_GUARDED_BY(StorageLock::role) = false;
 };

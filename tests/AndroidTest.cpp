@@ -9,14 +9,9 @@ using namespace vnlog;
 
 namespace {
 
-std::string bytesOf(int seconds, int nanoseconds, const std::string& payload) {
-    platform::LoggerHeader header{static_cast<uint16_t>(payload.size()), 0, 17, 18, seconds, nanoseconds};
-    return std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload;
-}
-
 EntryNode nodeOf(int seconds, int nanoseconds, const std::string& payload) {
     EntryNode node(new log_entry_node_t{});
-    bytesOf(seconds, nanoseconds, payload).copy(node->buffer, kEntrySize);
+    deviceEntry(seconds, nanoseconds, payload).copy(node->buffer, kEntrySize);
     return node;
 }
 
@@ -41,30 +36,18 @@ class AndroidTest : public ReaderTest {
         logcat_cleanup(devices[0]);
         sem_destroy(&state.mALogSem);
     }
-    void sendRaw(int device, const std::string& bytes) {
-        EXPECT_EQ(write(writers[device].get(), bytes.data(), bytes.size()),
-                  static_cast<ssize_t>(bytes.size()));
-    }
     void send(int device, int nanoseconds, const std::string& text, int seconds = 100) {
-        sendRaw(device, bytesOf(seconds, nanoseconds, "\4t\0"s + text + '\0'));
+        std::string bytes = deviceEntry(seconds, nanoseconds, "\4t\0"s + text + '\0');
+        EXPECT_TRUE(writeAll(writers[device].get(), bytes.data(), bytes.size()));
     }
     /** Reads from these devices, or as the service does. */
     Worker start(log_device_t* list = nullptr) {
         return {std::thread([this, list] { list != nullptr ? reader.readLines(list) : reader.run(); })};
     }
-    /** Makes the stand-in driver's devices, to which is sent from now on. */
-    void plug() {
-        makeFolder(home + "/dev");
-        ASSERT_TRUE(driver.start({home + paths[0], home + paths[1]}));
-        for (int i = 0; i < 2; ++i)
-            writers[i] =
-                platform::openLogger((home + paths[i]).c_str(), platform::LoggerAccess::WriteLossless);
-    }
 
     const char* const paths[2] = {"/dev/log_main", "/dev/log_system"};
     log_device_t* devices[2]{};
     FileDescriptor writers[2];
-    platform::LoggerDriver driver;
     AndroidState state;
     FilterState filterState;
     Filter filter{filterState};
@@ -219,11 +202,10 @@ TEST_F(AndroidTest, MainIsClearedAndCancellationLeavesNothingBehindAtAnyWait) {
     reader.run();
     EXPECT_TRUE(logged("Unable to open log device '/dev/log_main': No such file"));
     EXPECT_FALSE(reader.clear());
-    plug();
-    send(0, 0, "cleared");
-    auto readable = [&] { return platform::controlLogger(writers[0].get(), platform::kRequestReadable); };
-    EXPECT_TRUE(eventually([&] { return readable() > 0; }));
-    EXPECT_TRUE(reader.clear() && readable() == 0);
+    plugDevices();
+    entry("main", 100, 0, 4, "t", "cleared");
+    EXPECT_TRUE(eventually([&] { return readable(); }));
+    EXPECT_TRUE(reader.clear() && !readable());
     for (int round = 0; round < 15; ++round) { // in turn: waiting for data, for output, for the sink
         std::atomic<bool> inside{false};
         sink.door = [&](auto) {
@@ -235,7 +217,7 @@ TEST_F(AndroidTest, MainIsClearedAndCancellationLeavesNothingBehindAtAnyWait) {
         faults.reads = 0;
         Worker worker = start();
         for (int i = 0; i < 3; ++i)
-            send(i % 2, i, std::string(5000, 'l'));
+            entry(i == 1 ? "system" : "main", 100, i, 4, "t", std::string(5000, 'l'));
         EXPECT_TRUE(eventually([&] { return round % 3 == 1 ? faults.reads > 0 : inside.load(); }));
     }
     EXPECT_EQ(loggedTimes("logcat_cleanup logcat_cleanup dev="), 16)
@@ -246,7 +228,7 @@ TEST_F(AndroidTest, MainIsClearedAndCancellationLeavesNothingBehindAtAnyWait) {
 /** From a file of entries that each fill a read, so that the device is never quiet. */
 TEST_F(AndroidDeathTest, SilentDeviceHoldsBackNoMoreThanItMay) {
     const std::string entry =
-        bytesOf(100, 0, "\4t\0"s + std::string(kEntrySize - sizeof(platform::LoggerHeader) - 3, 'x'));
+        deviceEntry(100, 0, "\4t\0"s + std::string(kEntrySize - sizeof(platform::LoggerHeader) - 3, 'x'));
     FileDescriptor flood = openFile((home + "/flood").c_str(), O_CREAT | O_RDWR, 0600);
     for (int i = 0; i < 600; ++i)
         EXPECT_TRUE(writeAll(flood.get(), entry.data(), entry.size()));

@@ -1,9 +1,12 @@
 #include "Faults.h"
 
+#include "CutMedium.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <dirent.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/select.h>
@@ -14,13 +17,15 @@
 Faults faults;
 
 void Faults::disarm() {
-    for (Number* number : {&writeError, &writesUntilError, &syncError, &shortWrite, &writeDelayUs,
-                           &interruptedReads, &wholeReads, &interruption, &reads, &selects})
+    for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &interruptedReads,
+                           &wholeReads, &interruption, &reads, &selects})
         *number = 0;
-    threadsUntilError = semaphoresUntilError = entriesUntilError = writeErrors = stepsUntilError = -1;
-    freeBytes = failAllocationsFrom = -1;
+    threadsUntilError = semaphoresUntilError = entriesUntilError = stepsUntilError = -1;
+    writeErrors = INT_MAX;
+    failAllocationsFrom = SIZE_MAX;
+    freeBytes = -1;
     allocations = 0;
-    skipPauses = mRecording = false;
+    skipPauses = sectionsOnly = mRecording = false;
     mCalls.clear();
     mPauses.clear();
 }
@@ -50,24 +55,12 @@ std::string lastName(const std::string& path) {
 }
 
 std::string nameOf(int fd) {
-    char path[4096];
-    ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
-    return length > 0 ? lastName(std::string(path, static_cast<size_t>(length))) : "?";
+    return lastName(CutMedium::path(fd));
 }
 
-/** Counts down; true when the call is to fail. -1 means never. */
-bool spent(std::atomic<int>& left) {
-    int now = left;
-    while (now >= 0 && !left.compare_exchange_weak(now, now > 0 ? now - 1 : 0)) {
-    }
-    return now == 0;
-}
-
-bool stepFails() {
-    bool fails = faults.stepsUntilError == 0;
-    if (faults.stepsUntilError >= 0)
-        --faults.stepsUntilError;
-    return fails;
+/** Counts down; true for the one call that is to fail. */
+bool fails(std::atomic<int>& left) {
+    return left >= 0 && left-- == 0;
 }
 
 template <typename Result> Result failed(int error, Result result) {
@@ -76,7 +69,8 @@ template <typename Result> Result failed(int error, Result result) {
 }
 
 void countAllocation() {
-    if (gettid() != getpid())
+    static thread_local const bool isOther = gettid() != getpid();
+    if (isOther)
         ++faults.allocations;
 }
 
@@ -85,12 +79,16 @@ bool isRegular(int fd) {
     return fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
 }
 
-template <typename Info> int answerStatvfs(int result, Info* info) {
-    if (result == 0 && faults.freeBytes >= 0) {
-        info->f_bsize = 1;
-        info->f_bfree = static_cast<decltype(info->f_bfree)>(faults.freeBytes.load());
-    }
+/** Tells the medium that records, if any, of a call that was successful. */
+template <typename Result>
+Result told(Result result, const char* what, const char* path, const char* target = "") {
+    CutMedium* medium = CutMedium::recording;
+    if (medium != nullptr && result >= 0)
+        medium->changed(what, path, target);
     return result;
+}
+template <typename Result> Result told(Result result, const char* what, int fd) {
+    return CutMedium::recording != nullptr ? told(result, what, CutMedium::path(fd).c_str()) : result;
 }
 
 } // namespace
@@ -110,11 +108,12 @@ WRAP(ssize_t, write, (int fd, const void* bytes, size_t length)) {
         return REAL(write)(fd, bytes, length);
     if (faults.writeDelayUs > 0)
         usleep(static_cast<useconds_t>(faults.writeDelayUs));
-    if (faults.writeError != 0 && spent(faults.writesUntilError) && !spent(faults.writeErrors))
+    bool meant = !faults.sectionsOnly || nameOf(fd).rfind("log_", 0) == 0;
+    if (faults.writeError != 0 && meant && faults.writesUntilError-- <= 0 && faults.writeErrors-- > 0)
         return failed(faults.writeError, -1);
     if (int limit = faults.shortWrite.exchange(0))
         length = static_cast<size_t>(limit) < length ? static_cast<size_t>(limit) : length;
-    return REAL(write)(fd, bytes, length);
+    return told(REAL(write)(fd, bytes, length), "write ", fd);
 }
 
 WRAP(ssize_t, read, (int fd, void* bytes, size_t length)) {
@@ -132,32 +131,55 @@ WRAP(int, select, (int count, fd_set* read, fd_set* write, fd_set* except, timev
 
 WRAP(int, fsync, (int fd)) {
     faults.addCall("fsync " + nameOf(fd));
-    int error = faults.syncError != 0 ? faults.syncError.load() : stepFails() ? EIO : 0;
-    return error != 0 ? failed(error, -1) : REAL(fsync)(fd);
+    if (fails(faults.stepsUntilError))
+        return failed(EIO, -1);
+    if (CutMedium* medium = CutMedium::recording)
+        return medium->synced(fd), 0;
+    return REAL(fsync)(fd);
 }
 
 WRAP(int, rename, (const char* from, const char* to)) {
     faults.addCall("rename " + lastName(from) + " " + lastName(to));
-    return stepFails() ? failed(EIO, -1) : REAL(rename)(from, to);
+    return fails(faults.stepsUntilError) ? failed(EIO, -1)
+                                         : told(REAL(rename)(from, to), "rename ", from, to);
 }
 
 WRAP(int, unlink, (const char* path)) {
     faults.addCall("unlink " + lastName(path));
-    return stepFails() ? failed(EIO, -1) : REAL(unlink)(path);
+    return fails(faults.stepsUntilError) ? failed(EIO, -1) : told(REAL(unlink)(path), "unlink ", path);
+}
+WRAP(int, unlinkat, (int folder, const char* name, int flags)) {
+    int result = REAL(unlinkat)(folder, name, flags);
+    return folder == AT_FDCWD ? told(result, "unlink ", name) : told(result, "unlink in ", folder);
+}
+WRAP(int, remove, (const char* path)) {
+    return told(REAL(remove)(path), "remove ", path);
+}
+WRAP(int, rmdir, (const char* path)) {
+    return told(REAL(rmdir)(path), "rmdir ", path);
+}
+WRAP(int, mkdir, (const char* path, mode_t mode)) {
+    return told(REAL(mkdir)(path, mode), "mkdir ", path);
 }
 
-// With 64-bit file offsets the headers turn some names into their 64-bit ones where the two differ.
-WRAP(dirent*, readdir, (DIR * folder)) {
-    return spent(faults.entriesUntilError) ? failed<dirent*>(EIO, nullptr) : REAL(readdir)(folder);
+// With 64-bit file offsets the headers turn these names into their 64-bit ones.
+WRAP(int, open64, (const char* path, int flags, mode_t mode)) {
+    int fd = REAL(open64)(path, flags, mode);
+    return (flags & (O_CREAT | O_TRUNC)) != 0 ? told(fd, "open ", path) : fd;
+}
+WRAP(int, ftruncate64, (int fd, off64_t size)) {
+    return told(REAL(ftruncate64)(fd, size), "truncate ", fd);
 }
 WRAP(dirent64*, readdir64, (DIR * folder)) {
-    return spent(faults.entriesUntilError) ? failed<dirent64*>(EIO, nullptr) : REAL(readdir64)(folder);
-}
-WRAP(int, statvfs, (const char* path, struct statvfs* info)) {
-    return answerStatvfs(REAL(statvfs)(path, info), info);
+    return fails(faults.entriesUntilError) ? failed<dirent64*>(EIO, nullptr) : REAL(readdir64)(folder);
 }
 WRAP(int, statvfs64, (const char* path, struct statvfs64* info)) {
-    return answerStatvfs(REAL(statvfs64)(path, info), info);
+    int result = REAL(statvfs64)(path, info);
+    if (result == 0 && faults.freeBytes >= 0) {
+        info->f_bsize = 1;
+        info->f_bfree = static_cast<decltype(info->f_bfree)>(faults.freeBytes.load());
+    }
+    return result;
 }
 
 WRAP(int, sem_clockwait, (sem_t * semaphore, clockid_t clock, const timespec* end)) {
@@ -172,11 +194,11 @@ WRAP(int, sem_clockwait, (sem_t * semaphore, clockid_t clock, const timespec* en
 
 WRAP(int, pthread_create,
      (pthread_t * thread, const pthread_attr_t* attr, void* (*body)(void*), void* argument)) {
-    return spent(faults.threadsUntilError) ? EAGAIN : REAL(pthread_create)(thread, attr, body, argument);
+    return fails(faults.threadsUntilError) ? EAGAIN : REAL(pthread_create)(thread, attr, body, argument);
 }
 
 WRAP(int, sem_init, (sem_t * semaphore, int shared, unsigned value)) {
-    return spent(faults.semaphoresUntilError) ? failed(ENOSPC, -1) : REAL(sem_init)(semaphore, shared, value);
+    return fails(faults.semaphoresUntilError) ? failed(ENOSPC, -1) : REAL(sem_init)(semaphore, shared, value);
 }
 
 WRAP(void*, malloc, (size_t size)) {
@@ -199,8 +221,7 @@ WRAP_NAMED(void*, OPERATOR_NEW, (size_t size)) {
 
 WRAP(void*, calloc, (size_t count, size_t size)) {
     countAllocation();
-    bool refused =
-        faults.failAllocationsFrom >= 0 && count * size >= static_cast<size_t>(faults.failAllocationsFrom);
+    bool refused = count * size >= faults.failAllocationsFrom;
     return refused ? failed<void*>(ENOMEM, nullptr) : REAL(calloc)(count, size);
 }
 }

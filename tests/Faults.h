@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <climits>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -15,20 +16,21 @@ struct Faults {
     using Number = std::atomic<int>;
     Number writeError{0}; ///< errno of every write to a regular file while set
     Number writesUntilError{0}; ///< with writeError: writes that still work
-    Number writeErrors{-1}; ///< with writeError: how many fail, -1 for all
-    Number syncError{0}; ///< errno of every fsync while set
+    std::atomic<bool> sectionsOnly{false}; ///< writeError does not meet the settings
+    Number writeErrors{INT_MAX}; ///< with writeError: how many fail
     Number shortWrite{0}; ///< bytes that the next write takes at most, once
     Number writeDelayUs{0}; ///< a slow medium
-    Number threadsUntilError{-1}, semaphoresUntilError{-1}; ///< what can still be made, -1 for all
-    Number stepsUntilError{-1}; ///< of fsync, rename and unlink that still work; one fails then (EIO)
-    Number entriesUntilError{-1}; ///< folder entries that can still be listed, over all listings
+    // How many still work until one fails, -1 for all:
+    Number threadsUntilError{-1}, semaphoresUntilError{-1}; ///< that are to be made
+    Number stepsUntilError{-1}; ///< fsync, rename and unlink together
+    Number entriesUntilError{-1}; ///< entries that are listed, over all folders
     Number interruptedReads{0}; ///< reads of sockets and pipes that a signal interrupts
     Number wholeReads{0}; ///< with interruptedReads: those that work before
     Number interruption{0}; ///< with interruptedReads: their errno, 0 for EINTR
     Number reads{0}, selects{0}; ///< count the calls
     std::atomic<uint32_t> allocations{0}; ///< of all threads but the test's own
     std::atomic<int64_t> freeBytes{-1}; ///< what the file system answers, -1 for the truth
-    std::atomic<int64_t> failAllocationsFrom{-1}; ///< smallest size in bytes that is refused
+    std::atomic<size_t> failAllocationsFrom{SIZE_MAX}; ///< smallest size in bytes that is refused
     std::atomic<bool> skipPauses{false}; ///< timed waits end at once
 
     void disarm();

@@ -77,10 +77,3 @@ TEST_F(FilterTest, FormatWordsCountByTheirBeginningAndLettersByTheirPriority) {
         letters += priorityLetter(static_cast<android_LogPriority>(priority));
     EXPECT_EQ(letters, "??vdiwefs?");
 }
-
-TEST_F(FilterTest, LibraryRecordHasTheLayoutReliedOn) {
-    AndroidLogFormat_t* record = android_log_format_new();
-    EXPECT_TRUE(record->globalPriority == ANDROID_LOG_VERBOSE && record->rules == nullptr);
-    EXPECT_EQ(record->printFormat, FORMAT_BRIEF);
-    android_log_format_free(record);
-}

@@ -33,20 +33,14 @@ bool eventually(const std::function<bool()>& condition) {
 
 std::string readFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void makeFolder(const std::string& path) {
-    fs::create_directories(path);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
 }
 
 void writeFile(const std::string& path, const std::string& text) {
     makeFolder(fs::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << text;
-}
-
-bool exists(const std::string& path) {
-    return fs::exists(path);
 }
 
 std::string runCommand(const std::string& command) {
@@ -74,6 +68,12 @@ int openDescriptors() {
     return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
+std::string deviceEntry(int seconds, int nanoseconds, const std::string& payload) {
+    vnlog::platform::LoggerHeader header{
+        static_cast<uint16_t>(payload.size()), 0, 17, 18, seconds, nanoseconds};
+    return std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload;
+}
+
 /** Calls `visit` with every entry of a folder of a store and its path. */
 template <typename Visit> static void walk(const std::string& folder, const Visit& visit) {
     vnlog::Listing listing(folder.c_str());
@@ -90,9 +90,11 @@ std::string storedText(const std::string& logs) {
             return;
         uint32_t age = run.kind == NameKind::Current ? ~0U : run.number;
         walk(folder, [&](const vnlog::StoredEntry& found, const std::string& file) {
+            if (!found.isSection())
+                return;
             if (found.kind == NameKind::PlainText)
                 sections[{age, found.number}] = readFile(file);
-            else if (found.kind == NameKind::Archive && !exists(file.substr(0, file.size() - 3)))
+            else if (!exists(file.substr(0, file.size() - 3)))
                 sections[{age, found.number}] = readGzip(file);
         });
     });
@@ -104,13 +106,16 @@ std::string storedText(const std::string& logs) {
 
 uint64_t storedArchiveBytes(const std::string& logs) {
     uint64_t sum = 0;
-    for (auto& entry : fs::recursive_directory_iterator(logs))
-        sum += entry.path().extension() == ".gz" ? entry.file_size() : 0;
+    std::error_code none;
+    for (auto& entry : fs::recursive_directory_iterator(logs, none))
+        sum += entry.path().extension() == ".gz" && fs::is_regular_file(entry.symlink_status())
+                   ? entry.file_size()
+                   : 0;
     return sum;
 }
 
-FolderTest::FolderTest() : mWorkingFolder(fs::current_path()) {
-    std::string pattern = fs::temp_directory_path() / "vnlog-XXXXXX";
+FolderTest::FolderTest(const std::string& place) : mWorkingFolder(fs::current_path()) {
+    std::string pattern = place + "/vnlog-XXXXXX";
     alarm(280); // a hang is a failure, within the limit that a test has
     home = mkdtemp(pattern.data());
     root = home + "/media/flash/nvm";
@@ -154,26 +159,12 @@ ServiceTest::ServiceTest() {
     mkfifo((home + "/proc/kmsg").c_str(), 0600);
 }
 
-ServiceTest::~ServiceTest() {
-    stop();
-}
-
-void ServiceTest::configure(const Changes& changes) {
-    std::map<std::string, std::string> changed(changes.begin(), changes.end());
-    std::istringstream defaults("UART_OUTPUT=n NAND_FILE_OUTPUT=y SAVE_FLUSH_SWITCH=n STORAGE_PATH=" + root +
-                                " MAX_LOG_SIZE=1 LOG_SECTION_SIZE=64 LOG_DELETE_SIZE=64 KLOG_OUTPUT=y "
-                                "KLOG_LEVEL=7 ALOG_OUTPUT=y ALOG_LEVEL=d "
-                                "ALOG_MODULE=ALL_MODULE ALOG_FORMAT=brief");
-    std::string text;
-    for (std::string line; defaults >> line;) {
-        std::string key = line.substr(0, line.find('='));
-        if (changed.count(key) == 0)
-            text += line + "\n";
-        else if (changed[key] != "-") // which leaves the key out
-            text += key + "=" + changed[key] + "\n";
-    }
+void ServiceTest::configure(const std::string& settings) {
     fs::remove(cfg);
-    writeFile(cfg, text);
+    writeFile(cfg,
+              settings + "\nUART_OUTPUT=n\nNAND_FILE_OUTPUT=y\nSAVE_FLUSH_SWITCH=n\nSTORAGE_PATH=" + root +
+                  "\nMAX_LOG_SIZE=1\nLOG_SECTION_SIZE=64\nLOG_DELETE_SIZE=64\nKLOG_OUTPUT=y\n"
+                  "KLOG_LEVEL=7\nALOG_OUTPUT=y\nALOG_LEVEL=d\nALOG_MODULE=ALL_MODULE\nALOG_FORMAT=brief\n");
 }
 
 LogService& ServiceTest::deferred() {
@@ -186,10 +177,6 @@ void ServiceTest::start(bool flush, bool kernel, bool android) {
     ASSERT_EQ(deferred().serviceStart(flags), 0);
 }
 
-void ServiceTest::stop() {
-    mService = nullptr;
-}
-
 void ServiceTest::feed(const std::string& text) {
     vnlog::FileDescriptor log = vnlog::openFile((home + "/proc/kmsg").c_str(), O_WRONLY);
     EXPECT_TRUE(vnlog::writeAll(log.get(), text.data(), text.size()));
@@ -200,23 +187,33 @@ bool ServiceTest::put(const std::string& text) {
            static_cast<int>(text.size());
 }
 
-void ServiceTest::plugDevices() {
+void FolderTest::plugDevices() {
     makeFolder(home + "/dev");
     mDriver = std::make_unique<vnlog::platform::LoggerDriver>();
     ASSERT_TRUE(mDriver->start({home + "/dev/log_main", home + "/dev/log_system"}, 65536)) << strerror(errno);
 }
 
-void ServiceTest::entry(const char* device, int seconds, int nanoseconds, char priority,
-                        const std::string& tag, const std::string& text) {
+void FolderTest::unplugDevices() {
+    mWriters.clear();
+    mDriver = nullptr;
+}
+
+const vnlog::FileDescriptor& FolderTest::writerOf(const char* device) {
+    using namespace vnlog::platform;
     vnlog::FileDescriptor& writer = mWriters[device];
     if (!writer.valid())
-        writer = vnlog::platform::openLogger((home + "/dev/log_" + device).c_str(),
-                                             vnlog::platform::LoggerAccess::WriteLossless);
-    std::string payload = priority + tag + '\0' + text + '\0';
-    vnlog::platform::LoggerHeader header{
-        static_cast<uint16_t>(payload.size()), 0, 17, 18, seconds, nanoseconds};
-    payload.insert(0, reinterpret_cast<const char*>(&header), sizeof header);
-    ASSERT_TRUE(vnlog::writeAll(writer.get(), payload.data(), payload.size()));
+        writer = openLogger((home + "/dev/log_" + device).c_str(), LoggerAccess::WriteLossless);
+    return writer;
+}
+
+void FolderTest::entry(const char* device, int seconds, int nanoseconds, char priority,
+                       const std::string& tag, const std::string& text) {
+    std::string bytes = deviceEntry(seconds, nanoseconds, priority + tag + '\0' + text + '\0');
+    ASSERT_TRUE(vnlog::writeAll(writerOf(device).get(), bytes.data(), bytes.size()));
+}
+
+bool FolderTest::readable() {
+    return vnlog::platform::controlLogger(writerOf("main").get(), vnlog::platform::kRequestReadable) > 0;
 }
 
 void FolderTest::catchConsole() {
@@ -241,10 +238,6 @@ bool ServiceTest::flush() {
             service().flushLogBufAll();
         return service().bufferedBytes() == 0;
     });
-}
-
-bool FolderTest::logged(const std::string& text) {
-    return loggedTimes(text) > 0;
 }
 
 int FolderTest::loggedTimes(const std::string& text) {

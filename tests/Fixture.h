@@ -38,12 +38,18 @@ bool eventually(const std::function<bool()>& condition);
 std::string readFile(const std::string& path);
 /** Creates the file and the folders above it. */
 void writeFile(const std::string& path, const std::string& text);
-void makeFolder(const std::string& path);
-bool exists(const std::string& path);
+inline void makeFolder(const std::string& path) {
+    fs::create_directories(path);
+}
+inline bool exists(const std::string& path) {
+    return fs::exists(path);
+}
 std::string runCommand(const std::string& command);
 /** Text of a gzip file; a damaged one fails the test. */
 std::string readGzip(const std::string& path);
 int openDescriptors();
+/** An entry as it is written to a device, of the process 17 and its thread 18. */
+std::string deviceEntry(int seconds, int nanoseconds, const std::string& payload);
 /** The stored text under a log folder, oldest first, by the product's own listing: archived runs, then the
  * current. */
 std::string storedText(const std::string& logs);
@@ -56,16 +62,24 @@ uint64_t storedArchiveBytes(const std::string& logs);
  */
 class FolderTest : public ::testing::Test {
   protected:
-    FolderTest();
+    explicit FolderTest(const std::string& place = fs::temp_directory_path());
     ~FolderTest() override;
 
     /** Whether a diagnostic that contains `text` was logged; how often. */
-    bool logged(const std::string& text);
+    bool logged(const std::string& text) { return loggedTimes(text) > 0; }
     int loggedTimes(const std::string& text);
     void forgetLog();
     /** Sends standard output to a file until the end of the test. */
     void catchConsole();
     std::string console();
+    /** Makes the logger devices main and system, and removes them again. */
+    void plugDevices();
+    void unplugDevices();
+    /** Writes an entry with this stamp to a device. */
+    void entry(const char* device, int seconds, int nanoseconds, char priority, const std::string& tag,
+               const std::string& text);
+    /** Whether the main device has something to read. */
+    bool readable();
 
     std::string home; ///< the system root
     std::string root; ///< the storage root, which is there
@@ -73,6 +87,10 @@ class FolderTest : public ::testing::Test {
     std::string cfg; ///< log.cfg
 
   private:
+    const vnlog::FileDescriptor& writerOf(const char* device);
+
+    std::unique_ptr<vnlog::platform::LoggerDriver> mDriver;
+    std::map<std::string, vnlog::FileDescriptor> mWriters;
     int mStdout = -1;
     std::string mWorkingFolder;
 };
@@ -81,15 +99,15 @@ class FolderTest : public ::testing::Test {
 class ServiceTest : public FolderTest {
   protected:
     ServiceTest();
-    ~ServiceTest() override;
+    ~ServiceTest() override { stop(); }
 
-    /** log.cfg with storage and kernel reading on, small sections, and `changes` like {"KLOG_LEVEL", "3"}. */
-    using Changes = std::vector<std::pair<std::string, std::string>>;
-    void configure(const Changes& changes = {});
+    /** log.cfg with these lines, and behind them, where they say nothing, storage and kernel reading on and
+     * small sections. */
+    void configure(const std::string& settings = "");
     /** Builds the service and starts it with these workers. */
     void start(bool flush = true, bool kernel = true, bool android = false);
     /** Stops and drops the service. */
-    void stop();
+    void stop() { mService = nullptr; }
     /** An object that is not started; the constructor's values. */
     LogService& deferred();
     LogService& service() { return *mService; }
@@ -97,21 +115,12 @@ class ServiceTest : public FolderTest {
     /** Writes to the kernel log, which must have its reader. */
     void feed(const std::string& text);
     bool put(const std::string& text);
-    /** Makes the logger devices. */
-    void plugDevices();
-    /** Writes an entry with this stamp to a device. */
-    void entry(const char* device, int seconds, int nanoseconds, char priority, const std::string& tag,
-               const std::string& text);
     /** Asks for a flush and waits until the buffer is empty. */
     bool flush();
 
     /** All stored text, oldest first: archived runs, then the current one. */
     std::string stored() { return storedText(logs); }
-    /** Bytes of all finished sections. */
-    uint64_t storedBytes() { return storedArchiveBytes(logs); }
 
   private:
-    std::unique_ptr<vnlog::platform::LoggerDriver> mDriver;
-    std::map<std::string, vnlog::FileDescriptor> mWriters;
     android::sp<LogService> mService;
 };

@@ -18,11 +18,11 @@ TEST_F(LayoutTest, NamesAreParsedOnlyAsTheyAreBuilt) {
         {NameKind::OlderText, "log.txt"},
         {NameKind::OlderArchive, "log.txt.gz"},
         {NameKind::OtherText, "x.txt log_01.txt .txt log_.txt log_1.txt.txt a.gz.txt log_999999999.txt"},
-        {NameKind::Draft, "log_1.txt.gz.new x.txt.gz.new"},
-        {NameKind::Foreign,
-         "log_1.txt.new current2 last_ last_x last_1x last_01 last_-1 last_+1 xlast_1 last_999999999 "
-         "last_4294967297 last_1.stray log_1 log_1.gz log_.txt.gz log_1.txt.gz2 "
-         "log_01.txt.gz log_999999999.txt.gz log_1.txtx txt log_storage.dat"}};
+        {NameKind::Draft, "log_1.txt.gz.new log.txt.gz.new"},
+        {NameKind::Foreign, "log_1.txt.new x.txt.gz.new .new current2 last_ last_x last_1x last_01 last_-1 "
+                            "last_+1 xlast_1 last_999999999 "
+                            "last_4294967297 last_1.stray log_1 log_1.gz log_.txt.gz log_1.txt.gz2 "
+                            "log_01.txt.gz log_999999999.txt.gz log_1.txtx txt log_storage.dat"}};
     for (auto& [kind, text] : names) {
         std::istringstream words(text);
         for (std::string name; words >> name;) {

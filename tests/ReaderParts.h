@@ -51,6 +51,7 @@ class ReaderTest : public FolderTest {
   protected:
     ReaderTest() { EXPECT_TRUE(systemRoot.read()); }
     ~ReaderTest() override {
+        unplugDevices();
         EXPECT_TRUE(eventually([this] { return openDescriptors() == descriptors; }));
     }
     /** Switches the output on for a reader that holds back what it has read, in four attempts. */

@@ -24,6 +24,21 @@ stop_host HUP
 grep -qx "right before the end" "$store/current/log_1.txt" || fail "the end does not wait for its readers"
 [ "$(zcat "$store/last_1/log_1.txt.gz")" = "$(printf 'kept\nlast line')" ] || fail "the first run is not archived"
 
+# A kill at any moment loses nothing but what was not written yet: each life's lines are there from its first on, once.
+for life in 1 2 3 4 5 6 7 8; do
+    start_host
+    noise=$(head -c 60 /dev/urandom | base64 -w 0)
+    seq -f "<3>life $life line %g $noise" 2000 2>/dev/null | timeout 10 tee "$root/proc/kmsg" >/dev/null 2>&1 &
+    sleep "0.$life"
+    kill -9 $hostpid
+    wait $hostpid || true
+done
+start_host
+stop_host
+stored_text | grep -ao 'life [0-9]* line [0-9]* ' >"$home/lives"
+[ "$(wc -l <"$home/lives")" -gt 2000 ] && awk '++lines[$2] != $4 { exit 1 }' "$home/lives" || fail "a kill lost or doubled lines: $(tail -3 "$home/lives")"
+[ "$(cut -d ' ' -f 2 "$home/lives" | uniq)" = "$(cut -d ' ' -f 2 "$home/lives" | sort -n | uniq)" ] || fail "order"
+
 # A medium that takes nothing: the end gives up in time. More than the FIFO holds, so that some of it is buffered.
 start_host
 rmdir "$store/current" && : >"$store/current"

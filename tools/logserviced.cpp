@@ -45,7 +45,7 @@ int fail(const char* what, const std::string& path) {
 int prepareSystemRoot(const std::string& root) {
     for (const char* part : {"/dev", "/media", "/media/flash", "/media/flash/nvm"}) {
         std::string path = root + part;
-        if (mkdir(path.c_str(), 0777) != 0 && errno != EEXIST)
+        if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST)
             return fail("cannot create", path);
     }
     return 0;
@@ -104,6 +104,7 @@ int serve(const std::string& root) {
     const sigset_t signals = signalsToWaitFor();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN); // a console that goes away is reported by its write
+    std::signal(SIGXFSZ, SIG_IGN); // so is a file that must not grow any more
 
     const char* name = vnlog::platform::kServiceName;
     if (android::defaultServiceManager()->checkService(android::String16(name)) != nullptr) {
