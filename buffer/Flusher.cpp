@@ -15,7 +15,7 @@ constexpr unsigned kLongestPauseSeconds = 60;
 
 void Flusher::run() {
     while (mState.mFlushThreadRunning) {
-        if (!mRing.waitForPost())
+        if (!mRing.waitForWork())
             return;
         drainUntilDone();
     }
@@ -57,7 +57,7 @@ Flusher::Drain Flusher::drain(bool retry, uint32_t requestsSeen) {
         mRing.forgetRequest(requestsSeen);
         return Drain::Idle;
     }
-    if (used <= kFlushThreshold && !retry && !mRing.flushWanted())
+    if (!retry && !mRing.drainWanted())
         return Drain::Idle;
 
     SaveResult result = mTarget.save(used);

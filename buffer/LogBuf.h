@@ -35,7 +35,7 @@ struct LogBuf {
     uint32_t write_pos VNLOG_GUARDED_BY(RingLock::role); ///< index where the next byte is stored
     std::atomic<uint32_t> free_size; ///< free bytes
     pthread_mutex_t mutex;
-    sem_t sem_read; ///< wakes the flush thread
+    sem_t sem_read; ///< wakes the flush thread, which waits while there is nothing to do
     sem_t sem_write; ///< wakes a writer that waits for space; posted by every drain
 };
 

@@ -21,6 +21,8 @@ constexpr int kPlaceWhole = 1699;
 constexpr int kPlaceFirst = 1706;
 constexpr int kPlaceSecond = 1710;
 
+constexpr uint32_t kWaitReportInterval = 1000; ///< milliseconds between two reports about waiting writers
+
 /** Holds the ring's mutex while in scope. */
 class VNLOG_SCOPED_LOCK RingGuard {
   public:
@@ -70,8 +72,20 @@ uint32_t cutBack(int fd, off_t start) {
     return 0;
 }
 
+/** Of the monotonic clock, modulo 2^32. */
+uint32_t milliseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint32_t>(now.tv_sec) * 1000U + static_cast<uint32_t>(now.tv_nsec / 1000000);
+}
+
 uint32_t usedBytes(const LogBuf& buffer) {
     return buffer.size - buffer.free_size;
+}
+
+void dropPosts(sem_t& semaphore) {
+    while (sem_trywait(&semaphore) == 0) {
+    }
 }
 
 /** Reports a failed call; `error` is its result or, of one that gives -1, errno's. */
@@ -204,8 +218,9 @@ bool Ring::build() {
     record->last_pos = kLogBufSize - 1;
     record->free_size = kLogBufSize;
     mState.mFlushAll = false;
-    mDrainFailing = false;
-    mDroppedBytes = mDroppedLines = 0;
+    mDrainFailing = mConsumerAwake = mConsumerWorks = false;
+    mDroppedBytes = mDroppedLines = mUnreportedWaits = 0;
+    mLastWaitReport = milliseconds() - kWaitReportInterval;
     return true;
 }
 
@@ -246,9 +261,20 @@ PutResult Ring::put(const void* bytes, uint32_t length) {
     PutResult result{PutStatus::Stored};
     if (!tryCopy(*buffer, bytes, length))
         result = waitAndCopy(*buffer, bytes, length);
-    if (result.status == PutStatus::Stored)
-        postOrReport(&buffer->sem_read, "logBufWrite sem_post failed \n");
+    if (result.status == PutStatus::Stored && drainWanted(*buffer))
+        wakeForDrain(*buffer);
     return result;
+}
+
+bool Ring::drainWanted(const LogBuf& buffer) const {
+    uint32_t used = usedBytes(buffer);
+    return used > kFlushThreshold || (used > 0 && (mState.mFlushAll || mState.mFlushSwitch || mWaiters > 0));
+}
+
+/** Wakes the consumer unless it is awake: it looks once more before it waits. */
+void Ring::wakeForDrain(LogBuf& buffer) {
+    if (!mConsumerAwake.exchange(true))
+        postOrReport(&buffer.sem_read, "logBufWrite sem_post failed \n");
 }
 
 /** Copies the record in if there is space for it. */
@@ -268,13 +294,10 @@ bool Ring::tryCopy(LogBuf& buffer, const void* bytes, uint32_t length) {
 /** put for a record that finds no space. Cancellation may strike while it waits. */
 PutResult Ring::waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length) {
     Waiter waiter(*this);
-    if (mWaiters == 1) {
-        // Posts of drains before this moment tell nothing new; left standing, each would cost a useless
-        // round.
-        while (sem_trywait(&buffer.sem_write) == 0) {
-        }
-    }
-    postOrReport(&buffer.sem_read, "logBufWrite sem_post failed \n");
+    if (mWaiters == 1)
+        dropPosts(buffer.sem_write); // of drains before this moment; each would cost a useless round
+    bool reported = false;
+    wakeForDrain(buffer);
     for (;;) {
         if (tryCopy(buffer, bytes, length))
             return {PutStatus::Stored};
@@ -286,11 +309,29 @@ PutResult Ring::waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length) 
             ++mRefusedRecords;
             return {PutStatus::Refused};
         }
-        logError("not enough log buffer for %zd byte, free size %zd byte\n", static_cast<ssize_t>(length),
-                 static_cast<ssize_t>(buffer.free_size.load()));
+        if (!reported)
+            reportWait(buffer, length);
+        reported = true;
         if (!waitOrReport(&buffer.sem_write, " logBufWrite sem_wait failed\n"))
             return {PutStatus::WaitFailed};
     }
+}
+
+/** Says once a second at most that a writer waits, and then how many have waited unsaid. */
+void Ring::reportWait(const LogBuf& buffer, uint32_t length) {
+    uint32_t now = milliseconds(), last = mLastWaitReport;
+    if (now - last < kWaitReportInterval || !mLastWaitReport.compare_exchange_strong(last, now)) {
+        ++mUnreportedWaits;
+        return;
+    }
+    logError("not enough log buffer for %zd byte, free size %zd byte\n", static_cast<ssize_t>(length),
+             static_cast<ssize_t>(buffer.free_size.load()));
+    reportUnsaidWaits();
+}
+
+void Ring::reportUnsaidWaits() {
+    if (uint32_t waits = mUnreportedWaits.exchange(0))
+        logError("%u more waits for log buffer since the last report\n", waits);
 }
 
 PutResult Ring::mediumIsFull(const LogBuf& buffer) const {
@@ -344,12 +385,19 @@ bool Ring::wakeConsumer() {
     return sem_post(&mState.mLogBuf->sem_read) == 0;
 }
 
-bool Ring::waitForPost() {
-    return waitOrReport(&mState.mLogBuf->sem_read, "logBufFlush sem_wait failed\n");
+bool Ring::waitForWork() {
+    if (mConsumerWorks) {
+        mConsumerAwake = false; // first, so that whoever brings work from here on posts
+        if (drainWanted() && !mConsumerAwake.exchange(true))
+            return true;
+    }
+    mConsumerWorks = waitOrReport(&mState.mLogBuf->sem_read, "logBufFlush sem_wait failed\n");
+    mConsumerAwake = true;
+    return mConsumerWorks;
 }
 
-bool Ring::flushWanted() const {
-    return mState.mFlushAll || mState.mFlushSwitch || mWaiters > 0;
+bool Ring::drainWanted() const {
+    return drainWanted(*mState.mLogBuf);
 }
 
 void Ring::forgetRequest(uint32_t seen) {
@@ -362,6 +410,7 @@ void Ring::pause(unsigned seconds, uint32_t seen) {
     timespec end{};
     clock_gettime(CLOCK_MONOTONIC, &end);
     end.tv_sec += static_cast<time_t>(seconds);
+    dropPosts(mState.mLogBuf->sem_read); // what they told has been looked at; the next try does so again
     while (mState.mFlushThreadRunning && mFlushRequests == seen) {
         if (sem_clockwait(&mState.mLogBuf->sem_read, CLOCK_MONOTONIC, &end) < 0 && errno != EINTR)
             return;
@@ -386,6 +435,7 @@ void Ring::reportRefused() {
 
 void Ring::reportUnwritten() {
     reportRefused();
+    reportUnsaidWaits();
     countDropped();
     if (uint32_t left = used())
         logError("%u buffered byte are dropped by the stop\n", left);

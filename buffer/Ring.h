@@ -90,12 +90,13 @@ class Ring {
 
     // --- for the flush thread
 
-    /** Waits for the next post of anybody. False, reported, when that is not possible. */
-    [[nodiscard]] bool waitForPost();
+    /** Waits until there is something to do: at once when there is already. False, reported, when waiting is
+     * not possible. */
+    [[nodiscard]] bool waitForWork();
     /** How many flushes have been requested so far, modulo 2^32. */
     uint32_t requests() const { return mFlushRequests; }
-    /** Whether less than the threshold is to be written out as well. */
-    bool flushWanted() const;
+    /** Whether what is buffered is to be written out: more than the threshold, or less that is wanted. */
+    bool drainWanted() const;
     /** Clears a request that has been served, unless another has come since `seen` was read. */
     void forgetRequest(uint32_t seen);
     /** Waits `seconds`; a stop or a request after `seen` ends the wait, other posts do not. */
@@ -112,6 +113,7 @@ class Ring {
 
     uint32_t waiting() const { return mWaiters; }
     uint32_t inside() const { return mUsers & ~kClosed; }
+    uint32_t unsaidWaits() const { return mUnreportedWaits; }
 
   private:
     class Use;
@@ -129,10 +131,14 @@ class Ring {
     bool build();
     void destroy(Built built);
     bool tryCopy(LogBuf& buffer, const void* bytes, uint32_t length);
+    bool drainWanted(const LogBuf& buffer) const;
+    void wakeForDrain(LogBuf& buffer);
+    void reportWait(const LogBuf& buffer, uint32_t length);
     PutResult waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length);
     PutResult mediumIsFull(const LogBuf& buffer) const;
     void wakeWaiters();
     void reportRefused();
+    void reportUnsaidWaits();
     void countDropped();
 
     RingState& mState;
@@ -140,12 +146,17 @@ class Ring {
     mutable std::atomic<uint32_t> mUsers{0}; ///< how many are inside; the top bit while the ring is closed
     mutable sem_t mIdle; ///< posted by whoever leaves a closed ring
     std::atomic<uint32_t> mWaiters{0};
+    /// The consumer looks at the ring before it waits again, so nobody needs to wake it.
+    Flag mConsumerAwake{false};
+    bool mConsumerWorks = false; ///< the consumer has been woken and has not waited since; its own
     std::atomic<uint32_t> mFlushRequests{0};
     std::atomic<uint32_t> mRefusedRecords{0}; ///< since draining began to fail
     Flag mDrainFailing{false}; ///< the last drain failed
     Flag mMediumFull{false}; ///< it did so for want of room
     std::atomic<uint32_t> mDroppedBytes{0};
     std::atomic<uint32_t> mDroppedLines{0};
+    std::atomic<uint32_t> mLastWaitReport{0}; ///< milliseconds, modulo 2^32
+    std::atomic<uint32_t> mUnreportedWaits{0};
 };
 
 } // namespace vnlog

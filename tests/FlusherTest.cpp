@@ -91,6 +91,7 @@ TEST_F(FlusherTest, PausesTwiceAsLongAfterEachFailureUntilARequestOrAStop) {
         put(40000);
         ASSERT_TRUE(eventually([] { return faults.pauses().size() == 8; })) << "the last is a whole one";
         EXPECT_EQ(put(10), PutStatus::Stored);
+        EXPECT_TRUE(ring.wakeConsumer());
         EXPECT_TRUE(eventually([] { return faults.pauses().size() == 9; })) << "it goes on";
         EXPECT_EQ(faults.pauses(), (std::vector<long>{1, 2, 4, 8, 16, 32, 60, 60, 60})) << "of 8 failures";
         EXPECT_EQ(put(kLogBufSize), PutStatus::Refused);
@@ -117,4 +118,22 @@ TEST_F(FlusherTest, HearsARequestOrAStopDuringADrain) {
     put(60000);
     EXPECT_TRUE(eventually([&] { return logged("60000 buffered byte are dropped by the stop\n"); }));
     EXPECT_EQ(loggedTimes("failed to save log"), 1) << "a stop is no failure of the storage";
+}
+
+TEST_F(FlusherTest, NoWakeUpIsLostHoweverRecordsAndRequestsMeetTheDrains) {
+    std::mt19937 random(7), during(8);
+    onSave = [&](size_t) {
+        if (during() % 2 == 0)
+            put(25000 + during() % 16000); // the threshold is passed in a drain, or not
+    };
+    for (int round = 0; round < 2000 && !HasFailure(); ++round) {
+        uint32_t length = 8000 + random() % 3000; // three are a little below or above the threshold
+        std::thread other([&] { put(length); });
+        put(length);
+        put(length);
+        other.join();
+        if (random() % 4 == 0)
+            ring.requestFlush();
+        EXPECT_TRUE(eventually([&] { return ring.used() <= kFlushThreshold; }));
+    }
 }

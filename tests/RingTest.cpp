@@ -20,6 +20,13 @@ class RingTest : public FolderTest, Medium {
         EXPECT_EQ(take(1).count, 0u);
         EXPECT_EQ(put(std::string(kLogBufSize, 'f')).status, PutStatus::Stored);
     }
+    int reportedWaits() { return loggedTimes("not enough log buffer for 1000 byte, free size 0 byte\n"); }
+    /** How often the flush thread, which is not there, has been woken. */
+    int posts() {
+        int count = -1;
+        EXPECT_EQ(sem_getvalue(&state.mLogBuf->sem_read, &count), 0);
+        return count;
+    }
     TakeResult take(uint32_t wanted) {
         EXPECT_EQ(ftruncate(file.get(), lseek(file.get(), 0, SEEK_SET)), 0);
         return ring.take(file.get(), wanted);
@@ -88,14 +95,36 @@ TEST_F(RingTest, WaitEndsWithADrainAFullMediumAFailingDrainTheReleaseOrTheThread
         std::vector<PutStatus> ends(2, PutStatus::NotInService); // of those that are cancelled
         for (int i = 0; i < 2; ++i) {
             writers.emplace_back([&, end = &ends[i]] { *end = put(std::string(1000, 'w')).status; });
-            EXPECT_TRUE(eventually([&] { return loggedTimes("for 1000 byte, free size 0 byte\n") > i; }));
+            EXPECT_TRUE(eventually([&] { return reportedWaits() + int(ring.unsaidWaits()) > i; }));
         }
         for (auto& writer : writers)
             endOneWait(writer);
         for (auto& writer : writers)
             writer.join();
         EXPECT_EQ(ends, std::vector<PutStatus>(2, expected));
-        EXPECT_EQ(loggedTimes("not enough log buffer"), 2) << "once for each";
+        EXPECT_EQ(reportedWaits() + int(ring.unsaidWaits()), 2) << "once for each";
         EXPECT_EQ(ring.waiting() + ring.inside(), 0u);
     }
+}
+
+TEST_F(RingTest, FlushThreadIsWokenOnceAndOnlyWhenThereIsWork) {
+    put(std::string(kFlushThreshold, 'x'));
+    EXPECT_EQ(posts(), 0);
+    for (int i = 0; i < 3; ++i)
+        put("x");
+    EXPECT_EQ(posts(), 1) << "above the threshold";
+    EXPECT_TRUE(ring.waitForWork());
+    put("x");
+    EXPECT_EQ(posts(), 0) << "it looks again before it waits";
+    EXPECT_TRUE(ring.waitForWork()) << "without a post, for there is more than the threshold";
+    take(kLogBufSize);
+    for (Flag* wanted : {&state.mFlushAll, &state.mFlushSwitch}) {
+        std::thread consumer([&] { EXPECT_TRUE(ring.waitForWork()); });
+        *wanted = true;
+        put("x");
+        consumer.join();
+        take(kLogBufSize);
+        *wanted = false;
+    }
+    EXPECT_EQ(posts(), 0);
 }
