@@ -8,8 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <deque>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,34 +19,188 @@ namespace {
 
 constexpr mode_t kDeviceMode = 0666; // as on the device: whoever may run may log
 /** Keeps what is on its way to a reader small, with room for one entry of any size. */
-constexpr int kReaderQueueBytes = 8192;
+constexpr int kReaderQueueBytes = 16384;
 
 /** Connections at a time; the process has other uses for its descriptors. */
 constexpr size_t kMaxClients = 128;
+/** Entries that one call takes or sends. */
+constexpr size_t kBatchEntries = 32;
+/** Sockets that one round serves. */
+constexpr int kRoundEvents = 32;
 
-using Entry = std::vector<char>;
+static_assert(offsetof(LoggerHeader, length) == 0 && sizeof(LoggerHeader::length) == 2);
+
+/**
+ * Entries one behind the other in a ring of bytes. The position of an entry is the number of bytes that were
+ * stored before it; the length in its header tells where it ends.
+ */
+class EntryRing {
+  public:
+    explicit EntryRing(size_t capacity) : mBytes(new char[capacity]), mCapacity(capacity) {}
+
+    size_t capacity() const { return mCapacity; }
+    uint64_t first() const { return mFirst; } ///< position of the oldest entry
+    uint64_t end() const { return mEnd; } ///< position that the next entry gets
+    size_t held() const { return static_cast<size_t>(mEnd - mFirst); }
+    void clear() { mFirst = mEnd; }
+    /** The room for an entry when everything from `kept` on is to stay. */
+    size_t room(uint64_t kept) const {
+        return mCapacity - static_cast<size_t>(mEnd - std::max(kept, mFirst));
+    }
+    /** Stores an entry that is not larger than the capacity; drops the oldest until there is room. */
+    void put(const iovec& entry) {
+        while (room(mFirst) < entry.iov_len)
+            mFirst += lengthAt(offset(mFirst));
+        size_t head = std::min(entry.iov_len, mCapacity - mEndOffset);
+        auto bytes = static_cast<const char*>(entry.iov_base);
+        std::memcpy(&mBytes[mEndOffset], bytes, head);
+        std::memcpy(&mBytes[0], bytes + head, entry.iov_len - head);
+        mEnd += entry.iov_len;
+        mEndOffset = (mEndOffset + entry.iov_len) % mCapacity;
+    }
+    /** Tells where the entry at a position lies, the second piece being what is around the end. */
+    void locate(uint64_t position, iovec (&pieces)[2]) const {
+        size_t begin = offset(position);
+        size_t length = lengthAt(begin);
+        size_t head = std::min(length, mCapacity - begin);
+        pieces[0] = {&mBytes[begin], head};
+        pieces[1] = {&mBytes[0], length - head};
+    }
+
+  private:
+    size_t offset(uint64_t position) const {
+        auto back = static_cast<size_t>(mEnd - position);
+        return back <= mEndOffset ? mEndOffset - back : mEndOffset + mCapacity - back;
+    }
+    size_t lengthAt(size_t begin) const {
+        const char raw[] = {mBytes[begin], mBytes[begin + 1 < mCapacity ? begin + 1 : 0]};
+        uint16_t payload;
+        std::memcpy(&payload, raw, sizeof payload);
+        return sizeof(LoggerHeader) + payload;
+    }
+
+    std::unique_ptr<char[]> mBytes;
+    size_t mCapacity;
+    uint64_t mFirst = 0;
+    uint64_t mEnd = 0;
+    size_t mEndOffset = 0; ///< where the byte at mEnd goes
+};
+
+/** What one call takes or sends. */
+struct Batch {
+    Batch() {
+        for (size_t i = 0; i < kBatchEntries; ++i)
+            messages[i].msg_hdr.msg_iov = pieces[i];
+    }
+    mmsghdr messages[kBatchEntries] = {};
+    iovec pieces[kBatchEntries][2] = {};
+};
+
+/** Fills in what is zero in the header of a packet. False when the packet is no whole entry. */
+bool completeEntry(char* packet, size_t bytes, int32_t pid, const timespec& now) {
+    LoggerHeader header;
+    if (bytes < sizeof header || bytes > kMaxLoggerEntry)
+        return false;
+    std::memcpy(&header, packet, sizeof header);
+    if (header.length != bytes - sizeof header)
+        return false;
+    if (header.pid == 0)
+        header.pid = pid;
+    if (header.tid == 0)
+        header.tid = pid;
+    if (header.seconds == 0 && header.nanoseconds == 0) {
+        header.seconds = static_cast<int32_t>(now.tv_sec);
+        header.nanoseconds = static_cast<int32_t>(now.tv_nsec);
+    }
+    std::memcpy(packet, &header, sizeof header);
+    return true;
+}
+
+enum class Role { Listener, Stranger, Reader, Writer, LosslessWriter };
 
 } // namespace
 
-struct LoggerDriver::Device {
-    std::string path;
-    FileDescriptor listener;
-    size_t capacity;
-    std::deque<Entry> entries;
-    size_t held = 0; ///< bytes of all entries
-    uint64_t first = 0; ///< number of the oldest entry held
-
-    uint64_t end() const { return first + entries.size(); }
-};
-
-struct LoggerDriver::Client {
+/** A socket that is watched: the one on which a device listens, or that of a client. */
+struct LoggerDriver::Endpoint {
     FileDescriptor socket;
     Device* device;
-    uint32_t role = 0; ///< 0 until it has said
-    uint64_t position = 0; ///< reader: number of its next entry
+    Role role;
     int32_t pid = 0;
-    Entry waiting; ///< lossless writer: an entry for which there is no room yet
+    uint64_t position = 0; ///< reader: of its next entry, or before the oldest one when it has missed some
+    bool full = false; ///< reader: its connection takes nothing more for now, and is watched for room
+    bool gone = false; ///< to be forgotten at the end of the round
 };
+
+/** Packets of one writer, of which those from `next` to `count` are whole entries and to be stored. */
+struct LoggerDriver::Incoming {
+    Incoming() {
+        for (size_t i = 0; i < kBatchEntries; ++i) {
+            batch.pieces[i][0] = {packets[i], kMaxLoggerEntry};
+            batch.messages[i].msg_hdr.msg_iovlen = 1;
+        }
+    }
+    bool empty() const { return next == count; }
+    void receive(const Endpoint& writer);
+
+    char packets[kBatchEntries][kMaxLoggerEntry];
+    Batch batch;
+    iovec entries[kBatchEntries];
+    size_t next = 0;
+    size_t count = 0;
+    bool last = false; ///< nothing comes behind them: the connection is over
+};
+
+/** Takes what there is; to be called when nothing is left. */
+void LoggerDriver::Incoming::receive(const Endpoint& writer) {
+    next = count = 0;
+    int got = recvmmsg(writer.socket.get(), batch.messages, kBatchEntries, MSG_TRUNC | MSG_DONTWAIT, nullptr);
+    last = got < 0 && errno != EAGAIN && errno != EINTR;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    for (int i = 0; i < got && !last; ++i) {
+        size_t bytes = batch.messages[i].msg_len;
+        last = bytes == 0;
+        if (completeEntry(packets[i], bytes, writer.pid, now))
+            entries[count++] = {packets[i], bytes};
+    }
+}
+
+struct LoggerDriver::Outgoing : Batch {};
+
+struct LoggerDriver::Device {
+    Device(std::string where, size_t capacity) : path(std::move(where)), ring(capacity) {}
+    int32_t answer(uint32_t request);
+    uint64_t oldestUnread() const;
+
+    std::string path;
+    Endpoint listener{FileDescriptor(), this, Role::Listener};
+    EntryRing ring;
+    uint64_t offered = 0; ///< the readers were given everything before, as far as their connections took it
+    std::vector<Endpoint*> readers;
+    std::vector<Endpoint*>
+        waiting; ///< lossless writers that have sent something, in the order of their turns
+    Incoming incoming; ///< of the first of them
+};
+
+int32_t LoggerDriver::Device::answer(uint32_t request) {
+    if (request == kRequestSize)
+        return static_cast<int32_t>(ring.capacity());
+    if (request == kRequestReadable)
+        return static_cast<int32_t>(ring.held());
+    if (request != kRequestFlush)
+        return -1;
+    ring.clear();
+    return 0;
+}
+
+/** Position of the oldest entry that some reader has still to be given. */
+uint64_t LoggerDriver::Device::oldestUnread() const {
+    uint64_t oldest = ring.end();
+    for (const Endpoint* reader : readers)
+        if (!reader->gone)
+            oldest = std::min(oldest, reader->position);
+    return oldest;
+}
 
 LoggerDriver::LoggerDriver() = default;
 
@@ -58,201 +211,234 @@ LoggerDriver::~LoggerDriver() {
         (void)!write(mWakeUp.get(), &one, sizeof one);
     if (mThread.joinable())
         mThread.join();
-    for (auto& device : mDevices)
-        unlink(device->path.c_str());
+    removeDevices();
 }
 
 bool LoggerDriver::start(const std::vector<std::string>& paths, size_t capacity) {
-    for (const std::string& path : paths) {
-        auto device = std::make_unique<Device>();
-        device->path = path;
-        device->capacity = capacity;
-        device->listener = listenPacketSocket(path.c_str(), kDeviceMode);
-        if (!device->listener.valid())
-            break;
-        mDevices.push_back(std::move(device));
-    }
-    if (mDevices.size() == paths.size())
-        mWakeUp = FileDescriptor(eventfd(0, EFD_CLOEXEC));
-    if (!mWakeUp.valid()) {
+    errno = EINVAL;
+    if (capacity < kMaxLoggerEntry || capacity > INT32_MAX || !makeDevices(paths, capacity)) {
         int error = errno;
-        for (auto& device : mDevices)
-            unlink(device->path.c_str());
-        mDevices.clear();
+        removeDevices();
         errno = error;
         return false;
     }
+    mIncoming = std::make_unique<Incoming>();
+    mOutgoing = std::make_unique<Outgoing>();
     mThread = std::thread([this] { serve(); });
     pthread_setname_np(mThread.native_handle(), "loggerDriver");
     return true;
 }
 
+bool LoggerDriver::makeDevices(const std::vector<std::string>& paths, size_t capacity) {
+    mEvents = FileDescriptor(epoll_create1(EPOLL_CLOEXEC));
+    mWakeUp = FileDescriptor(eventfd(0, EFD_CLOEXEC));
+    epoll_event ending{EPOLLIN, {nullptr}};
+    if (!mEvents.valid() || !mWakeUp.valid() ||
+        epoll_ctl(mEvents.get(), EPOLL_CTL_ADD, mWakeUp.get(), &ending) != 0)
+        return false;
+    for (const std::string& path : paths) {
+        FileDescriptor listener = listenPacketSocket(path.c_str(), kDeviceMode);
+        if (!listener.valid())
+            return false;
+        mDevices.push_back(std::make_unique<Device>(path, capacity));
+        mDevices.back()->listener.socket = std::move(listener);
+        if (!watch(EPOLL_CTL_ADD, mDevices.back()->listener, EPOLLIN))
+            return false;
+    }
+    return true;
+}
+
+void LoggerDriver::removeDevices() {
+    for (auto& device : mDevices)
+        unlink(device->path.c_str());
+    mDevices.clear();
+}
+
+/** Changes what an endpoint is watched for. */
+bool LoggerDriver::watch(int operation, Endpoint& endpoint, uint32_t events) const {
+    epoll_event event{events, {&endpoint}};
+    return epoll_ctl(mEvents.get(), operation, endpoint.socket.get(), &event) == 0;
+}
+
+/** One round after the other: takes what has arrived, then gives the readers all that they have room for. */
 void LoggerDriver::serve() {
+    epoll_event events[kRoundEvents];
     while (!mEnding) {
-        std::vector<pollfd> watched{{mWakeUp.get(), POLLIN, 0}};
-        for (auto& device : mDevices)
-            watched.push_back({device->listener.get(), POLLIN, 0});
-        for (auto& client : mClients) {
-            bool wantsMore = client->role == LoggerHello::Reader && client->position < client->device->end();
-            auto events = static_cast<short>(POLLIN | (wantsMore ? POLLOUT : 0));
-            // A writer that waits for room is left alone, also when it has hung up meanwhile.
-            watched.push_back({client->waiting.empty() ? client->socket.get() : -1, events, 0});
+        int count = epoll_wait(mEvents.get(), events, kRoundEvents, -1);
+        for (int i = 0; i < count; ++i)
+            if (auto* endpoint = static_cast<Endpoint*>(events[i].data.ptr))
+                serveEndpoint(*endpoint, events[i].events);
+        for (auto& device : mDevices) {
+            do // what a reader takes can make room for a writer that waits
+                deliver(*device);
+            while (storeWaiting(*device));
         }
-        if (poll(watched.data(), watched.size(), -1) < 0)
-            continue; // a signal
-        size_t firstClient = 1 + mDevices.size();
-        size_t known = mClients.size(); // those accepted below were not watched yet
-        for (size_t i = 0; i < mDevices.size(); ++i) {
-            if (watched[1 + i].revents != 0)
-                acceptClients(*mDevices[i]);
-        }
-        for (size_t i = 0; i < known; ++i) {
-            short events = watched[firstClient + i].revents;
-            if (events != 0 && !serveClient(*mClients[i], events))
-                mClients[i]->device = nullptr;
-        }
-        auto gone = [](const std::unique_ptr<Client>& client) { return client->device == nullptr; };
-        mClients.erase(std::remove_if(mClients.begin(), mClients.end(), gone), mClients.end());
-        for (auto& client : mClients) // a reader has gone on or away
-            if (!client->waiting.empty())
-                storeWaiting(*client);
+        removeGone();
     }
     mClients.clear();
 }
 
-void LoggerDriver::acceptClients(Device& device) {
-    int fd = accept4(device.listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    FileDescriptor socket(fd);
-    if (fd < 0 || mClients.size() >= kMaxClients)
-        return; // one too many is hung up on: its descriptor belongs to the host
-    auto client = std::make_unique<Client>();
-    client->socket = std::move(socket);
-    client->device = &device;
-    ucred peer{};
-    socklen_t length = sizeof peer;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0)
-        client->pid = peer.pid;
-    mClients.push_back(std::move(client));
+void LoggerDriver::serveEndpoint(Endpoint& endpoint, uint32_t events) {
+    if (endpoint.gone)
+        return;
+    switch (endpoint.role) {
+    case Role::Listener:
+        return acceptClient(*endpoint.device);
+    case Role::Stranger:
+        return greet(endpoint);
+    case Role::Reader:
+        if ((events & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
+            return hangUp(endpoint); // a reader says nothing more; it can only have gone
+        return sendEntries(endpoint);
+    case Role::Writer:
+        return takeEntries(endpoint);
+    case Role::LosslessWriter:
+        endpoint.device->waiting.push_back(&endpoint);
+    }
 }
 
-/** False when the connection is over. */
-bool LoggerDriver::serveClient(Client& client, short events) {
-    if (client.role == 0)
-        return greet(client);
-    if (client.role == LoggerHello::Reader) {
-        if ((events & (POLLIN | POLLHUP | POLLERR)) != 0)
-            return false; // a reader says nothing more; it can only have gone
-        return sendEntries(client);
-    }
-    return takeEntry(client);
+void LoggerDriver::acceptClient(Device& device) {
+    FileDescriptor socket(
+        accept4(device.listener.socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!socket.valid() || mClients.size() >= kMaxClients)
+        return; // one too many is hung up on: its descriptor belongs to the host
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length); // 0 where it is unknown
+    mClients.push_back(
+        std::make_unique<Endpoint>(Endpoint{std::move(socket), &device, Role::Stranger, peer.pid}));
+    if (!watch(EPOLL_CTL_ADD, *mClients.back(), EPOLLIN))
+        mClients.pop_back();
 }
 
 /** Takes the first packet of a connection; answers a request at once. */
-bool LoggerDriver::greet(Client& client) {
+void LoggerDriver::greet(Endpoint& client) {
     LoggerHello hello{};
     ssize_t length = recv(client.socket.get(), &hello, sizeof hello, MSG_TRUNC);
-    if (length != sizeof hello || hello.magic != kLoggerMagic)
-        return false;
-    Device& device = *client.device;
-    int32_t answer = -1;
-    switch (hello.role) {
-    case LoggerHello::Reader:
-        client.position = device.first;
-        setsockopt(client.socket.get(), SOL_SOCKET, SO_SNDBUF, &kReaderQueueBytes, sizeof kReaderQueueBytes);
-        break;
-    case LoggerHello::Writer:
-    case LoggerHello::LosslessWriter:
-        break;
-    case LoggerHello::Control:
-        if (hello.request == kRequestSize)
-            answer = static_cast<int32_t>(device.capacity);
-        else if (hello.request == kRequestReadable)
-            answer = static_cast<int32_t>(device.held);
-        else if (hello.request == kRequestFlush) {
-            device.first = device.end();
-            device.entries.clear();
-            device.held = 0;
-            for (auto& reader : mClients)
-                if (reader->device == &device)
-                    reader->position = device.first;
-            answer = 0;
-        }
+    bool understood = length == sizeof hello && hello.magic == kLoggerMagic;
+    if (understood && hello.role == LoggerHello::Control) {
+        int32_t answer = client.device->answer(hello.request);
         send(client.socket.get(), &answer, sizeof answer, MSG_NOSIGNAL);
-        return false;
+    }
+    if (!understood || !admit(client, hello.role))
+        hangUp(client);
+}
+
+/** Lets a client be what it wants to be. False when that is nothing that lasts. */
+bool LoggerDriver::admit(Endpoint& client, uint32_t role) {
+    switch (role) {
+    case LoggerHello::Reader:
+        client.role = Role::Reader;
+        client.position = client.device->ring.first();
+        setsockopt(client.socket.get(), SOL_SOCKET, SO_SNDBUF, &kReaderQueueBytes, sizeof kReaderQueueBytes);
+        client.device->readers.push_back(&client);
+        sendEntries(client);
+        return true;
+    case LoggerHello::Writer:
+        client.role = Role::Writer;
+        return true;
+    case LoggerHello::LosslessWriter:
+        client.role = Role::LosslessWriter;
+        return watch(EPOLL_CTL_MOD, client, EPOLLIN | EPOLLONESHOT);
     default:
         return false;
     }
-    client.role = hello.role;
-    return true;
 }
 
-/** Takes one entry from a writer. One that is no whole entry is dropped; it harms nobody else. */
-bool LoggerDriver::takeEntry(Client& client) {
-    char packet[kMaxLoggerEntry];
-    ssize_t length = recv(client.socket.get(), packet, sizeof packet, MSG_TRUNC);
-    if (length <= 0)
-        return length < 0 && (errno == EAGAIN || errno == EINTR);
-    LoggerHeader header;
-    auto bytes = static_cast<size_t>(length);
-    if (bytes < sizeof header || bytes > kMaxLoggerEntry)
-        return true;
-    std::memcpy(&header, packet, sizeof header);
-    if (header.length != bytes - sizeof header)
-        return true;
-    if (header.pid == 0)
-        header.pid = client.pid;
-    if (header.tid == 0)
-        header.tid = client.pid;
-    if (header.seconds == 0 && header.nanoseconds == 0) {
-        timespec now{};
-        clock_gettime(CLOCK_REALTIME, &now);
-        header.seconds = static_cast<int32_t>(now.tv_sec);
-        header.nanoseconds = static_cast<int32_t>(now.tv_nsec);
+/** Stores what a writer has sent that waits for nobody. */
+void LoggerDriver::takeEntries(Endpoint& writer) {
+    Device& device = *writer.device;
+    mIncoming->receive(writer);
+    if (mIncoming->last)
+        hangUp(writer);
+    for (; !mIncoming->empty(); ++mIncoming->next) {
+        const iovec& entry = mIncoming->entries[mIncoming->next];
+        if (entry.iov_len > device.ring.room(device.offered))
+            deliver(device); // nothing is dropped that a reader had no chance to be given
+        device.ring.put(entry);
     }
-    std::memcpy(packet, &header, sizeof header);
-    client.waiting.assign(packet, packet + bytes);
-    storeWaiting(client);
-    return true;
 }
 
-/** Moves a writer's entry into its device, unless it is to wait until no reader loses one by it. */
-void LoggerDriver::storeWaiting(Client& client) {
-    Device& device = *client.device;
-    while (device.held + client.waiting.size() > device.capacity && !device.entries.empty()) {
-        if (client.role == LoggerHello::LosslessWriter && isUnread(device, device.first))
-            return;
-        device.held -= device.entries.front().size();
-        device.entries.pop_front();
-        ++device.first;
-    }
-    for (auto& reader : mClients)
-        if (reader->device == &device)
-            reader->position = std::max(reader->position, device.first);
-    device.held += client.waiting.size();
-    device.entries.emplace_back(client.waiting.begin(), client.waiting.end()); // of its own, exact size
-    client.waiting.clear();
-}
-
-/** Whether a reader still has to be given this entry. */
-bool LoggerDriver::isUnread(const Device& device, uint64_t number) const {
-    return std::any_of(mClients.begin(), mClients.end(), [&](const std::unique_ptr<Client>& client) {
-        return client->device == &device && client->role == LoggerHello::Reader && client->position <= number;
-    });
-}
-
-/** Gives a reader what its connection takes. False when the connection is over. */
-bool LoggerDriver::sendEntries(Client& client) {
-    Device& device = *client.device;
-    while (client.position < device.end()) {
-        const Entry& entry = device.entries[client.position - device.first];
-        if (send(client.socket.get(), entry.data(), entry.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
-            if (errno != EAGAIN && errno != EINTR)
-                return false;
-            break;
+/**
+ * Stores what waiting writers have sent, in the order of their turns and as far as no reader loses an entry.
+ * A writer is watched again once everything that was taken from it is stored. Whether anything was stored.
+ */
+bool LoggerDriver::storeWaiting(Device& device) {
+    Incoming& incoming = device.incoming;
+    uint64_t unread = device.oldestUnread();
+    bool stored = false;
+    while (!device.waiting.empty()) {
+        Endpoint& writer = *device.waiting.front();
+        if (incoming.empty())
+            incoming.receive(writer);
+        for (; !incoming.empty(); ++incoming.next) {
+            const iovec& entry = incoming.entries[incoming.next];
+            if (entry.iov_len > device.ring.room(unread))
+                return stored;
+            device.ring.put(entry);
+            stored = true;
         }
-        ++client.position;
+        device.waiting.erase(device.waiting.begin());
+        if (incoming.last || !watch(EPOLL_CTL_MOD, writer, EPOLLIN | EPOLLONESHOT))
+            hangUp(writer);
     }
-    return true;
+    return stored;
+}
+
+/** Gives every reader what has come since the last time, except those that have no room. */
+void LoggerDriver::deliver(Device& device) {
+    if (device.offered == device.ring.end())
+        return;
+    for (Endpoint* reader : device.readers)
+        if (!reader->full && !reader->gone)
+            sendEntries(*reader);
+    device.offered = device.ring.end();
+}
+
+/** Gives a reader what its connection takes. */
+void LoggerDriver::sendEntries(Endpoint& reader) {
+    const EntryRing& ring = reader.device->ring;
+    bool full = false;
+    reader.position = std::max(reader.position, ring.first());
+    while (!full && reader.position < ring.end()) {
+        unsigned count = 0;
+        for (uint64_t next = reader.position; count < kBatchEntries && next < ring.end(); ++count) {
+            iovec(&pieces)[2] = mOutgoing->pieces[count];
+            ring.locate(next, pieces);
+            next += pieces[0].iov_len + pieces[1].iov_len;
+            mOutgoing->messages[count].msg_hdr.msg_iovlen = pieces[1].iov_len > 0 ? 2 : 1;
+        }
+        int sent = sendmmsg(reader.socket.get(), mOutgoing->messages, count, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && errno != EAGAIN && errno != EINTR)
+            return hangUp(reader);
+        for (int i = 0; i < sent; ++i)
+            reader.position += mOutgoing->messages[i].msg_len;
+        full = sent < static_cast<int>(count); // or gone, which its next event tells
+    }
+    if (full != reader.full)
+        watch(EPOLL_CTL_MOD, reader, full ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    reader.full = full;
+}
+
+/** Ends a connection. The client itself stays until the end of the round, whose events may name it. */
+void LoggerDriver::hangUp(Endpoint& client) {
+    // Not left to the closing: a process that is being forked holds the connection for a moment longer.
+    watch(EPOLL_CTL_DEL, client, 0);
+    client.socket = FileDescriptor();
+    client.gone = mSomeGone = true;
+}
+
+void LoggerDriver::removeGone() {
+    if (!mSomeGone)
+        return;
+    mSomeGone = false;
+    for (auto& device : mDevices) {
+        auto& readers = device->readers;
+        auto gone = [](const Endpoint* reader) { return reader->gone; };
+        readers.erase(std::remove_if(readers.begin(), readers.end(), gone), readers.end());
+    }
+    auto gone = [](const std::unique_ptr<Endpoint>& client) { return client->gone; };
+    mClients.erase(std::remove_if(mClients.begin(), mClients.end(), gone), mClients.end());
 }
 
 } // namespace vnlog::platform

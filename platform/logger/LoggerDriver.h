@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
@@ -30,25 +31,38 @@ class LoggerDriver {
 
     /**
      * Makes a device at each of the paths and starts to serve them. False with errno set when one cannot be
-     * made; none is left then. To be called once.
+     * made, EINVAL for a capacity that does not hold every entry or is no answer; none is left then. To be
+     * called once.
      */
     [[nodiscard]] bool start(const std::vector<std::string>& paths, size_t capacity = kCapacity);
 
   private:
+    struct Incoming;
+    struct Outgoing;
     struct Device;
-    struct Client;
+    struct Endpoint;
 
+    bool makeDevices(const std::vector<std::string>& paths, size_t capacity);
+    void removeDevices();
+    bool watch(int operation, Endpoint& endpoint, uint32_t events) const;
     void serve();
-    void acceptClients(Device& device);
-    bool serveClient(Client& client, short events);
-    bool greet(Client& client);
-    bool takeEntry(Client& client);
-    bool sendEntries(Client& client);
-    void storeWaiting(Client& client);
-    bool isUnread(const Device& device, uint64_t number) const;
+    void serveEndpoint(Endpoint& endpoint, uint32_t events);
+    void acceptClient(Device& device);
+    void greet(Endpoint& client);
+    bool admit(Endpoint& client, uint32_t role);
+    void takeEntries(Endpoint& writer);
+    bool storeWaiting(Device& device);
+    void deliver(Device& device);
+    void sendEntries(Endpoint& reader);
+    void hangUp(Endpoint& client);
+    void removeGone();
 
     std::vector<std::unique_ptr<Device>> mDevices;
-    std::vector<std::unique_ptr<Client>> mClients;
+    std::vector<std::unique_ptr<Endpoint>> mClients;
+    bool mSomeGone = false; ///< a client was hung up on and is still listed
+    std::unique_ptr<Incoming> mIncoming; ///< of the writers that do not wait
+    std::unique_ptr<Outgoing> mOutgoing;
+    FileDescriptor mEvents;
     FileDescriptor mWakeUp;
     std::atomic<bool> mEnding{false};
     std::thread mThread;
