@@ -1,16 +1,17 @@
 /*
  * Writes entries to a logger device: one, one a line, or a saved log with its own stamps.
  */
+#include "base/Handles.h"
 #include "base/KeyValue.h"
 #include "platform/logger/LoggerDevice.h"
 #include "platform/sysroot/SystemRoot.h"
 #include "tools/Options.h"
 
+#include <algorithm>
 #include <ctime>
-#include <fstream>
-#include <iostream>
 #include <regex>
 #include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -55,7 +56,10 @@ char priorityOf(char letter) {
     return found != nullptr ? static_cast<char>(found - kPriorityLetters + 2) : '\0';
 }
 
-/** An open device. Counts what had to be shortened. */
+/**
+ * An open device. Counts what had to be shortened. Entries for the stand-in are gathered and sent together:
+ * what has been written is on its way only after flush().
+ */
 class Writer {
   public:
     explicit Writer(FileDescriptor device)
@@ -63,28 +67,112 @@ class Writer {
 
     bool standIn() const { return mStandIn; }
     int shortened() const { return mShortened; }
-
-    /** Writes one entry; the device fills in what is zero in the header. */
-    bool write(LoggerHeader header, char priority, const std::string& tag, const std::string& text) {
-        std::string payload = priority + tag + '\0' + text;
-        if (payload.size() + 1 > kMaxPayload) {
-            payload.resize(kMaxPayload - 1);
-            ++mShortened;
-        }
-        payload += '\0';
-        header.length = static_cast<uint16_t>(payload.size());
-        std::string entry(reinterpret_cast<const char*>(&header), sizeof header);
-        if (mStandIn) // one packet; SIGPIPE would end the program without a word
-            return ::send(mDevice.get(), (entry + payload).data(), entry.size() + payload.size(),
-                          MSG_NOSIGNAL) >= 0;
-        return ::write(mDevice.get(), payload.data(), payload.size()) >= 0; // the driver makes the header
-    }
+    bool write(LoggerHeader header, char priority, std::string_view tag, std::string_view text);
+    bool flush();
 
   private:
+    static constexpr unsigned kMaxEntries = 64;
+
     FileDescriptor mDevice;
     bool mStandIn;
     int mShortened = 0;
+    char mBytes[65536]; ///< the gathered entries, one behind the other
+    size_t mUsed = 0;
+    iovec mPieces[kMaxEntries];
+    mmsghdr mMessages[kMaxEntries] = {};
+    unsigned mCount = 0;
 };
+
+/** Writes one entry; the device fills in what is zero in the header. */
+bool Writer::write(LoggerHeader header, char priority, std::string_view tag, std::string_view text) {
+    if ((mCount == kMaxEntries || mUsed + vnlog::platform::kMaxLoggerEntry > sizeof mBytes) && !flush())
+        return false;
+    char* entry = mBytes + mUsed;
+    char* payload = entry + sizeof header;
+    size_t length = 0;
+    bool whole = true;
+    for (std::string_view part : {std::string_view(&priority, 1), tag, std::string_view("", 1), text}) {
+        size_t taken = std::min(part.size(), kMaxPayload - 1 - length);
+        part.copy(payload + length, taken);
+        length += taken;
+        whole = whole && taken == part.size();
+    }
+    payload[length++] = '\0';
+    mShortened += whole ? 0 : 1;
+    if (!mStandIn) // the driver makes the header
+        return ::write(mDevice.get(), payload, length) >= 0;
+    header.length = static_cast<uint16_t>(length);
+    std::memcpy(entry, &header, sizeof header);
+    mPieces[mCount] = {entry, sizeof header + length};
+    mMessages[mCount].msg_hdr.msg_iov = &mPieces[mCount];
+    mMessages[mCount++].msg_hdr.msg_iovlen = 1;
+    mUsed += sizeof header + length;
+    return true;
+}
+
+/** Sends what is gathered, one packet an entry. */
+bool Writer::flush() {
+    unsigned sent = 0;
+    while (sent < mCount) { // SIGPIPE would end the program without a word
+        int more = sendmmsg(mDevice.get(), mMessages + sent, mCount - sent, MSG_NOSIGNAL);
+        if (more < 0)
+            return false;
+        sent += static_cast<unsigned>(more);
+    }
+    mCount = 0;
+    mUsed = 0;
+    return true;
+}
+
+/** The lines of a file. One that is far longer than an entry loses something of what an entry would not hold.
+ */
+class Lines {
+  public:
+    explicit Lines(int fd) : mFd(fd) {}
+
+    /** Whether the next line is there without waiting for input. */
+    bool ready() const { return mOver || std::memchr(mBegin, '\n', length()) != nullptr; }
+    bool next(std::string_view* line);
+    /** The error that ended the input, or 0. */
+    int error() const { return mError; }
+
+  private:
+    size_t length() const { return static_cast<size_t>(mEnd - mBegin); }
+    void read();
+
+    int mFd;
+    int mError = 0;
+    bool mOver = false; ///< the input has ended
+    char mBytes[65536];
+    char *mBegin = mBytes, *mEnd = mBytes; ///< what has been read and not given yet
+};
+
+/** Gives the next line, which holds until the next call. False at the end of the input. */
+bool Lines::next(std::string_view* line) {
+    while (!ready())
+        read();
+    char* end = std::find(mBegin, mEnd, '\n');
+    bool found = mBegin < mEnd;
+    *line = {mBegin, static_cast<size_t>(end - mBegin)};
+    mBegin = end < mEnd ? end + 1 : end;
+    return found;
+}
+
+void Lines::read() {
+    mEnd = std::copy(mBegin, mEnd, mBytes);
+    mBegin = mBytes;
+    if (length() == sizeof mBytes)
+        mEnd -= sizeof mBytes / 2;
+    ssize_t got = ::read(mFd, mEnd, sizeof mBytes - length());
+    mError = got < 0 ? errno : 0;
+    mOver = got <= 0;
+    mEnd += std::max<ssize_t>(got, 0);
+}
+
+int failedRead(const char* what, int error) {
+    std::fprintf(stderr, "%s: cannot read %s: %s\n", kProgram, what, std::strerror(error));
+    return kFailure;
+}
 
 int failedWrite() {
     std::fprintf(stderr, "%s: cannot write: %s\n", kProgram, std::strerror(errno));
@@ -132,39 +220,44 @@ bool parseLine(const std::string& line, int year, LoggerHeader* header, char* pr
     return true;
 }
 
+/** Hands every line to `take`; nothing stays unsent while more input is waited for. 0 or the exit status. */
+template <typename Take> int forEachLine(Writer& writer, int fd, const char* name, const Take& take) {
+    Lines lines(fd);
+    std::string_view line;
+    bool sent = true;
+    while ((sent = lines.ready() || writer.flush()) && lines.next(&line))
+        if (!take(line))
+            return failedWrite();
+    if (!sent || !writer.flush())
+        return failedWrite();
+    return lines.error() == 0 ? 0 : failedRead(name, lines.error());
+}
+
 int replay(Writer& writer, const Arguments& arguments) {
-    std::ifstream file(arguments.replay);
-    if (!file) {
-        std::fprintf(stderr, "%s: cannot read %s: %s\n", kProgram, arguments.replay.c_str(),
-                     std::strerror(errno));
-        return kFailure;
-    }
+    FileDescriptor file = vnlog::openFile(arguments.replay.c_str(), O_RDONLY);
+    if (!file.valid())
+        return failedRead(arguments.replay.c_str(), errno);
     int written = 0, skipped = 0;
-    for (std::string line; std::getline(file, line);) {
+    int status = forEachLine(writer, file.get(), arguments.replay.c_str(), [&](std::string_view line) {
         LoggerHeader header;
         char priority;
         std::string tag, text;
-        if (!parseLine(line, arguments.year, &header, &priority, &tag, &text)) {
-            ++skipped;
-            continue;
-        }
-        if (!writer.write(header, priority, tag, text))
-            return failedWrite();
-        ++written;
-    }
-    std::fprintf(stderr, "%s: %d entries written, %d lines did not parse\n", kProgram, written, skipped);
-    return 0;
+        bool parsed = parseLine(std::string(line), arguments.year, &header, &priority, &tag, &text);
+        ++(parsed ? written : skipped);
+        return !parsed || writer.write(header, priority, tag, text);
+    });
+    if (status == 0)
+        std::fprintf(stderr, "%s: %d entries written, %d lines did not parse\n", kProgram, written, skipped);
+    return status;
 }
 
 int writeLines(Writer& writer, const Arguments& arguments, const std::string& message, bool fromInput) {
-    std::string text = message;
-    while (!fromInput || std::getline(std::cin, text)) {
-        if (!writer.write(LoggerHeader{}, priorityOf(arguments.priority), arguments.tag, text))
-            return failedWrite();
-        if (!fromInput)
-            break;
-    }
-    return 0;
+    auto write = [&](std::string_view text) {
+        return writer.write(LoggerHeader{}, priorityOf(arguments.priority), arguments.tag, text);
+    };
+    if (fromInput)
+        return forEachLine(writer, STDIN_FILENO, "standard input", write);
+    return write(message) && writer.flush() ? 0 : failedWrite();
 }
 
 int printHelp() {
