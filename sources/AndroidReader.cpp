@@ -4,12 +4,12 @@
 #include "base/Handles.h"
 #include "base/Semaphores.h"
 #include "base/Text.h"
-#include "sources/Merge.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <new>
 #include <sys/select.h>
 #include <unistd.h>
@@ -18,10 +18,13 @@ namespace vnlog {
 
 namespace {
 
+/** Entries that are read from a device before the next one has its turn and what is known to be the oldest is
+ * output. */
+constexpr uint32_t kMostPerPass = 32;
 constexpr long kMergeDelayUs = 5000;
 constexpr long kFinishDelayUs = 20000; // in which what is on its way from a writer to the device arrives
 
-/** What becomes of the pass after one read. */
+/** What came of one read. */
 enum class ReadResult { Read, Interrupted, WouldBlock };
 
 /** The device's place on this machine. */
@@ -59,11 +62,10 @@ void cleanUpDevices(void* list) {
     logcat_cleanup(static_cast<log_device_t*>(list));
 }
 
-/** Reads one entry of a ready device into the node. What is no entry ends the process. */
-ReadResult readEntry(const log_device_t* device, log_entry_node_t* node) {
-    *node->entry() = {}; // a read may be shorter than the header
-    ssize_t length = read(device->fd, node->buffer, kEntrySize);
-    if (length < 0) {
+/** Reads a device; `length` becomes the bytes. A failure that no retry mends ends the process. */
+ReadResult readOnce(int fd, char* bytes, size_t size, size_t* length) {
+    ssize_t count = read(fd, bytes, size);
+    if (count < 0) {
         if (errno == EINTR)
             return ReadResult::Interrupted;
         if (errno == EAGAIN)
@@ -72,21 +74,34 @@ ReadResult readEntry(const log_device_t* device, log_entry_node_t* node) {
         logErrno();
         endProcess(kExitReadError);
     }
-    if (length == 0) {
+    if (count == 0) {
         logError("read: Unexpected EOF!\n");
         endProcess(kExitReadError);
     }
-    ssize_t payload = length - static_cast<ssize_t>(sizeof(logger_entry));
-    if (payload != static_cast<ssize_t>(node->entry()->length)) {
-        logError("read: unexpected length. Expected %d, got %zd\n", node->entry()->length, payload);
-        endProcess(kExitReadError);
-    }
-    node->buffer[length] = '\0';
+    *length = static_cast<size_t>(count);
     return ReadResult::Read;
 }
 
-/** Whether a device is open and every descriptor fits select's set; one that does not is reported. */
-bool selectable(const log_device_t* list) {
+/**
+ * Length of the first entry in the bytes that a device has returned. Anything else than one whole entry, or
+ * several of a device that returns batches, ends the process.
+ */
+size_t firstEntry(const log_device_t* device, const char* bytes, size_t length) {
+    logger_entry header{};
+    std::memcpy(&header, bytes, std::min(length, sizeof header));
+    size_t whole = sizeof header + header.length;
+    if (whole <= kEntrySize && (whole == length || (device->batches && whole < length)))
+        return whole;
+    logError("read: unexpected length. Expected %d, got %zd\n", header.length,
+             static_cast<ssize_t>(length) - static_cast<ssize_t>(sizeof header));
+    endProcess(kExitReadError);
+}
+
+/**
+ * Makes the devices such that one read after the other finds out when there is no more. False when none is
+ * open or, reported, when a descriptor does not fit select's set.
+ */
+bool makeReadable(const log_device_t* list) {
     bool open = false;
     for (const log_device_t* device = list; device != nullptr; device = device->next) {
         if (device->fd >= FD_SETSIZE) {
@@ -94,9 +109,16 @@ bool selectable(const log_device_t* list) {
                      device->fd, FD_SETSIZE);
             return false;
         }
-        open = open || device->fd >= 0;
+        if (device->fd < 0)
+            continue;
+        open = true;
+        (void)fcntl(device->fd, F_SETFL, fcntl(device->fd, F_GETFL) | O_NONBLOCK); // fails for no open device
     }
     return open;
+}
+
+bool isReady(const log_device_t* device, const fd_set& ready) {
+    return device->fd >= 0 && FD_ISSET(device->fd, &ready);
 }
 
 } // namespace
@@ -142,13 +164,14 @@ log_device_t* AndroidReader::makeDeviceList() {
 bool AndroidReader::openDevices(log_device_t* list) {
     for (log_device_t* device = list; device != nullptr; device = device->next) {
         Path place = devicePlace(mSystemRoot, device->path);
-        device->fd = platform::openLogger(place.text, platform::LoggerAccess::Read).release();
+        device->fd = platform::openLogger(place.text, platform::LoggerAccess::ReadBatches).release();
         if (device->fd < 0) {
             char text[128];
             logError("Unable to open log device '%s': %s\n", device->path,
                      strerror_r(errno, text, sizeof text));
             return false;
         }
+        device->batches = platform::isStandIn(device->fd);
     }
     return list != nullptr;
 }
@@ -158,7 +181,7 @@ void AndroidReader::setupOutput() {
 }
 
 void AndroidReader::readLines(log_device_t* list) {
-    if (!selectable(list))
+    if (!makeReadable(list))
         return;
     Merge merge(list);
     bool asleep = false;
@@ -171,7 +194,7 @@ void AndroidReader::readLines(log_device_t* list) {
             return;
         finishBytes += pass.finishing ? pass.bytes : 0;
         bool last = pass.finishing && (pass.quiet || finishBytes >= FinishRequest::kMostBytes);
-        printReady(merge, pass.quiet || last || merge.full());
+        printReady(merge, pass.quiet || last);
         if (last && !pass.quiet)
             FinishRequest::reportRest("logcat");
         if (last)
@@ -202,26 +225,63 @@ int AndroidReader::waitForData(const log_device_t* list, Pass* pass, fd_set* rea
     return count;
 }
 
-/** Waits, then reads at most one entry from every ready device. False when the cycle is to be begun anew. */
+/** Waits, then reads from the ready devices. False when the cycle is to be begun anew. */
 bool AndroidReader::readPass(log_device_t* list, Merge& merge, Pass* pass) {
     fd_set ready;
     if (waitForData(list, pass, &ready) < 0 || !mState.mLogcatThreadRunning)
         return false;
+    bool behind = false; // a device whose entries the others may be waiting for
+    for (log_device_t* device = list; device != nullptr; device = device->next)
+        behind = behind || (isReady(device, ready) && device->queued < kMostPerPass);
     for (log_device_t* device = list; device != nullptr; device = device->next) {
-        if (device->fd < 0 || !FD_ISSET(device->fd, &ready))
-            continue;
-        EntryNode node(new (std::nothrow) log_entry_node_t);
-        if (node == nullptr)
-            break; // the entry stays in the driver until there is memory
-        ReadResult result = readEntry(device, node.get());
-        if (result == ReadResult::Interrupted)
+        bool due = isReady(device, ready) && !(behind && device->queued >= kMostPerPass);
+        if (due && !readDevice(device, merge, pass))
             return false;
-        if (result == ReadResult::WouldBlock)
-            break;
-        pass->bytes += static_cast<uint32_t>(sizeof(logger_entry)) + node->entry()->length;
-        merge.add(device, std::move(node));
+    }
+    return pass->quiet || readSilent(list, merge, pass);
+}
+
+/**
+ * Reads once more from the devices of which no entry is known: one may have come while others were read, and
+ * be earlier than what they have. Of the others, the last entry that is known holds later ones back. False
+ * when that was interrupted.
+ */
+bool AndroidReader::readSilent(log_device_t* list, Merge& merge, Pass* pass) {
+    for (log_device_t* device = list; device != nullptr; device = device->next) {
+        if (device->fd >= 0 && device->queue == nullptr && !readDevice(device, merge, pass))
+            return false;
     }
     return true;
+}
+
+/** Reads what a device has, up to its most per pass. False when that was interrupted. */
+bool AndroidReader::readDevice(log_device_t* device, Merge& merge, Pass* pass) {
+    size_t size = device->batches ? sizeof mBatch : kEntrySize;
+    for (uint32_t count = 0; count < kMostPerPass;) {
+        if (!mPool.reserve(device->batches ? platform::kMostBatched : 1))
+            return true; // the entries stay in the driver until there is memory
+        size_t length;
+        ReadResult result = readOnce(device->fd, mBatch, size, &length);
+        if (result != ReadResult::Read)
+            return result == ReadResult::WouldBlock;
+        count += queueEntries(device, merge, length);
+        pass->bytes += static_cast<uint32_t>(length);
+    }
+    return true;
+}
+
+/** Queues the entries that have been read, and tells how many. */
+uint32_t AndroidReader::queueEntries(log_device_t* device, Merge& merge, size_t length) {
+    uint32_t count = 0;
+    for (size_t start = 0; start < length; ++count) {
+        size_t whole = firstEntry(device, mBatch + start, length - start);
+        EntryNode node = mPool.take();
+        std::memcpy(node->buffer, mBatch + start, whole);
+        node->buffer[whole] = '\0';
+        merge.add(device, std::move(node));
+        start += whole;
+    }
+    return count;
 }
 
 /** Outputs what is known to be the oldest; with `everything` all that is queued. */
@@ -241,7 +301,7 @@ void AndroidReader::printFirst(log_device_t* device) {
 
 void AndroidReader::skipFirst(log_device_t* device) {
     announce(device);
-    dequeue(device);
+    mPool.give(dequeue(device));
 }
 
 void AndroidReader::announce(log_device_t* device) {

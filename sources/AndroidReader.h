@@ -5,12 +5,11 @@
 #include "sources/AndroidState.h"
 #include "sources/FinishRequest.h"
 #include "sources/LogDevice.h"
+#include "sources/Merge.h"
 
 #include <sys/select.h>
 
 namespace vnlog {
-
-class Merge;
 
 /**
  * Reads the logger devices, merges their entries and hands each on to become a line. One thread at a time;
@@ -31,7 +30,8 @@ class AndroidReader {
     FinishRequest& finishRequest() { return mFinish; }
     /** Makes standard output the console. */
     void setupOutput();
-    /** Reads, merges and outputs entries until the thread is to end. */
+    /** Reads, merges and outputs entries until the thread is to end. Makes the devices' descriptors such that
+     * do not block. */
     void readLines(log_device_t* list);
     /** Outputs and drops the first entry of the device. */
     void printFirst(log_device_t* device);
@@ -48,12 +48,17 @@ class AndroidReader {
     log_device_t* makeDeviceList();
     bool openDevices(log_device_t* list);
     bool readPass(log_device_t* list, Merge& merge, Pass* pass);
+    bool readSilent(log_device_t* list, Merge& merge, Pass* pass);
+    bool readDevice(log_device_t* device, Merge& merge, Pass* pass);
+    uint32_t queueEntries(log_device_t* device, Merge& merge, size_t length);
     int waitForData(const log_device_t* list, Pass* pass, fd_set* ready) const;
     void printReady(Merge& merge, bool everything);
 
     AndroidState& mState;
     const platform::SystemRoot& mSystemRoot;
     AndroidLine& mLine;
+    EntryPool mPool;
+    char mBatch[platform::kMaxLoggerBatch]; ///< what the last read returned
     FinishRequest mFinish;
 };
 

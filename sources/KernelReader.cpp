@@ -15,7 +15,7 @@ namespace vnlog {
 namespace {
 
 constexpr char kKernelLog[] = "/proc/kmsg";
-constexpr uint32_t kTextSize = 127; // bytes of kernel text held at a time; one more ends a cut line
+constexpr uint32_t kTextSize = 8192; // bytes of kernel text held at a time
 constexpr int kReadPlace = 2011; // part of the message's fixed text
 constexpr int kEndOfFilePauseMs = 100;
 constexpr int kForever = -1;
@@ -55,7 +55,7 @@ void KernelReader::run() {
     FileDescriptor file = open();
     if (!file.valid())
         return;
-    char* log_buffer = allocateText(kTextSize + 1).release();
+    char* log_buffer = allocateText(kTextSize).release();
     if (log_buffer == nullptr) {
         logError("fail to malloc log_buffer!\n");
         logErrno();
@@ -116,7 +116,7 @@ void KernelReader::awaitText(int fd, int timeoutMs) const {
 void KernelReader::storeLines(KernelSplitter& splitter) {
     KernelLine line;
     while (mState.mKLogThreadRunning && splitter.next(&line)) {
-        if (line.length > 1 && line.priority <= mState.mKLogLevel &&
+        if ((line.continued || line.length > 1) && line.priority <= mState.mKLogLevel &&
             mSink.wants(mState.mKLogToFile, line.text, line.length) && !mSink.put(line.text, line.length))
             logError("kernelLogReader logBufWrite failed\n");
         mFinish.step();

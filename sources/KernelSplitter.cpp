@@ -39,25 +39,31 @@ void KernelSplitter::add(uint32_t length) {
 bool KernelSplitter::next(KernelLine* line) {
     char* text = mBuffer + mStart;
     uint32_t left = mLength - mStart;
-    char* end = static_cast<char*>(std::memchr(text, '\n', left));
-    if (end == nullptr) {
-        std::memmove(mBuffer, text, left);
-        mStart = 0;
-        mLength = left;
-        if (left < mSize)
-            return false;
-        text = mBuffer;
-        end = mBuffer + left;
-        *end = '\n';
-        mLength = 0;
-    } else {
-        mStart += static_cast<uint32_t>(end + 1 - text);
+    char* newline = static_cast<char*>(std::memchr(text, '\n', left));
+    if (newline != nullptr) {
+        mStart += static_cast<uint32_t>(newline + 1 - text);
+        takeLine(text, newline + 1, newline, line);
+        return true;
     }
-    const char* start = text;
-    line->priority = takePriority(&start, end);
-    line->text = start;
-    line->length = static_cast<uint32_t>(end + 1 - start);
+    std::memmove(mBuffer, text, left);
+    mStart = 0;
+    mLength = left;
+    if (left < mSize)
+        return false;
+    mLength = 0;
+    takeLine(mBuffer, mBuffer + left, nullptr, line);
     return true;
+}
+
+/** Makes a line, or the part that ends at `end` where `newline` is null. */
+void KernelSplitter::takeLine(const char* start, const char* end, const char* newline, KernelLine* line) {
+    line->continued = mWithin;
+    if (!mWithin)
+        mPriority = takePriority(&start, newline != nullptr ? newline : end);
+    line->priority = mPriority;
+    line->text = start;
+    line->length = static_cast<uint32_t>(end - start);
+    mWithin = newline == nullptr;
 }
 
 } // namespace vnlog

@@ -37,6 +37,9 @@ struct log_device_t {
     char label; ///< 'm' or 's'
     log_entry_node_t* queue = nullptr; ///< oldest entry first; owned
     log_device_t* next = nullptr;
+    bool batches = false; ///< a read returns several entries one behind the other, see kMostBatched
+    log_entry_node_t* newest = nullptr; ///< the last of the queue while that is not empty
+    uint32_t queued = 0; ///< entries in the queue
 };
 
 } // namespace vnlog

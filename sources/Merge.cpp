@@ -1,10 +1,11 @@
 #include "sources/Merge.h"
 
+#include <new>
+#include <utility>
+
 namespace vnlog {
 
 namespace {
-
-constexpr uint32_t kMaxQueued = 512;
 
 /** Difference of two time stamps' parts, in the 32 bits that they have. */
 int32_t difference(int32_t a, int32_t b) {
@@ -19,17 +20,51 @@ bool isEarlier(const logger_entry& a, const logger_entry& b) {
 
 } // namespace
 
+EntryPool::~EntryPool() {
+    while (mFree != nullptr)
+        take();
+}
+
+bool EntryPool::reserve(uint32_t nodes) {
+    while (mCount < nodes) {
+        EntryNode node(new (std::nothrow) log_entry_node_t);
+        if (node == nullptr)
+            return false;
+        give(std::move(node));
+    }
+    return true;
+}
+
+EntryNode EntryPool::take() {
+    EntryNode node(mFree);
+    mFree = std::exchange(node->next, nullptr);
+    --mCount;
+    return node;
+}
+
+void EntryPool::give(EntryNode node) {
+    node->next = mFree;
+    mFree = node.release();
+    ++mCount;
+}
+
 void enqueue(log_device_t* device, EntryNode node) {
     log_entry_node_t** link = &device->queue;
+    if (device->queue != nullptr && !isEarlier(*node->entry(), *device->newest->entry()))
+        link = &device->newest->next; // as nearly always: the way there would lead through all that wait
     while (*link != nullptr && !isEarlier(*node->entry(), *(*link)->entry()))
         link = &(*link)->next;
     node->next = *link;
+    if (node->next == nullptr)
+        device->newest = node.get();
     *link = node.release();
+    ++device->queued;
 }
 
 EntryNode dequeue(log_device_t* device) {
     EntryNode node(device->queue);
     device->queue = node->next;
+    --device->queued;
     return node;
 }
 
@@ -48,13 +83,10 @@ void Merge::add(log_device_t* device, EntryNode node) {
     ++mQueued;
 }
 
-bool Merge::full() const {
-    return mQueued > kMaxQueued;
-}
-
 log_device_t* Merge::next(bool everything) const {
     log_device_t* oldest = oldestDevice(mList);
-    bool waits = oldest != nullptr && !everything && oldest->queue->next == nullptr;
+    bool mayWait = !everything && mQueued <= kMostQueued;
+    bool waits = oldest != nullptr && mayWait && oldest->queue->next == nullptr;
     return waits ? nullptr : oldest;
 }
 

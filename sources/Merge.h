@@ -9,6 +9,28 @@ namespace vnlog {
 
 using EntryNode = std::unique_ptr<log_entry_node_t>;
 
+/**
+ * Keeps the nodes of entries that have been output for those that come: none is allocated as long as no more
+ * are in use than ever before. One thread at a time.
+ */
+class EntryPool {
+  public:
+    EntryPool() = default;
+    ~EntryPool();
+    EntryPool(const EntryPool&) = delete;
+    EntryPool& operator=(const EntryPool&) = delete;
+
+    /** Sees to it that so many nodes can be taken. False without memory. */
+    [[nodiscard]] bool reserve(uint32_t nodes);
+    /** A node with any content, which has been reserved. */
+    EntryNode take();
+    void give(EntryNode node);
+
+  private:
+    log_entry_node_t* mFree = nullptr;
+    uint32_t mCount = 0; ///< of the free ones
+};
+
 /** Queues the entry behind every one of its device that is not later. */
 void enqueue(log_device_t* device, EntryNode node);
 /** Takes the first entry off a device's queue, which is not empty. */
@@ -24,11 +46,12 @@ log_device_t* oldestDevice(log_device_t* list);
  */
 class Merge {
   public:
+    /** Entries that may wait: one that waits for its device must not hold back a flood of another. */
+    static constexpr uint32_t kMostQueued = 128;
+
     explicit Merge(log_device_t* list) : mList(list) {}
 
     void add(log_device_t* device, EntryNode node);
-    /** More entries wait than may: one that waits for its device must not hold back a flood of another. */
-    bool full() const;
     /** The device whose first entry is to be output now, or null; with `everything`, until none is left. */
     log_device_t* next(bool everything) const;
     /** The first entry of that device has been output and dequeued. */

@@ -39,12 +39,17 @@ TEST_F(LoggerDriverTest, ReadersGetTheSameEntriesInOrder) {
     };
     auto readAll = [&](int device, bool slowly) {
         std::vector<std::pair<int, int>> given; // writer and number
-        std::string bytes(kMaxLoggerEntry, ' ');
+        std::string bytes;
         for (LoggerHeader header{}; !HasFailure() && header.nanoseconds != last;) {
-            auto length = static_cast<size_t>(read(device, bytes.data(), bytes.size()));
-            std::memcpy(&header, bytes.data(), sizeof header);
-            given.emplace_back(header.nanoseconds, header.seconds);
-            EXPECT_EQ(bytes.compare(0, length, entryOf(header.nanoseconds, header.seconds)), 0);
+            bytes.resize(kMaxLoggerBatch);
+            bytes.resize(static_cast<size_t>(read(device, bytes.data(), bytes.size())));
+            for (size_t start = 0, count = 0; start < bytes.size(); start += sizeof header + header.length) {
+                std::memcpy(&header, &bytes[start], sizeof header);
+                given.emplace_back(header.nanoseconds, header.seconds);
+                std::string entry = entryOf(header.nanoseconds, header.seconds);
+                EXPECT_EQ(bytes.compare(start, slowly ? bytes.size() : entry.size(), entry), 0);
+                EXPECT_LT(count++, kMostBatched);
+            }
             EXPECT_TRUE(!slowly || controlLogger(device, kRequestSize) == held);
         }
         return given;
@@ -52,7 +57,7 @@ TEST_F(LoggerDriverTest, ReadersGetTheSameEntriesInOrder) {
     for (bool lossless : {true, false}) {
         LoggerDriver driver;
         ASSERT_TRUE(driver.start({home + "/log"}, held));
-        auto first = open(LoggerAccess::Read), second = open(LoggerAccess::Read);
+        auto first = open(LoggerAccess::ReadBatches), second = open(LoggerAccess::Read);
         auto fast = std::async(std::launch::async, readAll, first.get(), false);
         auto slow = std::async(std::launch::async, readAll, second.get(), true);
         std::vector<std::future<void>> writers; // waited for by their end

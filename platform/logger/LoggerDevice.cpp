@@ -21,6 +21,10 @@ FileDescriptor connectAs(const char* path, LoggerHello::Role role, unsigned requ
     return socket;
 }
 
+bool reads(LoggerAccess access) {
+    return access == LoggerAccess::Read || access == LoggerAccess::ReadBatches;
+}
+
 } // namespace
 
 FileDescriptor openLogger(const char* path, LoggerAccess access) {
@@ -29,10 +33,12 @@ FileDescriptor openLogger(const char* path, LoggerAccess access) {
     if (stat(path, &info) != 0)
         return FileDescriptor();
     if (!S_ISSOCK(info.st_mode))
-        return openFile(path, access == LoggerAccess::Read ? O_RDONLY : O_WRONLY);
+        return openFile(path, reads(access) ? O_RDONLY : O_WRONLY);
     switch (access) {
     case LoggerAccess::Read:
         return connectAs(path, LoggerHello::Reader);
+    case LoggerAccess::ReadBatches:
+        return connectAs(path, LoggerHello::BatchReader);
     case LoggerAccess::Write:
         return connectAs(path, LoggerHello::Writer);
     case LoggerAccess::WriteLossless:

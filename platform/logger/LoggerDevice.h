@@ -28,6 +28,10 @@ static_assert(sizeof(LoggerHeader) == 20, "the driver's version-1 header");
 
 /** Largest entry, header and payload, in bytes. */
 constexpr uint32_t kMaxLoggerEntry = 5120;
+/** What a read of a connection that was opened for batches returns at most: entries, and bytes of them all.
+ */
+constexpr uint32_t kMostBatched = 32;
+constexpr uint32_t kMaxLoggerBatch = 16384;
 
 // Requests of the driver, without argument; the answer is the result.
 constexpr unsigned kRequestSize = 0xAE01; ///< bytes that the device can hold
@@ -36,6 +40,7 @@ constexpr unsigned kRequestFlush = 0xAE04; ///< empties it for every reader; 0
 
 enum class LoggerAccess {
     Read, ///< from the oldest entry held
+    ReadBatches, ///< the same; the stand-in returns whole entries one behind the other, as many as it has
     Write, ///< entries that the device has no room for drop its oldest ones
     WriteLossless, ///< stand-in only: writing waits while a reader would lose an entry
 };

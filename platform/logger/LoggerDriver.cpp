@@ -58,10 +58,21 @@ class EntryRing {
         mEnd += entry.iov_len;
         mEndOffset = (mEndOffset + entry.iov_len) % mCapacity;
     }
-    /** Tells where the entry at a position lies, the second piece being what is around the end. */
-    void locate(uint64_t position, iovec (&pieces)[2]) const {
+    /** Bytes of the entry at a position and of those behind it that fit into a batch. */
+    size_t batchLength(uint64_t position) const {
+        size_t length = lengthAt(offset(position));
+        for (uint32_t count = 1; count < kMostBatched && position + length < mEnd; ++count) {
+            size_t more = lengthAt(offset(position + length));
+            if (length + more > kMaxLoggerBatch)
+                break;
+            length += more;
+        }
+        return length;
+    }
+    size_t entryLength(uint64_t position) const { return lengthAt(offset(position)); }
+    /** Tells where so many bytes from a position on lie, the second piece being what is around the end. */
+    void locate(uint64_t position, size_t length, iovec (&pieces)[2]) const {
         size_t begin = offset(position);
-        size_t length = lengthAt(begin);
         size_t head = std::min(length, mCapacity - begin);
         pieces[0] = {&mBytes[begin], head};
         pieces[1] = {&mBytes[0], length - head};
@@ -127,6 +138,7 @@ struct LoggerDriver::Endpoint {
     Role role;
     int32_t pid = 0;
     uint64_t position = 0; ///< reader: of its next entry, or before the oldest one when it has missed some
+    bool batches = false; ///< reader: takes several entries in a packet
     bool full = false; ///< reader: its connection takes nothing more for now, and is watched for room
     bool gone = false; ///< to be forgotten at the end of the round
 };
@@ -328,7 +340,9 @@ void LoggerDriver::greet(Endpoint& client) {
 bool LoggerDriver::admit(Endpoint& client, uint32_t role) {
     switch (role) {
     case LoggerHello::Reader:
+    case LoggerHello::BatchReader:
         client.role = Role::Reader;
+        client.batches = role == LoggerHello::BatchReader;
         client.position = client.device->ring.first();
         setsockopt(client.socket.get(), SOL_SOCKET, SO_SNDBUF, &kReaderQueueBytes, sizeof kReaderQueueBytes);
         client.device->readers.push_back(&client);
@@ -404,8 +418,9 @@ void LoggerDriver::sendEntries(Endpoint& reader) {
         unsigned count = 0;
         for (uint64_t next = reader.position; count < kBatchEntries && next < ring.end(); ++count) {
             iovec(&pieces)[2] = mOutgoing->pieces[count];
-            ring.locate(next, pieces);
-            next += pieces[0].iov_len + pieces[1].iov_len;
+            size_t length = reader.batches ? ring.batchLength(next) : ring.entryLength(next);
+            ring.locate(next, length, pieces);
+            next += length;
             mOutgoing->messages[count].msg_hdr.msg_iovlen = pieces[1].iov_len > 0 ? 2 : 1;
         }
         int sent = sendmmsg(reader.socket.get(), mOutgoing->messages, count, MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -4,9 +4,12 @@
 
 namespace vnlog::platform {
 
-/** First message on every connection to the stand-in driver; one message is one packet. */
+/**
+ * First message on every connection to the stand-in driver; one message is one packet. Each packet that
+ * follows is a whole entry, to a batch reader one entry or several.
+ */
 struct LoggerHello {
-    enum Role : uint32_t { Reader = 1, Writer = 2, LosslessWriter = 3, Control = 4 };
+    enum Role : uint32_t { Reader = 1, Writer = 2, LosslessWriter = 3, Control = 4, BatchReader = 5 };
     uint32_t magic; ///< kLoggerMagic
     uint32_t role;
     uint32_t request; ///< with Control: the driver request; its answer is one int32
