@@ -1,30 +1,23 @@
 #include "storage/Archive.h"
 
-#include "base/Handles.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <sys/stat.h>
-#include <zlib.h>
 
 namespace vnlog {
 
 namespace {
 
-constexpr size_t kPiece = 16384; ///< bytes that are read, decoded or written at a time
+constexpr size_t kPiece = 16384; ///< bytes that are decoded and compared at a time
+constexpr size_t kLargestPiece = 262144; ///< of text that is compressed at a time, an ordinary section whole
+constexpr size_t kOutput = 65536; ///< bytes that are written at a time
 constexpr int kGzipWindow = 15 + 16; ///< the largest window; 16 asks zlib for gzip's header and trailer
 constexpr int kLevel = 6;
 constexpr int kMemoryLevel = 8;
 constexpr int kUnix = 3; ///< the system, in a member's header
 
-/** zlib's state, which is released on every path. */
-template <int (*End)(z_stream*)> struct Codec {
-    z_stream stream{};
-    Codec() = default;
-    ~Codec() { (void)End(&stream); } // one that was never begun is refused and holds nothing
-    Codec(const Codec&) = delete;
-    Codec& operator=(const Codec&) = delete;
+struct InflateEnd {
+    void operator()(z_stream* stream) const { (void)inflateEnd(stream); }
 };
 
 Bytef* asBytes(const char* text) {
@@ -35,18 +28,6 @@ Bytef* asBytes(const char* text) {
 bool outOfMemory() {
     errno = ENOMEM;
     return false;
-}
-
-/** Compresses all input and writes what comes of it. */
-bool deflateInput(z_stream* stream, int flush, char* out, int archive) {
-    do {
-        stream->next_out = asBytes(out);
-        stream->avail_out = kPiece;
-        (void)deflate(stream, flush); // with room for output it has nothing to refuse
-        if (!writeAll(archive, out, kPiece - stream->avail_out))
-            return false;
-    } while (stream->avail_out == 0);
-    return true;
 }
 
 /** How a text goes with a content that arrives in pieces. */
@@ -108,8 +89,8 @@ class TextSide {
 /** Decodes an archive member by member and hands its content to the text's side. */
 PairKind decode(int archive, TextSide* text, bool* equal) {
     Text in = allocateText(kPiece), out = allocateText(kPiece);
-    Codec<inflateEnd> codec;
-    z_stream& stream = codec.stream;
+    z_stream stream{};
+    std::unique_ptr<z_stream, InflateEnd> end(&stream); // one that was never begun is refused
     if (in == nullptr || out == nullptr || inflateInit2(&stream, kGzipWindow) != Z_OK)
         return (outOfMemory(), PairKind::Unreadable);
     for (bool whole = false;;) {
@@ -149,31 +130,58 @@ PairKind compare(const char* archive, const char* text, bool* equal) {
 
 } // namespace
 
-bool writeArchive(int text, int archive, const char* name) {
-    struct stat info;
-    if (fstat(text, &info) != 0)
-        return false;
-    Text in = allocateText(kPiece), out = allocateText(kPiece);
-    Codec<deflateEnd> codec;
-    z_stream& stream = codec.stream;
-    if (in == nullptr || out == nullptr ||
-        deflateInit2(&stream, kLevel, Z_DEFLATED, kGzipWindow, kMemoryLevel, Z_DEFAULT_STRATEGY) != Z_OK)
+bool Compressor::write(int text, const struct stat& info, int archive, const char* name) {
+    if (!getMemory(static_cast<size_t>(std::clamp<off_t>(info.st_size, 0, kLargestPiece - 1))))
         return outOfMemory();
+    (void)deflateReset(&mStream); // also ends a text that failed on its way
     gz_header header{};
     header.name = asBytes(name);
     bool fits = info.st_mtime > 0 && static_cast<uint64_t>(info.st_mtime) <= UINT32_MAX;
     header.time = fits ? static_cast<uLong>(info.st_mtime) : 0; // 0 says that none is known
     header.os = kUnix;
-    (void)deflateSetHeader(&stream, &header); // at the beginning of a gzip member it has nothing to refuse
-    for (size_t count = kPiece; count == kPiece;) {
-        if (!readPiece(text, in.get(), kPiece, &count))
-            return false;
-        stream.next_in = asBytes(in.get());
-        stream.avail_in = static_cast<uInt>(count);
-        if (!deflateInput(&stream, count == kPiece ? Z_NO_FLUSH : Z_FINISH, out.get(), archive))
-            return false;
+    (void)deflateSetHeader(&mStream, &header); // at the beginning of a gzip member it has nothing to refuse
+    return deflateText(text, archive);
+}
+
+/** Sees to the state, and to buffers with which the end of such a text shows at its first piece. */
+bool Compressor::getMemory(size_t textSize) {
+    if (mOut == nullptr)
+        mOut = allocateText(kOutput);
+    if (mInSize <= textSize) {
+        mIn = nullptr; // two at a time are not needed
+        mIn = allocateText(textSize + 1);
+        mInSize = mIn != nullptr ? textSize + 1 : 0;
     }
-    return true;
+    return mIn != nullptr && mOut != nullptr &&
+           (mStream.state != nullptr || deflateInit2(&mStream, kLevel, Z_DEFLATED, kGzipWindow, kMemoryLevel,
+                                                     Z_DEFAULT_STRATEGY) == Z_OK);
+}
+
+bool Compressor::deflateText(int text, int archive) {
+    mStream.avail_in = mStream.avail_out = 0;
+    bool all = false;
+    for (int result = Z_OK; result == Z_OK;) {
+        if (mStream.avail_in == 0 && !all) {
+            size_t count = 0;
+            if (!readPiece(text, mIn.get(), mInSize, &count))
+                return false;
+            all = count < mInSize;
+            mStream.next_in = asBytes(mIn.get());
+            mStream.avail_in = static_cast<uInt>(count);
+        }
+        if (mStream.avail_out == 0) {
+            mStream.next_out = asBytes(mOut.get());
+            mStream.avail_out = kOutput;
+        }
+        result = deflate(&mStream, all ? Z_FINISH : Z_NO_FLUSH);
+        bool due = mStream.avail_out == 0 || result == Z_STREAM_END;
+        if (due && !writeAll(archive, mOut.get(), kOutput - mStream.avail_out))
+            return false;
+        if (result == Z_STREAM_END)
+            return true;
+    }
+    errno = EIO; // it has refused what it is bound to take
+    return false;
 }
 
 PairKind comparePair(const char* archive, const char* text) {

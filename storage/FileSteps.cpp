@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vnlog {
@@ -15,18 +14,20 @@ namespace vnlog {
 namespace {
 
 /** Makes the draft and brings its bytes to the medium. */
-bool writeDraft(const char* text, const char* path, bool (*fill)(const Draft& draft)) {
+bool writeDraft(const char* text, const char* path, const std::function<bool(const Draft&)>& fill) {
     FileDescriptor from = openOwnFile(text, O_RDONLY);
     struct stat info;
     if (!from.valid() || fstat(from.get(), &info) != 0)
         return false;
-    (void)unlink(path); // of a compression that was cut off; what stays makes the next step fail
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL;
     mode_t mode = info.st_mode & kSectionMode;
-    FileDescriptor file = openFile(path, O_WRONLY | O_CREAT | O_EXCL, mode);
+    FileDescriptor file = openFile(path, kFlags, mode);
+    if (!file.valid() && errno == EEXIST && unlink(path) == 0) // of a compression that was cut off
+        file = openFile(path, kFlags, mode);
     if (!file.valid())
         return false;
     (void)fchmod(file.get(), mode); // whatever the umask; a file system without modes refuses
-    return fill({text, path, from.get(), file.get()}) && fsync(file.get()) == 0;
+    return fill({text, path, from.get(), file.get(), info}) && fsync(file.get()) == 0;
 }
 
 } // namespace
@@ -43,7 +44,7 @@ bool reported(bool done, const char* what, const char* path) {
     return done;
 }
 
-bool compressByDraft(const char* text, bool (*fill)(const Draft& draft)) {
+bool compressByDraft(const char* text, const std::function<bool(const Draft&)>& fill) {
     Path archive = archiveOf(text);
     Path draft = draftOf(archive.text);
     bool done = writeDraft(text, draft.text, fill) && rename(draft.text, archive.text) == 0 &&

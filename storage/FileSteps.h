@@ -1,5 +1,8 @@
 #pragma once
 
+#include <functional>
+#include <sys/stat.h>
+
 /* What the forms of file work have in common. Any thread that is not cancelled meanwhile. */
 namespace vnlog {
 
@@ -15,13 +18,14 @@ struct Draft {
     const char* path;
     int text; ///< both are open descriptors that the caller keeps
     int file;
+    struct stat info; ///< of the text
 };
 
 /**
  * FileWork::compress for a form that makes the archive's bytes by `fill`, which returns false with errno set
  * when it cannot. Reports a failure.
  */
-bool compressByDraft(const char* text, bool (*fill)(const Draft& draft));
+bool compressByDraft(const char* text, const std::function<bool(const Draft&)>& fill);
 
 /** What FileWork::moveFolder asks of its two paths. False with errno set. */
 bool canMove(const char* from, const char* to);

@@ -17,7 +17,8 @@ constexpr size_t longestCopyTarget(size_t folderLength) {
  * The work on files that the store leaves to others: one form of it per way to do it. All paths are plain
  * (shellSafe) and of at most kLongestWorkPath characters. Each returns whether the thing is done; where not,
  * it reports that and errno tells why. No link in the last place of a path is followed. Any thread that is
- * not cancelled meanwhile.
+ * not cancelled meanwhile; compress one at a time: the store calls it under its lock, or in a start, before
+ * anybody else can. All others may run beside it.
  */
 class FileWork {
   public:
@@ -26,7 +27,7 @@ class FileWork {
     /**
      * Puts the gzip archive `<text>.gz` in the place of the text; one that is there already is replaced. The
      * archive is written beside under its draft's name and is on the medium, name and all, before the text
-     *      * goes. Where it fails, the text is as it was, the archive is the older one or the whole new one,
+     * goes. Where it fails, the text is as it was, the archive is the older one or the whole new one,
      * and the draft is gone.
      */
     virtual bool compress(const char* text) = 0;

@@ -2,7 +2,6 @@
 
 #include "base/Handles.h"
 #include "base/Text.h"
-#include "storage/Archive.h"
 #include "storage/FileSteps.h"
 #include "storage/Layout.h"
 
@@ -166,14 +165,12 @@ class TreeCopy {
     struct stat mCopy {}; ///< of the folder that it makes
 };
 
-bool fillByZlib(const Draft& draft) {
-    return writeArchive(draft.text, draft.file, lastName(draft.textPath));
-}
-
 } // namespace
 
 bool ProcessFileWork::compress(const char* text) {
-    return compressByDraft(text, fillByZlib);
+    return compressByDraft(text, [this](const Draft& draft) {
+        return mCompressor.write(draft.text, draft.info, draft.file, lastName(draft.textPath));
+    });
 }
 
 bool ProcessFileWork::removeFile(const char* path) {

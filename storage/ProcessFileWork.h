@@ -1,5 +1,6 @@
 #pragma once
 
+#include "storage/Archive.h"
 #include "storage/FileWork.h"
 
 namespace vnlog {
@@ -13,6 +14,9 @@ class ProcessFileWork final : public FileWork {
     bool removeAll(const char* beginning) override;
     bool moveFolder(const char* from, const char* to) override;
     bool copyTree(const char* from, const char* into) override;
+
+  private:
+    Compressor mCompressor; ///< compress alone uses it
 };
 
 } // namespace vnlog

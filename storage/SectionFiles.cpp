@@ -46,9 +46,11 @@ uint32_t freeSection(const char* run, uint32_t least) {
 /** Compresses the text unless an archive has it already. */
 SectionFiles::Settled SectionFiles::settle(const char* text) {
     Path archive = archiveOf(text);
-    if (isOdd(archive.text) || isOdd(draftOf(archive.text).text))
+    struct stat info;
+    bool taken = lstat(archive.text, &info) == 0;
+    if ((taken && !S_ISREG(info.st_mode)) || isOdd(draftOf(archive.text).text))
         return Settled::NameTaken;
-    if (!nameTaken(archive.text))
+    if (!taken)
         return mFiles.compress(text) ? Settled::Done : Settled::Failed;
     logDebug("[%s] is compared with [%s]\n", archive.text, text);
     bool done = false;

@@ -8,7 +8,7 @@ namespace vnlog {
 
 /**
  * Ends the texts of a run: each becomes an archive, and where one has an archive already, the two are
- * compared, so that nothing is lost and nothing is there twice. * Failures leave errno, the text and the
+ * compared, so that nothing is lost and nothing is there twice. Failures leave errno, the text and the
  * archive; those of the file work are reported there.
  */
 class SectionFiles {
@@ -33,8 +33,7 @@ class SectionFiles {
     FileWork& mFiles;
 };
 
-/** The lowest number from `least` on, or else any, that no section of the run has, nor anything named like
- * one. */
+/** The lowest number from `least` on, or else any, that nothing in the run named like a section has. */
 uint32_t freeSection(const char* run, uint32_t least);
 
 } // namespace vnlog

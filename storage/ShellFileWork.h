@@ -4,8 +4,7 @@
 
 namespace vnlog {
 
-/** File work by the shell's programs: gzip, rm, mv, cp and sync. A program that takes longer than a minute
- * has failed. */
+/** File work by the shell's gzip, rm, mv, cp and sync. What takes longer than a minute has failed. */
 class ShellFileWork final : public FileWork {
   public:
     bool compress(const char* text) override;
