@@ -14,6 +14,7 @@ namespace vnlog {
 
 namespace {
 
+constexpr uint32_t kProbes = 16; ///< numbers that are tried before a run is listed for its oldest section
 constexpr uint64_t kSpareBlocks = 16384; ///< bytes for the bookkeeping and growing folders
 
 bool isFile(const char* path) {
@@ -66,9 +67,18 @@ uint64_t Retention::bound() const {
 
 DeleteStatus Retention::deleteOldest() {
     ProcessorTime time;
+    DeleteStatus result = deleteSome();
+    if (result == DeleteStatus::Done && !saveDeleted())
+        result = DeleteStatus::NotSaved;
+    if (result == DeleteStatus::Done)
+        logDebug(" deleteLogSection startup time is %f ms\n", time.milliseconds());
+    return result;
+}
+
+/** Deletes that much, but leaves the numbers unsaved. */
+DeleteStatus Retention::deleteSome() {
     uint32_t deleted = 0;
     bool lastGone = false;
-    bool changed = false; // the last section of the current run changes nothing that the file holds
     const uint64_t before = mNumbers.onMedium();
     // Of sections that are smaller than their blocks, no more go than those blocks ask for.
     auto freed = [&] { return std::max<uint64_t>(deleted, (before - mNumbers.onMedium()) / 2); };
@@ -76,19 +86,23 @@ DeleteStatus Retention::deleteOldest() {
         DeleteStatus result = deleteStep(&deleted, &lastGone);
         if (result != DeleteStatus::Done)
             return result;
-        changed = changed || !lastGone;
+        mUnsaved =
+            mUnsaved || !lastGone; // the current run's last section changes nothing that the file holds
         logDebug("Delete [%zu] logs,At least delete[%zu] ,totalLogSize[%zu] ,CurrentTotalSize[%zu]\n",
                  static_cast<size_t>(deleted), static_cast<size_t>(mState.mLogDeleteSize),
                  static_cast<size_t>(mState.mTotalLogSize), static_cast<size_t>(mState.mCurrentTotalSize));
     }
-    // Once for all: after a crash in between the folders tell, and the medium takes no write for each
-    // section.
-    if (changed && !mNumbers.save()) {
-        logError("[%s] storage data failed to save !\n", "deleteLogSection");
-        return DeleteStatus::NotSaved;
-    }
-    logDebug(" deleteLogSection startup time is %f ms\n", time.milliseconds());
     return DeleteStatus::Done;
+}
+
+/** Once for all deletions: after a crash in between the folders tell. Keeps errno. */
+bool Retention::saveDeleted() {
+    int error = errno;
+    mUnsaved = mUnsaved && !mNumbers.save();
+    if (mUnsaved)
+        logError("[%s] storage data failed to save !\n", "deleteLogSection");
+    errno = error;
+    return !mUnsaved;
 }
 
 /** Deletes the oldest section, wherever that is; `lastGone` tells that no finished one is left. */
@@ -136,6 +150,8 @@ DeleteStatus Retention::deleteFromRun(const RunReports& reports, uint32_t* delet
     }
     *deleted += size;
     uint32_t oldest = mState.mOldestFileNum + 1;
+    while (oldest < mState.mOldestFileNum + kProbes && !holdsSection(run.text, oldest))
+        ++oldest;
     RunContent left;
     if (!holdsSection(run.text, oldest) && lookIntoRun(run.text, &left)) {
         if (!left.holdsSection())
@@ -146,8 +162,7 @@ DeleteStatus Retention::deleteFromRun(const RunReports& reports, uint32_t* delet
     return DeleteStatus::Done;
 }
 
-/** Removes the folder of the oldest archived run after its last section, and looks for the oldest one then.
- */
+/** Removes the folder of the oldest archived run after its last section, and finds the next oldest. */
 DeleteStatus Retention::removeEmptiedRun(const RunReports& reports) {
     Path run = runFolder(mState.mLastDirPrefix, mState.mTailFolderNum);
     bool hadMore = folderState(run.text) == FolderState::NotEmpty;
@@ -166,8 +181,7 @@ DeleteStatus Retention::removeEmptiedRun(const RunReports& reports) {
     return DeleteStatus::Done;
 }
 
-/** Makes the numbers name the oldest section where they do not: a run or a section may be missing in between.
- */
+/** Makes the numbers name the oldest section where they do not: runs and sections may be missing. */
 void Retention::findOldest() {
     if (holdsSection(runFolder(mState.mLastDirPrefix, mState.mTailFolderNum).text, mState.mOldestFileNum))
         return;
@@ -264,38 +278,40 @@ bool Retention::deleteAll() {
 
 BoundStatus Retention::makeRoom(Occasion occasion) {
     const char* caller = occasion == Occasion::Cut ? "[saveLogSection] " : "";
+    BoundStatus status = BoundStatus::Held;
     mError = 0;
     mResisted = false;
-    for (bool stuck = false; !fits();) {
+    for (bool stuck = false; status == BoundStatus::Held && !fits();) {
         (void)removeDamaged();
         bool freed = false;
         if (!pass(occasion, &freed)) {
             logError("%sFatal error log storage file information is completely damaged\n", caller);
-            return BoundStatus::NotCounted;
-        }
-        if (!freed && stuck && bytesFit())
-            break; // blocks that no deletion frees are nobody's fault
-        if (!freed && stuck) { // the pass before has repaired the numbers, and it did not help
+            status = BoundStatus::NotCounted;
+        } else if (!freed && stuck) { // the pass before has repaired the numbers, and it did not help
+            if (bytesFit())
+                break; // blocks that no deletion frees are nobody's fault
             logError("%sFatal error attempt to fix the failure\n", caller);
             errno = mError;
-            return mResisted && mError == 0 ? BoundStatus::Contradiction : BoundStatus::NotDeleted;
+            status = mResisted && mError == 0 ? BoundStatus::Contradiction : BoundStatus::NotDeleted;
         }
         stuck = !freed;
     }
-    return BoundStatus::Held;
+    (void)saveDeleted(); // reported there; the room is made all the same
+    return status;
 }
 
 bool Retention::freeOldest() {
     bool freed = removeDamaged();
     for (int tries = 0; !freed && tries < 2; ++tries) // the first one may only repair the numbers
         (void)pass(Occasion::Cut, &freed); // what is free is free, counted or not
+    (void)saveDeleted(); // reported there
     return freed;
 }
 
 /** One deletion, and a repair when that fails. False with errno set when the store cannot be counted. */
 bool Retention::pass(Occasion occasion, bool* freed) {
     uint64_t before = stored() + mNumbers.onMedium();
-    DeleteStatus result = deleteOldest();
+    DeleteStatus result = deleteSome();
     *freed = stored() + mNumbers.onMedium() < before;
     if (result == DeleteStatus::Done)
         return true;

@@ -65,6 +65,8 @@ class Retention final : public RoomMaker {
   private:
     struct RunReports;
 
+    DeleteStatus deleteSome() VNLOG_REQUIRES(StorageLock::role);
+    bool saveDeleted() VNLOG_REQUIRES(StorageLock::role);
     DeleteStatus deleteStep(uint32_t* deleted, bool* lastGone) VNLOG_REQUIRES(StorageLock::role);
     DeleteStatus deleteFromRun(const RunReports& reports, uint32_t* deleted)
         VNLOG_REQUIRES(StorageLock::role);
@@ -85,6 +87,7 @@ class Retention final : public RoomMaker {
     Bookkeeping& mNumbers;
     FileWork& mFiles;
     RunMender mMender;
+    bool mUnsaved = false; ///< deletions have changed the numbers since they were saved
     int mError = 0; ///< of the last removal that the system refused
     bool mResisted = false; ///< what is listed could not be removed although the system did not refuse
 };

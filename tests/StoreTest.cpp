@@ -287,6 +287,7 @@ TEST_F(StoreTest, BoundIsKeptToTheByteByAsManyDeletionsAsItTakes) {
             EXPECT_TRUE(atStart ? store->closePreviousRun() == PrepareStatus::Ready : saved("x"));
             EXPECT_TRUE(exists(at("1/" + std::to_string(needed + 1))) &&
                         !exists(at("1/" + std::to_string(needed))));
+            EXPECT_EQ(readFile(data()), dataText(four()));
         }
     }
     files.archiveSize = 0;
@@ -337,8 +338,7 @@ TEST_F(StoreTest, RootChangeLeavesTheOldNumbersBehind) {
     EXPECT_FALSE(store->copyTargetUsable((longest + "x").c_str()) || store->copyTargetUsable("/two words"));
 }
 
-/** What an earlier life can leave. Starting twice changes nothing more. Archives made at the start have 7
- * bytes. */
+/** What an earlier life can leave. Starting twice changes nothing more. The start's archives have 7 bytes. */
 TEST_F(StoreTest, StartMendsWhatItFinds) {
     const std::string runs = "1/4=10 2/1=20 ", base = runs + "c/1t=9 ", three = "1/4 2/1 3/1 c/", n(250, 'n');
     files.archiveSize = 7;
@@ -399,8 +399,7 @@ TEST_F(StoreTest, TextAndArchiveOfOneNumberAreSettled) {
     }
 }
 
-/** Folders that vanish, come back or are another's: storing goes on with the next batch, or says what is in
- * its way. */
+/** Folders vanish, come back or are another's: storing goes on with the next batch, or says why not. */
 TEST_F(StoreTest, HealsWhileItRuns) {
     ASSERT_TRUE(start() && saved("1"));
     fs::remove_all(logs);
