@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
+#include <utility>
 
 namespace vnlog {
 
@@ -123,10 +124,11 @@ bool Bookkeeping::parse() {
     }
     logDebug("read %s: total %u, head %u, tail %u, oldest %u\n", mState.mStorageDataFile,
              mState.mTotalLogSize, mState.mHeadFolderNum, mState.mTailFolderNum, mState.mOldestFileNum);
-    return true;
+    return mAsRead = true;
 }
 
 void Bookkeeping::reset() {
+    mAsRead = false;
     mState.mTailFolderNum = 0;
     mState.mHeadFolderNum = 0;
     mState.mTotalLogSize = 0;
@@ -149,8 +151,8 @@ struct Bookkeeping::Stock {
 RebuildStatus Bookkeeping::look(Stock* stock) {
     if (!countRuns(mState.mLogServiceDir, &stock->runs))
         return RebuildStatus::NoLogFolder;
-    bool known = lookIntoRun(mState.mCurrentDir, &stock->current) || errno == ENOENT || errno == ENOTDIR ||
-                 errno == ELOOP; // without a folder there is nothing in it
+    bool known = lookIntoRun(mState.mCurrentDir, &stock->current, Look::Sizes) || errno == ENOENT ||
+                 errno == ENOTDIR || errno == ELOOP; // without a folder there is nothing in it
     return known ? RebuildStatus::Done : RebuildStatus::NoRunFolder;
 }
 
@@ -198,19 +200,17 @@ bool Bookkeeping::takeStock() {
     }
     mState.mCurrentTotalSize = stock.current.archiveBytes;
     mOnMedium = stock.runs.onMedium + stock.current.onMedium;
+    bool asRead = std::exchange(mAsRead, false);
     if (matches(stock))
         return true;
+    if (asRead)
+        logError("the storage data contradicts the folders and is rebuilt\n");
     take(stock, mState.mHeadFolderNum); // the next run is to have a higher number than the last one had
     if (!save()) { // the next start takes stock again
         logError("[%s] failed to save !\n", mState.mStorageDataFile);
         logErrno();
     }
     return true;
-}
-
-bool Bookkeeping::matchFolders() {
-    Stock stock;
-    return look(&stock) != RebuildStatus::Done || matches(stock);
 }
 
 /** An oldest number that names nothing is right as long as no section is finished. */

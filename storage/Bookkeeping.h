@@ -29,8 +29,7 @@ class Bookkeeping {
      * old.
      */
     [[nodiscard]] bool save() VNLOG_REQUIRES(StorageLock::role);
-    /** Reads them. False when the file or a number is missing or out of range; numbers before that are taken.
-     */
+    /** Reads them. False when file or number is missing or out of range; numbers before that are taken. */
     [[nodiscard]] bool parse() VNLOG_REQUIRES(StorageLock::role);
     /** The numbers of a root without archived runs. */
     void reset() VNLOG_REQUIRES(StorageLock::role);
@@ -45,8 +44,6 @@ class Bookkeeping {
      * with errno set: the folders cannot be listed, nothing is changed.
      */
     [[nodiscard]] bool takeStock() VNLOG_REQUIRES(StorageLock::role);
-    /** Whether the numbers say what the folders do. True as well when the folders cannot be listed. */
-    [[nodiscard]] bool matchFolders() VNLOG_REQUIRES(StorageLock::role);
     /** Bytes that the store took on the medium when stock was last taken, with what came and went since. */
     uint64_t onMedium() const { return mOnMedium; }
     void addOnMedium(uint64_t bytes) { mOnMedium += bytes; }
@@ -61,6 +58,7 @@ class Bookkeeping {
 
     StorageState& mState;
     uint64_t mOnMedium = 0;
+    bool mAsRead = false; ///< as the file tells them, which no stock has confirmed yet
 };
 
 } // namespace vnlog

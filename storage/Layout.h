@@ -28,8 +28,7 @@ constexpr mode_t kFolderMode = 0755;
 constexpr mode_t kSectionMode = 0755;
 constexpr mode_t kBookkeepingMode = 0555;
 
-/** Whether a path can be a storage root: every path derived from it fits, and shell and log.cfg take it as it
- * is. */
+/** Whether a path can be a storage root: all derived paths fit, and shell and log.cfg take it as it is. */
 bool usableRoot(const char* root);
 
 // The names. Under the root lie the log folder and the bookkeeping file; in the log folder the current run's

@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <dirent.h>
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+#include <utility>
 
 namespace vnlog {
 
@@ -35,10 +39,23 @@ bool mayPass(int error) {
     return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
 }
 
-/** One step of the FNV-1a hash. */
-uint64_t mixed(uint64_t hash, uint64_t value) {
-    constexpr uint64_t kPrime = 1099511628211U;
-    return (hash ^ value) * kPrime;
+/** A number that differs when another folder is there, or a name in it has changed. */
+uint64_t stampOf(const char* folder) {
+    constexpr uint64_t kPrime = 1099511628211U; // of the FNV-1a hash
+    struct stat info;
+    if (lstat(folder, &info) != 0)
+        return 0;
+    uint64_t hash = (info.st_ino * kPrime) ^ static_cast<uint64_t>(info.st_mtim.tv_sec);
+    return (hash * kPrime) ^ static_cast<uint64_t>(info.st_mtim.tv_nsec);
+}
+
+/** The type that the listing tells, or lstat where that says nothing. */
+EntryType typeOf(const Folder& folder, const dirent& entry) {
+    struct stat info;
+    unsigned char type = entry.d_type;
+    if (type == DT_UNKNOWN && folder.examine(entry.d_name, Links::Refused, &info))
+        type = S_ISDIR(info.st_mode) ? DT_DIR : S_ISREG(info.st_mode) ? DT_REG : DT_LNK;
+    return type == DT_DIR ? EntryType::Folder : type == DT_REG ? EntryType::File : EntryType::Other;
 }
 
 } // namespace
@@ -50,7 +67,7 @@ bool Listing::next(StoredEntry* entry) {
     if (found == nullptr)
         return false;
     ParsedName parsed = parseName(found->d_name);
-    *entry = {found->d_name, entryType(mPath, found->d_name, found->d_type), parsed.kind, parsed.number};
+    *entry = {found->d_name, typeOf(mFolder, *found), parsed.kind, parsed.number};
     return true;
 }
 
@@ -62,28 +79,17 @@ bool Listing::examine(const StoredEntry& entry, struct stat* info) const {
     return mFolder.examine(entry.name, Links::Refused, info);
 }
 
-EntryType entryType(const char* folder, const char* name, unsigned char type) {
-    if (type == DT_UNKNOWN) {
-        Path path;
-        struct stat info;
-        if (!formatText(path.text, "%s/%s", folder, name) || lstat(path.text, &info) != 0)
-            return EntryType::Other;
-        type = S_ISDIR(info.st_mode) ? DT_DIR : S_ISREG(info.st_mode) ? DT_REG : DT_LNK;
-    }
-    return type == DT_DIR ? EntryType::Folder : type == DT_REG ? EntryType::File : EntryType::Other;
-}
-
-bool lookIntoRun(const char* run, RunContent* content) {
+bool lookIntoRun(const char* run, RunContent* content, Look look) {
     *content = RunContent();
     Listing listing(run);
-    struct stat info;
+    struct stat info {};
     if (!listing.valid())
         return false;
-    if (lstat(run, &info) == 0)
+    if (look == Look::Sizes && lstat(run, &info) == 0)
         content->onMedium += bytesOnMedium(info);
     StoredEntry entry;
     while (listing.next(&entry)) {
-        if (listing.examine(entry, &info))
+        if (look == Look::Names || listing.examine(entry, &info))
             addEntry(entry, info, content);
     }
     return !listing.failed();
@@ -101,7 +107,7 @@ bool countRuns(const char* logs, RunTotals* totals) {
         Path path;
         RunContent content;
         listing.path(entry, &path);
-        if (!lookIntoRun(path.text, &content) && mayPass(errno))
+        if (!lookIntoRun(path.text, &content, Look::Sizes) && mayPass(errno))
             return false;
         ++totals->count;
         totals->newest = std::max(totals->newest, entry.number);
@@ -128,20 +134,39 @@ bool nextRun(const char* logs, uint32_t least, uint32_t* number) {
     return *number != kNoNumber && !listing.failed();
 }
 
-uint64_t storeStamp(const char* logs) {
-    Listing listing(logs);
-    uint64_t sum = 1;
-    StoredEntry entry;
-    while (listing.valid() && listing.next(&entry)) {
-        struct stat info;
-        if (!(entry.isRun() || entry.kind == NameKind::Current) || !listing.examine(entry, &info))
-            continue;
-        uint64_t one = mixed(entry.isRun() ? entry.number : kNoNumber, info.st_ino);
-        one = mixed(one, static_cast<uint64_t>(info.st_mtim.tv_sec));
-        sum +=
-            mixed(one, static_cast<uint64_t>(info.st_mtim.tv_nsec)); // the order of the entries says nothing
+void StoreWatch::note(const char* logs) {
+    char events[4096];
+    while (told() && read(mEvents.get(), events, sizeof events) > 0) {
     }
-    return listing.valid() && !listing.failed() ? sum : 0;
+    uint64_t before = std::exchange(mLogs, stampOf(logs));
+    mCurrent = stampOf(entryPath(logs, kCurrentFolder).text);
+    if (!mEvents.valid() || mLogs != before)
+        watchRuns(logs);
+}
+
+bool StoreWatch::changed(const char* logs) const {
+    return !mEvents.valid() || told() || mLogs != stampOf(logs) ||
+           mCurrent != stampOf(entryPath(logs, kCurrentFolder).text);
+}
+
+void StoreWatch::watchRuns(const char* logs) {
+    constexpr uint32_t kChanges = IN_CREATE | IN_DELETE | IN_MOVE | IN_ONLYDIR | IN_DONT_FOLLOW;
+    mEvents = FileDescriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    Listing listing(logs);
+    bool all = mEvents.valid() && listing.valid();
+    StoredEntry entry;
+    Path run;
+    while (all && listing.next(&entry))
+        all = !entry.isRun() ||
+              (listing.path(entry, &run) && inotify_add_watch(mEvents.get(), run.text, kChanges) >= 0);
+    if (!all || listing.failed())
+        forget();
+}
+
+/** Whether the kernel has something to tell. */
+bool StoreWatch::told() const {
+    int bytes = 0;
+    return mEvents.valid() && (ioctl(mEvents.get(), FIONREAD, &bytes) != 0 || bytes > 0);
 }
 
 } // namespace vnlog

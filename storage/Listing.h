@@ -46,9 +46,6 @@ class Listing {
     Folder mFolder;
 };
 
-/** Type of the entry `name` of `folder`, from the listing's `type`; lstat decides where that says nothing. */
-EntryType entryType(const char* folder, const char* name, unsigned char type);
-
 /** Bytes of the blocks that a file takes on its medium. */
 inline uint64_t bytesOnMedium(const struct stat& info) {
     return static_cast<uint64_t>(info.st_blocks) * 512; // stat's unit, whatever the file system's is
@@ -69,8 +66,10 @@ struct RunContent {
     bool holdsSection() const { return oldestSection != kNoNumber; }
 };
 
+/** With names alone all bytes stay 0, and no file is examined, which takes ten times as long. */
+enum class Look { Names, Sizes };
 /** Looks into a run's folder. False with errno set when it cannot be listed to its end. */
-[[nodiscard]] bool lookIntoRun(const char* run, RunContent* content);
+[[nodiscard]] bool lookIntoRun(const char* run, RunContent* content, Look look);
 
 /** What the archived runs amount to. */
 struct RunTotals {
@@ -88,14 +87,28 @@ struct RunTotals {
  */
 [[nodiscard]] bool countRuns(const char* logs, RunTotals* totals);
 
-/** Stores the lowest number from `least` on that a run has. False when there is none, or it cannot be told.
- */
+/** Stores the lowest number from `least` on that a run has. False: there is none, or it cannot be told. */
 bool nextRun(const char* logs, uint32_t least, uint32_t* number);
 
 /**
- * A number that differs when runs or sections have come to the log folder or have gone from it: made of the
- * names and times of all runs and of the current one, without listing them. 0 when that is not possible.
+ * Tells whether runs or sections have come to a log folder or have gone from it. The kernel watches the runs,
+ * so that a look takes the same time for any number of them. One thread at a time.
  */
-uint64_t storeStamp(const char* logs);
+class StoreWatch {
+  public:
+    /** Takes what is there now for known. Lists the log folder when runs have come or gone. */
+    void note(const char* logs);
+    /** Whether it has changed since then, by ourselves as well; true, too, where the kernel cannot tell. */
+    [[nodiscard]] bool changed(const char* logs) const;
+    /** Ends the watch. */
+    void forget() { mEvents = FileDescriptor(); }
+
+  private:
+    void watchRuns(const char* logs);
+    [[nodiscard]] bool told() const;
+
+    FileDescriptor mEvents; ///< of all runs, or none
+    uint64_t mLogs = 0, mCurrent = 0; ///< stamps of the log folder and the current run
+};
 
 } // namespace vnlog

@@ -35,7 +35,7 @@ bool Recovery::prepare() {
     return false;
 }
 
-/** Reads the bookkeeping file; what it does not tell, or tells wrong, the folders do. */
+/** Reads the bookkeeping file; what it does not tell, the folders do. */
 void Recovery::readNumbers() {
     bool read = false;
     if (nameTaken(mState.mStorageDataFile))
@@ -44,8 +44,6 @@ void Recovery::readNumbers() {
         logError("[%s] the stored data does not exist!\n", mState.mStorageDataFile);
     if (!read)
         mNumbers.reset();
-    else if (!mNumbers.matchFolders())
-        logError("the storage data contradicts the folders and is rebuilt\n");
 }
 
 PrepareStatus Recovery::takeOver() {
@@ -76,8 +74,7 @@ PrepareStatus Recovery::tryToClose() {
     return mNumbers.takeStock() ? keepBound() : PrepareStatus::NotCounted;
 }
 
-/** Compresses what the previous run left uncompressed, archives it, and makes an empty folder for this one.
- */
+/** Compresses what the previous run left as text, archives it, and makes an empty folder for this one. */
 PrepareStatus Recovery::closeCurrent() {
     switch (ownFolder(mState.mCurrentDir)) {
     case OwnFolder::Missing:

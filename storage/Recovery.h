@@ -24,11 +24,9 @@ enum class PrepareStatus {
 
 /**
  * What a start or a change of the root does with the store that it finds: puts the archived runs in order,
- * compares the * bookkeeping with the folders, compresses and archives the previous run, keeps the bound.
-Deletes for that and for room
- * on the medium only.
-docs/on-disk-format.md has a row for each state that is mended here. Every
- * failure is reported.
+ * compares the bookkeeping with the folders, compresses and archives the previous run, keeps the bound.
+ * Deletes for that and for room on the medium only. docs/on-disk-format.md has a row for each state that is
+ * mended here. Every failure is reported.
  */
 class Recovery {
   public:
@@ -39,8 +37,7 @@ class Recovery {
      * system did. A store that contradicts itself is moved aside once, see damagedFolder.
      */
     [[nodiscard]] bool prepare() VNLOG_REQUIRES(StorageLock::role);
-    /** Takes over what an earlier use of a root has left: puts its runs in order, takes stock, closes off its
-     * current run. */
+    /** Takes over what an earlier use of a root has left: mends, takes stock, closes its current run off. */
     [[nodiscard]] PrepareStatus takeOver() VNLOG_REQUIRES(StorageLock::role);
     /** Closes off the previous run, with the oldest sections making room where there is none. */
     [[nodiscard]] PrepareStatus closePreviousRun() VNLOG_REQUIRES(StorageLock::role);

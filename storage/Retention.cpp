@@ -127,7 +127,7 @@ DeleteStatus Retention::deleteStep(uint32_t* deleted, bool* lastGone) {
     Path run = runFolder(mState.mLastDirPrefix, mState.mTailFolderNum);
     RunContent content; // an emptied run that stays, or what is no run, is in nobody's way
     if (holdsSection(run.text, mState.mOldestFileNum) ||
-        (lookIntoRun(run.text, &content) && content.holdsSection()))
+        (lookIntoRun(run.text, &content, Look::Names) && content.holdsSection()))
         return deleteFromRun(kNewest, deleted);
     return deleteFromCurrent(deleted, lastGone);
 }
@@ -153,7 +153,7 @@ DeleteStatus Retention::deleteFromRun(const RunReports& reports, uint32_t* delet
     while (oldest < mState.mOldestFileNum + kProbes && !holdsSection(run.text, oldest))
         ++oldest;
     RunContent left;
-    if (!holdsSection(run.text, oldest) && lookIntoRun(run.text, &left)) {
+    if (!holdsSection(run.text, oldest) && lookIntoRun(run.text, &left, Look::Names)) {
         if (!left.holdsSection())
             return removeEmptiedRun(reports);
         oldest = left.oldestSection;
@@ -187,14 +187,15 @@ void Retention::findOldest() {
         return;
     RunContent content;
     for (uint32_t run = mState.mTailFolderNum; nextRun(mState.mLogServiceDir, run, &run); ++run) {
-        if (!lookIntoRun(runFolder(mState.mLastDirPrefix, run).text, &content) || !content.holdsSection())
+        if (!lookIntoRun(runFolder(mState.mLastDirPrefix, run).text, &content, Look::Names) ||
+            !content.holdsSection())
             continue;
         mState.mTailFolderNum = run;
         mState.mOldestFileNum = content.oldestSection;
         return;
     }
     mState.mTailFolderNum = mState.mHeadFolderNum;
-    if (lookIntoRun(mState.mCurrentDir, &content) && content.archives > 0)
+    if (lookIntoRun(mState.mCurrentDir, &content, Look::Names) && content.archives > 0)
         mState.mOldestFileNum = content.oldestArchive;
 }
 
@@ -218,7 +219,8 @@ DeleteStatus Retention::deleteFromCurrent(uint32_t* deleted, bool* lastGone) {
     mState.mCurrentTotalSize -= std::min(size, mState.mCurrentTotalSize);
     uint32_t next = mState.mOldestFileNum + 1;
     RunContent left;
-    if (!isFile(sectionArchive(mState.mCurrentDir, next).text) && lookIntoRun(mState.mCurrentDir, &left))
+    if (!isFile(sectionArchive(mState.mCurrentDir, next).text) &&
+        lookIntoRun(mState.mCurrentDir, &left, Look::Names))
         next = left.oldestArchive;
     *lastGone = next == kNoNumber;
     if (!*lastGone)
@@ -251,7 +253,8 @@ void Retention::noteResistance() {
 bool Retention::removeWhole(const char* run) {
     RunContent content;
     (void)lookIntoRun(
-        run, &content); // what cannot be listed is not taken off the sum: stock is taken now and then
+        run, &content,
+        Look::Sizes); // what cannot be listed is not taken off the sum: stock is taken now and then
     errno = 0;
     if (!mFiles.removeTree(run) || nameTaken(run)) {
         noteResistance();

@@ -10,12 +10,8 @@
 
 namespace vnlog {
 
-namespace {
-
 static_assert(platform::kMaxSystemRoot + sizeof kDefaultRoot - 1 <= kMaxRootLength,
               "the default root is usable");
-
-} // namespace
 
 bool RootChange::resolve() {
     if (mState.mSavePath == nullptr) {

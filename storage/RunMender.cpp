@@ -40,10 +40,10 @@ void RunMender::mendAll(RoomMaker* room) {
 
 void RunMender::mend(const char* run, RoomMaker* room) {
     RunContent content;
-    if (!lookIntoRun(run, &content))
+    if (!lookIntoRun(run, &content, Look::Names))
         return; // what the listing did not show may be what matters
     if (content.text || content.older || content.draft) {
-        if (!closeTexts(run, room) || !lookIntoRun(run, &content))
+        if (!closeTexts(run, room) || !lookIntoRun(run, &content, Look::Names))
             return;
     }
     if (!content.holdsSection() && !content.older) // an older log that could not be renamed is tried again

@@ -4,7 +4,6 @@
 #include "base/Files.h"
 #include "base/Handles.h"
 #include "storage/Layout.h"
-#include "storage/Listing.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -98,7 +97,7 @@ SaveStatus Store::appendAndCut(Batch* batch) {
         batch->error = errno;
         return SaveStatus::CutFailed;
     }
-    if (!openSection()) {
+    if (!openNext()) { // the root was claimed for the end of the one before
         batch->error = errno;
         logError("fail to open log file !\n");
         logErrno(batch->error);
@@ -107,8 +106,7 @@ SaveStatus Store::appendAndCut(Batch* batch) {
     return move(batch, batch->left) ? SaveStatus::Saved : SaveStatus::WriteFailed;
 }
 
-/** Moves up to `wanted` buffered bytes into the open section. The ring reports a failed write; the flusher
- * tries again. */
+/** Moves up to `wanted` buffered bytes into the open section. The ring reports a failed write. */
 bool Store::move(Batch* batch, uint32_t wanted) {
     TakeResult taken = mRing.take(mState.mLogFd, wanted);
     batch->moved += taken.count;
@@ -118,8 +116,7 @@ bool Store::move(Batch* batch, uint32_t wanted) {
     return taken.count == wanted; // less also when a stop comes in between
 }
 
-/** Gives an open section up whose file is not in its place any more: nobody would find what is written there.
- */
+/** Gives an open section up whose file is not in its place any more: nobody would find its text. */
 void Store::leaveLostSection() {
     struct stat open, there;
     if (mState.mLogFd < 0 || mOpenText.text[0] == '\0' || fstat(mState.mLogFd, &open) != 0)
@@ -160,6 +157,11 @@ bool Store::openSection() {
     if (!claimRoot())
         return false;
     lookAgain();
+    return openNext();
+}
+
+/** Does so under a root that has just been claimed and looked at. */
+bool Store::openNext() {
     FileDescriptor file = openText();
     off_t end = file.valid() ? lseek(file.get(), 0, SEEK_END) : -1;
     if (end < 0)
@@ -167,7 +169,7 @@ bool Store::openSection() {
     mOpenText = sectionText(mState.mCurrentDir, mState.mSliceNum);
     mState.mCurLogSize = static_cast<uint32_t>(end);
     mState.mLogFd = file.release();
-    noteStamp();
+    mWatch.note(mState.mLogServiceDir);
     return true;
 }
 
@@ -188,15 +190,8 @@ FileDescriptor Store::openText() {
 
 /** Counts anew when somebody else has changed the store. */
 void Store::lookAgain() {
-    if (storeStamp(mState.mLogServiceDir) != mStamp)
+    if (mWatch.changed(mState.mLogServiceDir))
         (void)mNumbers.takeStock(); // reported there; the sums from before are the next best
-}
-
-/** Remembers the store as it is now. */
-void Store::noteStamp() {
-    int error = errno;
-    mStamp = storeStamp(mState.mLogServiceDir);
-    errno = error;
 }
 
 /**
@@ -226,7 +221,7 @@ bool Store::finishSection() {
     }
     if (!mSections.finish(mState.mCurrentDir, &mState.mSliceNum)) {
         logError("fail to Compress log files %d log!\n", static_cast<int>(mState.mSliceNum));
-        mStamp = 0; // how far it came is found out by the next try
+        mWatch.forget(); // how far it came is found out by the next try
         mFinishRetried = true;
         return false;
     }
@@ -235,7 +230,6 @@ bool Store::finishSection() {
     countFinished();
     bool pointed = pointOldestAtFinishedSection();
     ++mState.mSliceNum; // in any case: the number is taken by the finished section
-    noteStamp();
     return pointed;
 }
 
@@ -251,14 +245,13 @@ void Store::countFinished() {
     mFinishRetried = false;
 }
 
-/** Makes the section just finished the oldest one when nothing older survives. False when that is not saved.
- */
+/** Makes the section just finished the oldest one when nothing older survives. False: not saved. */
 bool Store::pointOldestAtFinishedSection() {
     RunContent content;
     bool olderSurvives =
         mState.mTailFolderNum != mState.mHeadFolderNum || mState.mTotalLogSize != 0 ||
         pathExists(sectionArchive(mState.mCurrentDir, mState.mOldestFileNum).text) ||
-        (lookIntoRun(runFolder(mState.mLastDirPrefix, mState.mTailFolderNum).text, &content) &&
+        (lookIntoRun(runFolder(mState.mLastDirPrefix, mState.mTailFolderNum).text, &content, Look::Names) &&
          content.holdsSection());
     if (olderSurvives)
         return true;
@@ -272,7 +265,6 @@ bool Store::pointOldestAtFinishedSection() {
 /** Deletes until another full section fits. False: to be tried again before more is written. */
 bool Store::keepBound() {
     mBoundPending = mRetention.makeRoom(Occasion::Cut) != BoundStatus::Held;
-    noteStamp();
     return !mBoundPending;
 }
 
@@ -317,13 +309,15 @@ void Store::beginRun() {
     mState.mCurLogSize = 0;
     mState.mCurrentTotalSize = 0;
     mRootChanged = mCompressPending = mBoundPending = mTakeOverPending = mFinishRetried = false;
-    mStamp = 0;
+    mWatch.forget();
 }
 
 bool Store::prepare() VNLOG_UNCHECKED {
     bool free = mRoot.take(mState.mSavePath) != RootLock::Status::Taken;
-    if (free && mRecovery.prepare()) // without a root it says where it fails
+    if (free && mRecovery.prepare()) { // without a root it says where it fails
+        mWatch.note(mState.mLogServiceDir);
         return true;
+    }
     mRoot.release();
     logError("nothing is stored under [%s] for now\n", mState.mSavePath);
     return false;
@@ -331,6 +325,7 @@ bool Store::prepare() VNLOG_UNCHECKED {
 
 void Store::leaveRoot() {
     LockGuard<StorageLock> lock(mLock);
+    mWatch.forget();
     mRoot.release();
 }
 
@@ -366,7 +361,7 @@ void Store::changeRoot(const char* root) {
         logError("error: failed to init log storage, ret=%d\n", static_cast<int>(result));
     if (mRoot.held() && !mNumbers.save())
         logError("the storage data of [%s] failed to save !\n", root);
-    noteStamp();
+    mWatch.note(mState.mLogServiceDir);
 }
 
 // The next two are for commands, which alone change what they read.

@@ -3,6 +3,7 @@
 #include "buffer/Flusher.h"
 #include "buffer/Ring.h"
 #include "storage/Layout.h"
+#include "storage/Listing.h"
 #include "storage/Recovery.h"
 #include "storage/RootChange.h"
 #include "storage/RootLock.h"
@@ -62,8 +63,8 @@ class Store final : public BatchTarget {
     void changeRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
     /** Whether a folder is the log folder or lies inside it, by way of links as well. */
     bool contains(const char* folder) const;
-    /** Whether `target` can be given to copyTo. These three take no lock: commands call them, and commands
-     * alone change the root. */
+    /** Whether copyTo takes `target`. These three need no lock: only commands, which call them, change the
+     * root. */
     bool copyTargetUsable(const char* target) const;
     /** Copies the log folder into `target`, a folder; the flush thread goes on meanwhile. */
     bool copyTo(const char* target);
@@ -88,6 +89,7 @@ class Store final : public BatchTarget {
     void leaveLostSection() VNLOG_REQUIRES(StorageLock::role);
     bool claimRoot() VNLOG_REQUIRES(StorageLock::role);
     bool openSection() VNLOG_REQUIRES(StorageLock::role);
+    bool openNext() VNLOG_REQUIRES(StorageLock::role);
     FileDescriptor openText() VNLOG_REQUIRES(StorageLock::role);
     bool resumeCut() VNLOG_REQUIRES(StorageLock::role);
     bool finishSection() VNLOG_REQUIRES(StorageLock::role);
@@ -99,7 +101,6 @@ class Store final : public BatchTarget {
     void closeText() VNLOG_REQUIRES(StorageLock::role);
     void syncAndClose() VNLOG_REQUIRES(StorageLock::role);
     void lookAgain() VNLOG_REQUIRES(StorageLock::role);
-    void noteStamp() VNLOG_REQUIRES(StorageLock::role);
     bool isRoot(const char* root) const;
     const char* logFolder() const;
 
@@ -117,8 +118,8 @@ class Store final : public BatchTarget {
     /// Held as long as the section is open that lies under the root before the present one.
     RootLock mEarlierRoot VNLOG_GUARDED_BY(StorageLock::role);
     Path mOpenText VNLOG_GUARDED_BY(StorageLock::role) = {}; ///< of the open section
-    /// Of the store after the last change of ours; any other tells that somebody else was there.
-    uint64_t mStamp VNLOG_GUARDED_BY(StorageLock::role) = 0;
+    /// Noted after changes of ours; any other tells that somebody else was there.
+    StoreWatch mWatch VNLOG_GUARDED_BY(StorageLock::role);
     /// The root was changed while a section was open.
     bool mRootChanged VNLOG_GUARDED_BY(StorageLock::role) = false;
     /// What lies under the root has not been put in order yet.

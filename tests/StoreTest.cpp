@@ -435,6 +435,21 @@ TEST_F(StoreTest, HealsWhileItRuns) {
     EXPECT_EQ(readFile(at("c/9t")), "6");
 }
 
+/** And one that nobody else came before lists nothing. */
+TEST_F(StoreTest, ACutCountsWhatOthersHaveChanged) {
+    const std::string full(65536, 'x');
+    lay("1/1=9 1/2=9 2/1=9 3/1=9 c/");
+    fs::last_write_time(logs, fs::file_time_type()); // of which any other differs
+    ASSERT_TRUE(start() && saved(full) && four() == "36 3 1 1");
+    writeFile(at("2/2"), "more");
+    EXPECT_TRUE(saved(full) && four() == "40 3 1 1");
+    EXPECT_TRUE(fs::remove(at("1/1")) && saved(full) && four() == "31 3 1 2");
+    fs::rename(at("3/"), at("7/"));
+    EXPECT_TRUE(saved(full) && four() == "31 7 1 2");
+    faults.entriesUntilError = 0;
+    EXPECT_TRUE(saved(full) && saved(full) && faults.entriesUntilError == 0);
+}
+
 namespace {
 
 /**
