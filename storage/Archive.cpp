@@ -2,19 +2,22 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
+#include <climits>
+#include <cstring>
+#include <libdeflate.h>
+#include <zlib.h>
 
 namespace vnlog {
 
 namespace {
 
 constexpr size_t kPiece = 16384; ///< bytes that are decoded and compared at a time
-constexpr size_t kLargestPiece = 262144; ///< of text that is compressed at a time, an ordinary section whole
-constexpr size_t kOutput = 65536; ///< bytes that are written at a time
+constexpr size_t kMemberText = 262144; ///< of text in a member of an archive; an ordinary section is shorter
+constexpr size_t kMemberRest = 10 + NAME_MAX + 1 + 8; ///< bytes of a member around the compressed ones
 constexpr int kGzipWindow = 15 + 16; ///< the largest window; 16 asks zlib for gzip's header and trailer
-constexpr int kLevel = 6;
-constexpr int kMemoryLevel = 8;
-constexpr int kUnix = 3; ///< the system, in a member's header
+// Of libdeflate: a third of the time of gzip's level 6, in archives that are at most some 5 % larger.
+constexpr int kLevel = 4;
+constexpr char kUnix = 3; ///< the system, in a member's header
 
 struct InflateEnd {
     void operator()(z_stream* stream) const { (void)inflateEnd(stream); }
@@ -23,6 +26,13 @@ struct InflateEnd {
 Bytef* asBytes(const char* text) {
     return reinterpret_cast<Bytef*>(
         const_cast<char*>(text)); // zlib only reads what it takes as input or name
+}
+
+/** Puts the four bytes of a number as the format has them, and returns what follows. */
+char* putNumber(char* to, uint32_t number) {
+    for (int shift = 0; shift < 32; shift += 8)
+        *to++ = static_cast<char>(number >> shift);
+    return to;
 }
 
 bool outOfMemory() {
@@ -130,58 +140,56 @@ PairKind compare(const char* archive, const char* text, bool* equal) {
 
 } // namespace
 
+Compressor::~Compressor() {
+    libdeflate_free_compressor(mState);
+}
+
 bool Compressor::write(int text, const struct stat& info, int archive, const char* name) {
-    if (!getMemory(static_cast<size_t>(std::clamp<off_t>(info.st_size, 0, kLargestPiece - 1))))
+    if (!getMemory())
         return outOfMemory();
-    (void)deflateReset(&mStream); // also ends a text that failed on its way
-    gz_header header{};
-    header.name = asBytes(name);
     bool fits = info.st_mtime > 0 && static_cast<uint64_t>(info.st_mtime) <= UINT32_MAX;
-    header.time = fits ? static_cast<uLong>(info.st_mtime) : 0; // 0 says that none is known
-    header.os = kUnix;
-    (void)deflateSetHeader(&mStream, &header); // at the beginning of a gzip member it has nothing to refuse
-    return deflateText(text, archive);
-}
-
-/** Sees to the state, and to buffers with which the end of such a text shows at its first piece. */
-bool Compressor::getMemory(size_t textSize) {
-    if (mOut == nullptr)
-        mOut = allocateText(kOutput);
-    if (mInSize <= textSize) {
-        mIn = nullptr; // two at a time are not needed
-        mIn = allocateText(textSize + 1);
-        mInSize = mIn != nullptr ? textSize + 1 : 0;
-    }
-    return mIn != nullptr && mOut != nullptr &&
-           (mStream.state != nullptr || deflateInit2(&mStream, kLevel, Z_DEFLATED, kGzipWindow, kMemoryLevel,
-                                                     Z_DEFAULT_STRATEGY) == Z_OK);
-}
-
-bool Compressor::deflateText(int text, int archive) {
-    mStream.avail_in = mStream.avail_out = 0;
-    bool all = false;
-    for (int result = Z_OK; result == Z_OK;) {
-        if (mStream.avail_in == 0 && !all) {
-            size_t count = 0;
-            if (!readPiece(text, mIn.get(), mInSize, &count))
-                return false;
-            all = count < mInSize;
-            mStream.next_in = asBytes(mIn.get());
-            mStream.avail_in = static_cast<uInt>(count);
-        }
-        if (mStream.avail_out == 0) {
-            mStream.next_out = asBytes(mOut.get());
-            mStream.avail_out = kOutput;
-        }
-        result = deflate(&mStream, all ? Z_FINISH : Z_NO_FLUSH);
-        bool due = mStream.avail_out == 0 || result == Z_STREAM_END;
-        if (due && !writeAll(archive, mOut.get(), kOutput - mStream.avail_out))
+    uint32_t time = fits ? static_cast<uint32_t>(info.st_mtime) : 0; // 0 says that none is known
+    size_t count = 0;
+    for (bool begun = false;; begun = true) {
+        if (!readPiece(text, mIn.get(), kMemberText, &count))
             return false;
-        if (result == Z_STREAM_END)
+        if (count == 0 && begun)
+            return true;
+        if (!writeMember(count, time, archive, name))
+            return false;
+        if (count < kMemberText)
             return true;
     }
-    errno = EIO; // it has refused what it is bound to take
-    return false;
+}
+
+bool Compressor::getMemory() {
+    if (mState == nullptr)
+        mState = libdeflate_alloc_compressor(kLevel);
+    if (mState != nullptr && mOut == nullptr) {
+        mIn = allocateText(kMemberText);
+        mOutSize = libdeflate_deflate_compress_bound(mState, kMemberText);
+        mOut = mIn != nullptr ? allocateText(kMemberRest + mOutSize) : nullptr;
+    }
+    return mOut != nullptr;
+}
+
+/** Writes the member of the text that has been read. */
+bool Compressor::writeMember(size_t length, uint32_t time, int archive, const char* name) {
+    constexpr char kStart[] = {'\x1f', '\x8b', 8, 8}; // the format's mark, deflate, a name follows
+    char* next = std::copy_n(kStart, sizeof kStart, mOut.get());
+    next = putNumber(next, time);
+    *next++ = 0; // nothing is said of the effort
+    *next++ = kUnix;
+    next = std::copy_n(name, std::min<size_t>(std::strlen(name), NAME_MAX), next);
+    *next++ = '\0';
+    size_t packed = libdeflate_deflate_compress(mState, mIn.get(), length, next, mOutSize);
+    if (packed == 0) { // it has refused what it is bound to take
+        errno = EIO;
+        return false;
+    }
+    next = putNumber(next + packed, libdeflate_crc32(0, mIn.get(), length));
+    next = putNumber(next, static_cast<uint32_t>(length));
+    return writeAll(archive, mOut.get(), static_cast<size_t>(next - mOut.get()));
 }
 
 PairKind comparePair(const char* archive, const char* text) {

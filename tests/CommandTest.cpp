@@ -139,8 +139,9 @@ TEST_F(CommandTest, EachDoesItsOwnAndNothingElse) {
     }
     EXPECT_EQ(loggedTimes("error: Please turn off the storage function\n"), 1);
     EXPECT_EQ(readFile("other/log_storage.dat") + readFile("used/log_storage.dat"),
-              "TOTAL_LOG_SIZE=0\nHEAD_FOLDER_NUM=0\nTAIL_FOLDER_NUM=0\nOLDEST_FILE_NUM=1\n"
-              "TOTAL_LOG_SIZE=34\nHEAD_FOLDER_NUM=1\nTAIL_FOLDER_NUM=1\nOLDEST_FILE_NUM=1\n");
+              "TOTAL_LOG_SIZE=0\nHEAD_FOLDER_NUM=0\nTAIL_FOLDER_NUM=0\nOLDEST_FILE_NUM=1\nTOTAL_LOG_SIZE=" +
+                  std::to_string(storedArchiveBytes("used/log_service")) +
+                  "\nHEAD_FOLDER_NUM=1\nTAIL_FOLDER_NUM=1\nOLDEST_FILE_NUM=1\n");
     EXPECT_TRUE(readGzip("used/log_service/last_1/log_1.txt.gz") == "text" && !exists("trapped"));
     faults.writeError = ENOSPC;
     EXPECT_EQ(held->logCMD(CMD_FLUSH_SWITCH, "y"), -1);
