@@ -25,7 +25,7 @@ void Faults::disarm() {
     failAllocationsFrom = SIZE_MAX;
     freeBytes = -1;
     allocations = 0;
-    skipPauses = sectionsOnly = mRecording = false;
+    skipPauses = sectionsOnly = archivesWait = mRecording = false;
     mCalls.clear();
     mPauses.clear();
 }
@@ -131,6 +131,8 @@ WRAP(int, select, (int count, fd_set* read, fd_set* write, fd_set* except, timev
 
 WRAP(int, fsync, (int fd)) {
     faults.addCall("fsync " + nameOf(fd));
+    while (faults.archivesWait && nameOf(fd).find(".gz") != std::string::npos)
+        usleep(1000);
     if (fails(faults.stepsUntilError))
         return failed(EIO, -1);
     if (CutMedium* medium = CutMedium::recording)

@@ -240,3 +240,32 @@ TEST_F(LifecycleTest, StorageThatCannotBeUsedAtTheStartIsUsedOnceItCan) {
         faults.disarm();
     }
 }
+
+TEST_F(LifecycleTest, SlowMediumHoldsUpNobodyButTheWriterOfAFullRing) {
+    configure();
+    start(true, false, false);
+    faults.recordCalls(true);
+    faults.archivesWait = true;
+    const std::string line = std::string(32767, 'x') + "\n";
+    std::string expected;
+    auto putOne = [&] { return put(line) ? expected += line, true : false; };
+    auto cutting = [] { return !faults.calls().empty(); };
+    while (!cutting())
+        ASSERT_TRUE(putOne() &&
+                    eventually([&] { return cutting() || service().bufferedBytes() <= line.size(); }));
+    while (service().bufferedBytes() + line.size() <= kLogBufSize)
+        ASSERT_TRUE(putOne());
+    std::thread writer([&] { EXPECT_TRUE(putOne()); });
+    EXPECT_TRUE(eventually([&] { return logged("not enough log buffer for 32768 byte, free size"); }));
+    for (auto [code, parameter] : {std::pair(CMD_FLUSH, ""),
+                                   {CMD_KLOG_LEVEL, "5"},
+                                   {CMD_ALOG_LEVEL, "e"},
+                                   {CMD_SHOW, ""},
+                                   {CMD_FLUSH_SWITCH, "y"}})
+        EXPECT_EQ(service().logCMD(code, parameter), 0) << code;
+    EXPECT_EQ(faults.calls()[0], "fsync log_1.txt.gz.new") << "which still lasts";
+    faults.archivesWait = false;
+    writer.join();
+    stop();
+    EXPECT_EQ(stored(), expected);
+}
