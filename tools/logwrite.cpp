@@ -91,7 +91,8 @@ bool Writer::write(LoggerHeader header, char priority, std::string_view tag, std
     char* payload = entry + sizeof header;
     size_t length = 0;
     bool whole = true;
-    for (std::string_view part : {std::string_view(&priority, 1), tag, std::string_view("", 1), text}) {
+    const char end = '\0';
+    for (std::string_view part : {std::string_view(&priority, 1), tag, std::string_view(&end, 1), text}) {
         size_t taken = std::min(part.size(), kMaxPayload - 1 - length);
         part.copy(payload + length, taken);
         length += taken;
