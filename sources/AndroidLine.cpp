@@ -12,7 +12,9 @@ namespace vnlog {
 
 namespace {
 
-constexpr size_t kLineSize = 512;
+/** Bytes of a line on the stack: the largest entry on one line, with its prefix. Of a longer one, which has
+ * many lines, the library allocates. */
+constexpr size_t kLineSize = kEntrySize + 512;
 
 static_assert(sizeof(::logger_entry) == kLibraryHeaderSize, "the parser's header");
 
