@@ -294,8 +294,11 @@ bool Ring::tryCopy(LogBuf& buffer, const void* bytes, uint32_t length) {
 /** put for a record that finds no space. Cancellation may strike while it waits. */
 PutResult Ring::waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length) {
     Waiter waiter(*this);
-    if (mWaiters == 1)
+    if (mWaiters == 1) {
         dropPosts(buffer.sem_write); // of drains before this moment; each would cost a useless round
+        for (uint32_t others = mWaiters - 1; others > 0; --others)
+            post(&buffer.sem_write); // one of those posts may have been for a writer that came meanwhile
+    }
     bool reported = false;
     wakeForDrain(buffer);
     for (;;) {

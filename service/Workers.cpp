@@ -12,9 +12,8 @@ namespace vnlog {
 namespace {
 
 constexpr int kPollMs = 5;
-constexpr int kReaderLimitMs = 2000;
+constexpr int kStuckMs = 5000; // of a medium: a cut waits for two syncs
 constexpr int kReaderMostMs = 30000; // also when others keep the ring moving
-constexpr int kDrainLimitMs = 5000;
 constexpr int kDrainRetryMs = 1000;
 
 void pauseOnce() {
@@ -95,6 +94,8 @@ bool Workers::joinReader(pthread_t thread, FinishRequest& request, bool listens,
                          int* error) {
     *error = listens ? awaitEnd(thread, request) : EBUSY;
     if (*error == EBUSY) {
+        if (listens)
+            logError("%s does not get on with the stop, what it has not stored yet is lost\n", name);
         int failure = pthread_cancel(thread);
         if (failure != 0 && failure != ESRCH) { // the latter has ended by itself already
             logError("Thread %s is stopped unsuccessfully! \n", name);
@@ -111,8 +112,7 @@ bool Workers::joinReader(pthread_t thread, FinishRequest& request, bool listens,
 int Workers::awaitEnd(pthread_t thread, const FinishRequest& request) {
     uint32_t steps = request.steps();
     uint32_t used = mParts.ring.used();
-    for (int idle = 0, all = 0; idle < kReaderLimitMs && all < kReaderMostMs;
-         idle += kPollMs, all += kPollMs) {
+    for (int idle = 0, all = 0; idle < kStuckMs && all < kReaderMostMs; idle += kPollMs, all += kPollMs) {
         int error = pthread_tryjoin_np(thread, nullptr);
         if (error != EBUSY)
             return error;
@@ -127,7 +127,7 @@ int Workers::awaitEnd(pthread_t thread, const FinishRequest& request) {
 
 void Workers::drain() {
     uint32_t least = mParts.ring.used() + 1;
-    for (int idle = 0; idle < kDrainLimitMs && mService.mFlushThreadRunning; idle += kPollMs) {
+    for (int idle = 0; idle < kStuckMs && mService.mFlushThreadRunning; idle += kPollMs) {
         uint32_t used = mParts.ring.used();
         if (used == 0)
             return;

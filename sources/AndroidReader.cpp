@@ -257,7 +257,9 @@ bool AndroidReader::readSilent(log_device_t* list, Merge& merge, Pass* pass) {
 /** Reads what a device has, up to its most per pass. False when that was interrupted. */
 bool AndroidReader::readDevice(log_device_t* device, Merge& merge, Pass* pass) {
     size_t size = device->batches ? sizeof mBatch : kEntrySize;
-    for (uint32_t count = 0; count < kMostPerPass;) {
+    // What is read while the output is off is output when it comes on again, what stays there is not.
+    uint32_t most = mState.mALogOutput ? kMostPerPass : 1;
+    for (uint32_t count = 0; count < most;) {
         if (!mPool.reserve(device->batches ? platform::kMostBatched : 1))
             return true; // the entries stay in the driver until there is memory
         size_t length;

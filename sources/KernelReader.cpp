@@ -5,6 +5,7 @@
 #include "base/Text.h"
 #include "sources/KernelSplitter.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
@@ -16,6 +17,7 @@ namespace {
 
 constexpr char kKernelLog[] = "/proc/kmsg";
 constexpr uint32_t kTextSize = 8192; // bytes of kernel text held at a time
+constexpr uint32_t kHeldSize = 127; // and while the output is off, which are stored when it comes on again
 constexpr int kReadPlace = 2011; // part of the message's fixed text
 constexpr int kEndOfFilePauseMs = 100;
 constexpr int kForever = -1;
@@ -79,7 +81,8 @@ bool KernelReader::readLines(int fd, char* buffer) {
     uint32_t finishBytes = 0;
     while (mState.mKLogThreadRunning) {
         bool finishing = mFinish.made();
-        ssize_t length = read(fd, splitter.chunk(), splitter.room());
+        uint32_t most = mState.mKLogOutput ? splitter.room() : std::min(splitter.room(), kHeldSize);
+        ssize_t length = read(fd, splitter.chunk(), most);
         if (length < 0 && errno == EINTR)
             continue;
         if (length < 0 && errno != EAGAIN) {
@@ -89,8 +92,10 @@ bool KernelReader::readLines(int fd, char* buffer) {
             return true;
         }
         if (length <= 0) {
-            if (finishing)
+            if (finishing) {
+                storeUnfinished(splitter);
                 return true;
+            }
             awaitText(length < 0 ? fd : -1, length < 0 ? kForever : kEndOfFilePauseMs);
             continue;
         }
@@ -121,6 +126,15 @@ void KernelReader::storeLines(KernelSplitter& splitter) {
             logError("kernelLogReader logBufWrite failed\n");
         mFinish.step();
     }
+}
+
+/** Ends the line for which no newline has come. */
+void KernelReader::storeUnfinished(KernelSplitter& splitter) {
+    if (!splitter.unfinished())
+        return;
+    *splitter.chunk() = '\n';
+    splitter.add(1);
+    storeLines(splitter);
 }
 
 bool KernelReader::clear() {

@@ -33,6 +33,7 @@ class KernelReader {
     [[nodiscard]] FileDescriptor open();
     bool readLines(int fd, char* buffer);
     void storeLines(KernelSplitter& splitter);
+    void storeUnfinished(KernelSplitter& splitter);
     void awaitText(int fd, int timeoutMs) const;
 
     KernelState& mState;

@@ -14,6 +14,15 @@
 
 namespace vnlog {
 
+namespace {
+
+void reportSync(const char* path) {
+    logError("fail to sync [%s]\n", path);
+    logErrno();
+}
+
+} // namespace
+
 /** What of a batch is still to be moved, and how that went so far. */
 struct Store::Batch {
     uint32_t left;
@@ -271,6 +280,11 @@ bool Store::keepBound() {
 void Store::closeSection() {
     LockGuard<StorageLock> lock(mLock);
     syncAndClose();
+    if (!mCompressPending)
+        return;
+    Path text = sectionText(mState.mCurrentDir, mState.mSliceNum); // it may stay the only form for long
+    if (!syncPath(text.text) || !syncFolderOf(text.text))
+        reportSync(text.text);
 }
 
 /** Closes the open text, and with that leaves the root before the present one. */
@@ -283,10 +297,8 @@ void Store::closeText() {
 
 /** Brings the open text to the medium, name and all. */
 void Store::syncText() {
-    if (fsync(mState.mLogFd) == 0 && (mOpenText.text[0] == '\0' || syncFolderOf(mOpenText.text)))
-        return;
-    logError("fail to sync [%s]\n", mOpenText.text);
-    logErrno();
+    if (fsync(mState.mLogFd) != 0 || (mOpenText.text[0] != '\0' && !syncFolderOf(mOpenText.text)))
+        reportSync(mOpenText.text);
 }
 
 void Store::syncAndClose() {

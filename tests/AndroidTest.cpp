@@ -165,11 +165,11 @@ TEST_F(AndroidTest, DevicesAreMergedByTimeAndAnnouncedOnceTheOutputIsOn) {
     state.mALogOutput = false;
     Worker worker = start(devices[0]);
     switchOn(state.mALogOutput, state.mALogSem);
-    const std::string first = "I/t       : late, but from long before\nI/t       : 4\n";
-    const std::string rest = "I/t       : 5\nI/t       : system's 5\nI/t       : 9\nI/t       : 9\n";
-    EXPECT_TRUE(sink.holds(first + rest)) << sink.text();
-    EXPECT_EQ(console(), "--------- beginning of /dev/log_system\n" + first +
-                             "--------- beginning of /dev/log_main\n" + rest);
+    const std::string first = "--------- beginning of /dev/log_system\nI/t       : 4\n";
+    const std::string rest = "I/t       : 5\nI/t       : late, but from long before\nI/t       : system's 5\n"
+                             "I/t       : 9\nI/t       : 9\n";
+    EXPECT_TRUE(sink.holds("I/t       : 4\n" + rest)) << sink.text();
+    EXPECT_EQ(console(), first + "--------- beginning of /dev/log_main\n" + rest);
 }
 
 /** The last entry of each round is a lone one. */
