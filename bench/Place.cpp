@@ -12,13 +12,14 @@ namespace vnlog::bench {
 namespace fs = std::filesystem;
 
 Place::Place(const std::string& parent) : mPath(parent + "/vnlog.XXXXXX") {
-    if (mkdtemp(mPath.data()) == nullptr)
-        mPath.clear();
+    mMade = mkdtemp(mPath.data()) != nullptr;
+    if (!mMade)
+        mPath = "/dev/null/nowhere"; // below a file nothing can be made
 }
 
 Place::~Place() {
     std::error_code ignored; // what cannot be removed harms nobody
-    if (!mPath.empty())
+    if (mMade)
         fs::remove_all(mPath, ignored);
 }
 

@@ -5,8 +5,7 @@
 
 namespace vnlog::bench {
 
-/** A folder of its own, removed with everything in it. Its path is empty when it could not be made (errno).
- */
+/** A folder of its own, removed with everything in it. */
 class Place {
   public:
     explicit Place(const std::string& parent);
@@ -14,10 +13,13 @@ class Place {
     Place(const Place&) = delete;
     Place& operator=(const Place&) = delete;
 
+    /** Whether the folder could be made. Otherwise nothing can be made below its path either. */
+    bool made() const { return mMade; }
     const std::string& path() const { return mPath; }
 
   private:
     std::string mPath;
+    bool mMade;
 };
 
 /** Makes the folder and those above it. False with errno set. */

@@ -227,6 +227,7 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGINT, interrupt);
     std::signal(SIGTERM, interrupt);
+    std::signal(SIGHUP, interrupt);
     Arguments arguments;
     const option options[] = {{"programs", required_argument, nullptr, 'p'},
                               {"folder", required_argument, nullptr, 'f'},
@@ -257,7 +258,9 @@ int main(int argc, char** argv) {
     arguments.programs =
         realPath(arguments.programs.empty() ? self.substr(0, self.rfind('/')) : arguments.programs);
     arguments.folder = realPath(arguments.folder);
-    if (arguments.programs.empty() || arguments.folder.empty())
-        return fail("cannot use the folder");
+    if (arguments.programs.empty() || access((arguments.programs + "/logserviced").c_str(), X_OK) != 0)
+        return fail("no programs in the folder of --programs");
+    if (arguments.folder.empty() || !Place(arguments.folder).made())
+        return fail("cannot make a folder in that of --folder");
     return measure(arguments);
 }

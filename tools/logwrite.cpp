@@ -69,6 +69,7 @@ class Writer {
     int shortened() const { return mShortened; }
     bool write(LoggerHeader header, char priority, std::string_view tag, std::string_view text);
     bool flush();
+    bool finish();
 
   private:
     static constexpr unsigned kMaxEntries = 64;
@@ -123,6 +124,20 @@ bool Writer::flush() {
     mCount = 0;
     mUsed = 0;
     return true;
+}
+
+/** Sends what is gathered, and waits until the device has taken all that was written. */
+bool Writer::finish() {
+    if (!flush())
+        return false;
+    if (!mStandIn)
+        return true;
+    char nothing;
+    (void)shutdown(mDevice.get(), SHUT_WR); // the device hangs up when it has taken the last
+    ssize_t got = recv(mDevice.get(), &nothing, sizeof nothing, 0);
+    while (got < 0 && errno == EINTR)
+        got = recv(mDevice.get(), &nothing, sizeof nothing, 0);
+    return got == 0; // less where it has hung up on this client before that
 }
 
 /** The lines of a file. One that is far longer than an entry loses something of what an entry would not hold.
@@ -229,7 +244,7 @@ template <typename Take> int forEachLine(Writer& writer, int fd, const char* nam
     while ((sent = lines.ready() || writer.flush()) && lines.next(&line))
         if (!take(line))
             return failedWrite();
-    if (!sent || !writer.flush())
+    if (!sent || !writer.finish())
         return failedWrite();
     return lines.error() == 0 ? 0 : failedRead(name, lines.error());
 }
@@ -258,7 +273,7 @@ int writeLines(Writer& writer, const Arguments& arguments, const std::string& me
     };
     if (fromInput)
         return forEachLine(writer, STDIN_FILENO, "standard input", write);
-    return write(message) && writer.flush() ? 0 : failedWrite();
+    return write(message) && writer.finish() ? 0 : failedWrite();
 }
 
 int printHelp() {

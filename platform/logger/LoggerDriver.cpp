@@ -21,8 +21,10 @@ constexpr mode_t kDeviceMode = 0666; // as on the device: whoever may run may lo
 /** Keeps what is on its way to a reader small, with room for one entry of any size. */
 constexpr int kReaderQueueBytes = 16384;
 
-/** Connections at a time; the process has other uses for its descriptors. */
+/** Connections at a time; the process has other uses for its descriptors. It has some more itself, so that
+ * whoever else is there does not keep its own reader out. */
 constexpr size_t kMaxClients = 128;
+constexpr size_t kOwnClients = 8;
 /** Entries that one call takes or sends. */
 constexpr size_t kBatchEntries = 32;
 /** Sockets that one round serves. */
@@ -312,11 +314,12 @@ void LoggerDriver::serveEndpoint(Endpoint& endpoint, uint32_t events) {
 void LoggerDriver::acceptClient(Device& device) {
     FileDescriptor socket(
         accept4(device.listener.socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!socket.valid() || mClients.size() >= kMaxClients)
-        return; // one too many is hung up on: its descriptor belongs to the host
     ucred peer{};
     socklen_t length = sizeof peer;
-    getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length); // 0 where it is unknown
+    if (!socket.valid() || getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+        return;
+    if (mClients.size() >= kMaxClients + (peer.pid == getpid() ? kOwnClients : 0))
+        return; // one too many is hung up on: its descriptor belongs to the host
     mClients.push_back(
         std::make_unique<Endpoint>(Endpoint{std::move(socket), &device, Role::Stranger, peer.pid}));
     if (!watch(EPOLL_CTL_ADD, *mClients.back(), EPOLLIN))
