@@ -6,8 +6,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <getopt.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 /* What the programs share: their exit statuses and the options that they have in common. */
 
@@ -19,6 +21,14 @@ constexpr option kHelpOption = {"help", no_argument, nullptr, 'h'};
 constexpr option kVersionOption = {"version", no_argument, nullptr, 'v'};
 constexpr option kSysrootOption = {"sysroot", required_argument, nullptr, 's'};
 constexpr option kEndOfOptions = {nullptr, 0, nullptr, 0};
+
+/** Puts /dev/null in the place of standard descriptors that are closed, which what is opened next would take.
+ */
+inline void fillStandardDescriptors() {
+    for (int fd = 0; fd <= STDERR_FILENO; ++fd)
+        if (fcntl(fd, F_GETFD) < 0)
+            (void)open("/dev/null", O_RDWR); // gets the lowest number that is free
+}
 
 /** Sets an environment variable to a path that must exist and be of this type. kGoOn, or kFailure, reported.
  */

@@ -140,6 +140,7 @@ int serve(const std::string& root) {
 } // namespace
 
 int main(int argc, char** argv) {
+    fillStandardDescriptors();
     const option options[] = {
         kHelpOption, kVersionOption, kSysrootOption, {"cfg", required_argument, nullptr, 'c'}, kEndOfOptions};
     int status = kGoOn;

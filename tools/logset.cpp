@@ -112,6 +112,7 @@ int send(const CommandInfo& command, const char* param) {
 } // namespace
 
 int main(int argc, char** argv) {
+    fillStandardDescriptors();
     const option options[] = {kHelpOption, kVersionOption, kSysrootOption, kEndOfOptions};
     int status = kGoOn;
     // "+": what follows the command is its parameter, also with a dash in front.

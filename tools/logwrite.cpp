@@ -325,6 +325,7 @@ const char* objection(const Arguments& arguments, bool withMessage) {
 
 // NOLINTNEXTLINE(bugprone-exception-escape): without memory for a line, the program ends in any case
 int main(int argc, char** argv) {
+    fillStandardDescriptors();
     Arguments arguments;
     std::time_t now = std::time(nullptr);
     arguments.year = std::localtime(&now)->tm_year + 1900;
