@@ -86,7 +86,8 @@ std::vector<Task> makeTasks(const Arguments& arguments, const Corpus& corpus, st
                       {}},
                      [&] { return measureLimit(arguments.folder, corpus.text()); }});
     ServiceOptions options = serviceOptions(arguments);
-    tasks.push_back(serviceTask("vnlog", "one lossless writer, sections of 64 KiB", options, corpus));
+    tasks.push_back(serviceTask("vnlog", "one lossless writer, sections of 64 KiB, archives by libdeflate",
+                                options, corpus));
     options.sectionKib = 256;
     tasks.push_back(serviceTask("vnlog, 256 KiB", "the same with sections of 256 KiB", options, corpus));
     options.sectionKib = 64;
