@@ -93,6 +93,10 @@ bool lackOfRoom(int error) {
     return error == ENOSPC || error == EDQUOT;
 }
 
+bool mayPass(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
+}
+
 bool nameTaken(const char* path) {
     struct stat info;
     return lstat(path, &info) == 0;

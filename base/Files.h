@@ -33,6 +33,9 @@ OwnFolder ownFolder(const char* path);
 
 /** Whether this is what a call gives (errno) that finds no room on the medium. */
 bool lackOfRoom(int error);
+/** Whether a call that gave this errno may succeed later: descriptors or memory were missing, or reading
+ * failed. */
+bool mayPass(int error);
 
 /** Whether there is anything at `path`, be it a link to nowhere. */
 bool nameTaken(const char* path);

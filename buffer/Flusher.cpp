@@ -63,6 +63,7 @@ Flusher::Drain Flusher::drain(bool retry, uint32_t requestsSeen) {
     SaveResult result = mTarget.save(used);
     if (!mState.mFlushThreadRunning)
         return Drain::Done; // a stop came in between; what it left is no failure of the storage
+    Drain outcome = Drain::Failed;
     switch (result.status) {
     case SaveStatus::Saved:
         mRing.drainWorks();
@@ -75,16 +76,16 @@ Flusher::Drain Flusher::drain(bool retry, uint32_t requestsSeen) {
         }
         break;
     case SaveStatus::RootMoved:
-        logError("error: failed to save log,please check it\n");
-        return Drain::Again; // the new root is as good as any: no pause
-    case SaveStatus::CutFailed:
+        outcome = Drain::Again; // the new root is as good as any: no pause
         break;
     case SaveStatus::MediumFull:
-        logError("error: failed to save log,please check it\n");
-        return Drain::Full;
+        outcome = Drain::Full;
+        break;
+    case SaveStatus::CutFailed:
+        break;
     }
     logError("error: failed to save log,please check it\n");
-    return Drain::Failed;
+    return outcome;
 }
 
 } // namespace vnlog

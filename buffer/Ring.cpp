@@ -88,7 +88,7 @@ void dropPosts(sem_t& semaphore) {
     }
 }
 
-/** Reports a failed call; `error` is its result or, of one that gives -1, errno's. */
+/** Reports a destruction that failed: its result is an error number, or -1 with errno set. */
 void reportDestruction(int result, const char* report) {
     if (result == 0)
         return;
@@ -440,7 +440,7 @@ void Ring::reportUnwritten() {
     reportRefused();
     reportUnsaidWaits();
     countDropped();
-    if (uint32_t left = used())
+    if (uint32_t left = mDroppedBytes)
         logError("%u buffered byte are dropped by the stop\n", left);
 }
 

@@ -40,7 +40,7 @@ enum class TakeStatus { Taken, NotInService, WriteFailed };
 /** What a drain took. */
 struct TakeResult {
     TakeStatus status;
-    uint32_t count = 0; ///< bytes written out and freed, also before a write that failed
+    uint32_t count = 0; ///< bytes freed; after a failed write those that could not be cut off the file again
     int error = 0; ///< errno of a failed write
 };
 
@@ -70,9 +70,9 @@ class Ring {
      */
     PutResult put(const void* bytes, uint32_t length);
     /**
-     * Writes up to `wanted` of the oldest bytes to `fd` and frees them. The consumer only. A write that fails
-     * is reported and cut back with all that this call has written, and nothing is consumed; what a file does
-     * not let itself be cut back by is consumed.
+     * Writes up to `wanted` of the oldest bytes to `fd`, a file, and frees them. After a write that fails,
+     * reported, the file is cut back to where it was and nothing is freed; where that fails, what was written
+     * is freed, so that it is not written twice. The consumer only; NotInService also for nothing wanted.
      */
     TakeResult take(int fd, uint32_t wanted);
     /** Bytes that are not yet written out; 0 without a record. Any thread, never waits. */
@@ -88,7 +88,7 @@ class Ring {
      */
     [[nodiscard]] bool wakeConsumer();
 
-    // --- for the flush thread
+    // --- for the flush thread; there is a ring buffer
 
     /** Waits until there is something to do: at once when there is already. False, reported, when waiting is
      * not possible. */

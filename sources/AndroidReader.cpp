@@ -18,8 +18,8 @@ namespace vnlog {
 
 namespace {
 
-/** Entries that are read from a device before the next one has its turn and what is known to be the oldest is
- * output. */
+/** Entries after which the next device has its turn, and then what is known to be the oldest is output; the
+ * last batch may exceed it. */
 constexpr uint32_t kMostPerPass = 32;
 constexpr long kMergeDelayUs = 5000;
 constexpr long kFinishDelayUs = 20000; // in which what is on its way from a writer to the device arrives
@@ -257,7 +257,8 @@ bool AndroidReader::readSilent(log_device_t* list, Merge& merge, Pass* pass) {
 /** Reads what a device has, up to its most per pass. False when that was interrupted. */
 bool AndroidReader::readDevice(log_device_t* device, Merge& merge, Pass* pass) {
     size_t size = device->batches ? sizeof mBatch : kEntrySize;
-    // What is read while the output is off is output when it comes on again, what stays there is not.
+    // What is read while the output is off is output when that comes on, what stays in the main device is
+    // not.
     uint32_t most = mState.mALogOutput ? kMostPerPass : 1;
     for (uint32_t count = 0; count < most;) {
         if (!mPool.reserve(device->batches ? platform::kMostBatched : 1))

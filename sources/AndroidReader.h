@@ -23,7 +23,8 @@ class AndroidReader {
 
     /**
      * The thread's work: ends when it is asked to finish, with the flag mLogcatThreadRunning, by
-     * cancellation, or on an error, reported.
+     * cancellation, or, reported, when a device cannot be opened or a wait fails. A device or console that
+     * fails ends the process, see endProcess.
      */
     void run();
     /** How a stop asks the thread to finish. */

@@ -27,7 +27,8 @@ class KernelSplitter {
     uint32_t room() const { return mSize - mLength; }
     /** Takes over the `length` bytes that were read there. Zero bytes are left out. */
     void add(uint32_t length);
-    /** Whether a line has begun that has no end yet; there is room for one then. */
+    /** Once next has returned false: whether a line has begun without its newline; there is room for one
+     * then. */
     bool unfinished() const { return mLength > 0 || mWithin; }
     /** Stores the next line; an empty one has the length 1. False when more must be read first. */
     bool next(KernelLine* line);

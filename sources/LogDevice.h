@@ -9,7 +9,7 @@ namespace vnlog {
 /** One entry as the logger driver returns it; the payload follows. */
 using logger_entry = platform::LoggerHeader;
 
-/** Bytes requested by every read: the largest entry. */
+/** Bytes of the largest entry; a read of a device without batches asks for so many. */
 constexpr uint32_t kEntrySize = platform::kMaxLoggerEntry;
 
 /** Size of the header that the log library's parser wants in front of the payload. */

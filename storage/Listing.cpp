@@ -34,11 +34,6 @@ void addEntry(const StoredEntry& entry, const struct stat& info, RunContent* con
     content->oldestArchive = std::min(content->oldestArchive, entry.number);
 }
 
-/** Whether what a listing failed with says nothing about the folder, so that its content is not known. */
-bool mayPass(int error) {
-    return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
-}
-
 /** A number that differs when another folder is there, or a name in it has changed. */
 uint64_t stampOf(const char* folder) {
     constexpr uint64_t kPrime = 1099511628211U; // of the FNV-1a hash

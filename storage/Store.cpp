@@ -189,8 +189,11 @@ FileDescriptor Store::openText() {
         mState.mSliceNum = freeSection(mState.mCurrentDir, mState.mSliceNum + 1);
     FileDescriptor file =
         openOwnFile(sectionText(mState.mCurrentDir, mState.mSliceNum).text, kFlags, kSectionMode);
-    bool passing = lackOfRoom(errno) || errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == EIO;
-    if (file.valid() || passing || !nameTaken(sectionText(mState.mCurrentDir, mState.mSliceNum).text))
+    int error = errno;
+    bool taken = !file.valid() && !lackOfRoom(error) && !mayPass(error) &&
+                 nameTaken(sectionText(mState.mCurrentDir, mState.mSliceNum).text);
+    errno = error;
+    if (!taken)
         return file;
     // What has the name is nothing of ours.
     mState.mSliceNum = freeSection(mState.mCurrentDir, mState.mSliceNum + 1);

@@ -357,6 +357,11 @@ int main(int argc, char** argv) {
         return kFailure;
     }
     Writer writer(std::move(device));
+    if (arguments.lossless && !writer.standIn()) {
+        std::fprintf(stderr, "%s: %s does not let a writer wait, --lossless cannot be kept\n", kProgram,
+                     path.c_str());
+        return kFailure;
+    }
     if (!arguments.replay.empty() && !writer.standIn()) {
         std::fprintf(stderr, "%s: %s makes its own stamps, nothing can be replayed to it\n", kProgram,
                      path.c_str());

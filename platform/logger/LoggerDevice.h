@@ -6,8 +6,8 @@
 
 /*
  * The logger driver as its users see it. A character device is the real driver; a socket at the device's path
- * is the stand-in (LoggerDriver.h) and is connected to. Either way a reader gets one whole entry per read and
- * can wait with select.
+ * is the stand-in (LoggerDriver.h) and is connected to. Either way a reader gets whole entries,
+ * one per read unless it was opened for batches, and can wait with select.
  */
 namespace vnlog::platform {
 
@@ -42,7 +42,7 @@ enum class LoggerAccess {
     Read, ///< from the oldest entry held
     ReadBatches, ///< the same; the stand-in returns whole entries one behind the other, as many as it has
     Write, ///< entries that the device has no room for drop its oldest ones
-    WriteLossless, ///< stand-in only: writing waits while a reader would lose an entry
+    WriteLossless, ///< stand-in only, Write elsewhere: writing waits while a reader would lose an entry
 };
 
 /** Opens a device, with cancellation disabled. On failure the result is not valid and errno tells why. */

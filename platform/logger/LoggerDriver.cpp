@@ -18,15 +18,16 @@ namespace vnlog::platform {
 namespace {
 
 constexpr mode_t kDeviceMode = 0666; // as on the device: whoever may run may log
-/** Keeps what is on its way to a reader small, with room for one entry of any size. */
+/** Keeps what is on its way to a reader small, with room for one packet of any size. */
 constexpr int kReaderQueueBytes = 16384;
+static_assert(kReaderQueueBytes >= static_cast<int>(kMaxLoggerBatch));
 
 /** Connections at a time; the process has other uses for its descriptors. It has some more itself, so that
  * whoever else is there does not keep its own reader out. */
 constexpr size_t kMaxClients = 128;
 constexpr size_t kOwnClients = 8;
-/** Entries that one call takes or sends. */
-constexpr size_t kBatchEntries = 32;
+/** Packets that one call takes or sends; each is an entry, to a batch reader up to kMostBatched of them. */
+constexpr size_t kMostPackets = 32;
 /** Sockets that one round serves. */
 constexpr int kRoundEvents = 32;
 
@@ -102,11 +103,11 @@ class EntryRing {
 /** What one call takes or sends. */
 struct Batch {
     Batch() {
-        for (size_t i = 0; i < kBatchEntries; ++i)
+        for (size_t i = 0; i < kMostPackets; ++i)
             messages[i].msg_hdr.msg_iov = pieces[i];
     }
-    mmsghdr messages[kBatchEntries] = {};
-    iovec pieces[kBatchEntries][2] = {};
+    mmsghdr messages[kMostPackets] = {};
+    iovec pieces[kMostPackets][2] = {};
 };
 
 /** Fills in what is zero in the header of a packet. False when the packet is no whole entry. */
@@ -148,7 +149,7 @@ struct LoggerDriver::Endpoint {
 /** Packets of one writer, of which those from `next` to `count` are whole entries and to be stored. */
 struct LoggerDriver::Incoming {
     Incoming() {
-        for (size_t i = 0; i < kBatchEntries; ++i) {
+        for (size_t i = 0; i < kMostPackets; ++i) {
             batch.pieces[i][0] = {packets[i], kMaxLoggerEntry};
             batch.messages[i].msg_hdr.msg_iovlen = 1;
         }
@@ -156,9 +157,9 @@ struct LoggerDriver::Incoming {
     bool empty() const { return next == count; }
     void receive(const Endpoint& writer);
 
-    char packets[kBatchEntries][kMaxLoggerEntry];
+    char packets[kMostPackets][kMaxLoggerEntry];
     Batch batch;
-    iovec entries[kBatchEntries];
+    iovec entries[kMostPackets];
     size_t next = 0;
     size_t count = 0;
     bool last = false; ///< nothing comes behind them: the connection is over
@@ -167,7 +168,7 @@ struct LoggerDriver::Incoming {
 /** Takes what there is; to be called when nothing is left. */
 void LoggerDriver::Incoming::receive(const Endpoint& writer) {
     next = count = 0;
-    int got = recvmmsg(writer.socket.get(), batch.messages, kBatchEntries, MSG_TRUNC | MSG_DONTWAIT, nullptr);
+    int got = recvmmsg(writer.socket.get(), batch.messages, kMostPackets, MSG_TRUNC | MSG_DONTWAIT, nullptr);
     last = got < 0 && errno != EAGAIN && errno != EINTR;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -419,7 +420,7 @@ void LoggerDriver::sendEntries(Endpoint& reader) {
     reader.position = std::max(reader.position, ring.first());
     while (!full && reader.position < ring.end()) {
         unsigned count = 0;
-        for (uint64_t next = reader.position; count < kBatchEntries && next < ring.end(); ++count) {
+        for (uint64_t next = reader.position; count < kMostPackets && next < ring.end(); ++count) {
             iovec(&pieces)[2] = mOutgoing->pieces[count];
             size_t length = reader.batches ? ring.batchLength(next) : ring.entryLength(next);
             ring.locate(next, length, pieces);

@@ -13,8 +13,8 @@
 /*
  * The stand-in for the logger driver: the devices main and system as sockets, served by one thread of the
  * process that embeds it. Each device holds entries up to its capacity and then drops the oldest; every
- * reader has a position of its own. What it does not promise: a few entries are on their way to a reader
- * already and survive a flush, and what the devices hold goes with the process.
+ * reader has a position of its own. Unlike the driver's, entries that are on their way to a reader already
+ * survive a flush, and what the devices hold goes with the process.
  */
 namespace vnlog::platform {
 
