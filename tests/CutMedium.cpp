@@ -31,14 +31,8 @@ void writeImage(const std::string& folder, const Image& image) {
 
 CutMedium::CutMedium(std::string folder, const Image& found) : mFolder(std::move(folder)) {
     look(mFolder, false);
-    for (auto& [path, content] : found) { // a folder comes before what it holds
-        std::string place = mFolder + "/" + path;
-        size_t inode = 0;
-        if (!content)
-            look(place, false);
-        else if (find(place, &inode))
-            mInodes[inode].versions.back().bytes = *content;
-    }
+    for (auto& [path, content] : found) // a folder comes before what it holds
+        look(mFolder + "/" + path, false);
     for (Inode& inode : mInodes) {
         inode.versions = {inode.versions.back()};
         inode.versions[0].step = inode.versions[0].synced = 0;
@@ -108,9 +102,8 @@ void CutMedium::synced(int fd) {
 
 /** The path that an open file or folder has now. */
 std::string CutMedium::path(int fd) {
-    char path[4096];
-    ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
-    return {path, static_cast<size_t>(std::max<ssize_t>(length, 0))};
+    std::error_code none;
+    return fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none);
 }
 
 std::vector<CutMedium::Span> CutMedium::spans(size_t step) const {
@@ -126,41 +119,42 @@ std::vector<CutMedium::Span> CutMedium::spans(size_t step) const {
 Image CutMedium::image(size_t step, Kept names, Data data) const {
     std::vector<Span> all = spans(step);
     for (size_t inode = 0; inode < all.size(); ++inode)
-        if (mInodes[inode].folder && names == Kept::Synced)
-            all[inode].last = all[inode].first;
+        if (mInodes[inode].folder)
+            all[inode] = names == Kept::Synced ? Span{all[inode].first, all[inode].first}
+                                               : Span{all[inode].last, all[inode].last};
     Image image, found;
     Places rest{{"", 0}};
-    grow(all, {data}, Choice::Last, &image, &rest, [&](const Image& one) { found = one; });
+    grow(all, {data}, &image, &rest, [&](const Image& one) { found = one; });
     return found;
 }
 
 void CutMedium::eachState(size_t step, const Visit& visit) const {
     Image image;
     Places rest{{"", 0}};
-    grow(spans(step), {std::begin(kData), std::end(kData)}, Choice::Any, &image, &rest, visit);
+    grow(spans(step), {std::begin(kData), std::end(kData)}, &image, &rest, visit);
 }
 
 /** Visits each image to which this one can grow by the rest; leaves both as they were. */
-void CutMedium::grow(const std::vector<Span>& spans, const std::vector<Data>& data, Choice names,
-                     Image* image, Places* rest, const Visit& visit) const {
+void CutMedium::grow(const std::vector<Span>& spans, const std::vector<Data>& data, Image* image,
+                     Places* rest, const Visit& visit) const {
     if (rest->empty())
         return visit(*image);
     auto [path, number] = rest->back();
     rest->pop_back();
     const auto& [folder, versions] = mInodes[number];
     auto [first, last] = spans[number];
-    for (size_t i = names == Choice::Any ? first : last; folder && i <= last; ++i) {
+    for (size_t i = first; folder && i <= last; ++i) {
         size_t others = rest->size();
         if (number != 0)
             (*image)[path] = std::nullopt;
         for (auto& [name, inode] : versions[i].names)
             rest->emplace_back(number != 0 ? path + "/" + name : name, inode);
-        grow(spans, data, names, image, rest, visit);
+        grow(spans, data, image, rest, visit);
         rest->resize(others);
     }
     for (size_t i = first < last ? 0 : data.size() - 1; !folder && i < data.size(); ++i) {
         (*image)[path] = content(versions, spans[number], data[i]);
-        grow(spans, data, names, image, rest, visit);
+        grow(spans, data, image, rest, visit);
     }
     image->erase(path);
     rest->emplace_back(path, number);

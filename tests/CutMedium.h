@@ -67,14 +67,13 @@ class CutMedium {
     struct Span {
         size_t first, last;
     };
-    enum class Choice { Any, Last };
 
     bool find(const std::string& path, size_t* inode) const;
     bool look(const std::string& path, bool moved);
     std::vector<Span> spans(size_t step) const;
     static std::string content(const std::vector<Version>& versions, Span span, Data data);
-    void grow(const std::vector<Span>& spans, const std::vector<Data>& data, Choice names, Image* image,
-              Places* rest, const Visit& visit) const;
+    void grow(const std::vector<Span>& spans, const std::vector<Data>& data, Image* image, Places* rest,
+              const Visit& visit) const;
 
     std::string mFolder;
     std::vector<std::string> mSteps{"nothing"};

@@ -6,7 +6,6 @@
 #include "storage/ShellFileWork.h"
 
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 using namespace vnlog;
 

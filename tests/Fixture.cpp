@@ -74,30 +74,23 @@ std::string deviceEntry(int seconds, int nanoseconds, const std::string& payload
     return std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload;
 }
 
-/** Calls `visit` with every entry of a folder of a store and its path. */
-template <typename Visit> static void walk(const std::string& folder, const Visit& visit) {
-    vnlog::Listing listing(folder.c_str());
-    vnlog::StoredEntry entry;
-    while (listing.valid() && listing.next(&entry))
-        visit(entry, folder + "/" + entry.name);
-}
-
 std::string storedText(const std::string& logs) {
     using vnlog::NameKind;
     std::map<std::pair<uint32_t, uint32_t>, std::string> sections; // an unfinished text replaces its archive
-    walk(logs, [&](const vnlog::StoredEntry& run, const std::string& folder) {
-        if (run.kind != NameKind::Current && run.kind != NameKind::Run)
-            return;
+    std::error_code none;
+    for (auto& entry : fs::recursive_directory_iterator(logs, none)) {
+        const fs::path &file = entry.path(), folder = file.parent_path();
+        auto run = vnlog::parseName(folder.filename().c_str()),
+             section = vnlog::parseName(file.filename().c_str());
+        bool stored = run.kind == NameKind::Current || run.kind == NameKind::Run;
+        if (!stored || folder.parent_path() != logs || !fs::is_regular_file(entry.symlink_status()))
+            continue;
         uint32_t age = run.kind == NameKind::Current ? ~0U : run.number;
-        walk(folder, [&](const vnlog::StoredEntry& found, const std::string& file) {
-            if (!found.isSection())
-                return;
-            if (found.kind == NameKind::PlainText)
-                sections[{age, found.number}] = readFile(file);
-            else if (!exists(file.substr(0, file.size() - 3)))
-                sections[{age, found.number}] = readGzip(file);
-        });
-    });
+        if (section.kind == NameKind::PlainText)
+            sections[{age, section.number}] = readFile(file);
+        else if (section.kind == NameKind::Archive && !exists(fs::path(file).replace_extension()))
+            sections[{age, section.number}] = readGzip(file);
+    }
     std::string text;
     for (auto& [place, part] : sections)
         text += part;

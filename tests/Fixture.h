@@ -41,17 +41,14 @@ void writeFile(const std::string& path, const std::string& text);
 inline void makeFolder(const std::string& path) {
     fs::create_directories(path);
 }
-inline bool exists(const std::string& path) {
-    return fs::exists(path);
-}
+using fs::exists;
 std::string runCommand(const std::string& command);
 /** Text of a gzip file; a damaged one fails the test. */
 std::string readGzip(const std::string& path);
 int openDescriptors();
 /** An entry as it is written to a device, of the process 17 and its thread 18. */
 std::string deviceEntry(int seconds, int nanoseconds, const std::string& payload);
-/** The stored text under a log folder, oldest first, by the product's own listing: archived runs, then the
- * current. */
+/** The stored text under a log folder, oldest first: archived runs, then the current. */
 std::string storedText(const std::string& logs);
 /** Bytes of all finished sections under a log folder. */
 uint64_t storedArchiveBytes(const std::string& logs);

@@ -1,46 +1,16 @@
 #include "CutMedium.h"
-#include "Fixture.h"
+#include "StoreParts.h"
 
-#include "buffer/Ring.h"
 #include "config/ConfigFile.h"
 #include "storage/ProcessFileWork.h"
-#include "storage/StorageMedium.h"
-#include "storage/Store.h"
 
 #include <set>
-#include <unordered_map>
 
 using namespace vnlog;
 
 namespace {
 
 constexpr uint32_t kLine = 480, kSection = 10 * kLine, kBound = 1 << 20; ///< in bytes
-
-/** A store with what it needs, for one run. */
-struct StoreRun {
-    StoreRun(FileWork& files, const platform::SystemRoot& systemRoot, const std::string& root,
-             uint32_t section)
-        : store(state, lock, ring, files, systemRoot) {
-        state.mMaxLogSize = 1;
-        state.mLogSectionSize = section;
-        state.mLogDeleteSize = 1;
-        state.mSavePath = strdup(root.c_str());
-    }
-    ~StoreRun() { ring.release(); }
-    bool start() {
-        if (!store.resolveRoot())
-            return false;
-        store.beginRun();
-        return store.prepare() && store.saveNumbers();
-    }
-
-    StorageState state;
-    Mutex<StorageLock> lock;
-    StorageMedium medium{state, lock};
-    RingState ringState;
-    Ring ring{ringState, medium};
-    Store store;
-};
 
 /** A line that hardly compresses, and that nothing else is taken for; there are 200. */
 const std::string& line(uint32_t number) {
@@ -78,14 +48,13 @@ class PowerCutTest : public FolderTest {
   protected:
     /** In memory where there is a file system for it: thousands of stores are written. */
     PowerCutTest() : FolderTest(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : fs::temp_directory_path()) {
-        EXPECT_TRUE(systemRoot.read());
         __android_log_set_logger([](const __android_logger_data*, const char*) {});
     }
 
     bool start(const std::string& at) {
-        run = std::make_unique<StoreRun>(files, systemRoot, at, room > 0 ? kBound - room : kSection);
-        run->ringState.mFlushThreadRunning = true;
-        return run->ring.create() && run->start();
+        run = std::make_unique<StoreParts>(files, sectionSize());
+        run->open(at);
+        return run->run();
     }
     /** Saves so many lines more. A section is full when it holds ten, whatever its size is said to be. */
     SaveStatus save(uint32_t count) {
@@ -95,13 +64,13 @@ class PowerCutTest : public FolderTest {
             state.mCurLogSize = state.mLogSectionSize - kSection + static_cast<uint32_t>(info.st_size);
         for (uint32_t end = last + count; last < end;)
             (void)run->ring.put(line(++last).c_str(), kLine);
-        return run->store.save(run->ring.used()).status;
+        return run->store->save(run->ring.used()).status;
     }
     bool saved(uint32_t count) { return save(count) == SaveStatus::Saved; }
     /** The same, closed: from here on these and all before have to be there. */
     bool synced(uint32_t count) {
         bool done = saved(count);
-        run->store.closeSection();
+        run->store->closeSection();
         if (CutMedium* life = CutMedium::recording)
             promised.emplace_back(life->steps(), last);
         return done;
@@ -119,19 +88,56 @@ class PowerCutTest : public FolderTest {
         run->state.mLogSectionSize = kBound - room;
     }
     /** Lets `act` go on from what lies there, cuts that everywhere, and leaves its end. */
-    void cutEverywhere(const std::function<bool()>& act);
+    void cutEverywhere(const std::function<bool()>& act) {
+        CutMedium life(home, readImage(home));
+        ASSERT_TRUE(act());
+        life.stop();
+        run.reset();
+        const Image end = readImage(home);
+        ASSERT_EQ(life.image(life.steps(), Kept::All, Data::All), end)
+            << "a change that the seam does not show";
+
+        std::set<const Outcome*> cut;
+        Due due;
+        for (size_t step = 0; step <= life.steps(); ++step) {
+            const auto& synced = restart(life.image(step, Kept::Synced, Data::None)).found;
+            due.lines.insert(synced.begin(), synced.end());
+            for (auto& [since, newest] : promised)
+                for (uint32_t number = 1; since <= step && number <= newest; ++number)
+                    due.lines.insert(number);
+            dropDeleted(life, step, &due.lines);
+            due.oldest =
+                std::upper_bound(acknowledged.begin(), acknowledged.end(), step) - acknowledged.begin();
+            due.newest = std::upper_bound(begun.begin(), begun.end(), step) - begun.begin();
+            life.eachState(step, [&](const Image& image) { cut.insert(judge(life, step, image, due)); });
+        }
+        for (const Outcome* outcome : cut) {
+            if (HasFailure())
+                return;
+            due = {{}, outcome->settings, outcome->settings};
+            const CutMedium& start = *outcome->repair;
+            for (size_t step = 0; step <= start.steps(); ++step) {
+                dropDeleted(start, step, &(due.lines = outcome->found));
+                for (Kept names : {Kept::Synced, Kept::All})
+                    for (Data data : CutMedium::kData)
+                        judge(start, step, start.image(step, names, data), due);
+            }
+        }
+        writeImage(home, end);
+        printf("%zu steps, %zu states, %zu with those of the starts\n", life.steps(), cut.size(),
+               outcomes.size());
+    }
 
     std::vector<std::string> roots{root}; ///< on which a start has to work
     uint32_t room = 0; ///< for all archives in bytes; with 0 it is plenty
-    std::unique_ptr<StoreRun> run;
+    std::unique_ptr<StoreParts> run;
 
   private:
     /** What a start has made of an image. */
     struct Outcome {
         std::set<uint32_t> found, left; ///< lines, before and after
         bool full = true; ///< for one section more the oldest would have to go
-        ptrdiff_t settings =
-            0; ///< number of those in log.cfg, 0 without that file, too large for damaged ones
+        ptrdiff_t settings = 0; ///< number of those in log.cfg; 0 for no file, too large for damaged ones
         std::unique_ptr<CutMedium> repair; ///< what was done for it
     };
 
@@ -141,144 +147,100 @@ class PowerCutTest : public FolderTest {
         ptrdiff_t oldest = 0, newest = 0;
     };
 
-    void dropDeleted(const CutMedium& life, size_t step, std::set<uint32_t>* lines);
-    const Outcome* judge(const CutMedium& life, size_t step, const Image& image, const Due& due);
-    Outcome& restart(const Image& image);
-    void startOn(const std::string& at, Outcome* outcome);
-    bool lossAllowed(const Outcome& outcome, const std::set<uint32_t>& synced) const;
+    /** Takes the lines out that are gone for the bound. */
+    void dropDeleted(const CutMedium& life, size_t step, std::set<uint32_t>* lines) {
+        if (room == 0)
+            return;
+        const auto& there = restart(life.image(step, Kept::All, Data::All)).found;
+        for (auto line = lines->begin(); line != lines->end();)
+            line = there.count(*line) > 0 ? std::next(line) : lines->erase(line);
+    }
+
+    /** Starts on an image that a cut behind the step of a life leaves. */
+    const Outcome* judge(const CutMedium& life, size_t step, const Image& image, const Due& due) {
+        if (HasFailure())
+            return nullptr;
+        const Outcome& outcome = restart(image);
+        EXPECT_TRUE(lossAllowed(outcome, due.lines));
+        EXPECT_TRUE(outcome.settings >= due.oldest && outcome.settings <= due.newest) << outcome.settings;
+        if (!HasFailure())
+            return &outcome;
+        std::string text;
+        for (auto& [path, content] : image)
+            text += "\n    " + path + (content ? "=" + std::to_string(content->size()) : "/");
+        ADD_FAILURE() << "cut behind step " << step << ", " << life.name(step) << text;
+        return nullptr;
+    }
+
+    /** Starts on an image, once on each that is the same. */
+    Outcome& restart(const Image& image) {
+        auto [found, isNew] = outcomes.try_emplace(image);
+        Outcome& outcome = found->second;
+        if (!isNew)
+            return outcome;
+        writeImage(home, image);
+        for (auto& [path, content] : image) {
+            std::string end = fs::path(path).extension(), file = home + "/" + path;
+            for (uint32_t number : linesIn(end == ".gz" ? readGzip(file) : end == ".txt" ? *content : ""))
+                outcome.found.insert(number);
+        }
+        outcome.repair = std::make_unique<CutMedium>(home, image);
+        for (const std::string& at : roots)
+            startOn(at, &outcome);
+        outcome.repair->stop();
+        std::string text = exists(cfg) ? readFile(cfg) : settings(0);
+        while (outcome.settings <= static_cast<ptrdiff_t>(begun.size()) && text != settings(outcome.settings))
+            ++outcome.settings;
+        return outcome;
+    }
+
+    /** A start on this root with all that it has to make of it. */
+    void startOn(const std::string& at, Outcome* outcome) {
+        StoreParts started(files, sectionSize());
+        started.open(at);
+        ASSERT_TRUE(started.run());
+        const StorageState& state = started.state;
+        for (auto& entry : fs::recursive_directory_iterator(state.mLogServiceDir))
+            EXPECT_TRUE(entry.is_directory() || entry.path().extension() == ".gz") << entry.path();
+        std::vector<uint32_t> lines = linesIn(storedText(state.mLogServiceDir));
+        EXPECT_TRUE(std::is_sorted(lines.begin(), lines.end()));
+        for (uint32_t number : lines)
+            EXPECT_TRUE(outcome->left.insert(number).second) << "a line is there twice";
+
+        uint64_t archives = storedArchiveBytes(state.mLogServiceDir);
+        EXPECT_LE(archives + state.mLogSectionSize, kBound);
+        RunTotals runs;
+        ASSERT_TRUE(countRuns(state.mLogServiceDir, &runs));
+        // One more would take its bytes, and on the medium a block, as would its run's folder and the current
+        // one.
+        uint64_t section = state.mLogSectionSize, blocks = runs.onMedium + 3 * 4096 + 16384;
+        outcome->full =
+            outcome->full && (archives + kSection + section > kBound || blocks + 2 * section > 2 * kBound);
+        std::ostringstream counted;
+        counted << archives << ' ' << (runs.count > 0 ? runs.newest : state.mHeadFolderNum) << ' '
+                << (runs.count > 0 ? runs.oldestHolding : state.mHeadFolderNum) << ' '
+                << (runs.count > 0 ? runs.oldestSection : state.mOldestFileNum);
+        EXPECT_EQ(readFile(state.mStorageDataFile), dataText(counted.str()));
+    }
+
+    /** Whether only the oldest is missing, and not one section more than the bound demands. */
+    bool lossAllowed(const Outcome& outcome, const std::set<uint32_t>& synced) const {
+        std::vector<uint32_t> missing;
+        std::set_difference(synced.begin(), synced.end(), outcome.left.begin(), outcome.left.end(),
+                            std::back_inserter(missing));
+        return missing.empty() ||
+               (outcome.full && (outcome.left.empty() || missing.back() < *outcome.left.begin()));
+    }
+
+    /** So that what is to be free for the archives is. */
+    uint32_t sectionSize() const { return room > 0 ? kBound - room : kSection; }
 
     ProcessFileWork files; // of which the seam shows all
-    platform::SystemRoot systemRoot;
     uint32_t last = 0; ///< line that was saved
     std::vector<std::pair<size_t, uint32_t>> promised; ///< since which step up to which line all are safe
     std::vector<size_t> begun, acknowledged; ///< how many steps before and after each save of settings
-    std::unordered_map<std::string, Outcome> outcomes; ///< by the image
+    std::map<Image, Outcome> outcomes;
 };
-
-void PowerCutTest::cutEverywhere(const std::function<bool()>& act) {
-    CutMedium life(home, readImage(home));
-    ASSERT_TRUE(act());
-    life.stop();
-    run.reset();
-    const Image end = readImage(home);
-    ASSERT_EQ(life.image(life.steps(), Kept::All, Data::All), end) << "a change that the seam does not show";
-
-    std::set<const Outcome*> cut;
-    Due due;
-    for (size_t step = 0; step <= life.steps(); ++step) {
-        const auto& synced = restart(life.image(step, Kept::Synced, Data::None)).found;
-        due.lines.insert(synced.begin(), synced.end());
-        for (auto& [since, newest] : promised)
-            for (uint32_t number = 1; since <= step && number <= newest; ++number)
-                due.lines.insert(number);
-        dropDeleted(life, step, &due.lines);
-        due.oldest = std::upper_bound(acknowledged.begin(), acknowledged.end(), step) - acknowledged.begin();
-        due.newest = std::upper_bound(begun.begin(), begun.end(), step) - begun.begin();
-        life.eachState(step, [&](const Image& image) { cut.insert(judge(life, step, image, due)); });
-    }
-    for (const Outcome* outcome : cut) {
-        if (HasFailure())
-            return;
-        due = {{}, outcome->settings, outcome->settings};
-        const CutMedium& start = *outcome->repair;
-        for (size_t step = 0; step <= start.steps(); ++step) {
-            dropDeleted(start, step, &(due.lines = outcome->found));
-            for (Kept names : {Kept::Synced, Kept::All})
-                for (Data data : CutMedium::kData)
-                    judge(start, step, start.image(step, names, data), due);
-        }
-    }
-    writeImage(home, end);
-    printf("%zu steps, %zu states, %zu with those of the starts\n", life.steps(), cut.size(),
-           outcomes.size());
-}
-
-/** Takes the lines out that are gone for the bound. */
-void PowerCutTest::dropDeleted(const CutMedium& life, size_t step, std::set<uint32_t>* lines) {
-    if (room == 0)
-        return;
-    const auto& there = restart(life.image(step, Kept::All, Data::All)).found;
-    for (auto line = lines->begin(); line != lines->end();)
-        line = there.count(*line) > 0 ? std::next(line) : lines->erase(line);
-}
-
-/** Starts on an image that a cut behind the step of a life leaves. */
-const PowerCutTest::Outcome* PowerCutTest::judge(const CutMedium& life, size_t step, const Image& image,
-                                                 const Due& due) {
-    if (HasFailure())
-        return nullptr;
-    const Outcome& outcome = restart(image);
-    EXPECT_TRUE(lossAllowed(outcome, due.lines));
-    EXPECT_TRUE(outcome.settings >= due.oldest && outcome.settings <= due.newest) << outcome.settings;
-    if (!HasFailure())
-        return &outcome;
-    std::string text;
-    for (auto& [path, content] : image)
-        text += "\n    " + path + (content ? "=" + std::to_string(content->size()) : "/");
-    ADD_FAILURE() << "cut behind step " << step << ", " << life.name(step) << text;
-    return nullptr;
-}
-
-PowerCutTest::Outcome& PowerCutTest::restart(const Image& image) {
-    std::string key;
-    for (auto& [path, content] : image)
-        key.append(path).append(1, 0).append(content.value_or("/")).append(1, 0);
-    auto [found, isNew] = outcomes.try_emplace(key);
-    Outcome& outcome = found->second;
-    if (!isNew)
-        return outcome;
-    writeImage(home, image);
-    for (auto& [path, content] : image) {
-        std::string end = fs::path(path).extension(), file = home + "/" + path;
-        for (uint32_t number : linesIn(end == ".gz" ? readGzip(file) : end == ".txt" ? *content : ""))
-            outcome.found.insert(number);
-    }
-    outcome.repair = std::make_unique<CutMedium>(home, image);
-    for (const std::string& at : roots)
-        startOn(at, &outcome);
-    outcome.repair->stop();
-    std::string text = exists(cfg) ? readFile(cfg) : settings(0);
-    while (outcome.settings <= static_cast<ptrdiff_t>(begun.size()) && text != settings(outcome.settings))
-        ++outcome.settings;
-    return outcome;
-}
-
-void PowerCutTest::startOn(const std::string& at, Outcome* outcome) {
-    StoreRun started(files, systemRoot, at, room > 0 ? kBound - room : kSection);
-    ASSERT_TRUE(started.start());
-    const StorageState& state = started.state;
-    for (auto& entry : fs::recursive_directory_iterator(state.mLogServiceDir))
-        EXPECT_TRUE(entry.is_directory() || entry.path().extension() == ".gz") << entry.path();
-    std::vector<uint32_t> lines = linesIn(storedText(state.mLogServiceDir));
-    EXPECT_TRUE(std::is_sorted(lines.begin(), lines.end()));
-    for (uint32_t number : lines)
-        EXPECT_TRUE(outcome->left.insert(number).second) << "a line is there twice";
-
-    uint64_t archives = storedArchiveBytes(state.mLogServiceDir);
-    EXPECT_LE(archives + state.mLogSectionSize, kBound);
-    RunTotals runs;
-    ASSERT_TRUE(countRuns(state.mLogServiceDir, &runs));
-    // One more would take its bytes, and on the medium a block, as would its run's folder and the current
-    // one.
-    uint64_t section = state.mLogSectionSize, blocks = runs.onMedium + 3 * 4096 + 16384;
-    outcome->full =
-        outcome->full && (archives + kSection + section > kBound || blocks + 2 * section > 2 * kBound);
-    std::ostringstream counted;
-    counted << "TOTAL_LOG_SIZE=" << archives
-            << "\nHEAD_FOLDER_NUM=" << (runs.count > 0 ? runs.newest : state.mHeadFolderNum)
-            << "\nTAIL_FOLDER_NUM=" << (runs.count > 0 ? runs.oldestHolding : state.mHeadFolderNum)
-            << "\nOLDEST_FILE_NUM=" << (runs.count > 0 ? runs.oldestSection : state.mOldestFileNum) << "\n";
-    EXPECT_EQ(readFile(state.mStorageDataFile), counted.str());
-}
-
-/** Whether only the oldest is missing, and not one section more than the bound demands. */
-bool PowerCutTest::lossAllowed(const Outcome& outcome, const std::set<uint32_t>& synced) const {
-    std::vector<uint32_t> missing;
-    std::set_difference(synced.begin(), synced.end(), outcome.left.begin(), outcome.left.end(),
-                        std::back_inserter(missing));
-    return missing.empty() ||
-           (outcome.full && (outcome.left.empty() || missing.back() < *outcome.left.begin()));
-}
 
 } // namespace
 
@@ -312,7 +274,7 @@ TEST_F(PowerCutTest, RootChange) {
     roots.push_back(home + "/other");
     makeFolder(roots[1]);
     ASSERT_TRUE(start(roots[1]) && saved(7) && saved(7) && start(root) && synced(7));
-    cutEverywhere([&] { return run->store.changeRoot(roots[1].c_str()), synced(7); });
+    cutEverywhere([&] { return run->store->changeRoot(roots[1].c_str()), synced(7); });
 }
 
 TEST_F(PowerCutTest, RootChangeWithAnOpenSection) {
@@ -320,7 +282,7 @@ TEST_F(PowerCutTest, RootChangeWithAnOpenSection) {
     makeFolder(roots[1]);
     ASSERT_TRUE(start(root) && saved(8));
     cutEverywhere([&] {
-        run->store.changeRoot(roots[1].c_str());
+        run->store->changeRoot(roots[1].c_str());
         return save(5) == SaveStatus::RootMoved && synced(0);
     });
 }

@@ -1,17 +1,12 @@
-#include "Fixture.h"
+#include "StoreParts.h"
 
-#include "buffer/Ring.h"
 #include "storage/ChosenFileWork.h"
-#include "storage/StorageMedium.h"
-#include "storage/Store.h"
-
-#include <regex>
 
 using namespace vnlog;
 
 namespace {
 
-/** File work that joins the recorded calls. A step that is to fail leaves what is torn. */
+/** File work that fails when it is told to. A compression that fails leaves what is torn. */
 class FakeFiles final : public FileWork {
   public:
     int untilError = -1; ///< calls that work before one fails, -1 for all
@@ -23,7 +18,7 @@ class FakeFiles final : public FileWork {
 
     bool compress(const char* text) override {
         std::string archive = std::string(text) + ".gz";
-        if (!works("compress", text)) {
+        if (!works()) {
             writeFile(archive + ".new", "torn");
             return false;
         }
@@ -33,26 +28,20 @@ class FakeFiles final : public FileWork {
         return fs::remove(text);
     }
     bool removeFile(const char* p) override {
-        bool removed = works("remove", p) && (lying || !unlink(p) || errno == ENOENT);
+        bool removed = works() && (lying || !unlink(p) || errno == ENOENT);
         if (removed && untilRoom > 0 && --untilRoom == 0)
             faults.writeError = 0;
         return removed;
     }
-    bool removeTree(const char* p) override {
-        return works("removeTree", p) && (lying || fs::remove_all(p) + 1);
-    }
-    bool removeAll(const char* b) override { return works("", b) && real.removeAll(b); }
-    bool copyFits(const char* f, const char* to) const override { return real.copyFits(f, to); }
-    bool copyTree(const char* f, const char* to) override { return works("copy", f) && real.copyTree(f, to); }
-    bool moveFolder(const char* f, const char* to) override {
-        return works("move", to) && real.moveFolder(f, to);
-    }
+    bool removeTree(const char* p) override { return works() && (lying || fs::remove_all(p) + 1); }
+    bool removeAll(const char* b) override { return works() && real.removeAll(b); }
+    bool copyTree(const char* f, const char* to) override { return works() && real.copyTree(f, to); }
+    bool moveFolder(const char* f, const char* to) override { return works() && real.moveFolder(f, to); }
 
   private:
     ChosenFileWork real; // for what is asked seldom
 
-    bool works(const char* what, const std::string& path) {
-        faults.addCall(std::string(what) + " " + path.substr(path.rfind('/') + 1));
+    bool works() {
         if (untilError < 0 || untilError-- > 0)
             return true;
         untilError = --errors > 0 ? 0 : -1;
@@ -65,30 +54,15 @@ class FakeFiles final : public FileWork {
  * A store on the test's root, driven step by step; batches come through a ring. Stored files are named in
  * short: "3/7" is section 7 of last_3, "c/7t" the text of section 7 of the current run.
  */
-class StoreTest : public FolderTest {
+class StoreTest : public FolderTest, protected StoreParts {
   protected:
-    StoreTest() {
-        EXPECT_TRUE(systemRoot.read() && ring.create());
-        ringState.mFlushThreadRunning = true;
-        state.mMaxLogSize = 1;
-        state.mLogSectionSize = state.mLogDeleteSize = 65536;
+    StoreTest() : StoreParts(files, 65536) {
+        state.mLogDeleteSize = 65536;
         open();
     }
-    ~StoreTest() override {
-        store.reset();
-        ring.release();
-    }
+    ~StoreTest() override { store.reset(); }
 
-    /** A new store that knows its paths. */
-    void open() {
-        store.reset();
-        store = std::make_unique<Store>(state, lock, ring, files, systemRoot);
-        state.mSavePath = strdup(root.c_str());
-        ASSERT_TRUE(store->resolveRoot());
-        logs = root + "/log_service";
-        store->beginRun();
-    }
-    bool run() { return store->prepare() && store->saveNumbers(); }
+    void open() { StoreParts::open(root); }
     bool start() {
         open();
         return run();
@@ -111,11 +85,6 @@ class StoreTest : public FolderTest {
         return text.str();
     }
     std::string data() const { return root + "/log_storage.dat"; }
-    /** The bookkeeping file of these four numbers. */
-    static std::string dataText(const std::string& numbers) {
-        const char* lines = "TOTAL_LOG_SIZE=$1\nHEAD_FOLDER_NUM=$2\nTAIL_FOLDER_NUM=$3\nOLDEST_FILE_NUM=$4\n";
-        return std::regex_replace(numbers, std::regex("(.*) (.*) (.*) (.*)"), lines);
-    }
 
     /** The path that is named in short. */
     std::string at(std::string name) const {
@@ -142,15 +111,21 @@ class StoreTest : public FolderTest {
         if (!numbers.empty())
             writeFile(data(), numbers);
         std::istringstream words(found);
-        for (std::string word; words >> word;) {
-            size_t sign = word.find_last_of("=@");
-            std::string path = at(word.substr(0, sign));
-            makeFolder(path.back() == '/' ? path : fs::path(path).parent_path().string());
-            if (word.back() == '@')
-                fs::create_symlink("nowhere", path);
-            else if (word.back() != '/')
-                writeFile(path, std::string(std::stoul(word.substr(sign + 1)), 'x'));
-        }
+        for (std::string word; words >> word;)
+            layOne(word);
+    }
+    /** One of these, where nothing has its name. */
+    void layOne(const std::string& word) {
+        size_t sign = word.find_last_of("=@");
+        std::string path = at(word.substr(0, sign));
+        fs::path folder = fs::path(path).parent_path(); // itself, for the path of a folder
+        if (exists(fs::symlink_status(path.back() == '/' ? folder : fs::path(path))))
+            return;
+        makeFolder(folder);
+        if (word.back() == '@')
+            fs::create_symlink("nowhere", path);
+        else if (word.back() != '/')
+            writeFile(path, std::string(std::stoul(word.substr(sign + 1)), 'x'));
     }
     /** A store, its numbers or what their file holds instead, and what a step makes of them. */
     struct Row {
@@ -175,14 +150,7 @@ class StoreTest : public FolderTest {
         lay("");
     }
 
-    StorageState state;
-    Mutex<StorageLock> lock;
-    StorageMedium medium{state, lock};
-    RingState ringState;
-    Ring ring{ringState, medium};
-    FakeFiles files;
-    platform::SystemRoot systemRoot;
-    std::unique_ptr<Store> store;
+    FakeFiles files; ///< of the store, which ends first
 };
 
 } // namespace
@@ -343,16 +311,16 @@ TEST_F(StoreTest, StartMendsWhatItFinds) {
     const std::string runs = "1/4=10 2/1=20 ", base = runs + "c/1t=9 ", three = "1/4 2/1 3/1 c/", n(250, 'n');
     files.archiveSize = 7;
     check({{base, "30 2 1 4", 1, "37 3 1 4", three},
-           {base, "30 2 1 3", 1, "37 3 1 4", three}, // a section was deleted, the numbers not saved
+           {runs, "30 2 1 3", 1, "30 2 1 4", "1/4 2/1 c/"}, // a section was deleted, the numbers not saved
            {base + "0/", "30 2 0 9", 1, "37 3 1 4", three}, // a run was emptied, its folder not removed
            {"0/3=5 " + base, "30 2 1 4", 1, "42 3 0 3", "0/3 " + three},
            {runs, "10 1 1 4", 1, "30 2 1 4", "1/4 2/1 c/"}, // moved aside, nothing else done
-           {runs, "10 2 1 4", 1, "30 2 1 4", "1/4 2/1 c/"}, // moved, not counted
+           {runs, "30 2 0 4", 1, "30 2 1 4", "1/4 2/1 c/"}, // a run was deleted, the numbers not saved
            {base, "999999999 2 1 4", 1, "37 3 1 4", three},
            {base, "", 1, "37 3 1 4", three},
            {"c/1t=9", "x", 1, "7 1 1 1", "1/1 c/"}, // in its first section
            {"c/1t=9", "", 1, "7 1 1 1", "1/1 c/"},
-           {"c/8t=9", "0 5 5 3", 1, "7 6 6 8",
+           {"c/8t=9", "9 5 5 3", 1, "7 6 6 8",
             "6/8 c/"}, // the last section of the run was deleted, and not saved
            // A change of the root has left texts in archived runs.
            {runs + "1/5t=9 1/5=3 3/8t=9", "30 2 1 4", 1, "44 3 1 4", "1/4 1/5 2/1 3/8 c/"},
@@ -529,22 +497,13 @@ class StoreModelTest : public StoreTest {
         EXPECT_LE(storedArchiveBytes(logs) + state.mLogSectionSize, bound());
     }
     void dropStrays() {
-        const char* names[] = {"c/notes", "c/a b.txt", "last_0",  "last_07/x", "0/",    "c/log_7.txt.gz.new",
-                               "c/900/",  "c/901@",    "c/902t@", "last_3@",   "c/903/"};
-        std::string path = at(names[below(11)]);
-        bool folder = path.back() == '/';
-        path.resize(path.size() - folder);
-        if (!exists(fs::path(path).parent_path()) || fs::exists(fs::symlink_status(path)))
-            return;
-        if (folder)
-            makeFolder(path);
-        else if (below(2) == 0)
-            writeFile(path, "");
-        else
-            fs::create_symlink("nowhere", path);
-        std::string next = std::to_string(state.mHeadFolderNum + 1 + below(2));
-        if (!exists(at(next + "/")))
-            writeFile(logs + "/last_" + next, "");
+        const char* strays[] = {
+            "c/notes=0", "c/notes@",    "c/a b.txt=0", "c/a b.txt@", "last_0=0",
+            "last_0@",   "last_07/x=0", "last_07/x@",  "0/",         "c/log_7.txt.gz.new=0",
+            "c/900/",    "c/901@",      "c/902t@",     "last_3=0",   "last_3@",
+            "c/903/"};
+        layOne(strays[below(std::size(strays))]);
+        layOne("last_" + std::to_string(state.mHeadFolderNum + 1 + below(2)) + "=0");
     }
     /** Somebody takes away a section, the current run, or everything. */
     void removeByHand() {

@@ -48,8 +48,7 @@ wait_for stored_but_verbose
 mv "$root/proc/sys/kernel/printk" "$home/printk"
 expect_status 1 $logset KLOG_LEVEL 4
 mv "$home/printk" "$root/proc/sys/kernel/printk"
-$logset ALOG_ADD_MODULE "one:d+two" && saved ALOG_MODULE=two:v+one:d
-$logset ALOG_DEL_MODULE two && saved ALOG_MODULE=one:d
+$logset ALOG_ADD_MODULE one:d && saved ALOG_MODULE=one:d
 $logset ALOG_FORMAT raw && saved ALOG_FORMAT=raw
 mkdir "$home/other"
 $logset COPY "$home/other"
@@ -65,12 +64,7 @@ expect_status 1 $host # a second host on the same root
 stop_host
 start_host
 cmp "$home/shown" "$root/media/flash/nvm/log.cfg" || fail "the restart changed the configuration"
-$logset FLUSH_SWITCH n
-$logwrite -t one -p e "flushed by the end"
-$logwrite -t one -p e "behind it"
-wait_for grep -aqx "behind it" "$home/host.out" # so the other one is buffered
 stop_host
-grep -aqx "flushed by the end" "$home/other/log_service/current/log_1.txt" || fail "the end does not flush"
 
 # --- two clients and two sources at once: nothing is torn, lost or mixed
 store=$root/media/flash/nvm/log_service
