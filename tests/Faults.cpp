@@ -25,7 +25,7 @@ void Faults::disarm() {
     failAllocationsFrom = SIZE_MAX;
     freeBytes = -1;
     allocations = 0;
-    skipPauses = sectionsOnly = archivesWait = mRecording = false;
+    skipPauses = sectionsOnly = unwatched = archivesWait = mRecording = false;
     mCalls.clear();
     mPauses.clear();
 }
@@ -127,6 +127,10 @@ WRAP(ssize_t, read, (int fd, void* bytes, size_t length)) {
 WRAP(int, select, (int count, fd_set* read, fd_set* write, fd_set* except, timeval* limit)) {
     ++faults.selects;
     return REAL(select)(count, read, write, except, limit);
+}
+
+WRAP(int, inotify_init1, (int flags)) {
+    return faults.unwatched ? failed(EMFILE, -1) : REAL(inotify_init1)(flags);
 }
 
 WRAP(int, fsync, (int fd)) {

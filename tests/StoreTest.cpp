@@ -416,6 +416,12 @@ TEST_F(StoreTest, ACutCountsWhatOthersHaveChanged) {
     EXPECT_TRUE(saved(full) && four() == "31 7 1 2");
     faults.entriesUntilError = 0;
     EXPECT_TRUE(saved(full) && saved(full) && faults.entriesUntilError == 0);
+    faults.entriesUntilError = -1;
+    faults.unwatched = true;
+    fs::rename(at("7/"), at("8/"));
+    writeFile(at("8/2"), "more"); // in a run that nobody watches
+    EXPECT_TRUE(saved(full) && four() == "35 8 1 2" && fs::remove(at("8/2")));
+    EXPECT_TRUE(saved(full) && four() == "31 8 1 2");
 }
 
 namespace {
