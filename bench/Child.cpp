@@ -60,7 +60,8 @@ void readLast(pid_t pid, Sample* sample) {
     sample->readCalls = values["rchar:"];
     sample->writtenCalls = values["wchar:"];
     sample->readMedium = values["read_bytes:"];
-    sample->writtenMedium = values["write_bytes:"];
+    // What is removed before the kernel has written it is taken back there.
+    sample->writtenMedium = values["write_bytes:"] - values["cancelled_write_bytes:"];
 }
 
 } // namespace
