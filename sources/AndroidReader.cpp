@@ -183,18 +183,17 @@ void AndroidReader::setupOutput() {
 void AndroidReader::readLines(log_device_t* list) {
     if (!makeReadable(list))
         return;
-    Merge merge(list);
     bool asleep = false;
     uint32_t finishBytes = 0;
     while (mState.mLogcatThreadRunning) {
         Pass pass{mFinish.made(), asleep};
-        if (!readPass(list, merge, &pass))
+        if (!readPass(list, &pass))
             continue;
         if (!mState.mALogOutput && !waitOrReport(&mState.mALogSem, " readLogLines sem_wait failed\n"))
             return;
         finishBytes += pass.finishing ? pass.bytes : 0;
         bool last = pass.finishing && (pass.quiet || finishBytes >= FinishRequest::kMostBytes);
-        printReady(merge, pass.quiet || last);
+        printReady(list, pass.quiet || last);
         if (last && !pass.quiet)
             FinishRequest::reportRest("logcat");
         if (last)
@@ -226,7 +225,7 @@ int AndroidReader::waitForData(const log_device_t* list, Pass* pass, fd_set* rea
 }
 
 /** Waits, then reads from the ready devices. False when the cycle is to be begun anew. */
-bool AndroidReader::readPass(log_device_t* list, Merge& merge, Pass* pass) {
+bool AndroidReader::readPass(log_device_t* list, Pass* pass) {
     fd_set ready;
     if (waitForData(list, pass, &ready) < 0 || !mState.mLogcatThreadRunning)
         return false;
@@ -235,10 +234,10 @@ bool AndroidReader::readPass(log_device_t* list, Merge& merge, Pass* pass) {
         behind = behind || (isReady(device, ready) && device->queued < kMostPerPass);
     for (log_device_t* device = list; device != nullptr; device = device->next) {
         bool due = isReady(device, ready) && !(behind && device->queued >= kMostPerPass);
-        if (due && !readDevice(device, merge, pass))
+        if (due && !readDevice(device, pass))
             return false;
     }
-    return pass->quiet || readSilent(list, merge, pass);
+    return pass->quiet || readSilent(list, pass);
 }
 
 /**
@@ -246,16 +245,16 @@ bool AndroidReader::readPass(log_device_t* list, Merge& merge, Pass* pass) {
  * be earlier than what they have. Of the others, the last entry that is known holds later ones back. False
  * when that was interrupted.
  */
-bool AndroidReader::readSilent(log_device_t* list, Merge& merge, Pass* pass) {
+bool AndroidReader::readSilent(log_device_t* list, Pass* pass) {
     for (log_device_t* device = list; device != nullptr; device = device->next) {
-        if (device->fd >= 0 && device->queue == nullptr && !readDevice(device, merge, pass))
+        if (device->fd >= 0 && device->queue == nullptr && !readDevice(device, pass))
             return false;
     }
     return true;
 }
 
 /** Reads what a device has, up to its most per pass. False when that was interrupted. */
-bool AndroidReader::readDevice(log_device_t* device, Merge& merge, Pass* pass) {
+bool AndroidReader::readDevice(log_device_t* device, Pass* pass) {
     size_t size = device->batches ? sizeof mBatch : kEntrySize;
     // What is read while the output is off is output when that comes on, what stays in the main device is
     // not.
@@ -267,31 +266,30 @@ bool AndroidReader::readDevice(log_device_t* device, Merge& merge, Pass* pass) {
         ReadResult result = readOnce(device->fd, mBatch, size, &length);
         if (result != ReadResult::Read)
             return result == ReadResult::WouldBlock;
-        count += queueEntries(device, merge, length);
+        count += queueEntries(device, length);
         pass->bytes += static_cast<uint32_t>(length);
     }
     return true;
 }
 
 /** Queues the entries that have been read, and tells how many. */
-uint32_t AndroidReader::queueEntries(log_device_t* device, Merge& merge, size_t length) {
+uint32_t AndroidReader::queueEntries(log_device_t* device, size_t length) {
     uint32_t count = 0;
     for (size_t start = 0; start < length; ++count) {
         size_t whole = firstEntry(device, mBatch + start, length - start);
         EntryNode node = mPool.take();
         std::memcpy(node->buffer, mBatch + start, whole);
         node->buffer[whole] = '\0';
-        merge.add(device, std::move(node));
+        enqueue(device, std::move(node));
         start += whole;
     }
     return count;
 }
 
 /** Outputs what is known to be the oldest; with `everything` all that is queued. */
-void AndroidReader::printReady(Merge& merge, bool everything) {
-    while (log_device_t* device = merge.next(everything)) {
+void AndroidReader::printReady(log_device_t* list, bool everything) {
+    while (log_device_t* device = nextDevice(list, everything)) {
         printFirst(device);
-        merge.done();
         mFinish.step();
     }
 }

@@ -48,12 +48,12 @@ class AndroidReader {
 
     log_device_t* makeDeviceList();
     bool openDevices(log_device_t* list);
-    bool readPass(log_device_t* list, Merge& merge, Pass* pass);
-    bool readSilent(log_device_t* list, Merge& merge, Pass* pass);
-    bool readDevice(log_device_t* device, Merge& merge, Pass* pass);
-    uint32_t queueEntries(log_device_t* device, Merge& merge, size_t length);
+    bool readPass(log_device_t* list, Pass* pass);
+    bool readSilent(log_device_t* list, Pass* pass);
+    bool readDevice(log_device_t* device, Pass* pass);
+    uint32_t queueEntries(log_device_t* device, size_t length);
     int waitForData(const log_device_t* list, Pass* pass, fd_set* ready) const;
-    void printReady(Merge& merge, bool everything);
+    void printReady(log_device_t* list, bool everything);
 
     AndroidState& mState;
     const platform::SystemRoot& mSystemRoot;

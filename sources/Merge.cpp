@@ -78,14 +78,12 @@ log_device_t* oldestDevice(log_device_t* list) {
     return oldest;
 }
 
-void Merge::add(log_device_t* device, EntryNode node) {
-    enqueue(device, std::move(node));
-    ++mQueued;
-}
-
-log_device_t* Merge::next(bool everything) const {
-    log_device_t* oldest = oldestDevice(mList);
-    bool mayWait = !everything && mQueued <= kMostQueued;
+log_device_t* nextDevice(log_device_t* list, bool everything) {
+    log_device_t* oldest = oldestDevice(list);
+    uint32_t queued = 0;
+    for (const log_device_t* device = list; device != nullptr; device = device->next)
+        queued += device->queued;
+    bool mayWait = !everything && queued <= kMostQueued;
     bool waits = oldest != nullptr && mayWait && oldest->queue->next == nullptr;
     return waits ? nullptr : oldest;
 }

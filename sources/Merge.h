@@ -39,27 +39,15 @@ EntryNode dequeue(log_device_t* device);
  * entries. */
 log_device_t* oldestDevice(log_device_t* list);
 
-/**
- * Merges the queues of all devices by time. An entry waits until a later one of its own device has come, so
- * that an earlier one of another device can still overtake it, unless nothing more is coming for now or too
- * many wait.
+/** Entries that may wait in all queues: one that waits for its device must not hold back a flood of another.
  */
-class Merge {
-  public:
-    /** Entries that may wait: one that waits for its device must not hold back a flood of another. */
-    static constexpr uint32_t kMostQueued = 128;
+constexpr uint32_t kMostQueued = 128;
 
-    explicit Merge(log_device_t* list) : mList(list) {}
-
-    void add(log_device_t* device, EntryNode node);
-    /** The device whose first entry is to be output now, or null; with `everything`, until none is left. */
-    log_device_t* next(bool everything) const;
-    /** The first entry of that device has been output and dequeued. */
-    void done() { --mQueued; }
-
-  private:
-    log_device_t* const mList;
-    uint32_t mQueued = 0;
-};
+/**
+ * Merges the queues of all devices by time: the device whose first entry is to be output now, or null. An
+ * entry waits until a later one of its own device has come, so that an earlier one of another device can
+ * still overtake it, unless nothing more is coming for now (`everything`) or too many wait.
+ */
+log_device_t* nextDevice(log_device_t* list, bool everything);
 
 } // namespace vnlog

@@ -62,7 +62,6 @@ using AndroidDeathTest = AndroidTest;
 TEST(Merge, RandomEntriesComeAsTheRuleSaysAlsoWhereTheSecondsRollOver) {
     log_device_t devices[2]{};
     devices[0].next = &devices[1];
-    Merge merge(devices);
     std::multimap<std::pair<uint32_t, int>, int> model[2]; // keeps equal ones in the order of their coming
     std::mt19937 random(7);
     for (int id = 1; id <= 8000; ++id) {
@@ -70,19 +69,18 @@ TEST(Merge, RandomEntriesComeAsTheRuleSaysAlsoWhereTheSecondsRollOver) {
         model[at].emplace(std::pair(seconds, nanoseconds), id);
         EntryNode node = nodeOf(static_cast<int32_t>(seconds), static_cast<int>(nanoseconds), "");
         node->entry()->pid = id;
-        merge.add(&devices[at], std::move(node));
+        enqueue(&devices[at], std::move(node));
         bool everything = id == 8000 || random() % 8 == 0;
         while (model[0].size() + model[1].size() > 0) {
             bool both = !model[0].empty() && !model[1].empty();
             bool second = both ? model[1].begin()->first < model[0].begin()->first : model[0].empty();
             if (!everything && model[second].size() == 1)
                 break;
-            ASSERT_EQ(merge.next(everything), &devices[second]);
+            ASSERT_EQ(nextDevice(devices, everything), &devices[second]);
             ASSERT_EQ(dequeue(&devices[second])->entry()->pid, model[second].begin()->second);
             model[second].erase(model[second].begin());
-            merge.done();
         }
-        ASSERT_EQ(merge.next(everything), nullptr);
+        ASSERT_EQ(nextDevice(devices, everything), nullptr);
     }
 }
 

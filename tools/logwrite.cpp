@@ -134,9 +134,10 @@ bool Writer::finish() {
         return true;
     char nothing;
     (void)shutdown(mDevice.get(), SHUT_WR); // the device hangs up when it has taken the last
-    ssize_t got = recv(mDevice.get(), &nothing, sizeof nothing, 0);
-    while (got < 0 && errno == EINTR)
+    ssize_t got;
+    do
         got = recv(mDevice.get(), &nothing, sizeof nothing, 0);
+    while (got < 0 && errno == EINTR);
     return got == 0; // less where it has hung up on this client before that
 }
 
