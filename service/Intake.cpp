@@ -16,8 +16,16 @@ bool Intake::inService() const {
     return mService.mFlushThreadRunning;
 }
 
-bool Intake::put(const char* line, uint32_t length) {
-    return append(line, length);
+bool Intake::put(const char* line, uint32_t length, int rank) {
+    if (!append(line, length))
+        return false;
+    if (rank >= mService.mFlushPriority && mService.mFlushPriority < ANDROID_LOG_SILENT)
+        mRing.requestFlush();
+    return true;
+}
+
+void Intake::lost(Loss, uint32_t lines) {
+    addLost(lines);
 }
 
 bool Intake::append(const void* bytes, uint32_t length) {

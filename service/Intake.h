@@ -27,7 +27,8 @@ class Intake final : public LineSink {
         : mService(service), mRing(ring), mLifecycle(lifecycle) {}
 
     bool inService() const override;
-    bool put(const char* line, uint32_t length) override;
+    bool put(const char* line, uint32_t length, int rank) override;
+    void lost(Loss why, uint32_t lines) override VNLOG_EXCLUDES(LossLock::role);
     bool leaveOut(const char* line, uint32_t length) override VNLOG_EXCLUDES(LossLock::role);
     /** Appends one record. False, reported where the ring does, when it is not taken. */
     bool append(const void* bytes, uint32_t length);

@@ -135,7 +135,7 @@ int AndroidLine::storeLine(const char* line, size_t length, const AndroidLogEntr
     }
     if (entry.priority < mState.mALogFileMinPri)
         return result;
-    if (mSink.put(line, static_cast<uint32_t>(length)))
+    if (mSink.put(line, static_cast<uint32_t>(length), entry.priority))
         return static_cast<int>(length);
     if (!isOwnReport(entry))
         logError("write log buf error\n");

@@ -6,6 +6,7 @@
 #include "sources/KernelSplitter.h"
 
 #include <algorithm>
+#include <android/log.h>
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
@@ -21,6 +22,14 @@ constexpr uint32_t kHeldSize = 127; // and while the output is off, which are st
 constexpr int kReadPlace = 2011; // part of the message's fixed text
 constexpr int kEndOfFilePauseMs = 100;
 constexpr int kForever = -1;
+
+/** How much a line of this level matters, as an Android priority. */
+int rankOf(int level) {
+    constexpr int kCritical = 2, kError = 3;
+    if (level <= kCritical)
+        return ANDROID_LOG_FATAL;
+    return level == kError ? ANDROID_LOG_ERROR : 0;
+}
 
 /** What the reader holds, as its cancellation handler finds it. */
 struct CleanupRecord {
@@ -122,7 +131,8 @@ void KernelReader::storeLines(KernelSplitter& splitter) {
     KernelLine line;
     while (mState.mKLogThreadRunning && splitter.next(&line)) {
         if ((line.continued || line.length > 1) && line.priority <= mState.mKLogLevel &&
-            mSink.wants(mState.mKLogToFile, line.text, line.length) && !mSink.put(line.text, line.length))
+            mSink.wants(mState.mKLogToFile, line.text, line.length) &&
+            !mSink.put(line.text, line.length, rankOf(line.priority)))
             logError("kernelLogReader logBufWrite failed\n");
         mFinish.step();
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Flag.h"
+#include "buffer/Losses.h"
 
 #include <cstdint>
 
@@ -12,9 +13,14 @@ class LineSink {
   public:
     /** Whether lines are taken at all. */
     virtual bool inService() const = 0;
-    /** Takes one line with its newline, whole or not at all; may wait for space. False when it is not taken,
-     * which the caller reports. */
-    virtual bool put(const char* line, uint32_t length) = 0;
+    /**
+     * Takes one line with its newline, whole or not at all; may wait for space. `rank` tells how much it
+     * matters, as an Android priority; 0 for a line that never matters enough to be written out at once.
+     * False when it is not taken, which the caller reports.
+     */
+    virtual bool put(const char* line, uint32_t length, int rank) = 0;
+    /** Lines were lost before they came here, at this place of the source. */
+    virtual void lost(Loss why, uint32_t lines) = 0;
     /**
      * A line that would be stored is not put. True when that is so because the storage is full: it is counted
      * as lost.

@@ -9,7 +9,8 @@ class FakeSink final : public vnlog::LineSink {
   public:
     FakeSink() { mText.reserve(1 << 18); }
     bool inService() const override { return taking; }
-    bool put(const char* line, uint32_t length) override {
+    void lost(vnlog::Loss, uint32_t) override {}
+    bool put(const char* line, uint32_t length, int) override {
         if (door && !door(std::string_view(line, length)))
             return false;
         std::lock_guard<std::mutex> lock(mMutex);
