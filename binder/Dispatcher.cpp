@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <unistd.h>
 
 namespace vnlog {
 
@@ -24,11 +25,11 @@ constexpr int kMutedConsoleLevel = 1;
 int Dispatcher::run(int code, const char* param) {
     CancelGuard guard; // a reader whose storage is full comes here, too
     CommandAnswer answer = runLocked(code, param);
-    // Without the lock: a console that nobody reads holds up this command only.
+    // Without the lock: whoever waits for a command does not wait for the console as well.
     if (answer.usage)
         showHelp();
     if (answer.report)
-        showConfiguration(mState.mCfgPath);
+        showConfiguration(mState.mCfgPath, mTargets.console);
     return answer.result;
 }
 
@@ -48,10 +49,16 @@ CommandAnswer Dispatcher::runLocked(int code, const char* param) {
 
 void Dispatcher::showHelp() {
     CancelGuard guard;
-    flockfile(stdout); // two reports never mix
-    printUsage(stdout);
-    fflush(stdout); // the Android reader writes to the same descriptor without stdio
-    funlockfile(stdout);
+    char* text = nullptr;
+    size_t length = 0;
+    Stream out(open_memstream(&text, &length));
+    if (out != nullptr)
+        printUsage(out.get());
+    out.reset();
+    Text owned(text);
+    Patience patience;
+    if (owned != nullptr) // shown in one piece, so that two reports never mix
+        (void)mTargets.console.show(STDOUT_FILENO, text, length, &patience); // counted there
 }
 
 /** The end of every command that changed a setting: saves it and has it shown. */
@@ -69,6 +76,8 @@ CommandAnswer Dispatcher::setConsoleOutput(const char* param) {
     if (!on && mState.mKLogToUart && !muteKernelConsole())
         return {-1};
     mState.mALogToUart = on;
+    if (on)
+        mTargets.console.retry();
     return saveAndShow();
 }
 
@@ -148,6 +157,8 @@ CommandAnswer Dispatcher::setAndroidOutput(const char* param) {
     mState.mALogOutput = on;
     mState.mALogToUart = on;
     mState.mALogToFile = on;
+    if (on)
+        mTargets.console.retry();
     return saveAndShow();
 }
 

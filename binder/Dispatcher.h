@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Console.h"
 #include "binder/CommandState.h"
 #include "binder/ILogService.h"
 #include "binder/StoringSwitch.h"
@@ -25,6 +26,7 @@ struct CommandTargets {
     KernelReader& kernelReader;
     AndroidReader& androidReader;
     StoringSwitch& storing;
+    Console& console;
 };
 
 /** What a command answers. */
@@ -41,8 +43,8 @@ class Dispatcher {
 
     /** ILogService::logCMD. */
     int run(int code, const char* param) VNLOG_EXCLUDES(CommandLock::role);
-    /** Prints the usage text to standard output. */
-    static void showHelp();
+    /** Shows the usage text on the console, standard output. */
+    void showHelp();
 
     /*
      * The actions of the table: each with a parameter that its row accepts. 0; -1, reported, when the command

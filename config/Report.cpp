@@ -6,6 +6,7 @@
 #include "config/ConfigFile.h"
 
 #include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 namespace vnlog {
@@ -17,8 +18,9 @@ void reportStep(const char* report) {
     logErrno();
 }
 
-/** The whole text of the file; null, reported, when it cannot be had. */
-Text readWhole(const char* path) {
+} // namespace
+
+Text readConfiguration(const char* path) {
     if (!pathExists(path)) {
         reportStep("showLogCfg fail to stat!\n");
         return nullptr;
@@ -41,18 +43,21 @@ Text readWhole(const char* path) {
     return nullptr;
 }
 
-} // namespace
-
-void showConfiguration(const char* path) {
+void showConfiguration(const char* path, Console& console) {
     CancelGuard guard;
-    Text text = readWhole(path);
+    Text text = readConfiguration(path);
     if (text == nullptr)
         return;
-    flockfile(stdout); // two reports never mix
-    puts("\n\ncurrent log cfg:");
-    puts(text.get());
-    fflush(stdout); // the Android reader writes to the same descriptor without stdio
-    funlockfile(stdout);
+    constexpr char kTitle[] = "\n\ncurrent log cfg:\n";
+    size_t size = sizeof kTitle + std::strlen(text.get()) + 1;
+    Text report = allocateText(size); // in one piece, so that two reports never mix
+    if (report == nullptr) {
+        reportStep("showLogCfg fail to malloc cfg buf!\n");
+        return;
+    }
+    int length = std::snprintf(report.get(), size, "%s%s\n", kTitle, text.get());
+    Patience patience;
+    (void)console.show(STDOUT_FILENO, report.get(), static_cast<size_t>(length), &patience); // counted there
 }
 
 } // namespace vnlog

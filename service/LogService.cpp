@@ -37,10 +37,10 @@ ServiceParts::ServiceParts(LogService& service)
     : medium(service, storageLock), ring(service, medium), shell(service),
       store(service, storageLock, ring, files, systemRoot), flusher(service, ring, store), filter(service),
       intake(service, ring, lifecycle), kernelReader(service, systemRoot, intake),
-      androidLine(service, service, filter, intake), androidReader(service, systemRoot, androidLine),
+      androidLine(service, service, filter, intake, console), androidReader(service, systemRoot, androidLine),
       settings(service, storageLock, filter), workers(service, *this), comeback(service, *this),
       dispatcher({service, service, commandLock, systemRoot, service, settings, store, filter, kernelReader,
-                  androidReader, comeback}),
+                  androidReader, comeback, console}),
       lifecycle(service, *this) {}
 
 LogService::LogService(DeferStart) : mParts(std::make_unique<ServiceParts>(*this)) {
@@ -152,7 +152,7 @@ int LogService::logConfigSave() {
     return result(mParts->settings.save());
 }
 void LogService::showLogCfg() {
-    showConfiguration(mCfgPath);
+    showConfiguration(mCfgPath, mParts->console);
 }
 
 // --- Ring buffer
@@ -301,7 +301,7 @@ int LogService::logCMD(int cmd, const char* param) {
     return mParts->dispatcher.run(cmd, param);
 }
 void LogService::showHelp() {
-    Dispatcher::showHelp();
+    mParts->dispatcher.showHelp();
 }
 
 } // namespace vnlog

@@ -26,6 +26,7 @@ struct ServiceParts {
     Mutex<CommandLock> commandLock;
     Mutex<StorageLock> storageLock;
     StorageMedium medium;
+    Console console;
     Ring ring;
     Shell shell;
     ChosenFileWork files;

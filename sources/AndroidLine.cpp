@@ -2,6 +2,7 @@
 
 #include "base/Diagnostics.h"
 #include "base/Handles.h"
+#include "base/Text.h"
 
 #include <cerrno>
 #include <cstring>
@@ -37,15 +38,6 @@ static_assert(sizeof(::logger_entry) == kLibraryHeaderSize, "the parser's header
     return reinterpret_cast<::logger_entry*>(start);
 }
 
-/** Repeats the write as long as a signal interrupts it; what it wrote may be short. */
-ssize_t writeOnce(int fd, const char* bytes, size_t length) {
-    ssize_t written;
-    do
-        written = write(fd, bytes, length);
-    while (written < 0 && errno == EINTR);
-    return written;
-}
-
 /**
  * Whether the entry is a report of this service. A report about a line that could not be stored must not be
  * made about such a report: each would be the cause of the next.
@@ -60,86 +52,102 @@ void endProcess(int status) {
     _exit(status);
 }
 
-void AndroidLine::process(const log_device_t* device, logger_entry* entry) {
+Fate AndroidLine::process(const log_device_t* device, logger_entry* entry) {
     // The library takes any byte for a priority; one that is none cannot be judged.
     auto priority = static_cast<unsigned char>(*reinterpret_cast<const char*>(entry + 1));
     if (entry->length == 0 || priority > ANDROID_LOG_SILENT)
-        return;
+        return Fate::Refused;
     AndroidLogEntry parsed{};
     {
         CancelGuard guard; // the library may report what it finds
         if (android_log_processLogBuffer(asLibraryEntry(entry, device->label), &parsed) < 0)
-            return;
+            return Fate::Refused;
     }
     if (parsed.priority < mFilter.priorityFor(mFilterState.mLogFormat, parsed.tag))
-        return;
+        return Fate::Filtered;
     // A line that was not stored is reported there and is no reason to end.
-    if (!route(mFilterState.mLogFormat, mState.mALogOutFd, parsed).formatted) {
+    LineResult result = route(mFilterState.mLogFormat, mState.mALogOutFd, parsed);
+    if (!result.formatted) {
         logError("output error");
         endProcess(kExitOutputError);
     }
+    return result.fate;
 }
 
 int AndroidLine::print(AndroidLogFormat_t* format, int fd, const AndroidLogEntry& entry) {
     return route(format, fd, entry).result;
 }
 
-/** Formats the entry and passes the line on. */
+/** Formats the entry and passes the line on: to the store whatever the console does. */
 AndroidLine::LineResult AndroidLine::route(AndroidLogFormat_t* format, int fd, const AndroidLogEntry& entry) {
     char usual[kLineSize];
     size_t length = 0;
     char* line = mFilter.formatLine(format, usual, sizeof usual, entry, &length);
     if (line == nullptr)
-        return {false, -1};
+        return {false, -1, Fate::Refused};
     Text longer(line != usual ? line : nullptr); // also released when the thread is cancelled below
-    int result = 0;
-    if (mState.mALogToUart) {
-        result = showLine(fd, line, length, entry);
-        if (result != static_cast<int>(length))
-            return {true, result};
-    }
-    return {true, isForFile(line, length, entry) ? storeLine(line, length, entry, result) : result};
+    bool shown = mState.mALogToUart && showLine(fd, line, length);
+    return store(line, static_cast<uint32_t>(length), entry, shown ? static_cast<int>(length) : 0);
 }
 
-/** Whether the line goes to the file; one that a full storage keeps out is counted as lost. */
-bool AndroidLine::isForFile(const char* line, size_t length, const AndroidLogEntry& entry) {
+/** Whether the console has the line. */
+bool AndroidLine::showLine(int fd, const char* line, size_t length) {
+    Shown shown = mConsole.show(fd, line, length, &mPatience);
+    mCounts.show(shown);
+    return shown == Shown::Whole;
+}
+
+/** Stores the line if it is to be stored; `shown` is the result otherwise. */
+AndroidLine::LineResult AndroidLine::store(const char* line, uint32_t length, const AndroidLogEntry& entry,
+                                           int shown) {
+    const LineResult notStored{true, shown, Fate::Filtered};
     if (entry.priority < mState.mALogFileMinPri)
-        return mState.mALogToFile;
-    return mSink.wants(mState.mALogToFile, line, static_cast<uint32_t>(length));
+        return mState.mALogToFile && !mSink.inService() ? skip(entry, Fate::Filtered) : notStored;
+    switch (mSink.wish(mState.mALogToFile, line, length)) {
+    case Wish::NotStored:
+        return notStored;
+    case Wish::Missed:
+        return {true, shown, Fate::Refused};
+    case Wish::Stored:
+        break;
+    }
+    return put(line, length, entry);
 }
 
-/** Writes the line to the console: its length, 0 for a failure, or the bytes of a short write; both reported.
- */
-int AndroidLine::showLine(int fd, const char* line, size_t length, const AndroidLogEntry& entry) {
-    ssize_t written = writeOnce(fd, line, length);
-    if (written == static_cast<ssize_t>(length))
-        return static_cast<int>(length);
-    if (written < 0) {
-        if (!isOwnReport(entry))
-            logError("+++ LOG: write failed (errno=%d)\n", errno);
-        return 0;
-    }
+/** A line that nobody takes. */
+AndroidLine::LineResult AndroidLine::skip(const AndroidLogEntry& entry, Fate fate) {
     if (!isOwnReport(entry))
-        logError("+++ LOG: write partial (%d of %d)\n", static_cast<int>(written), static_cast<int>(length));
-    return static_cast<int>(written);
+        logDebug("write log buf skip, LOGBUF thread not start\n");
+    return {true, 0, fate};
 }
 
-/** Puts the line into the sink when its priority is stored; `result` is what came of it before. */
-int AndroidLine::storeLine(const char* line, size_t length, const AndroidLogEntry& entry, int result) {
+AndroidLine::LineResult AndroidLine::put(const char* line, uint32_t length, const AndroidLogEntry& entry) {
     if (!mSink.inService()) {
-        if (entry.priority >= mState.mALogFileMinPri)
-            (void)mSink.leaveOut(line, static_cast<uint32_t>(length)); // it may be counted there
-        if (!isOwnReport(entry))
-            logDebug("write log buf skip, LOGBUF thread not start\n");
-        return 0;
+        (void)mSink.leaveOut(line, length); // it may be counted there
+        return skip(entry, Fate::Refused);
     }
-    if (entry.priority < mState.mALogFileMinPri)
-        return result;
-    if (mSink.put(line, static_cast<uint32_t>(length), entry.priority))
-        return static_cast<int>(length);
+    if (mSink.put(line, length, entry.priority))
+        return {true, static_cast<int>(length), Fate::Stored};
     if (!isOwnReport(entry))
         logError("write log buf error\n");
-    return -1;
+    return {true, -1, Fate::Refused};
+}
+
+void AndroidLine::announce(const char* device) {
+    char banner[1024];
+    formatText(banner, "--------- beginning of %s\n", device);
+    bool given = mConsole.error() != 0; // up before: it is not tried again
+    if (mConsole.show(mState.mALogOutFd, banner, std::strlen(banner), &mPatience) != Shown::Closed || given)
+        return;
+    errno = mConsole.error();
+    logError("output error");
+    logErrno();
+    endProcess(kExitOutputError);
+}
+
+void AndroidLine::lost(uint32_t entries) {
+    if (mState.mALogToFile)
+        mSink.lost(Loss::Unread, entries);
 }
 
 } // namespace vnlog

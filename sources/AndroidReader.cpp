@@ -183,6 +183,7 @@ void AndroidReader::setupOutput() {
 void AndroidReader::readLines(log_device_t* list) {
     if (!makeReadable(list))
         return;
+    SourceCounts::Run run(mLine.counts());
     bool asleep = false;
     uint32_t finishBytes = 0;
     while (mState.mLogcatThreadRunning) {
@@ -266,7 +267,9 @@ bool AndroidReader::readDevice(log_device_t* device, Pass* pass) {
         ReadResult result = readOnce(device->fd, mBatch, size, &length);
         if (result != ReadResult::Read)
             return result == ReadResult::WouldBlock;
-        count += queueEntries(device, length);
+        uint32_t entries = queueEntries(device, length);
+        mLine.counts().take(entries);
+        count += entries;
         pass->bytes += static_cast<uint32_t>(length);
     }
     return true;
@@ -288,6 +291,7 @@ uint32_t AndroidReader::queueEntries(log_device_t* device, size_t length) {
 
 /** Outputs what is known to be the oldest; with `everything` all that is queued. */
 void AndroidReader::printReady(log_device_t* list, bool everything) {
+    mLine.beginCycle();
     while (log_device_t* device = nextDevice(list, everything)) {
         printFirst(device);
         mFinish.step();
@@ -296,7 +300,11 @@ void AndroidReader::printReady(log_device_t* list, bool everything) {
 
 void AndroidReader::printFirst(log_device_t* device) {
     announce(device);
-    mLine.process(device, device->queue->entry());
+    logger_entry* entry = device->queue->entry();
+    if (device->batches && entry->padding > 0) // in which the stand-in tells it
+        mLine.lost(entry->padding);
+    Fate fate = mLine.process(device, entry);
+    mLine.counts().settle(fate);
     skipFirst(device);
 }
 
@@ -309,15 +317,8 @@ void AndroidReader::announce(log_device_t* device) {
     if (device->printed)
         return;
     device->printed = true;
-    if (mState.mALogDevCount <= 1)
-        return;
-    char banner[1024];
-    formatText(banner, "--------- beginning of %s\n", device->path);
-    if (!writeAll(mState.mALogOutFd, banner, std::strlen(banner))) {
-        logError("output error");
-        logErrno();
-        endProcess(kExitOutputError);
-    }
+    if (mState.mALogDevCount > 1)
+        mLine.announce(device->path);
 }
 
 bool AndroidReader::clear() {

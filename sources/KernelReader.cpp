@@ -18,6 +18,7 @@ namespace {
 
 constexpr char kKernelLog[] = "/proc/kmsg";
 constexpr uint32_t kTextSize = 8192; // bytes of kernel text held at a time
+constexpr uint32_t kLongestLine = 65536; // and at most, for a line that does not fit that
 constexpr uint32_t kHeldSize = 127; // and while the output is off, which are stored when it comes on again
 constexpr int kReadPlace = 2011; // part of the message's fixed text
 constexpr int kEndOfFilePauseMs = 100;
@@ -76,7 +77,7 @@ void KernelReader::run() {
     CleanupRecord record{&log_buffer, &fd};
     int cleanUpNow = 0;
     pthread_cleanup_push(cleanUp, &record);
-    cleanUpNow = readLines(fd, log_buffer) ? 0 : 1;
+    cleanUpNow = readLines(fd, &log_buffer) ? 0 : 1;
     pthread_cleanup_pop(cleanUpNow);
     if (cleanUpNow == 0) { // the handler and its report are for early ends
         std::free(log_buffer);
@@ -85,8 +86,9 @@ void KernelReader::run() {
 }
 
 /** Reads and stores lines until the thread is to end. False when its wait for output failed. */
-bool KernelReader::readLines(int fd, char* buffer) {
-    KernelSplitter splitter(buffer, kTextSize);
+bool KernelReader::readLines(int fd, char** buffer) {
+    KernelSplitter splitter(buffer, kTextSize, kLongestLine);
+    SourceCounts::Run run(mCounts);
     uint32_t finishBytes = 0;
     while (mState.mKLogThreadRunning) {
         bool finishing = mFinish.made();
@@ -102,7 +104,8 @@ bool KernelReader::readLines(int fd, char* buffer) {
         }
         if (length <= 0) {
             if (finishing) {
-                storeUnfinished(splitter);
+                splitter.end();
+                storeLines(splitter);
                 return true;
             }
             awaitText(length < 0 ? fd : -1, length < 0 ? kForever : kEndOfFilePauseMs);
@@ -130,21 +133,28 @@ void KernelReader::awaitText(int fd, int timeoutMs) const {
 void KernelReader::storeLines(KernelSplitter& splitter) {
     KernelLine line;
     while (mState.mKLogThreadRunning && splitter.next(&line)) {
-        if ((line.continued || line.length > 1) && line.priority <= mState.mKLogLevel &&
-            mSink.wants(mState.mKLogToFile, line.text, line.length) &&
-            !mSink.put(line.text, line.length, rankOf(line.priority)))
-            logError("kernelLogReader logBufWrite failed\n");
+        mCounts.take(1);
+        mCounts.settle(store(line));
         mFinish.step();
     }
 }
 
-/** Ends the line for which no newline has come. */
-void KernelReader::storeUnfinished(KernelSplitter& splitter) {
-    if (!splitter.unfinished())
-        return;
-    *splitter.chunk() = '\n';
-    splitter.add(1);
-    storeLines(splitter);
+/** Puts a line into the sink if it is to be stored. */
+Fate KernelReader::store(const KernelLine& line) {
+    if (line.length <= 1 || line.priority > mState.mKLogLevel)
+        return Fate::Filtered;
+    switch (mSink.wish(mState.mKLogToFile, line.text, line.length)) {
+    case Wish::NotStored:
+        return Fate::Filtered;
+    case Wish::Missed:
+        return Fate::Refused;
+    case Wish::Stored:
+        break;
+    }
+    if (mSink.put(line.text, line.length, rankOf(line.priority)))
+        return Fate::Stored;
+    logError("kernelLogReader logBufWrite failed\n");
+    return Fate::Refused;
 }
 
 bool KernelReader::clear() {

@@ -5,10 +5,12 @@
 #include "sources/FinishRequest.h"
 #include "sources/KernelState.h"
 #include "sources/LineSink.h"
+#include "sources/SourceCounts.h"
 
 namespace vnlog {
 
 class KernelSplitter;
+struct KernelLine;
 
 /** Reads the kernel's log and puts the lines whose priority passes into the sink. */
 class KernelReader {
@@ -28,18 +30,21 @@ class KernelReader {
     [[nodiscard]] bool clear();
     /** Releases what run holds; the argument is its cleanup record. */
     static void cleanUp(void* record);
+    /** What has become of its lines; any thread. */
+    const SourceCounts& counts() const { return mCounts; }
 
   private:
     [[nodiscard]] FileDescriptor open();
-    bool readLines(int fd, char* buffer);
+    bool readLines(int fd, char** buffer);
     void storeLines(KernelSplitter& splitter);
-    void storeUnfinished(KernelSplitter& splitter);
+    Fate store(const KernelLine& line);
     void awaitText(int fd, int timeoutMs) const;
 
     KernelState& mState;
     const platform::SystemRoot& mSystemRoot;
     LineSink& mSink;
     FinishRequest mFinish;
+    SourceCounts mCounts;
 };
 
 } // namespace vnlog

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 
 namespace vnlog {
@@ -37,33 +38,49 @@ void KernelSplitter::add(uint32_t length) {
 }
 
 bool KernelSplitter::next(KernelLine* line) {
+    if (mWithin && mStart < mLength && mBuffer[mStart] == '\n') { // the part before was the whole line
+        ++mStart;
+        mWithin = false;
+    }
     char* text = mBuffer + mStart;
     uint32_t left = mLength - mStart;
     char* newline = static_cast<char*>(std::memchr(text, '\n', left));
     if (newline != nullptr) {
         mStart += static_cast<uint32_t>(newline + 1 - text);
-        takeLine(text, newline + 1, newline, line);
+        takeLine(text, newline, line);
+        mWithin = false;
         return true;
     }
     std::memmove(mBuffer, text, left);
     mStart = 0;
     mLength = left;
-    if (left < mSize)
+    if (left < mUsualSize / 2 && mSize > mUsualSize)
+        (void)resize(mUsualSize); // the long line is over
+    if (room() > 0 || (mSize < mLongestLine && resize(std::min(mSize * 2, mLongestLine))))
         return false;
     mLength = 0;
-    takeLine(mBuffer, mBuffer + left, nullptr, line);
+    mBuffer[left] = '\n';
+    takeLine(mBuffer, mBuffer + left, line);
+    mWithin = true;
     return true;
 }
 
-/** Makes a line, or the part that ends at `end` where `newline` is null. */
-void KernelSplitter::takeLine(const char* start, const char* end, const char* newline, KernelLine* line) {
-    line->continued = mWithin;
+bool KernelSplitter::resize(uint32_t size) {
+    void* resized = std::realloc(mBuffer, size);
+    if (resized == nullptr)
+        return false;
+    mBuffer = static_cast<char*>(resized);
+    mSize = size;
+    return true;
+}
+
+/** Makes a line of the text before `newline`. */
+void KernelSplitter::takeLine(const char* start, const char* newline, KernelLine* line) {
     if (!mWithin)
-        mPriority = takePriority(&start, newline != nullptr ? newline : end);
+        mPriority = takePriority(&start, newline);
     line->priority = mPriority;
     line->text = start;
-    line->length = static_cast<uint32_t>(end - start);
-    mWithin = newline == nullptr;
+    line->length = static_cast<uint32_t>(newline + 1 - start);
 }
 
 } // namespace vnlog

@@ -7,6 +7,13 @@
 
 namespace vnlog {
 
+/** What is wanted of a line. */
+enum class Wish {
+    Stored,
+    NotStored, ///< the user does not want that
+    Missed, ///< the user would like that, but the storage is full
+};
+
 /** Where the readers put the lines that are to be stored. On the reader's thread, which may be cancelled
  * inside. */
 class LineSink {
@@ -26,12 +33,13 @@ class LineSink {
      * as lost.
      */
     virtual bool leaveOut(const char*, uint32_t) { return false; }
-    /**
-     * Whether a line that would be stored is to be put, by the switch of its source; counts it as lost
-     * otherwise where the storage is full.
-     */
-    bool wants(const Flag& toFile, const char* line, uint32_t length) {
-        return toFile || (!leaveOut(line, length) && toFile);
+    /** Whether a line is to be put, by the switch of its source; one that is missed is counted as lost. */
+    Wish wish(const Flag& toFile, const char* line, uint32_t length) {
+        if (toFile)
+            return Wish::Stored;
+        if (leaveOut(line, length))
+            return Wish::Missed;
+        return toFile ? Wish::Stored : Wish::NotStored;
     }
 
   protected:
