@@ -194,7 +194,9 @@ CommandAnswer Dispatcher::setStorageRoot(const char* param) {
     }
     if (mState.mFlushSwitch)
         logError("error: Please turn off the storage function\n");
-    mTargets.store.changeRoot(param);
+    RootChangeStatus status = mTargets.store.changeRoot(param);
+    if (status == RootChangeStatus::Taken || status == RootChangeStatus::NotPrepared)
+        return {-1}; // reported there
     if (folder.close() != 0) {
         logError("Failed to close the directory [%s]", param);
         logErrno();

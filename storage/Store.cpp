@@ -11,6 +11,7 @@
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace vnlog {
 
@@ -34,14 +35,14 @@ Store::Store(StorageState& state, Mutex<StorageLock>& lock, Ring& ring, FileWork
              const platform::SystemRoot& systemRoot)
     : mState(state), mLock(lock), mRing(ring), mFiles(files), mNumbers(state),
       mRetention(state, mNumbers, files), mRecovery(state, mNumbers, mRetention, files),
-      mRootChange(state, systemRoot, mNumbers, mRecovery), mFolders(state, files), mSections(files) {}
+      mRootChange(state, systemRoot, mRecovery), mFolders(state, files), mSections(files) {}
 
 Store::~Store() {
     closeSection();
     LockGuard<StorageLock> lock(mLock);
     mRoot.release();
-    std::free(mState.mSavePath);
-    mState.mSavePath = nullptr;
+    std::free(std::exchange(mState.mSavePath, nullptr));
+    std::free(std::exchange(mState.mConfiguredPath, nullptr));
 }
 
 SaveResult Store::save(uint32_t count) {
@@ -352,37 +353,66 @@ bool Store::saveNumbers() {
     return saved;
 }
 
-void Store::changeRoot(const char* root) {
-    if (isRoot(root))
-        return;
+RootChangeStatus Store::changeRoot(const char* root) {
     LockGuard<StorageLock> lock(mLock);
-    if (!mRootChange.move(root))
+    bool there = mState.mSavePath != nullptr && std::strcmp(root, mState.mSavePath) == 0;
+    RootChangeStatus status = there ? RootChangeStatus::Unchanged : prepareAndMove(root);
+    if (status == RootChangeStatus::Done || status == RootChangeStatus::Unchanged)
+        std::free(std::exchange(mState.mConfiguredPath, nullptr)); // which `root` may be
+    return status;
+}
+
+RootChangeStatus Store::prepareAndMove(const char* root) {
+    if (mRoot.isAt(root)) // by another path
+        return mRootChange.rename(root) ? RootChangeStatus::Done : RootChangeStatus::NotPrepared;
+    const bool back = mEarlierRoot.isAt(root); // where the open section is: it is closed off with its run
+    RootLock taken;
+    RootLock::Status locked = back ? RootLock::Status::Held : taken.take(root);
+    if (locked == RootLock::Status::Taken)
+        return RootChangeStatus::Taken;
+    if (back)
+        syncText();
+    RootTrial trial(mState, mFiles);
+    RootStatus result = locked == RootLock::Status::Held ? trial.prepare(root) : RootStatus::NoLogFolder;
+    if (result != RootStatus::Ready) {
+        logError("error: failed to init log storage, ret=%d\n", static_cast<int>(result));
+        leaveLostSection(); // its run may have been closed off before the step that failed
+        return RootChangeStatus::NotPrepared;
+    }
+    logDebug("STORAGE_PATH changed (%s ==> %s)\n", mState.mSavePath, root);
+    trial.apply(&mState, &mNumbers);
+    moveLock(back ? &mEarlierRoot : &taken);
+    mBoundPending = mCompressPending = mFinishRetried = false; // a section that was cut stays where it is
+    mTakeOverPending = false;
+    mWatch.note(mState.mLogServiceDir);
+    return RootChangeStatus::Done;
+}
+
+/** Keeps the root before as long as its section is open, unless that one is the new root. */
+void Store::moveLock(RootLock* taken) {
+    if (taken == &mEarlierRoot) {
+        mRoot.release();
+        mRoot = std::move(mEarlierRoot);
+        closeText();
+        mRootChanged = false;
         return;
+    }
     if (mState.mLogFd >= 0 && !mRootChanged) {
         mEarlierRoot = std::move(mRoot);
         mRootChanged = true;
     }
     mRoot.release();
-    if (mEarlierRoot.isAt(root)) { // back where the open section is: it is closed off with its run
-        mRoot = std::move(mEarlierRoot);
-        syncAndClose();
-    }
-    mBoundPending = mCompressPending = mFinishRetried = false; // a section that was cut stays where it is
-    RootStatus result = RootStatus::NoLogFolder;
-    if (mRoot.take(mState.mSavePath) == RootLock::Status::Held)
-        result = mRootChange.prepare();
-    mTakeOverPending = result != RootStatus::Ready;
-    if (mTakeOverPending)
-        logError("error: failed to init log storage, ret=%d\n", static_cast<int>(result));
-    if (mRoot.held() && !mNumbers.save())
-        logError("the storage data of [%s] failed to save !\n", root);
-    mWatch.note(mState.mLogServiceDir);
+    mRoot = std::move(*taken);
 }
 
-// The next two are for commands, which alone change what they read.
+// The next three are for commands, which alone change what they read.
 
-bool Store::isRoot(const char* root) const VNLOG_UNCHECKED {
-    return mState.mSavePath != nullptr && std::strcmp(root, mState.mSavePath) == 0;
+const char* Store::awaitedRoot() const VNLOG_UNCHECKED {
+    return mState.mConfiguredPath;
+}
+
+const char* Store::root() const VNLOG_UNCHECKED {
+    return mState.mSavePath;
 }
 
 const char* Store::logFolder() const VNLOG_UNCHECKED {

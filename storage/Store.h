@@ -13,6 +13,13 @@
 
 namespace vnlog {
 
+enum class RootChangeStatus {
+    Done,
+    Unchanged, ///< it is there already
+    Taken, ///< another service has the root
+    NotPrepared, ///< it cannot be put in order, or nothing can be written there
+};
+
 /**
  * The stored log: appends batches from the ring to the active section, cuts and compresses that when it is
  * full, keeps the bound, changes the root, and puts in order what a start finds. Operations take the storage
@@ -57,10 +64,16 @@ class Store final : public BatchTarget {
     // --- commands
 
     /**
-     * Moves the store to `root`, a folder that can be opened, unless it is there already. The section that is
-     * open stays where it is; the flush thread finds that out at its next cut and goes on under the new root.
+     * Moves the store to `root`, a folder that can be opened; a root that is waited for is so no more then.
+     * The section that is open stays where it is; the flush thread finds that out at its next cut and goes on
+     * under the new root. A failure, which is reported, leaves all as it was but for what lies under `root`.
      */
-    void changeRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
+    [[nodiscard]] RootChangeStatus changeRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
+    /** The configured root that is to be used as soon as it can be opened, null when none is. Valid until the
+     * next change of the root; for the holder of the command lock. */
+    const char* awaitedRoot() const;
+    /** The root in force; likewise. */
+    const char* root() const;
     /** Whether a folder is the log folder or lies inside it, by way of links as well. */
     bool contains(const char* folder) const;
     /** Whether copyTo takes `target`. These three need no lock: only commands, which call them, change the
@@ -100,8 +113,9 @@ class Store final : public BatchTarget {
     void syncText() VNLOG_REQUIRES(StorageLock::role);
     void closeText() VNLOG_REQUIRES(StorageLock::role);
     void syncAndClose() VNLOG_REQUIRES(StorageLock::role);
+    RootChangeStatus prepareAndMove(const char* root) VNLOG_REQUIRES(StorageLock::role);
+    void moveLock(RootLock* taken) VNLOG_REQUIRES(StorageLock::role);
     void lookAgain() VNLOG_REQUIRES(StorageLock::role);
-    bool isRoot(const char* root) const;
     const char* logFolder() const;
 
     StorageState& mState;

@@ -293,13 +293,13 @@ TEST_F(StoreTest, RootChangeLeavesTheOldNumbersBehind) {
     std::string first = root, other = home + "/other", current = other + "/log_service/current";
     makeFolder(other);
     ASSERT_TRUE(start() && saved(std::string(70000, 'a')) && saved(std::string(70000, 'b')));
-    store->changeRoot(other.c_str());
+    EXPECT_EQ(store->changeRoot(other.c_str()), RootChangeStatus::Done);
     EXPECT_EQ(four() + dataText("0 0 0 1"), "0 0 0 1" + readFile(other + "/log_storage.dat"));
     EXPECT_EQ(save(std::string(65536, 'c')).status, SaveStatus::RootMoved);
     EXPECT_EQ(readFile(first + "/log_service/current/log_3.txt").size(), 65536u) << "the section stays there";
     EXPECT_EQ(store->save(ring.used()).status, SaveStatus::Saved);
     EXPECT_EQ(readFile(current + "/log_3.txt"), std::string(8928, 'c'));
-    store->changeRoot(first.c_str());
+    EXPECT_EQ(store->changeRoot(first.c_str()), RootChangeStatus::Done);
     EXPECT_EQ(readFile(data()), dataText(std::to_string(storedArchiveBytes(logs)) + " 1 1 1"));
     std::string longest = "/" + std::string(239 - logs.size(), 'x');
     EXPECT_TRUE(store->copyTargetUsable(longest.c_str()) && store->copyTo(current.c_str()));
@@ -550,10 +550,25 @@ class StoreModelTest : public StoreTest {
         if (opened != root)
             store->closeSection();
     }
+    /** To a root that is taken, full or nothing to store under, or to a good one. */
     void changeRoot() {
+        RootLock somebody;
+        unsigned harm = below(6);
+        bool taken = harm == 0 && somebody.take(other.c_str()) == RootLock::Status::Held, full = harm == 1;
+        std::string before = state.mSavePath + four() + tree() + readFile(data());
+        faults.writeError = full ? ENOSPC : 0;
+        RootChangeStatus status = store->changeRoot(harm == 2 ? "/proc" : other.c_str());
+        faults.writeError = 0;
+        if (taken || full || harm == 2) {
+            EXPECT_EQ(status, taken ? RootChangeStatus::Taken : RootChangeStatus::NotPrepared);
+            EXPECT_EQ(before, state.mSavePath + four() + tree() + readFile(data()));
+            check(root);
+            return check(other, full);
+        }
+        EXPECT_EQ(status, RootChangeStatus::Done);
         root.swap(other);
         logs = root + "/log_service";
-        store->changeRoot(root.c_str());
+        EXPECT_EQ(store->changeRoot(root.c_str()), RootChangeStatus::Unchanged);
         check(root);
         EXPECT_EQ(readFile(data()), dataText(four()));
         byHand = false;
