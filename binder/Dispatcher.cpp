@@ -210,7 +210,9 @@ CommandAnswer Dispatcher::copyStorage(const char* param) {
         logError("%s dir does not exist,Please check!\n", param);
         return {0};
     }
-    if (mTargets.store.copyTo(param))
+    CopyTotals totals;
+    std::string reason;
+    if (mTargets.store.copyTo(param, &totals, &reason) == CopyStatus::Done)
         logDebug("log copy success\n");
     else
         logError("fail to copy log files\n");

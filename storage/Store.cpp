@@ -3,6 +3,7 @@
 #include "base/Diagnostics.h"
 #include "base/Files.h"
 #include "base/Handles.h"
+#include "storage/FileSteps.h"
 #include "storage/Layout.h"
 
 #include <algorithm>
@@ -58,6 +59,8 @@ SaveResult Store::save(uint32_t count) {
     else if (status != SaveStatus::Saved && lackOfRoom(batch.error))
         status = SaveStatus::MediumFull;
     mRootChanged = mRootChanged && mState.mLogFd >= 0;
+    if (status != SaveStatus::Saved && status != SaveStatus::RootMoved)
+        ++mFailures;
     return {status, batch.moved};
 }
 
@@ -239,6 +242,7 @@ bool Store::finishSection() {
         return false;
     }
     mCompressPending = false;
+    ++mCuts;
     mBoundPending = true; // until it is known to hold
     countFinished();
     bool pointed = pointOldestAtFinishedSection();
@@ -430,8 +434,54 @@ bool Store::copyTargetUsable(const char* target) const {
     return shellSafe(target) && mFiles.copyFits(logFolder(), target);
 }
 
-bool Store::copyTo(const char* target) {
-    return mFiles.copyTree(logFolder(), target);
+CopyStatus Store::copyTo(const char* target, CopyTotals* totals, std::string* reason) {
+    *totals = {};
+    auto failed = [&](CopyStatus status) {
+        char text[128];
+        *reason = strerror_r(errno, text, sizeof text);
+        return status;
+    };
+    errno = ENAMETOOLONG;
+    if (!copyTargetUsable(target) || !Folder(target).valid())
+        return failed(CopyStatus::NoFolder);
+    Path copy = entryPath(target, kLogFolder);
+    errno = EINVAL;
+    if (contains(target) || contains(copy.text))
+        return failed(CopyStatus::Inside);
+    CopyTotals stored, replaced;
+    addUpTree(AT_FDCWD, logFolder(), &stored);
+    addUpTree(AT_FDCWD, copy.text, &replaced);
+    errno = ENOSPC;
+    if (stored.bytes > availableBytes(target) + replaced.bytes)
+        return failed(CopyStatus::NoRoom);
+    if (mFiles.copyTree(logFolder(), target, totals))
+        return CopyStatus::Done;
+    return failed(lackOfRoom(errno) ? CopyStatus::NoRoom : CopyStatus::Partial);
+}
+
+StoreExtent Store::extent() {
+    LockGuard<StorageLock> lock(mLock);
+    StoreExtent extent{};
+    const bool open = mState.mLogFd >= 0 && !mRootChanged; // else it is no part of this root
+    extent.bytes =
+        uint64_t{mState.mTotalLogSize} + mState.mCurrentTotalSize + (open ? mState.mCurLogSize : 0);
+    extent.bound = static_cast<uint64_t>(std::max(mState.mMaxLogSize, 0)) << 20;
+    Listing listing(mState.mLogServiceDir);
+    StoredEntry entry;
+    extent.oldestRun = kNoNumber;
+    while (listing.valid() && listing.next(&entry)) {
+        if (!entry.isRun())
+            continue;
+        ++extent.runs;
+        extent.oldestRun = std::min(extent.oldestRun, entry.number);
+        extent.newestRun = std::max(extent.newestRun, entry.number);
+    }
+    extent.oldestRun = extent.runs > 0 ? extent.oldestRun : 0;
+    RunContent current;
+    (void)lookIntoRun(mState.mCurrentDir, &current, Look::Names); // without a folder there are none
+    extent.sections = current.archives + (open ? 1 : 0);
+    extent.freeBytes = mState.mSavePath != nullptr ? availableBytes(mState.mSavePath) : 0;
+    return extent;
 }
 
 int Store::openOlderText() {

@@ -35,7 +35,9 @@ class FakeFiles final : public FileWork {
     }
     bool removeTree(const char* p) override { return works() && (lying || fs::remove_all(p) + 1); }
     bool removeAll(const char* b) override { return works() && real.removeAll(b); }
-    bool copyTree(const char* f, const char* to) override { return works() && real.copyTree(f, to); }
+    bool copyTree(const char* f, const char* to, CopyTotals* t) override {
+        return works() && real.copyTree(f, to, t);
+    }
     bool moveFolder(const char* f, const char* to) override { return works() && real.moveFolder(f, to); }
 
   private:
@@ -302,8 +304,24 @@ TEST_F(StoreTest, RootChangeLeavesTheOldNumbersBehind) {
     EXPECT_EQ(store->changeRoot(first.c_str()), RootChangeStatus::Done);
     EXPECT_EQ(readFile(data()), dataText(std::to_string(storedArchiveBytes(logs)) + " 1 1 1"));
     std::string longest = "/" + std::string(239 - logs.size(), 'x');
-    EXPECT_TRUE(store->copyTargetUsable(longest.c_str()) && store->copyTo(current.c_str()));
+    EXPECT_TRUE(store->copyTargetUsable(longest.c_str()));
     EXPECT_FALSE(store->copyTargetUsable((longest + "x").c_str()) || store->copyTargetUsable("/two words"));
+    CopyTotals totals;
+    std::string reason;
+    auto copied = [&](const std::string& to) { return store->copyTo(to.c_str(), &totals, &reason); };
+    EXPECT_TRUE(copied(longest) == CopyStatus::NoFolder && copied(data()) == CopyStatus::NoFolder);
+    EXPECT_TRUE(copied(first) == CopyStatus::Inside && copied(at("c")) == CopyStatus::Inside);
+    faults.freeBytes = 99;
+    EXPECT_TRUE(copied(home) == CopyStatus::NoRoom && reason == "No space left on device");
+    faults.freeBytes = -1;
+    files.untilError = 0, files.error = ENOSPC;
+    EXPECT_EQ(copied(home), CopyStatus::NoRoom);
+    EXPECT_TRUE(copied(home) == CopyStatus::Done && storedText(home + "/log_service") == storedText(logs));
+    files.untilError = 0, files.error = EIO;
+    EXPECT_TRUE(copied(home) == CopyStatus::Partial && reason == "Input/output error");
+    StoreExtent extent = store->extent();
+    EXPECT_TRUE(extent.bytes == storedArchiveBytes(logs) && extent.runs == 1 && extent.sections == 0);
+    EXPECT_TRUE(store->counts().cuts == 2 && store->counts().failures == 0);
 }
 
 /** What an earlier life can leave. Starting twice changes nothing more. The start's archives have 7 bytes. */
