@@ -64,6 +64,13 @@ uint32_t freeSpace(const char* path) {
     return static_cast<uint32_t>(std::min(blocks * info.f_bsize, limit));
 }
 
+uint64_t availableBytes(const char* path) {
+    struct statvfs info;
+    if (statvfs(path, &info) != 0)
+        return 0;
+    return static_cast<uint64_t>(geteuid() == 0 ? info.f_bfree : info.f_bavail) * info.f_frsize;
+}
+
 OwnFolder ownFolder(const char* path) {
     struct stat info;
     int error = 0;

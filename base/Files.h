@@ -22,6 +22,9 @@ uint32_t fileSize(const char* path);
 /** Free bytes of the file system that holds `path`, at most 4294967295; 0, reported, when it cannot tell. */
 uint32_t freeSpace(const char* path);
 
+/** The same without that limit, and only what this user may take; not reported. */
+uint64_t availableBytes(const char* path);
+
 enum class OwnFolder { Missing, Ours, Refused };
 
 /**

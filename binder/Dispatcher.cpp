@@ -205,7 +205,9 @@ CommandAnswer Dispatcher::setStorageRoot(const char* param) {
     }
     if (mState.mFlushSwitch)
         logError("error: Please turn off the storage function\n");
-    mTargets.store.changeRoot(param);
+    RootChangeStatus status = mTargets.store.changeRoot(param);
+    if (status == RootChangeStatus::Taken || status == RootChangeStatus::NotPrepared)
+        return {-1}; // reported there
     if (folder.close() != 0) {
         logError("Failed to close the directory [%s]", param);
         logErrno();
@@ -219,7 +221,9 @@ CommandAnswer Dispatcher::copyStorage(const char* param) {
         logError("%s dir does not exist,Please check!\n", param);
         return {0};
     }
-    if (mTargets.store.copyTo(param))
+    CopyTotals totals;
+    std::string reason;
+    if (mTargets.store.copyTo(param, &totals, &reason) == CopyStatus::Done)
         logDebug("log copy success\n");
     else
         logError("fail to copy log files\n");

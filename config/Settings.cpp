@@ -378,8 +378,10 @@ bool Settings::save() {
     return false;
 }
 
-/** The storage root; commands alone change it, so that a save need not wait for the flush thread. */
+/** The configured root; commands alone change it, so that a save need not wait for the flush thread. */
 const char* Settings::root() const VNLOG_UNCHECKED {
+    if (mState.mConfiguredPath != nullptr)
+        return mState.mConfiguredPath;
     return mState.mSavePath != nullptr ? mState.mSavePath : "";
 }
 

@@ -1,6 +1,7 @@
 #include "service/Comeback.h"
 
 #include "base/Diagnostics.h"
+#include "base/Handles.h"
 #include "base/Semaphores.h"
 #include "service/Parts.h"
 
@@ -38,6 +39,10 @@ void Comeback::awaitStorage() {
     begin();
 }
 
+void Comeback::awaitRoot() {
+    begin();
+}
+
 void Comeback::awaitRoom() {
     mCause = Cause::Full;
     mWanted = missed();
@@ -58,16 +63,24 @@ bool Comeback::missed() const {
     case Cause::None:
         return false;
     case Cause::NotPrepared:
-        return mFlags[LogService::FLUSH_THREAD] || mFlags[LogService::KERNEL_READER];
+        return storingAsked();
     case Cause::Full:
         return mService.mStorageFull; // the user has not switched storing off meanwhile
     }
     return false;
 }
 
+bool Comeback::storingAsked() const {
+    return mFlags[LogService::FLUSH_THREAD] || mFlags[LogService::KERNEL_READER];
+}
+
+bool Comeback::rootMissed() const {
+    return storingAsked() && mParts.store.awaitedRoot() != nullptr;
+}
+
 /** Begins the thread if it is missing. */
 void Comeback::begin() {
-    if (!mAllowed || !mWanted || mAlive)
+    if (!mAllowed || mAlive || !(mWanted || rootMissed()))
         return;
     if (mJoinable)
         pthread_join(mThread, nullptr); // it has let go of the command lock for the last time
@@ -106,7 +119,10 @@ void Comeback::run() {
     for (;;) {
         pause();
         LockGuard<CommandLock> lock(mParts.commandLock);
-        if (mAllowed && mWanted && !tryAgain())
+        // First the root: it may be where there is room.
+        bool missing = mAllowed && rootMissed() && !moveToAwaited();
+        missing = (mAllowed && mWanted && !tryAgain()) || missing;
+        if (missing)
             continue;
         mAlive = false;
         return;
@@ -129,6 +145,20 @@ bool Comeback::tryAgain() {
         return false;
     if (!mParts.settings.save())
         logError("The log configuration failed to save !\n");
+    return true;
+}
+
+/** Moves the store to the configured root once that can be opened; a change that fails says why. */
+bool Comeback::moveToAwaited() {
+    Folder folder(mParts.store.awaitedRoot());
+    if (!folder.valid())
+        return false;
+    Path root, before;
+    formatText(root.text, "%s", mParts.store.awaitedRoot());
+    formatText(before.text, "%s", mParts.store.root());
+    if (mParts.store.changeRoot(root.text) != RootChangeStatus::Done)
+        return false;
+    logDebug("[%s] can be used now; what was stored meanwhile stays under [%s]\n", root.text, before.text);
     return true;
 }
 

@@ -9,8 +9,9 @@ namespace vnlog {
 
 /**
  * Brings storing back: after a start that could not prepare the storage, and after it was given up because
- * the medium was full. A thread tries it every minute; it exists only as long as storing is missed. A try
- * holds the command lock, so that no command runs meanwhile.
+ * the medium was full. Brings it to the configured root when a start could not open that. A thread tries it
+ * every minute; it ends once nothing of this is missed. A try holds the command lock, so that no command runs
+ * meanwhile.
  */
 class Comeback final : public StoringSwitch {
   public:
@@ -24,6 +25,8 @@ class Comeback final : public StoringSwitch {
     void beginRun(const bool* flags) VNLOG_REQUIRES(CommandLock::role);
     /** The storage could not be prepared: begins to try that, if it would be used at all. */
     void awaitStorage() VNLOG_REQUIRES(CommandLock::role);
+    /** Begins to try the configured root, if the store waits for one. */
+    void awaitRoot() VNLOG_REQUIRES(CommandLock::role);
     /**
      * Ends the flush thread of a storing that was given up, if it still runs: what is in the ring is lost.
      * False when it cannot be ended.
@@ -52,6 +55,9 @@ class Comeback final : public StoringSwitch {
     bool roomAgain(bool report);
     bool storeAgain() VNLOG_REQUIRES(CommandLock::role);
     bool makeRing();
+    bool moveToAwaited() VNLOG_REQUIRES(CommandLock::role);
+    bool rootMissed() const VNLOG_REQUIRES(CommandLock::role);
+    bool storingAsked() const VNLOG_REQUIRES(CommandLock::role);
     bool missed() const VNLOG_REQUIRES(CommandLock::role);
 
     LogService& mService;

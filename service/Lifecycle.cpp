@@ -42,6 +42,7 @@ bool Lifecycle::beginService(const bool* flags, bool storing) {
     mService.mServiceStarted = true;
     if (!storing)
         mParts.comeback.awaitStorage();
+    mParts.comeback.awaitRoot();
     return true;
 }
 

@@ -44,6 +44,11 @@ class Bookkeeping {
      * with errno set: the folders cannot be listed, nothing is changed.
      */
     [[nodiscard]] bool takeStock() VNLOG_REQUIRES(StorageLock::role);
+    /** Goes on with what others have counted for a state of their own. */
+    void continueFrom(const Bookkeeping& other) {
+        mOnMedium = other.mOnMedium;
+        mAsRead = other.mAsRead;
+    }
     /** Bytes that the store took on the medium when stock was last taken, with what came and went since. */
     uint64_t onMedium() const { return mOnMedium; }
     void addOnMedium(uint64_t bytes) { mOnMedium += bytes; }

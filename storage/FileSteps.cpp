@@ -30,7 +30,87 @@ bool writeDraft(const char* text, const char* path, const std::function<bool(con
     return fill({text, path, from.get(), file.get(), info}) && fsync(file.get()) == 0;
 }
 
+bool before(const timespec& one, const timespec& other) {
+    return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
+}
+
+/** A comparison of a tree with its copy. */
+class CopyCheck {
+  public:
+    CopyCheck(const struct stat& copy, timespec since, Newer newer)
+        : mCopy(copy), mSince(since), mNewer(newer) {}
+
+    bool folder(int parent, const char* name, int copyParent, const char* copyName) {
+        Folder source(openEntry(parent, name, O_RDONLY | O_DIRECTORY));
+        if (!source.valid())
+            return errno == ENOENT;
+        FileDescriptor copy = openEntry(copyParent, copyName, O_RDONLY | O_DIRECTORY);
+        bool holds = copy.valid();
+        while (const dirent* found = holds ? source.next() : nullptr)
+            holds = entry(source, found->d_name, copy.get());
+        return holds && !source.failed();
+    }
+
+  private:
+    bool entry(const Folder& source, const char* name, int copy) {
+        struct stat info, there;
+        if (!source.examine(name, Links::Refused, &info))
+            return errno == ENOENT;
+        if (S_ISDIR(info.st_mode))
+            return same(info, mCopy) || folder(source.descriptor(), name, copy, name);
+        if (!S_ISREG(info.st_mode) && !S_ISLNK(info.st_mode))
+            return true;
+        const bool older = before(info.st_mtim, mSince);
+        if (fstatat(copy, name, &there, AT_SYMLINK_NOFOLLOW) != 0) {
+            bool vanished = !source.examine(name, Links::Refused, &info);
+            errno = ENOENT;
+            return vanished || (!older && mNewer == Newer::Exempt);
+        }
+        errno = EEXIST;
+        if ((there.st_mode & S_IFMT) != (info.st_mode & S_IFMT))
+            return false;
+        errno = EIO;
+        return !older || there.st_size >= info.st_size || S_ISLNK(info.st_mode);
+    }
+
+    const struct stat mCopy;
+    const timespec mSince;
+    const Newer mNewer;
+};
+
 } // namespace
+
+FileDescriptor openEntry(int folder, const char* name, int flags, mode_t mode) {
+    int fd;
+    do
+        fd = openat(folder, name, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
+    while (fd < 0 && errno == EINTR);
+    return FileDescriptor(fd);
+}
+
+bool same(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+void addUpTree(int parent, const char* name, CopyTotals* totals) {
+    Folder folder(openEntry(parent, name, O_RDONLY | O_DIRECTORY));
+    struct stat info;
+    while (const dirent* entry = folder.valid() ? folder.next() : nullptr) {
+        if (!folder.examine(entry->d_name, Links::Refused, &info))
+            continue;
+        if (S_ISDIR(info.st_mode))
+            addUpTree(folder.descriptor(), entry->d_name, totals);
+        if (!S_ISREG(info.st_mode))
+            continue;
+        ++totals->files;
+        totals->bytes += static_cast<uint64_t>(info.st_size);
+    }
+}
+
+bool copyHolds(const char* from, const char* copy, timespec since, Newer newer) {
+    struct stat info;
+    return lstat(copy, &info) == 0 && CopyCheck(info, since, newer).folder(AT_FDCWD, from, AT_FDCWD, copy);
+}
 
 const char* lastName(const char* path) {
     const char* slash = std::strrchr(path, '/');

@@ -1,5 +1,9 @@
 #pragma once
 
+#include "base/Handles.h"
+#include "storage/FileWork.h"
+
+#include <ctime>
 #include <functional>
 #include <sys/stat.h>
 
@@ -32,5 +36,26 @@ bool canMove(const char* from, const char* to);
 
 /** Whether something other than a link is at `path`. False with errno set. */
 bool isNoLink(const char* path);
+
+/** openFile for an entry of an open folder, or AT_FDCWD; a link there is refused. */
+[[nodiscard]] FileDescriptor openEntry(int folder, const char* name, int flags, mode_t mode = 0);
+
+/** Whether both are one file. */
+bool same(const struct stat& one, const struct stat& other);
+
+/** Adds up a tree; what cannot be looked at is left out. */
+void addUpTree(int parent, const char* name, CopyTotals* totals);
+
+/** What is asked of files that were changed while the copy was made. */
+enum class Newer {
+    Present, ///< that the copy has them, in any length
+    Exempt, ///< nothing
+};
+/**
+ * Whether `copy` has all files and links of the tree `from`, itself left out, and each file that was last
+ * changed before `since` (CLOCK_REALTIME_COARSE, as of the files' times) in its full length. False with errno
+ * set.
+ */
+[[nodiscard]] bool copyHolds(const char* from, const char* copy, timespec since, Newer newer);
 
 } // namespace vnlog

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 namespace vnlog {
@@ -12,6 +13,12 @@ constexpr size_t kLongestWorkPath = 240;
 constexpr size_t longestCopyTarget(size_t folderLength) {
     return folderLength < kLongestWorkPath ? kLongestWorkPath - folderLength : 0;
 }
+
+/** The regular files of a tree. */
+struct CopyTotals {
+    uint32_t files = 0;
+    uint64_t bytes = 0; ///< sum of their sizes
+};
 
 /**
  * The work on files that the store leaves to others: one form of it per way to do it. All paths are plain
@@ -43,9 +50,10 @@ class FileWork {
     /**
      * Copies the folder `from` into the folder `into`, which may be a link to one, and waits until the medium
      * has it. Files that are there already are replaced, links copied as links. What vanishes from `from`
-     * meanwhile is left out; after a failure all that can be copied is.
+     * meanwhile is left out, but not what takes its place; after a failure all that can be copied is.
+     * `totals` tells what lies in the copy afterwards, in any case.
      */
-    virtual bool copyTree(const char* from, const char* into) = 0;
+    virtual bool copyTree(const char* from, const char* into, CopyTotals* totals) = 0;
     /** Whether the two paths are short enough for that. */
     virtual bool copyFits(const char* from, const char* into) const {
         return std::strlen(into) <= longestCopyTarget(std::strlen(from));

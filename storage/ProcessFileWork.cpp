@@ -17,15 +17,6 @@ namespace {
 
 // Below a folder, everything is named by the folder's descriptor: names of others may be long and trees deep.
 
-/** openFile for an entry of an open folder; a link there is refused. */
-FileDescriptor openEntry(int folder, const char* name, int flags, mode_t mode = 0) {
-    int fd;
-    do
-        fd = openat(folder, name, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
-    while (fd < 0 && errno == EINTR);
-    return FileDescriptor(fd);
-}
-
 /** The steps of one operation of which each is tried, whatever becomes of the others. */
 class Steps {
   public:
@@ -77,14 +68,13 @@ bool removeEntry(int parent, const char* name) {
 
 constexpr size_t kPiece = 16384; ///< bytes that are copied at a time; no link is as long
 
-bool same(const struct stat& one, const struct stat& other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
 /** One copy of a tree. Its operations are done as well when what they are to copy has vanished. */
 class TreeCopy {
   public:
     explicit TreeCopy(char* buffer) : mBuffer(buffer) {}
+
+    /** From here on only what the copy has not got. */
+    void copyMissing() { mMissingOnly = true; }
 
     /** Copies a folder under another name; its own copy is left out where it lies inside. */
     bool folder(int parent, const char* name, int into, const char* copyName) {
@@ -122,11 +112,13 @@ class TreeCopy {
 
     /** Copies what is neither folder, file nor link by leaving it out. */
     bool entry(int from, const char* name, int into) {
-        struct stat info;
+        struct stat info, there;
         if (fstatat(from, name, &info, AT_SYMLINK_NOFOLLOW) != 0)
             return errno == ENOENT;
         if (S_ISDIR(info.st_mode))
             return same(info, mCopy) || folder(from, name, into, name);
+        if (mMissingOnly && fstatat(into, name, &there, AT_SYMLINK_NOFOLLOW) == 0)
+            return true;
         if (S_ISLNK(info.st_mode))
             return link(from, name, into);
         return !S_ISREG(info.st_mode) || file(from, name, into);
@@ -162,6 +154,7 @@ class TreeCopy {
 
     char* mBuffer;
     bool mBegun = false;
+    bool mMissingOnly = false;
     struct stat mCopy {}; ///< of the folder that it makes
 };
 
@@ -197,13 +190,19 @@ bool ProcessFileWork::moveFolder(const char* from, const char* to) {
     return reported(canMove(from, to) && rename(from, to) == 0, "move", from);
 }
 
-bool ProcessFileWork::copyTree(const char* from, const char* into) {
+bool ProcessFileWork::copyTree(const char* from, const char* into, CopyTotals* totals) {
     FileDescriptor target = openFile(into, O_RDONLY | O_DIRECTORY);
     Text buffer = target.valid() ? allocateText(kPiece) : nullptr;
     Steps steps;
-    steps.add(buffer != nullptr &&
-              TreeCopy(buffer.get()).folder(AT_FDCWD, from, target.get(), lastName(from)));
-    steps.add(!target.valid() || syncfs(target.get()) == 0);
+    steps.add(buffer != nullptr);
+    if (buffer != nullptr) {
+        TreeCopy copy(buffer.get());
+        steps.add(copy.folder(AT_FDCWD, from, target.get(), lastName(from)));
+        copy.copyMissing(); // a text that has become an archive meanwhile
+        steps.add(copy.folder(AT_FDCWD, from, target.get(), lastName(from)));
+        steps.add(syncfs(target.get()) == 0);
+        addUpTree(target.get(), lastName(from), totals);
+    }
     return reported(steps.done(), "copy", from);
 }
 

@@ -13,7 +13,7 @@ class ProcessFileWork final : public FileWork {
     bool removeTree(const char* path) override;
     bool removeAll(const char* beginning) override;
     bool moveFolder(const char* from, const char* to) override;
-    bool copyTree(const char* from, const char* into) override;
+    bool copyTree(const char* from, const char* into, CopyTotals* totals) override;
 
   private:
     Compressor mCompressor; ///< compress alone uses it

@@ -148,6 +148,7 @@ DeleteStatus Retention::deleteFromRun(const RunReports& reports, uint32_t* delet
         reportRemoval(reports.sectionNumber, section.text);
         return reports.sectionStays;
     }
+    ++mDeletions;
     *deleted += size;
     uint32_t oldest = mState.mOldestFileNum + 1;
     while (oldest < mState.mOldestFileNum + kProbes && !holdsSection(run.text, oldest))
@@ -215,6 +216,7 @@ DeleteStatus Retention::deleteFromCurrent(uint32_t* deleted, bool* lastGone) {
         reportRemoval(2849, section.text);
         return DeleteStatus::CurrentSectionStays;
     }
+    ++mDeletions;
     *deleted += size;
     mState.mCurrentTotalSize -= std::min(size, mState.mCurrentTotalSize);
     uint32_t next = mState.mOldestFileNum + 1;

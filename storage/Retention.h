@@ -3,6 +3,7 @@
 #include "storage/Bookkeeping.h"
 #include "storage/RunMender.h"
 
+#include <atomic>
 #include <cstdint>
 
 namespace vnlog {
@@ -51,6 +52,8 @@ class Retention final : public RoomMaker {
      * failure the numbers may be ahead of their file; stock is to be taken then.
      */
     [[nodiscard]] DeleteStatus deleteOldest() VNLOG_REQUIRES(StorageLock::role);
+    /** Sections that have been deleted one by one; any thread. */
+    uint32_t deletions() const { return mDeletions; }
     /** Deletes every stored log and resets the numbers. False when those could not be saved. */
     bool deleteAll() VNLOG_REQUIRES(StorageLock::role);
 
@@ -87,6 +90,7 @@ class Retention final : public RoomMaker {
     Bookkeeping& mNumbers;
     FileWork& mFiles;
     RunMender mMender;
+    std::atomic<uint32_t> mDeletions{0};
     bool mUnsaved = false; ///< deletions have changed the numbers since they were saved
     int mError = 0; ///< of the last removal that the system refused
     bool mResisted = false; ///< what is listed could not be removed although the system did not refuse

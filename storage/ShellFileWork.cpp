@@ -30,6 +30,20 @@ bool canCopy(const char* from, const char* into) {
     return pathExists(from) && pathExists(into) && (isNoLink(copy.text) || errno == ENOENT);
 }
 
+/** The command's result is that of sync, and cp also fails for what has vanished meanwhile: the trees tell. A
+ * second time is for a text that has become an archive. */
+bool copyOnce(const char* from, const char* into, const char* copy, Newer newer) {
+    timespec since{};
+    clock_gettime(CLOCK_REALTIME_COARSE, &since);
+    if (!runFileCommand(kSeconds, "cp -rf --remove-destination %s/ %s/;sync", from, into))
+        return false;
+    if (copyHolds(from, copy, since, newer))
+        return true;
+    int error = errno;
+    errno = availableBytes(into) < kNearlyFull ? ENOSPC : error;
+    return false;
+}
+
 } // namespace
 
 bool ShellFileWork::compress(const char* text) {
@@ -57,10 +71,13 @@ bool ShellFileWork::moveFolder(const char* from, const char* to) {
     return reported(canMove(from, to) && runFileCommand(kSeconds, "mv -f %s/ %s/", from, to), "move", from);
 }
 
-/** The result is that of sync: cp also fails for what has vanished meanwhile. */
-bool ShellFileWork::copyTree(const char* from, const char* into) {
-    bool done = canCopy(from, into) &&
-                runFileCommand(kSeconds, "cp -rf --remove-destination %s/ %s/;sync", from, into);
+bool ShellFileWork::copyTree(const char* from, const char* into, CopyTotals* totals) {
+    Path copy = entryPath(into, lastName(from));
+    bool done = canCopy(from, into) && (copyOnce(from, into, copy.text, Newer::Present) ||
+                                        copyOnce(from, into, copy.text, Newer::Exempt));
+    int error = errno;
+    addUpTree(AT_FDCWD, copy.text, totals);
+    errno = error;
     return reported(done, "copy", from);
 }
 

@@ -18,6 +18,8 @@ struct StorageLock {
  */
 struct StorageState {
     char* mSavePath VNLOG_GUARDED_BY(StorageLock::role) = nullptr; ///< storage root, owned
+    /// What is configured, owned, while it cannot be opened and the default one is in force; else null.
+    char* mConfiguredPath VNLOG_GUARDED_BY(StorageLock::role) = nullptr;
     uint32_t mCurLogSize VNLOG_GUARDED_BY(StorageLock::role) = 0; ///< active section file
     uint32_t mCurrentTotalSize VNLOG_GUARDED_BY(StorageLock::role) = 0; ///< finished sections of this run
     uint32_t mSliceNum VNLOG_GUARDED_BY(StorageLock::role) = 1; ///< number of the active section

@@ -3,6 +3,7 @@
 #include "base/Diagnostics.h"
 #include "base/Files.h"
 #include "base/Handles.h"
+#include "storage/FileSteps.h"
 #include "storage/Layout.h"
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace vnlog {
 
@@ -34,14 +36,14 @@ Store::Store(StorageState& state, Mutex<StorageLock>& lock, Ring& ring, FileWork
              const platform::SystemRoot& systemRoot)
     : mState(state), mLock(lock), mRing(ring), mFiles(files), mNumbers(state),
       mRetention(state, mNumbers, files), mRecovery(state, mNumbers, mRetention, files),
-      mRootChange(state, systemRoot, mNumbers, mRecovery), mFolders(state, files), mSections(files) {}
+      mRootChange(state, systemRoot, mRecovery), mFolders(state, files), mSections(files) {}
 
 Store::~Store() {
     closeSection();
     LockGuard<StorageLock> lock(mLock);
     mRoot.release();
-    std::free(mState.mSavePath);
-    mState.mSavePath = nullptr;
+    std::free(std::exchange(mState.mSavePath, nullptr));
+    std::free(std::exchange(mState.mConfiguredPath, nullptr));
 }
 
 SaveResult Store::save(uint32_t count) {
@@ -57,6 +59,8 @@ SaveResult Store::save(uint32_t count) {
     else if (status != SaveStatus::Saved && lackOfRoom(batch.error))
         status = SaveStatus::MediumFull;
     mRootChanged = mRootChanged && mState.mLogFd >= 0;
+    if (status != SaveStatus::Saved && status != SaveStatus::RootMoved)
+        ++mFailures;
     return {status, batch.moved};
 }
 
@@ -238,6 +242,7 @@ bool Store::finishSection() {
         return false;
     }
     mCompressPending = false;
+    ++mCuts;
     mBoundPending = true; // until it is known to hold
     countFinished();
     bool pointed = pointOldestAtFinishedSection();
@@ -352,37 +357,66 @@ bool Store::saveNumbers() {
     return saved;
 }
 
-void Store::changeRoot(const char* root) {
-    if (isRoot(root))
-        return;
+RootChangeStatus Store::changeRoot(const char* root) {
     LockGuard<StorageLock> lock(mLock);
-    if (!mRootChange.move(root))
+    bool there = mState.mSavePath != nullptr && std::strcmp(root, mState.mSavePath) == 0;
+    RootChangeStatus status = there ? RootChangeStatus::Unchanged : prepareAndMove(root);
+    if (status == RootChangeStatus::Done || status == RootChangeStatus::Unchanged)
+        std::free(std::exchange(mState.mConfiguredPath, nullptr)); // which `root` may be
+    return status;
+}
+
+RootChangeStatus Store::prepareAndMove(const char* root) {
+    if (mRoot.isAt(root)) // by another path
+        return mRootChange.rename(root) ? RootChangeStatus::Done : RootChangeStatus::NotPrepared;
+    const bool back = mEarlierRoot.isAt(root); // where the open section is: it is closed off with its run
+    RootLock taken;
+    RootLock::Status locked = back ? RootLock::Status::Held : taken.take(root);
+    if (locked == RootLock::Status::Taken)
+        return RootChangeStatus::Taken;
+    if (back)
+        syncText();
+    RootTrial trial(mState, mFiles);
+    RootStatus result = locked == RootLock::Status::Held ? trial.prepare(root) : RootStatus::NoLogFolder;
+    if (result != RootStatus::Ready) {
+        logError("error: failed to init log storage, ret=%d\n", static_cast<int>(result));
+        leaveLostSection(); // its run may have been closed off before the step that failed
+        return RootChangeStatus::NotPrepared;
+    }
+    logDebug("STORAGE_PATH changed (%s ==> %s)\n", mState.mSavePath, root);
+    trial.apply(&mState, &mNumbers);
+    moveLock(back ? &mEarlierRoot : &taken);
+    mBoundPending = mCompressPending = mFinishRetried = false; // a section that was cut stays where it is
+    mTakeOverPending = false;
+    mWatch.note(mState.mLogServiceDir);
+    return RootChangeStatus::Done;
+}
+
+/** Keeps the root before as long as its section is open, unless that one is the new root. */
+void Store::moveLock(RootLock* taken) {
+    if (taken == &mEarlierRoot) {
+        mRoot.release();
+        mRoot = std::move(mEarlierRoot);
+        closeText();
+        mRootChanged = false;
         return;
+    }
     if (mState.mLogFd >= 0 && !mRootChanged) {
         mEarlierRoot = std::move(mRoot);
         mRootChanged = true;
     }
     mRoot.release();
-    if (mEarlierRoot.isAt(root)) { // back where the open section is: it is closed off with its run
-        mRoot = std::move(mEarlierRoot);
-        syncAndClose();
-    }
-    mBoundPending = mCompressPending = mFinishRetried = false; // a section that was cut stays where it is
-    RootStatus result = RootStatus::NoLogFolder;
-    if (mRoot.take(mState.mSavePath) == RootLock::Status::Held)
-        result = mRootChange.prepare();
-    mTakeOverPending = result != RootStatus::Ready;
-    if (mTakeOverPending)
-        logError("error: failed to init log storage, ret=%d\n", static_cast<int>(result));
-    if (mRoot.held() && !mNumbers.save())
-        logError("the storage data of [%s] failed to save !\n", root);
-    mWatch.note(mState.mLogServiceDir);
+    mRoot = std::move(*taken);
 }
 
-// The next two are for commands, which alone change what they read.
+// The next three are for commands, which alone change what they read.
 
-bool Store::isRoot(const char* root) const VNLOG_UNCHECKED {
-    return mState.mSavePath != nullptr && std::strcmp(root, mState.mSavePath) == 0;
+const char* Store::awaitedRoot() const VNLOG_UNCHECKED {
+    return mState.mConfiguredPath;
+}
+
+const char* Store::root() const VNLOG_UNCHECKED {
+    return mState.mSavePath;
 }
 
 const char* Store::logFolder() const VNLOG_UNCHECKED {
@@ -400,8 +434,54 @@ bool Store::copyTargetUsable(const char* target) const {
     return shellSafe(target) && mFiles.copyFits(logFolder(), target);
 }
 
-bool Store::copyTo(const char* target) {
-    return mFiles.copyTree(logFolder(), target);
+CopyStatus Store::copyTo(const char* target, CopyTotals* totals, std::string* reason) {
+    *totals = {};
+    auto failed = [&](CopyStatus status) {
+        char text[128];
+        *reason = strerror_r(errno, text, sizeof text);
+        return status;
+    };
+    errno = ENAMETOOLONG;
+    if (!copyTargetUsable(target) || !Folder(target).valid())
+        return failed(CopyStatus::NoFolder);
+    Path copy = entryPath(target, kLogFolder);
+    errno = EINVAL;
+    if (contains(target) || contains(copy.text))
+        return failed(CopyStatus::Inside);
+    CopyTotals stored, replaced;
+    addUpTree(AT_FDCWD, logFolder(), &stored);
+    addUpTree(AT_FDCWD, copy.text, &replaced);
+    errno = ENOSPC;
+    if (stored.bytes > availableBytes(target) + replaced.bytes)
+        return failed(CopyStatus::NoRoom);
+    if (mFiles.copyTree(logFolder(), target, totals))
+        return CopyStatus::Done;
+    return failed(lackOfRoom(errno) ? CopyStatus::NoRoom : CopyStatus::Partial);
+}
+
+StoreExtent Store::extent() {
+    LockGuard<StorageLock> lock(mLock);
+    StoreExtent extent{};
+    const bool open = mState.mLogFd >= 0 && !mRootChanged; // else it is no part of this root
+    extent.bytes =
+        uint64_t{mState.mTotalLogSize} + mState.mCurrentTotalSize + (open ? mState.mCurLogSize : 0);
+    extent.bound = static_cast<uint64_t>(std::max(mState.mMaxLogSize, 0)) << 20;
+    Listing listing(mState.mLogServiceDir);
+    StoredEntry entry;
+    extent.oldestRun = kNoNumber;
+    while (listing.valid() && listing.next(&entry)) {
+        if (!entry.isRun())
+            continue;
+        ++extent.runs;
+        extent.oldestRun = std::min(extent.oldestRun, entry.number);
+        extent.newestRun = std::max(extent.newestRun, entry.number);
+    }
+    extent.oldestRun = extent.runs > 0 ? extent.oldestRun : 0;
+    RunContent current;
+    (void)lookIntoRun(mState.mCurrentDir, &current, Look::Names); // without a folder there are none
+    extent.sections = current.archives + (open ? 1 : 0);
+    extent.freeBytes = mState.mSavePath != nullptr ? availableBytes(mState.mSavePath) : 0;
+    return extent;
 }
 
 int Store::openOlderText() {

@@ -9,9 +9,43 @@
 #include "storage/RootLock.h"
 #include "storage/SectionFiles.h"
 
+#include <atomic>
 #include <cstdint>
+#include <string>
 
 namespace vnlog {
+
+enum class RootChangeStatus {
+    Done,
+    Unchanged, ///< it is there already
+    Taken, ///< another service has the root
+    NotPrepared, ///< it cannot be put in order, or nothing can be written there
+};
+
+enum class CopyStatus {
+    Done,
+    NoFolder, ///< the target is no folder, is not there, or its path cannot be used
+    Inside, ///< the copy would lie in the store, or be it
+    NoRoom, ///< its medium lacks the bytes, as seen beforehand or while they were written
+    Partial, ///< something was not copied for another reason
+};
+
+/** What has happened since the object was made. */
+struct StoreCounts {
+    uint32_t cuts; ///< sections that were finished
+    uint32_t deletions; ///< sections that were deleted for the bound or for room
+    uint32_t failures; ///< batches that were not saved whole, tries again included
+};
+
+/** How much is stored, and where it ends. */
+struct StoreExtent {
+    uint64_t bytes; ///< of all sections, the open one included
+    uint64_t bound; ///< in bytes
+    uint32_t runs; ///< archived ones
+    uint32_t oldestRun, newestRun; ///< numbers of the archived runs; 0 without any
+    uint32_t sections; ///< of the current run, the open one included
+    uint64_t freeBytes; ///< of the medium, for this user
+};
 
 /**
  * The stored log: appends batches from the ring to the active section, cuts and compresses that when it is
@@ -57,19 +91,35 @@ class Store final : public BatchTarget {
     // --- commands
 
     /**
-     * Moves the store to `root`, a folder that can be opened, unless it is there already. The section that is
-     * open stays where it is; the flush thread finds that out at its next cut and goes on under the new root.
+     * Moves the store to `root`, a folder that can be opened; a root that is waited for is so no more then.
+     * The section that is open stays where it is; the flush thread finds that out at its next cut and goes on
+     * under the new root. A failure, which is reported, leaves all as it was but for what lies under `root`.
      */
-    void changeRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
+    [[nodiscard]] RootChangeStatus changeRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
+    /** The configured root that is to be used as soon as it can be opened, null when none is. Valid until the
+     * next change of the root; for the holder of the command lock. */
+    const char* awaitedRoot() const;
+    /** The root in force; likewise. */
+    const char* root() const;
     /** Whether a folder is the log folder or lies inside it, by way of links as well. */
     bool contains(const char* folder) const;
-    /** Whether copyTo takes `target`. These three need no lock: only commands, which call them, change the
-     * root. */
+    /** Whether the path of `target` is one that copyTo takes. These three need no lock: only commands, which
+     * call them, change the root. */
     bool copyTargetUsable(const char* target) const;
-    /** Copies the log folder into `target`, a folder; the flush thread goes on meanwhile. */
-    bool copyTo(const char* target);
+    /**
+     * Copies the log folder into the folder `target`; the flush thread goes on meanwhile. Done: the medium
+     * has it. Else `reason` tells why, and what was begun is left. `totals` tells what lies in the copy
+     * afterwards, 0 where nothing was begun.
+     */
+    [[nodiscard]] CopyStatus copyTo(const char* target, CopyTotals* totals, std::string* reason);
     /** Opens the current run's log of the older form, read-only; -1 when there is none. */
     int openOlderText() VNLOG_EXCLUDES(StorageLock::role);
+
+    // --- status, any thread
+
+    StoreCounts counts() const { return {mCuts, mRetention.deletions(), mFailures}; }
+    /** Lists the log folder. */
+    StoreExtent extent() VNLOG_EXCLUDES(StorageLock::role);
 
     // --- single steps, for whoever drives the store by hand
 
@@ -100,8 +150,9 @@ class Store final : public BatchTarget {
     void syncText() VNLOG_REQUIRES(StorageLock::role);
     void closeText() VNLOG_REQUIRES(StorageLock::role);
     void syncAndClose() VNLOG_REQUIRES(StorageLock::role);
+    RootChangeStatus prepareAndMove(const char* root) VNLOG_REQUIRES(StorageLock::role);
+    void moveLock(RootLock* taken) VNLOG_REQUIRES(StorageLock::role);
     void lookAgain() VNLOG_REQUIRES(StorageLock::role);
-    bool isRoot(const char* root) const;
     const char* logFolder() const;
 
     StorageState& mState;
@@ -128,6 +179,7 @@ class Store final : public BatchTarget {
     bool mCompressPending VNLOG_GUARDED_BY(StorageLock::role) = false;
     /// A try to compress the section failed.
     bool mFinishRetried VNLOG_GUARDED_BY(StorageLock::role) = false;
+    std::atomic<uint32_t> mCuts{0}, mFailures{0};
     /// The bound did not hold after the last cut.
     bool mBoundPending VNLOG_GUARDED_BY(StorageLock::role) = false;
 };

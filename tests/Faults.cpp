@@ -182,8 +182,8 @@ WRAP(dirent64*, readdir64, (DIR * folder)) {
 WRAP(int, statvfs64, (const char* path, struct statvfs64* info)) {
     int result = REAL(statvfs64)(path, info);
     if (result == 0 && faults.freeBytes >= 0) {
-        info->f_bsize = 1;
-        info->f_bfree = static_cast<decltype(info->f_bfree)>(faults.freeBytes.load());
+        info->f_bsize = info->f_frsize = 1;
+        info->f_bavail = info->f_bfree = static_cast<decltype(info->f_bfree)>(faults.freeBytes.load());
     }
     return result;
 }

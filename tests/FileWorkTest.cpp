@@ -15,6 +15,7 @@ class FileWorkTest : public FolderTest {
   protected:
     ProcessFileWork process;
     ShellFileWork shell;
+    CopyTotals totals;
     FileWork* forms[2] = {&process, &shell};
     const char *text = "run/log_1.txt", *archive = "run/log_1.txt.gz", *draft = "run/log_1.txt.gz.new";
     std::string noise = std::string(1 << 20, '\0');
@@ -131,13 +132,13 @@ TEST_F(FileWorkTest, NothingBehindALinkIsTouched) {
             "ln -s ../out/f l.txt; mkfifo last_1/p; : >foreign; chown 4242 foreign");
         std::ostringstream done;
         done << form->compress("s/l.txt") << form->compress("s/last_1/p") << form->compress("s/last_1")
-             << (getuid() == 0 && form->compress("s/foreign")) << form->copyTree("s", "no")
-             << form->copyTree("no", "i") << form->removeAll("s/current/") << form->removeFile("s/last_1")
-             << form->moveFolder("s/last_3", "s/last_1/.d/e") << ' ' << form->copyTree("s", "i")
-             << form->copyTree("s", "i") << form->moveFolder("s/last_3", "s/last_4")
-             << form->removeTree("s/current") << form->removeTree("none") << form->removeFile("s/l.txt")
-             << form->removeFile("none") << form->removeAll("s/last_") << form->removeAll("none/")
-             << form->removeAll("s/");
+             << (getuid() == 0 && form->compress("s/foreign")) << form->copyTree("s", "no", &totals)
+             << form->copyTree("no", "i", &totals) << form->removeAll("s/current/")
+             << form->removeFile("s/last_1") << form->moveFolder("s/last_3", "s/last_1/.d/e") << ' '
+             << form->copyTree("s", "i", &totals) << form->copyTree("s", "i", &totals)
+             << form->moveFolder("s/last_3", "s/last_4") << form->removeTree("s/current")
+             << form->removeTree("none") << form->removeFile("s/l.txt") << form->removeFile("none")
+             << form->removeAll("s/last_") << form->removeAll("none/") << form->removeAll("s/");
         EXPECT_EQ(done.str(), "000000000 1111111111");
         EXPECT_EQ(
             ::runCommand("ls -A s; cd i/s; cat last_3/x ../../out/f; ls -dF * last_1/.d/e; readlink last_2"),
@@ -145,8 +146,34 @@ TEST_F(FileWorkTest, NothingBehindALinkIsTouched) {
     }
     // A copy leaves itself out, and makes no file its own copy.
     ::runCommand("rm -rf *; mkdir -p s/in; echo 3 >s/x");
-    EXPECT_TRUE(process.copyTree("s", "s/in") && !process.copyTree("s", ".") && errno == EINVAL);
+    EXPECT_TRUE(process.copyTree("s", "s/in", &totals) && !process.copyTree("s", ".", &totals) &&
+                errno == EINVAL);
     EXPECT_EQ(::runCommand("cat s/x s/in/s/x; ls s/in/s/in"), "3\n3\n");
+}
+
+TEST_F(FileWorkTest, ACopyHasAllThatIsThereAndTellsWhatItLacks) {
+    auto section = [](const char* folder, int i) { return folder + ("/log_" + std::to_string(i) + ".txt"); };
+    for (FileWork* form : forms) {
+        ::runCommand("rm -rf *; mkdir -p s/c o/s/x/y; echo 12 >s/x");
+        totals = {};
+        EXPECT_FALSE(form->copyTree("s", "o", &totals)) << "a folder is in the place of a file";
+        ::runCommand("rm -rf o/s/x; echo 456789 >o/s/y");
+        for (int i = 0; i < 400; ++i)
+            writeFile(section("s/c", i), "x");
+        std::thread cuts([&] {
+            for (int i = 399; i >= 0; --i)
+                EXPECT_TRUE(process.compress(section("s/c", i).c_str()));
+        });
+        totals = {};
+        EXPECT_TRUE(form->copyTree("s", "o", &totals));
+        cuts.join();
+        for (int i = 0; i < 400; ++i)
+            EXPECT_TRUE(exists(section("o/s/c", i)) || exists(section("o/s/c", i) + ".gz")) << i;
+        std::ostringstream told;
+        told << totals.files << ' ' << totals.bytes << '\n';
+        EXPECT_EQ(told.str(),
+                  ::runCommand("find o -type f -printf '%s\n' | awk '{ n++; s += $1 } END { print n, s }'"));
+    }
 }
 
 TEST_F(FileWorkTest, ACommandThatTakesTooLongEndsWithAllItStarted) {

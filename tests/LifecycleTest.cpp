@@ -241,6 +241,31 @@ TEST_F(LifecycleTest, StorageThatCannotBeUsedAtTheStartIsUsedOnceItCan) {
     }
 }
 
+TEST_F(LifecycleTest, ConfiguredRootThatCannotBeOpenedIsUsedOnceItCan) {
+    const std::string text(70000, 'x');
+    faults.skipPauses = true;
+    for (bool prepared : {true, false}) { // the default one
+        const std::string stick = home + (prepared ? "/stick" : "/stick2");
+        configure("STORAGE_PATH=" + stick);
+        if (!prepared)
+            writeFile(logs, "in the way");
+        start(true, true, false);
+        EXPECT_TRUE(logged("STORAGE_PATH(" + stick + ") can not open\n") && service().mSavePath == root);
+        EXPECT_TRUE(prepared == service().mKLogThreadRunning && (!prepared || (put("early\n") && flush())));
+        EXPECT_EQ(service().logCMD(CMD_STORAGE_PATH, "/proc"), -1) << "which changes nothing";
+        EXPECT_EQ(service().logCMD(CMD_KLOG_LEVEL, "5"), 0);
+        EXPECT_NE(readFile(cfg).find("STORAGE_PATH=" + stick + "\n"), std::string::npos);
+        makeFolder(stick);
+        EXPECT_TRUE(eventually([&] { return logged("[" + stick + "] can be used now;"); }));
+        EXPECT_TRUE(eventually([&] { return service().mKLogThreadRunning.load(); }) && put(text));
+        stop();
+        EXPECT_EQ(stored() + storedText(stick + "/log_service"), (prepared ? "early\n" : "") + text);
+        EXPECT_NE(storedText(stick + "/log_service"), "");
+        EXPECT_NE(readFile(cfg).find("STORAGE_PATH=" + stick + "\n"), std::string::npos);
+        fs::remove_all(logs);
+    }
+}
+
 TEST_F(LifecycleTest, SlowMediumHoldsUpNobodyButTheWriterOfAFullRing) {
     configure();
     start(true, false, false);

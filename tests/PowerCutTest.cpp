@@ -274,7 +274,8 @@ TEST_F(PowerCutTest, RootChange) {
     roots.push_back(home + "/other");
     makeFolder(roots[1]);
     ASSERT_TRUE(start(roots[1]) && saved(7) && saved(7) && start(root) && synced(7));
-    cutEverywhere([&] { return run->store->changeRoot(roots[1].c_str()), synced(7); });
+    cutEverywhere(
+        [&] { return run->store->changeRoot(roots[1].c_str()) == RootChangeStatus::Done && synced(7); });
 }
 
 TEST_F(PowerCutTest, RootChangeWithAnOpenSection) {
@@ -282,7 +283,7 @@ TEST_F(PowerCutTest, RootChangeWithAnOpenSection) {
     makeFolder(roots[1]);
     ASSERT_TRUE(start(root) && saved(8));
     cutEverywhere([&] {
-        run->store->changeRoot(roots[1].c_str());
+        EXPECT_EQ(run->store->changeRoot(roots[1].c_str()), RootChangeStatus::Done);
         return save(5) == SaveStatus::RootMoved && synced(0);
     });
 }

@@ -35,7 +35,9 @@ class FakeFiles final : public FileWork {
     }
     bool removeTree(const char* p) override { return works() && (lying || fs::remove_all(p) + 1); }
     bool removeAll(const char* b) override { return works() && real.removeAll(b); }
-    bool copyTree(const char* f, const char* to) override { return works() && real.copyTree(f, to); }
+    bool copyTree(const char* f, const char* to, CopyTotals* t) override {
+        return works() && real.copyTree(f, to, t);
+    }
     bool moveFolder(const char* f, const char* to) override { return works() && real.moveFolder(f, to); }
 
   private:
@@ -293,17 +295,33 @@ TEST_F(StoreTest, RootChangeLeavesTheOldNumbersBehind) {
     std::string first = root, other = home + "/other", current = other + "/log_service/current";
     makeFolder(other);
     ASSERT_TRUE(start() && saved(std::string(70000, 'a')) && saved(std::string(70000, 'b')));
-    store->changeRoot(other.c_str());
+    EXPECT_EQ(store->changeRoot(other.c_str()), RootChangeStatus::Done);
     EXPECT_EQ(four() + dataText("0 0 0 1"), "0 0 0 1" + readFile(other + "/log_storage.dat"));
     EXPECT_EQ(save(std::string(65536, 'c')).status, SaveStatus::RootMoved);
     EXPECT_EQ(readFile(first + "/log_service/current/log_3.txt").size(), 65536u) << "the section stays there";
     EXPECT_EQ(store->save(ring.used()).status, SaveStatus::Saved);
     EXPECT_EQ(readFile(current + "/log_3.txt"), std::string(8928, 'c'));
-    store->changeRoot(first.c_str());
+    EXPECT_EQ(store->changeRoot(first.c_str()), RootChangeStatus::Done);
     EXPECT_EQ(readFile(data()), dataText(std::to_string(storedArchiveBytes(logs)) + " 1 1 1"));
     std::string longest = "/" + std::string(239 - logs.size(), 'x');
-    EXPECT_TRUE(store->copyTargetUsable(longest.c_str()) && store->copyTo(current.c_str()));
+    EXPECT_TRUE(store->copyTargetUsable(longest.c_str()));
     EXPECT_FALSE(store->copyTargetUsable((longest + "x").c_str()) || store->copyTargetUsable("/two words"));
+    CopyTotals totals;
+    std::string reason;
+    auto copied = [&](const std::string& to) { return store->copyTo(to.c_str(), &totals, &reason); };
+    EXPECT_TRUE(copied(longest) == CopyStatus::NoFolder && copied(data()) == CopyStatus::NoFolder);
+    EXPECT_TRUE(copied(first) == CopyStatus::Inside && copied(at("c")) == CopyStatus::Inside);
+    faults.freeBytes = 99;
+    EXPECT_TRUE(copied(home) == CopyStatus::NoRoom && reason == "No space left on device");
+    faults.freeBytes = -1;
+    files.untilError = 0, files.error = ENOSPC;
+    EXPECT_EQ(copied(home), CopyStatus::NoRoom);
+    EXPECT_TRUE(copied(home) == CopyStatus::Done && storedText(home + "/log_service") == storedText(logs));
+    files.untilError = 0, files.error = EIO;
+    EXPECT_TRUE(copied(home) == CopyStatus::Partial && reason == "Input/output error");
+    StoreExtent extent = store->extent();
+    EXPECT_TRUE(extent.bytes == storedArchiveBytes(logs) && extent.runs == 1 && extent.sections == 0);
+    EXPECT_TRUE(store->counts().cuts == 2 && store->counts().failures == 0);
 }
 
 /** What an earlier life can leave. Starting twice changes nothing more. The start's archives have 7 bytes. */
@@ -550,10 +568,25 @@ class StoreModelTest : public StoreTest {
         if (opened != root)
             store->closeSection();
     }
+    /** To a root that is taken, full or nothing to store under, or to a good one. */
     void changeRoot() {
+        RootLock somebody;
+        unsigned harm = below(6);
+        bool taken = harm == 0 && somebody.take(other.c_str()) == RootLock::Status::Held, full = harm == 1;
+        std::string before = state.mSavePath + four() + tree() + readFile(data());
+        faults.writeError = full ? ENOSPC : 0;
+        RootChangeStatus status = store->changeRoot(harm == 2 ? "/proc" : other.c_str());
+        faults.writeError = 0;
+        if (taken || full || harm == 2) {
+            EXPECT_EQ(status, taken ? RootChangeStatus::Taken : RootChangeStatus::NotPrepared);
+            EXPECT_EQ(before, state.mSavePath + four() + tree() + readFile(data()));
+            check(root);
+            return check(other, full);
+        }
+        EXPECT_EQ(status, RootChangeStatus::Done);
         root.swap(other);
         logs = root + "/log_service";
-        store->changeRoot(root.c_str());
+        EXPECT_EQ(store->changeRoot(root.c_str()), RootChangeStatus::Unchanged);
         check(root);
         EXPECT_EQ(readFile(data()), dataText(four()));
         byHand = false;
