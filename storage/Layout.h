@@ -27,6 +27,7 @@ constexpr uint32_t kNoNumber = kMaxBookkeepingNumber;
 constexpr mode_t kFolderMode = 0755;
 constexpr mode_t kSectionMode = 0755;
 constexpr mode_t kBookkeepingMode = 0555;
+constexpr mode_t kRunListMode = 0644;
 
 /** Whether a path can be a storage root: all derived paths fit, and shell and log.cfg take it as it is. */
 bool usableRoot(const char* root);
@@ -36,6 +37,7 @@ bool usableRoot(const char* root);
 // log_<number>.txt.gz. A log of the form before there were sections is log.txt or log.txt.gz.
 constexpr char kLogFolder[] = "log_service";
 constexpr char kBookkeepingFile[] = "log_storage.dat";
+constexpr char kRunListFile[] = "runs.txt"; ///< in the log folder
 constexpr char kCurrentFolder[] = "current";
 constexpr char kRunName[] = "last";
 constexpr char kLogName[] = "log";

@@ -99,6 +99,7 @@ PrepareStatus Recovery::archiveCurrent() {
         return PrepareStatus::NotCounted;
     if (!mFolders.archiveCurrent(number))
         return PrepareStatus::NotArchived;
+    mArchived = number;
     return mFolders.makeCurrent() ? PrepareStatus::Ready : PrepareStatus::NoNewCurrent;
 }
 

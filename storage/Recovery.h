@@ -7,6 +7,7 @@
 #include "storage/RunMender.h"
 
 #include <cstdint>
+#include <utility>
 
 namespace vnlog {
 
@@ -42,6 +43,9 @@ class Recovery {
     /** Closes off the previous run, with the oldest sections making room where there is none. */
     [[nodiscard]] PrepareStatus closePreviousRun() VNLOG_REQUIRES(StorageLock::role);
 
+    /** The number under which a run was archived since the last call, 0 for none. */
+    uint32_t takeArchived() { return std::exchange(mArchived, 0); }
+
   private:
     void readNumbers() VNLOG_REQUIRES(StorageLock::role);
     PrepareStatus tryToClose() VNLOG_REQUIRES(StorageLock::role);
@@ -57,6 +61,7 @@ class Recovery {
     FileWork& mFiles;
     RunFolders mFolders;
     RunMender mMender;
+    uint32_t mArchived = 0;
 };
 
 } // namespace vnlog

@@ -56,6 +56,9 @@ class RootTrial {
     /** Puts the prepared root in force. */
     void apply(StorageState* inForce, Bookkeeping* numbers) VNLOG_REQUIRES(StorageLock::role);
 
+    /** Recovery::takeArchived. */
+    uint32_t takeArchived() { return mRecovery.takeArchived(); }
+
   private:
     bool save() VNLOG_REQUIRES(StorageLock::role);
 

@@ -36,7 +36,8 @@ Store::Store(StorageState& state, Mutex<StorageLock>& lock, Ring& ring, FileWork
              const platform::SystemRoot& systemRoot)
     : mState(state), mLock(lock), mRing(ring), mFiles(files), mNumbers(state),
       mRetention(state, mNumbers, files), mRecovery(state, mNumbers, mRetention, files),
-      mRootChange(state, systemRoot, mRecovery), mFolders(state, files), mSections(files) {}
+      mRootChange(state, systemRoot, mRecovery), mFolders(state, files), mSections(files), mRuns(systemRoot) {
+}
 
 Store::~Store() {
     closeSection();
@@ -48,6 +49,7 @@ Store::~Store() {
 
 SaveResult Store::save(uint32_t count) {
     LockGuard<StorageLock> lock(mLock);
+    mRuns.watchClock(mState.mLogServiceDir);
     Batch batch{count};
     SaveStatus status = append(&batch);
     while (status != SaveStatus::Saved && lackOfRoom(batch.error) && findRoom()) {
@@ -66,8 +68,12 @@ SaveResult Store::save(uint32_t count) {
 
 /** Does something about a medium that has no room. False when nothing can be done. */
 bool Store::findRoom() {
-    if (!mRootChanged)
-        return mRoot.isAt(mState.mSavePath) && mRetention.freeOldest();
+    if (!mRootChanged) {
+        const Path oldest = oldestRun();
+        bool freed = mRoot.isAt(mState.mSavePath) && mRetention.freeOldest();
+        trimRuns(oldest);
+        return freed;
+    }
     syncAndClose(); // it is the old root that is full: what is left goes to the new one
     return true;
 }
@@ -159,6 +165,8 @@ bool Store::claimRoot() {
     if (!mTakeOverPending)
         return mFolders.makeMissing();
     mTakeOverPending = mRootChange.prepare() != RootStatus::Ready;
+    if (!mTakeOverPending && mRuns.begun())
+        mRuns.begin(mState.mLogServiceDir, mState.mHeadFolderNum, mRecovery.takeArchived(), mState.mSavePath);
     return !mTakeOverPending;
 }
 
@@ -281,8 +289,22 @@ bool Store::pointOldestAtFinishedSection() {
 
 /** Deletes until another full section fits. False: to be tried again before more is written. */
 bool Store::keepBound() {
+    const Path oldest = oldestRun();
     mBoundPending = mRetention.makeRoom(Occasion::Cut) != BoundStatus::Held;
+    trimRuns(oldest);
     return !mBoundPending;
+}
+
+/** The folder of the oldest archived run, empty without one. */
+Path Store::oldestRun() const {
+    Path run = runFolder(mState.mLastDirPrefix, mState.mTailFolderNum);
+    return nameTaken(run.text) ? run : Path{};
+}
+
+/** Takes the runs off the list that have been deleted, if the one that was the oldest is gone. */
+void Store::trimRuns(const Path& oldest) {
+    if (oldest.text[0] != '\0' && !nameTaken(oldest.text))
+        mRuns.trim(mState.mLogServiceDir);
 }
 
 void Store::closeSection() {
@@ -330,11 +352,14 @@ void Store::beginRun() {
     mState.mCurrentTotalSize = 0;
     mRootChanged = mCompressPending = mBoundPending = mTakeOverPending = mFinishRetried = false;
     mWatch.forget();
+    mRuns.forget();
 }
 
 bool Store::prepare() VNLOG_UNCHECKED {
     bool free = mRoot.take(mState.mSavePath) != RootLock::Status::Taken;
     if (free && mRecovery.prepare()) { // without a root it says where it fails
+        if (!mRuns.begun()) // else a step after this one failed
+            mRuns.begin(mState.mLogServiceDir, mState.mHeadFolderNum, mRecovery.takeArchived());
         mWatch.note(mState.mLogServiceDir);
         return true;
     }
@@ -345,6 +370,7 @@ bool Store::prepare() VNLOG_UNCHECKED {
 
 void Store::leaveRoot() {
     LockGuard<StorageLock> lock(mLock);
+    mRuns.end(mState.mLogServiceDir, kRunStopped);
     mWatch.forget();
     mRoot.release();
 }
@@ -384,7 +410,12 @@ RootChangeStatus Store::prepareAndMove(const char* root) {
         return RootChangeStatus::NotPrepared;
     }
     logDebug("STORAGE_PATH changed (%s ==> %s)\n", mState.mSavePath, root);
+    Path before;
+    formatText(before.text, "%s", mState.mSavePath);
+    mRuns.end(mState.mLogServiceDir, kRunMoved);
     trial.apply(&mState, &mNumbers);
+    if (mRuns.begun())
+        mRuns.begin(mState.mLogServiceDir, mState.mHeadFolderNum, trial.takeArchived(), before.text);
     moveLock(back ? &mEarlierRoot : &taken);
     mBoundPending = mCompressPending = mFinishRetried = false; // a section that was cut stays where it is
     mTakeOverPending = false;

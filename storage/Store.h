@@ -7,6 +7,7 @@
 #include "storage/Recovery.h"
 #include "storage/RootChange.h"
 #include "storage/RootLock.h"
+#include "storage/RunList.h"
 #include "storage/SectionFiles.h"
 
 #include <atomic>
@@ -145,6 +146,8 @@ class Store final : public BatchTarget {
     bool finishSection() VNLOG_REQUIRES(StorageLock::role);
     bool pointOldestAtFinishedSection() VNLOG_REQUIRES(StorageLock::role);
     bool keepBound() VNLOG_REQUIRES(StorageLock::role);
+    Path oldestRun() const VNLOG_REQUIRES(StorageLock::role);
+    void trimRuns(const Path& oldest) VNLOG_REQUIRES(StorageLock::role);
     bool findRoom() VNLOG_REQUIRES(StorageLock::role);
     void countFinished() VNLOG_REQUIRES(StorageLock::role);
     void syncText() VNLOG_REQUIRES(StorageLock::role);
@@ -165,6 +168,7 @@ class Store final : public BatchTarget {
     RootChange mRootChange;
     RunFolders mFolders;
     SectionFiles mSections;
+    RunList mRuns VNLOG_GUARDED_BY(StorageLock::role);
     RootLock mRoot VNLOG_GUARDED_BY(StorageLock::role);
     /// Held as long as the section is open that lies under the root before the present one.
     RootLock mEarlierRoot VNLOG_GUARDED_BY(StorageLock::role);

@@ -18,7 +18,7 @@ Faults faults;
 
 void Faults::disarm() {
     for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &interruptedReads,
-                           &wholeReads, &interruption, &reads, &selects})
+                           &clockStep, &wholeReads, &interruption, &reads, &selects})
         *number = 0;
     threadsUntilError = semaphoresUntilError = entriesUntilError = stepsUntilError = -1;
     writeErrors = INT_MAX;
@@ -185,6 +185,12 @@ WRAP(int, statvfs64, (const char* path, struct statvfs64* info)) {
         info->f_bsize = info->f_frsize = 1;
         info->f_bavail = info->f_bfree = static_cast<decltype(info->f_bfree)>(faults.freeBytes.load());
     }
+    return result;
+}
+
+WRAP(int, clock_gettime, (clockid_t clock, timespec* now)) {
+    int result = REAL(clock_gettime)(clock, now);
+    now->tv_sec += clock == CLOCK_REALTIME ? faults.clockStep.load() : 0;
     return result;
 }
 

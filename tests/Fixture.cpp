@@ -118,7 +118,7 @@ FolderTest::FolderTest(const std::string& place) : mWorkingFolder(fs::current_pa
     setenv("VNLOG_SYSROOT", home.c_str(), 1);
     for (const char* name : {"LOG_DEFAULT_CFG", "UART_OUTPUT", "NAND_FILE_OUTPUT", "SAVE_FLUSH_SWITCH",
                              "LOG_SECTION_SIZE", "MAX_LOG_SIZE", "KLOG_OUTPUT", "KLOG_LEVEL", "ALOG_OUTPUT",
-                             "ALOG_LEVEL", "ALOG_MODULE", "ALOG_FORMAT", "STORAGE_PATH"})
+                             "ALOG_LEVEL", "ALOG_MODULE", "ALOG_FORMAT", "STORAGE_PATH", "VNLOG_BUILD_ID"})
         unsetenv(name);
     faults.disarm();
     captured = tmpfile();

@@ -100,7 +100,8 @@ class StoreTest : public FolderTest, protected StoreParts {
     }
     /** The short names of all files and empty folders below the log folder, sorted. */
     std::string tree() const {
-        const char* find = "find . -mindepth 1 -type d -empty -printf '%P/\n' -o ! -type d -printf '%P\n'";
+        const char* find = "find . -mindepth 1 -type d -empty -printf '%P/\n' -o ! -type d ! -path "
+                           "./runs.txt -printf '%P\n'";
         const char* shorten =
             R"(s,^last_([0-9]+)/,\1/,; s,^current(/|$),c\1,; s,/log_([0-9]+).txt$,/\1t,; s,/log_([0-9]+).txt.gz$,/\1,)";
         return runCommand("cd " + logs + " 2>/dev/null && " + find + "| sed -E '" + shorten +
@@ -383,6 +384,45 @@ TEST_F(StoreTest, TextAndArchiveOfOneNumberAreSettled) {
             EXPECT_EQ(row[3].empty() ? none : readGzip(at("1/2")), row[3]);
         }
     }
+}
+
+/** And whatever becomes of the list, the next start works and goes on with it. */
+TEST_F(StoreTest, RunsAreListed) {
+    const std::string list = logs + "/runs.txt";
+    auto events = [&] {
+        std::istringstream file(readFile(list));
+        std::string text;
+        for (std::string found; std::getline(file, found); text += ' ') {
+            RunLine line;
+            bool ours = parseRunLine(found, &line) && printRunLine(line) == found + "\n";
+            text += ours ? line[RunKey::Run] + line[RunKey::Event][0] + line[RunKey::Step] +
+                               line[RunKey::How] + line[RunKey::Archived]
+                         : "?";
+        }
+        return text;
+    };
+    setenv("VNLOG_BUILD_ID", "a b\x7f", 1);
+    ASSERT_TRUE(start() && saved("1"));
+    faults.clockStep = -100;
+    EXPECT_TRUE(saved("2") && saved("3"));
+    store->leaveRoot();
+    ASSERT_TRUE(start() && saved("4") && start());
+    EXPECT_EQ(events(), "1s 1s-100 1estopped 1astopped1 2s 2ano_end2 3s ");
+    const std::string whole = readFile(list);
+    EXPECT_NE(whole.find(" build=a_b_\n"), std::string::npos);
+    for (size_t at = 0; at < whole.size(); ++at) {
+        std::string text = at % 2 == 0 ? whole.substr(0, at) : whole;
+        text[at % 2 == 0 ? 0 : at] ^= static_cast<char>(1 << at / 2 % 8);
+        writeFile(list, text);
+        ASSERT_TRUE(start() && readFile(list).rfind(text, 0) == 0 && events().back() == ' ') << at;
+        EXPECT_EQ(events()[events().size() - 2], 's') << at;
+    }
+    writeFile(list, whole + std::string(300000, '\n') + whole);
+    fs::remove_all(at("1/"));
+    ASSERT_TRUE(start());
+    EXPECT_EQ(events().substr(events().find("2")), "2s 2ano_end2 3s 3ano_end0 4s ");
+    EXPECT_TRUE(fs::remove(list) && fs::create_directory(list) && start() && saved("5") && saved("6"));
+    EXPECT_EQ(loggedTimes("runs.txt] cannot be written"), 1);
 }
 
 /** Folders vanish, come back or are another's: storing goes on with the next batch, or says why not. */

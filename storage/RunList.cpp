@@ -1,0 +1,262 @@
+#include "storage/RunList.h"
+
+#include "base/Diagnostics.h"
+#include "base/Files.h"
+#include "base/Handles.h"
+#include "storage/Layout.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace vnlog {
+
+namespace {
+
+constexpr const char* kKeys[kRunKeys] = {"run",   "event", "time", "uptime", "boot",    "version",
+                                         "build", "from",  "step", "how",    "archived"};
+constexpr const char* kEvents[] = {kRunStart, kRunStep, kRunEnd, kRunArchived};
+constexpr off_t kLargest = 262144; ///< bytes; of a larger file the newest half of that is kept
+constexpr int64_t kLeastStep = 61; ///< seconds
+constexpr size_t kLongestWord = 64;
+
+/** Keeps errno, and a thread from being cancelled: the file is opened in between, and so are others by libc.
+ */
+struct Aside {
+    CancelGuard guard;
+    int error = errno;
+    ~Aside() { errno = error; }
+};
+
+int64_t secondsOf(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return now.tv_sec;
+}
+
+int64_t clockOffset() {
+    return secondsOf(CLOCK_REALTIME) - secondsOf(CLOCK_BOOTTIME);
+}
+
+/** In the form of ISO 8601, with the offset of the zone. */
+std::string localTime() {
+    time_t now = time(nullptr);
+    tm parts{};
+    char text[40];
+    localtime_r(&now, &parts);
+    std::string result(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &parts));
+    return result.insert(result.size() - 2, ":");
+}
+
+/** A text as a value: "-" for none. */
+std::string word(const char* text) {
+    std::string value(text != nullptr ? text : "", text != nullptr ? strnlen(text, kLongestWord) : 0);
+    for (char& c : value)
+        c = static_cast<unsigned char>(c) <= ' ' || c == '\x7f' ? '_' : c;
+    return value.empty() ? "-" : value;
+}
+
+std::string bootId(const char* systemRoot) {
+    Path path;
+    formatText(path.text, "%s/proc/sys/kernel/random/boot_id", systemRoot);
+    Stream file = openForReading(path.text);
+    if (file == nullptr && systemRoot[0] != '\0')
+        return bootId("");
+    char line[kLongestWord] = {};
+    bool read = file != nullptr && std::fgets(line, sizeof line, file.get()) != nullptr;
+    line[std::strcspn(line, "\n")] = '\0';
+    return word(read ? line : nullptr);
+}
+
+Path listPath(const char* logs) {
+    return entryPath(logs, kRunListFile);
+}
+
+bool readAll(int file, off_t from, std::string* text, size_t size) {
+    size_t count = 0;
+    text->resize(size);
+    bool done = lseek(file, from, SEEK_SET) >= 0 && readPiece(file, text->data(), size, &count);
+    text->resize(count);
+    return done;
+}
+
+} // namespace
+
+uint32_t RunLine::number(RunKey key) const {
+    const std::string& digits = (*this)[key];
+    bool ours = !digits.empty() && digits.size() < 10 &&
+                digits.find_first_not_of("0123456789") == std::string::npos; // as the numbers of folders
+    return ours ? static_cast<uint32_t>(std::strtoul(digits.c_str(), nullptr, 10)) : 0;
+}
+
+std::string printRunLine(const RunLine& line) {
+    std::string text;
+    for (size_t key = 0; key < kRunKeys; ++key)
+        if (!line.values[key].empty())
+            text += (text.empty() ? "" : " ") + std::string(kKeys[key]) + "=" + line.values[key];
+    return text + "\n";
+}
+
+bool parseRunLine(std::string_view text, RunLine* line) {
+    *line = {};
+    std::string whole(text);
+    for (size_t at = 0; at <= text.size();) {
+        size_t end = std::min(text.find(' ', at), text.size()), sign = std::min(text.find('=', at), end);
+        auto key = std::find(kKeys, kKeys + kRunKeys, text.substr(at, sign - at)) - kKeys;
+        if (key == kRunKeys || sign == end)
+            return false;
+        line->values[key] = text.substr(sign + 1, end - sign - 1);
+        at = end + 1;
+    }
+    // That alone is whole which is printed like this.
+    return line->number(RunKey::Run) > 0 && printRunLine(*line) == whole + "\n" &&
+           std::find(std::begin(kEvents), std::end(kEvents), (*line)[RunKey::Event]) != std::end(kEvents) &&
+           std::all_of(whole.begin(), whole.end(), [](unsigned char c) { return c >= ' ' && c != 0x7f; });
+}
+
+/** What the file holds. */
+struct RunList::Found {
+    std::string kept; ///< all but the lines of runs that are gone
+    bool whole = true; ///< that is all
+    RunLine last; ///< of the newest run: its last line
+};
+
+/** The lines of one run stand together, the last of them tells its folder. What is no line stays. */
+RunList::Found RunList::read(const char* logs) {
+    Found found;
+    FileDescriptor file = openOwnFile(listPath(logs).text, O_RDONLY);
+    struct stat info;
+    std::string text;
+    if (!file.valid() || fstat(file.get(), &info) != 0)
+        return found;
+    found.whole = info.st_size <= kLargest;
+    off_t size = found.whole ? info.st_size : kLargest / 2;
+    if (!readAll(file.get(), info.st_size - size, &text, static_cast<size_t>(size)))
+        return found;
+    if (!found.whole)
+        text.erase(0, text.find('\n') + 1);
+    for (size_t at = 0, begin = 0, run = 0, end; at < text.size(); at = end) {
+        end = std::min(text.find('\n', at), text.size());
+        RunLine line;
+        bool ours = end < text.size() && parseRunLine(std::string_view(text).substr(at, end - at), &line);
+        if (ours && line.number(RunKey::Run) != run) {
+            begin = found.kept.size();
+            run = line.number(RunKey::Run);
+        }
+        if (ours && run >= found.last.number(RunKey::Run))
+            found.last = line;
+        found.kept.append(text, at, end - at).append("\n");
+        ++end;
+        uint32_t archived = ours ? line.number(RunKey::Archived) : 0;
+        if (archived == 0 || nameTaken(runFolder(entryPath(logs, kRunName).text, archived).text))
+            continue;
+        found.kept.resize(begin);
+        found.whole = false;
+    }
+    return found;
+}
+
+void RunList::begin(const char* logs, uint32_t newest, uint32_t archived, const char* from) {
+    Aside aside;
+    Found found = read(logs);
+    std::string text;
+    uint32_t last = found.last.number(RunKey::Run);
+    const std::string& event = found.last[RunKey::Event];
+    if (last > 0 && event != kRunArchived) {
+        RunLine line;
+        line[RunKey::Run] = std::to_string(last);
+        line[RunKey::Event] = kRunArchived;
+        line[RunKey::How] = event == kRunEnd ? found.last[RunKey::How] : kRunNoEnd;
+        line[RunKey::Archived] = std::to_string(archived);
+        text = printRunLine(line);
+    }
+    if (from == nullptr)
+        describeStart();
+    mStart[RunKey::Run] = std::to_string((last > 0 ? last : newest) + 1);
+    mStart[RunKey::From] = from != nullptr ? from : "";
+    text += printRunLine(mStart);
+    if (found.whole)
+        append(logs, text);
+    else
+        replace(logs, found.kept + text);
+}
+
+void RunList::describeStart() {
+    mOffset = clockOffset();
+    mStart[RunKey::Event] = kRunStart;
+    mStart[RunKey::Time] = localTime();
+    mStart[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    mStart[RunKey::Boot] = bootId(mSystemRoot.path);
+    mStart[RunKey::Version] = VNLOG_VERSION;
+    mStart[RunKey::Build] = word(std::getenv("VNLOG_BUILD_ID"));
+}
+
+void RunList::end(const char* logs, const char* how) {
+    if (!begun())
+        return;
+    Aside aside;
+    watchClock(logs);
+    RunLine line;
+    line[RunKey::Run] = mStart[RunKey::Run];
+    line[RunKey::Event] = kRunEnd;
+    line[RunKey::Time] = localTime();
+    line[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    line[RunKey::How] = how;
+    append(logs, printRunLine(line));
+    if (std::strcmp(how, kRunMoved) != 0)
+        forget();
+}
+
+void RunList::watchClock(const char* logs) {
+    int64_t offset = clockOffset(), step = offset - mOffset;
+    mOffset = offset;
+    if (!begun() || std::abs(step) < kLeastStep)
+        return;
+    Aside aside;
+    RunLine line;
+    line[RunKey::Run] = mStart[RunKey::Run];
+    line[RunKey::Event] = kRunStep;
+    line[RunKey::Time] = localTime();
+    line[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    line[RunKey::Step] = std::to_string(step);
+    append(logs, printRunLine(line));
+}
+
+void RunList::trim(const char* logs) {
+    Aside aside;
+    Found found = read(logs);
+    if (!found.whole)
+        replace(logs, found.kept);
+}
+
+/** Appends lines, on one of their own where the last was cut off. */
+void RunList::append(const char* logs, const std::string& text) {
+    Path path = listPath(logs);
+    FileDescriptor file = openOwnFile(path.text, O_RDWR | O_CREAT | O_APPEND, kRunListMode);
+    off_t size = file.valid() ? lseek(file.get(), 0, SEEK_END) : -1;
+    std::string last;
+    bool cut = size > 0 && readAll(file.get(), size - 1, &last, 1) && last != "\n";
+    std::string lines = (cut ? "\n" : "") + text;
+    report(path.text, size >= 0 && writeAll(file.get(), lines.data(), lines.size()) &&
+                          fsync(file.get()) == 0 && (size > 0 || syncFolderOf(path.text)));
+}
+
+void RunList::replace(const char* logs, const std::string& text) {
+    Path path = listPath(logs), draft = draftOf(path.text);
+    FileDescriptor file = openOwnFile(draft.text, O_WRONLY | O_CREAT | O_TRUNC, kRunListMode);
+    report(path.text, file.valid() && writeAll(file.get(), text.data(), text.size()) &&
+                          fsync(file.get()) == 0 && rename(draft.text, path.text) == 0 &&
+                          syncFolderOf(path.text));
+}
+
+void RunList::report(const char* path, bool done) {
+    if (done || mReported)
+        return;
+    mReported = true;
+    logError("[%s] cannot be written; storing goes on without it\n", path);
+    logErrno();
+}
+
+} // namespace vnlog
