@@ -25,7 +25,8 @@ class Comeback final : public StoringSwitch {
     /** The storage could not be prepared: begins to try that, if it would be used at all. */
     void awaitStorage() VNLOG_REQUIRES(CommandLock::role);
     /**
-     * Ends the flush thread of a storing that was given up, if it still runs: what is in the ring is lost.
+     * Ends the flush thread of a storing that was given up, if it still runs: what is in the ring is lost to
+     * the full storage.
      * False when it cannot be ended.
      */
     [[nodiscard]] bool stopStoring() VNLOG_REQUIRES(CommandLock::role);
@@ -51,7 +52,6 @@ class Comeback final : public StoringSwitch {
     bool prepareAgain() VNLOG_REQUIRES(CommandLock::role);
     bool roomAgain(bool report);
     bool storeAgain() VNLOG_REQUIRES(CommandLock::role);
-    bool makeRing();
     bool missed() const VNLOG_REQUIRES(CommandLock::role);
 
     LogService& mService;
