@@ -3,6 +3,7 @@
 #include "base/Diagnostics.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace vnlog {
 
@@ -28,19 +29,24 @@ void Flusher::drainUntilDone() {
     unsigned pause = kFirstPauseSeconds;
     bool retry = false;
     while (mState.mFlushThreadRunning) {
-        uint32_t requestsSeen = mRing.requests();
-        Drain drained = drain(retry, requestsSeen);
+        DrainStart start = mRing.beginDrain();
+        mSyncOwed = mSyncOwed || start.sync;
+        Drain drained = drain(retry, start);
         switch (drained) {
         case Drain::Idle:
         case Drain::Done:
             return;
         case Drain::Again: // what is left is offered at once; if that moves nothing, it has failed
             break;
+        case Drain::NotSynced: // writing works, so that the writers may wait
         case Drain::Failed:
         case Drain::Full:
-            mRing.drainFailed(drained == Drain::Full);
+            ++mFailures;
+            mRing.requestsFailed(start.requests);
+            if (drained != Drain::NotSynced)
+                mRing.drainFailed(drained == Drain::Full);
             mTarget.closeSection();
-            mRing.pause(pause, requestsSeen);
+            mRing.pause(pause, start.requests);
             pause = std::min(pause * 2, kLongestPauseSeconds);
             break;
         }
@@ -50,42 +56,48 @@ void Flusher::drainUntilDone() {
 
 /** Writes out everything buffered if there is enough of it or somebody wants it; always when `retry` is set.
  */
-Flusher::Drain Flusher::drain(bool retry, uint32_t requestsSeen) {
-    uint32_t used = mRing.used();
-    if (used == 0) {
-        mRing.drainWorks();
-        mRing.forgetRequest(requestsSeen);
+Flusher::Drain Flusher::drain(bool retry, const DrainStart& start) {
+    if (start.used == 0)
+        return finish(start, Drain::Idle);
+    if (!retry && !mSyncOwed && !mRing.drainWanted())
         return Drain::Idle;
-    }
-    if (!retry && !mRing.drainWanted())
-        return Drain::Idle;
+    Drain outcome = save(start);
+    if (outcome == Drain::Failed || outcome == Drain::Full)
+        logError("error: failed to save log,please check it\n");
+    return outcome;
+}
 
-    SaveResult result = mTarget.save(used);
+Flusher::Drain Flusher::save(const DrainStart& start) {
+    SaveResult result = mTarget.save(start.used);
     if (!mState.mFlushThreadRunning)
         return Drain::Done; // a stop came in between; what it left is no failure of the storage
-    Drain outcome = Drain::Failed;
     switch (result.status) {
     case SaveStatus::Saved:
-        mRing.drainWorks();
-        mRing.forgetRequest(requestsSeen);
-        return Drain::Done;
+        ++mFlushes;
+        return finish(start, Drain::Done);
     case SaveStatus::WriteFailed:
-        if (result.moved > 0) {
-            mRing.drainWorks();
-            return Drain::Again;
-        }
-        break;
+        if (result.moved == 0)
+            break;
+        mRing.drainWorks();
+        return Drain::Again;
     case SaveStatus::RootMoved:
-        outcome = Drain::Again; // the new root is as good as any: no pause
-        break;
+        logError("error: failed to save log,please check it\n");
+        return Drain::Again; // the new root is as good as any: no pause
     case SaveStatus::MediumFull:
-        outcome = Drain::Full;
-        break;
+        return Drain::Full;
     case SaveStatus::CutFailed:
         break;
     }
-    logError("error: failed to save log,please check it\n");
-    return outcome;
+    return Drain::Failed;
+}
+
+/** What was buffered is in the section; syncs that if it is wanted. One sync that fails is not repeated: what
+ * the medium has lost by that, it does not tell a second time. */
+Flusher::Drain Flusher::finish(const DrainStart& start, Drain done) {
+    bool owed = std::exchange(mSyncOwed, false);
+    bool synced = owed && mTarget.sync();
+    mRing.finishDrain(start, synced);
+    return owed && !synced ? Drain::NotSynced : done;
 }
 
 } // namespace vnlog

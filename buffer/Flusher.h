@@ -26,11 +26,18 @@ class BatchTarget {
   public:
     /** Moves `count` bytes out of the ring. Reports its failures. */
     virtual SaveResult save(uint32_t count) = 0;
+    /** Brings what save has moved to the medium, name and all. False, reported, when that fails. */
+    virtual bool sync() = 0;
     /** Syncs and closes what save has left open. */
     virtual void closeSection() = 0;
 
   protected:
     ~BatchTarget() = default;
+};
+
+/** How often the ring was written out, or that or a sync failed; modulo 2^32. */
+struct FlushCounts {
+    uint32_t flushes, failures;
 };
 
 /**
@@ -42,19 +49,25 @@ class Flusher {
     Flusher(const RingState& state, Ring& ring, BatchTarget& target)
         : mState(state), mRing(ring), mTarget(target) {}
 
-    /** Runs until the thread is to end; what is left in the ring then is reported and dropped. Ends as well,
-     * reported, when waiting is not possible; what is left stays then. */
+    /** Runs until the thread is to end; what is left in the ring then is reported, and dropped unless it
+     * outlives the process. Ends as well, reported, when waiting is not possible; what is left stays then. */
     void run();
+    /** Any thread. */
+    FlushCounts counts() const { return {mFlushes, mFailures}; }
 
   private:
-    enum class Drain { Idle, Done, Again, Failed, Full };
+    enum class Drain { Idle, Done, Again, NotSynced, Failed, Full };
 
     void drainUntilDone();
-    Drain drain(bool retry, uint32_t requestsSeen);
+    Drain drain(bool retry, const DrainStart& start);
+    Drain save(const DrainStart& start);
+    Drain finish(const DrainStart& start, Drain done);
 
     const RingState& mState;
     Ring& mRing;
     BatchTarget& mTarget;
+    bool mSyncOwed = false; ///< wanted by a request that no drain has served yet
+    std::atomic<uint32_t> mFlushes{0}, mFailures{0};
 };
 
 } // namespace vnlog

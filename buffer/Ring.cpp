@@ -3,13 +3,14 @@
 #include "base/Diagnostics.h"
 #include "base/Handles.h"
 #include "base/Semaphores.h"
+#include "base/Text.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vnlog {
@@ -22,6 +23,8 @@ constexpr int kPlaceFirst = 1706;
 constexpr int kPlaceSecond = 1710;
 
 constexpr uint32_t kWaitReportInterval = 1000; ///< milliseconds between two reports about waiting writers
+constexpr unsigned kPollMs = 3; ///< of those who wait for a flush
+constexpr uint32_t kRequestStep = 2, kSyncTicket = 1;
 
 /** Holds the ring's mutex while in scope. */
 class VNLOG_SCOPED_LOCK RingGuard {
@@ -72,11 +75,40 @@ uint32_t cutBack(int fd, off_t start) {
     return 0;
 }
 
-/** Of the monotonic clock, modulo 2^32. */
-uint32_t milliseconds() {
+/** Of the monotonic clock. */
+int64_t steadyMilliseconds() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint32_t>(now.tv_sec) * 1000U + static_cast<uint32_t>(now.tv_nsec / 1000000);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+/** The same modulo 2^32. */
+uint32_t milliseconds() {
+    return static_cast<uint32_t>(steadyMilliseconds());
+}
+
+timespec steadyTime(int64_t milliseconds) {
+    timespec time{};
+    time.tv_sec = static_cast<time_t>(milliseconds / 1000);
+    time.tv_nsec = static_cast<long>(milliseconds % 1000 * 1000000);
+    return time;
+}
+
+/** Whether requests up to `last` include this one. */
+bool includes(uint32_t last, uint32_t number) {
+    return static_cast<int32_t>(last - number) >= 0;
+}
+
+/** Copies bytes into the data area from an index on; returns the index behind them. */
+uint32_t copyIn(LogBuf& buffer, uint32_t at, const char* bytes, uint32_t length)
+    VNLOG_REQUIRES(RingLock::role) {
+    if (length == 0)
+        return at;
+    uint32_t ring = buffer.last_pos + 1;
+    uint32_t first = std::min(length, ring - at);
+    std::memcpy(buffer.buf + at, bytes, first);
+    std::memcpy(buffer.buf, bytes + first, length - first);
+    return (at + length) % ring;
 }
 
 uint32_t usedBytes(const LogBuf& buffer) {
@@ -120,16 +152,30 @@ class Ring::Use {
     LogBuf* const mBuffer;
 };
 
-/** Counts its writer among those that wait for space. */
+/** Counts its writer among those that wait for space, and its record as lost when the wait ends unanswered.
+ */
 class Ring::Waiter {
   public:
-    explicit Waiter(Ring& ring) : mRing(ring) { ++mRing.mWaiters; }
-    ~Waiter() { --mRing.mWaiters; }
+    Waiter(Ring& ring, const void* bytes, uint32_t length)
+        : mRing(ring), mBytes(static_cast<const char*>(bytes)), mLength(length) {
+        ++mRing.mWaiters;
+    }
+    ~Waiter() {
+        --mRing.mWaiters;
+        if (!mAnswered)
+            mRing.mLosses.add(Loss::Refused, countLines(mBytes, mLength));
+    }
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
 
+    /** The record is in the ring, or its caller counts it. */
+    void answer() { mAnswered = true; }
+
   private:
     Ring& mRing;
+    const char* const mBytes;
+    const uint32_t mLength;
+    bool mAnswered = false;
 };
 
 Ring::Ring(RingState& state, Medium& medium) : mState(state), mMedium(medium) {
@@ -137,6 +183,7 @@ Ring::Ring(RingState& state, Medium& medium) : mState(state), mMedium(medium) {
 }
 
 Ring::~Ring() {
+    closeMemory();
     (void)sem_destroy(&mIdle); // a destroyed ring has no user left who could be waiting
 }
 
@@ -175,14 +222,14 @@ void Ring::wakeWaiters() {
         post(&mState.mLogBuf->sem_write);
 }
 
-bool Ring::create() {
+bool Ring::create(const char* folder) {
     close();
-    bool built = build();
+    bool built = build(folder);
     reopen();
     return built;
 }
 
-bool Ring::build() {
+bool Ring::build(const char* folder) {
     auto* record = new (std::nothrow) LogBuf{};
     mState.mLogBuf = record;
     if (record == nullptr) {
@@ -207,36 +254,74 @@ bool Ring::build() {
         destroy(built);
         return false;
     }
-    record->buf = allocateText(kLogBufSize).release();
-    if (record->buf == nullptr) {
+    if (!mMemory.isOpen() && !openMemory(folder)) {
         logError("fail to malloc log buf!\n");
         logErrno();
         destroy(built);
         return false;
     }
-    record->size = kLogBufSize;
-    record->last_pos = kLogBufSize - 1;
-    record->free_size = kLogBufSize;
+    useMemory(*record);
     mState.mFlushAll = false;
-    mDrainFailing = mConsumerAwake = mConsumerWorks = false;
-    mDroppedBytes = mDroppedLines = mUnreportedWaits = 0;
+    mDrainFailing = mConsumerAwake = mConsumerWorks = mSyncAsked = mGivenUp = false;
+    mFailed = mFlushRequests.load(); // those of the record before that are still waited for
+    mDroppedBytes = mUnreportedWaits = 0;
     mLastWaitReport = milliseconds() - kWaitReportInterval;
     return true;
+}
+
+bool Ring::openMemory(const char* folder) VNLOG_UNCHECKED { // of a ring that nobody is in
+    if (!mMemory.open(folder))
+        return false;
+    cutUnfinishedLine();
+    mAdopted = mMemory.used();
+    mLosses.attach(mMemory.losses(), mMemory.side());
+    return true;
+}
+
+/** Lets a record that nobody uses yet stand for what the memory holds. */
+void Ring::useMemory(LogBuf& buffer) VNLOG_UNCHECKED {
+    if (!mMemory.persistent())
+        mMemory.publishRead(mMemory.writePosition());
+    buffer.buf = mMemory.data();
+    buffer.size = kLogBufSize;
+    buffer.last_pos = kLogBufSize - 1;
+    buffer.read_pos = mMemory.readPosition() % kLogBufSize;
+    buffer.write_pos = mMemory.writePosition() % kLogBufSize;
+    buffer.free_size = kLogBufSize - mMemory.used();
+    mOldest = steadyMilliseconds();
+}
+
+/** Lines only are kept of what an earlier process has left. */
+void Ring::cutUnfinishedLine() {
+    uint32_t start = mMemory.readPosition(), used = mMemory.used(), whole = used;
+    while (whole > 0 && mMemory.data()[(start + whole - 1) % kLogBufSize] != '\n')
+        --whole;
+    if (whole == used)
+        return;
+    logError("%u byte of an unfinished line are cut off what the run before left in memory\n", used - whole);
+    mMemory.publishWrite(start + whole, mMemory.side());
 }
 
 void Ring::release() {
     if (mState.mLogBuf == nullptr)
         return;
     close();
+    if (!persistent() || mGivenUp)
+        dropRest(mGivenUp ? Loss::StorageFull : Loss::Dropped);
     destroy(Built::Whole);
     reopen();
+}
+
+void Ring::closeMemory() {
+    if (!mMemory.isOpen())
+        return;
+    mLosses.detach(!mMemory.persistent()); // those in the file are told by whoever opens it next
+    mMemory.close();
 }
 
 /** Frees the record of a closed ring with those of its primitives that were initialised. */
 void Ring::destroy(Built built) {
     LogBuf* record = mState.mLogBuf;
-    std::free(record->buf);
-    record->buf = nullptr;
     if (built >= Built::Whole)
         reportDestruction(sem_destroy(&record->sem_write), "destroy sem_write failure\n");
     if (built >= Built::WithReadSemaphore)
@@ -256,19 +341,22 @@ PutResult Ring::put(const void* bytes, uint32_t length) {
         return {PutStatus::NotInService};
     if (length > buffer->size) {
         logError("a record of %u byte can never fit the log buffer\n", length);
+        mLosses.add(Loss::TooLong, countLines(static_cast<const char*>(bytes), length));
         return {PutStatus::TooLong};
     }
     PutResult result{PutStatus::Stored};
     if (!tryCopy(*buffer, bytes, length))
         result = waitAndCopy(*buffer, bytes, length);
-    if (result.status == PutStatus::Stored && drainWanted(*buffer))
+    bool unwatched = mArmedInterval != mState.mFlushInterval; // by a consumer that sleeps
+    if (result.status == PutStatus::Stored && (unwatched || drainWanted(*buffer)))
         wakeForDrain(*buffer);
     return result;
 }
 
 bool Ring::drainWanted(const LogBuf& buffer) const {
     uint32_t used = usedBytes(buffer);
-    return used > kFlushThreshold || (used > 0 && (mState.mFlushAll || mState.mFlushSwitch || mWaiters > 0));
+    return mSyncAsked || used > kFlushThreshold ||
+           (used > 0 && (mState.mFlushAll || mState.mFlushSwitch || mWaiters > 0));
 }
 
 /** Wakes the consumer unless it is awake: it looks once more before it waits. */
@@ -277,23 +365,103 @@ void Ring::wakeForDrain(LogBuf& buffer) {
         postOrReport(&buffer.sem_read, "logBufWrite sem_post failed \n");
 }
 
-/** Copies the record in if there is space for it. */
 bool Ring::tryCopy(LogBuf& buffer, const void* bytes, uint32_t length) {
     RingGuard lock(buffer);
-    if (buffer.free_size < length)
+    return append(buffer, static_cast<const char*>(bytes), length);
+}
+
+/**
+ * Copies a record, or none, behind the lines that are still to be told, if there is space for all. They wait
+ * for the next record when the ring could never hold them together.
+ */
+bool Ring::append(LogBuf& buffer, const char* bytes, uint32_t length) {
+    LossLines losses;
+    mLosses.write(&losses);
+    char note[88] = "";
+    if (mAdopted > 0)
+        formatText(note, "--------- the lines above were buffered when the run before ended, %u bytes\n",
+                   mAdopted);
+    auto noteLength = static_cast<uint32_t>(std::strlen(note));
+    uint32_t ahead = noteLength + losses.length;
+    bool together = ahead + length <= buffer.size;
+    uint32_t all = together ? ahead + length : length;
+    if (buffer.free_size < all)
         return false;
-    uint32_t ring = buffer.last_pos + 1;
-    uint32_t first = std::min(length, ring - buffer.write_pos);
-    std::memcpy(buffer.buf + buffer.write_pos, bytes, first);
-    std::memcpy(buffer.buf, static_cast<const char*>(bytes) + first, length - first);
-    buffer.write_pos = (buffer.write_pos + length) % ring;
-    buffer.free_size -= length;
+    if (all == 0)
+        return true;
+    if (buffer.free_size == buffer.size)
+        mOldest = steadyMilliseconds();
+    uint32_t side = mLosses.side(), end = buffer.write_pos;
+    if (together && ahead > 0) {
+        end = copyIn(buffer, end, note, noteLength);
+        end = copyIn(buffer, end, losses.text, losses.length);
+        side = mLosses.prepare(losses);
+        mAdopted = 0;
+    }
+    buffer.write_pos = copyIn(buffer, end, bytes, length);
+    mMemory.publishWrite(mMemory.writePosition() + all, side);
+    mLosses.choose(side);
+    buffer.free_size -= all;
     return true;
+}
+
+void Ring::announce() {
+    Use use(*this);
+    if (use.buffer() == nullptr)
+        return;
+    bool adopted = false;
+    {
+        RingGuard lock(*use.buffer());
+        adopted = mAdopted > 0;
+        (void)append(*use.buffer(), nullptr, 0); // without space the next record is behind it
+    }
+    if (adopted)
+        (void)requestFlush(true); // nobody waits for it
+}
+
+bool Ring::freeWritten(int fd) {
+    const WriteMark* mark = mMemory.mark();
+    struct stat info;
+    if (mark == nullptr || fstat(fd, &info) != 0 || info.st_dev != mark->device || info.st_ino != mark->inode)
+        return false;
+    auto size = static_cast<uint64_t>(info.st_size);
+    uint64_t behind = size > mark->offset ? size - mark->offset : 0;
+    auto there = static_cast<uint32_t>(std::min<uint64_t>(behind, std::min(mark->bytes, mMemory.used())));
+    if (equalBytes(fd, static_cast<off_t>(mark->offset), there) < there) {
+        logError("a section went on otherwise than with what is buffered, which is stored once more\n");
+        there = 0;
+    }
+    mMemory.clearMark();
+    LogBuf& buffer = *mState.mLogBuf;
+    RingGuard lock(buffer);
+    mMemory.publishRead(mMemory.readPosition() + there);
+    buffer.read_pos = mMemory.readPosition() % buffer.size;
+    buffer.free_size += there;
+    mAdopted -= there;
+    return true;
+}
+
+/** How many of the oldest bytes, at most so many, are those of a file from `offset` on. */
+uint32_t Ring::equalBytes(int fd, off_t offset, uint32_t most) const {
+    char piece[4096];
+    uint32_t start = mMemory.readPosition();
+    for (uint32_t done = 0; done < most;) {
+        ssize_t length = pread(fd, piece, std::min<size_t>(most - done, sizeof piece), offset + done);
+        if (length < 0 && errno == EINTR)
+            continue;
+        if (length <= 0)
+            return done;
+        for (ssize_t i = 0; i < length; ++i, ++done) {
+            if (piece[i] != mMemory.data()[(start + done) % kLogBufSize])
+                return done;
+        }
+    }
+    return most;
 }
 
 /** put for a record that finds no space. Cancellation may strike while it waits. */
 PutResult Ring::waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length) {
-    Waiter waiter(*this);
+    Waiter waiter(*this, bytes, length);
     if (mWaiters == 1) {
         dropPosts(buffer.sem_write); // of drains before this moment; each would cost a useless round
         for (uint32_t others = mWaiters - 1; others > 0; --others)
@@ -302,16 +470,20 @@ PutResult Ring::waitAndCopy(LogBuf& buffer, const void* bytes, uint32_t length) 
     bool reported = false;
     wakeForDrain(buffer);
     for (;;) {
-        if (tryCopy(buffer, bytes, length))
+        bool stored = tryCopy(buffer, bytes, length);
+        bool full = !stored && mDrainFailing && mMediumFull;
+        if (stored || full)
+            waiter.answer();
+        if (stored)
             return {PutStatus::Stored};
-        if (closed())
-            return {PutStatus::Closed};
+        if (full)
+            return mediumIsFull(buffer);
         if (mDrainFailing) {
-            if (mMediumFull)
-                return mediumIsFull(buffer);
             ++mRefusedRecords;
             return {PutStatus::Refused};
         }
+        if (closed())
+            return {PutStatus::Closed};
         if (!reported)
             reportWait(buffer, length);
         reported = true;
@@ -353,15 +525,19 @@ TakeResult Ring::take(int fd, uint32_t wanted) {
         count = std::min(wanted, usedBytes(buffer));
     }
     off_t before = lseek(fd, 0, SEEK_CUR);
+    mMemory.markWrite(fd, before, count);
     TakeResult result{TakeStatus::Taken, count};
     if (!writeUsed(buffer, fd, start, count)) {
         result = {TakeStatus::WriteFailed, 0, errno};
         result.count = cutBack(fd, before);
-        if (result.count == 0)
+        if (result.count == 0) {
+            mMemory.clearMark();
             return result;
+        }
     }
     {
         RingGuard lock(buffer);
+        mMemory.publishRead(mMemory.readPosition() + result.count);
         buffer.read_pos = (start + result.count) % (buffer.last_pos + 1);
         buffer.free_size += result.count;
     }
@@ -374,14 +550,59 @@ uint32_t Ring::used() const {
     return use.buffer() != nullptr ? usedBytes(*use.buffer()) : 0;
 }
 
-void Ring::requestFlush() {
+uint32_t Ring::requestFlush(bool sync) {
+    Use use(*this);
+    if (use.buffer() == nullptr)
+        return 0;
+    uint32_t number = 0;
+    {
+        RingGuard lock(*use.buffer());
+        number = mFlushRequests += kRequestStep;
+        mSyncAsked = mSyncAsked || sync;
+        mState.mFlushAll = true;
+    }
+    postOrReport(&use.buffer()->sem_read, "flushLogBufAll sem_post failed \n");
+    logDebug("flush log buf success!\n");
+    return sync ? number | kSyncTicket : number;
+}
+
+void Ring::flushUrgent() {
     Use use(*this);
     if (use.buffer() == nullptr)
         return;
-    ++mFlushRequests;
-    mState.mFlushAll = true;
-    postOrReport(&use.buffer()->sem_read, "flushLogBufAll sem_post failed \n");
-    logDebug("flush log buf success!\n");
+    {
+        RingGuard lock(*use.buffer());
+        if (mSyncAsked)
+            return; // the drain that does it begins after this
+        mSyncAsked = true;
+    }
+    if (!mDrainFailing)
+        wakeForDrain(*use.buffer());
+}
+
+FlushOutcome Ring::awaitFlush(uint32_t ticket, unsigned ms) const {
+    CancelGuard guard;
+    int64_t end = steadyMilliseconds() + ms;
+    for (;;) {
+        FlushOutcome now = outcome(ticket);
+        if (now != FlushOutcome::TimedOut || steadyMilliseconds() >= end)
+            return now;
+        timespec pause{0, kPollMs * 1000000L};
+        (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr); // a signal only makes it shorter
+    }
+}
+
+/** What is known of a request; TimedOut for one that is under way. */
+FlushOutcome Ring::outcome(uint32_t ticket) const {
+    bool sync = (ticket & kSyncTicket) != 0;
+    uint32_t number = ticket - (sync ? kSyncTicket : 0);
+    if (number == 0)
+        return FlushOutcome::NotInService;
+    if (includes(sync ? mSynced : mWritten, number))
+        return FlushOutcome::Done;
+    if (includes(mFailed, number))
+        return FlushOutcome::Failed;
+    return mState.mFlushThreadRunning ? FlushOutcome::TimedOut : FlushOutcome::NotInService;
 }
 
 bool Ring::wakeConsumer() {
@@ -389,24 +610,69 @@ bool Ring::wakeConsumer() {
 }
 
 bool Ring::waitForWork() {
+    mOverdue = false;
+    mArmedInterval = 0;
     if (mConsumerWorks) {
         mConsumerAwake = false; // first, so that whoever brings work from here on posts
         if (drainWanted() && !mConsumerAwake.exchange(true))
             return true;
     }
-    mConsumerWorks = waitOrReport(&mState.mLogBuf->sem_read, "logBufFlush sem_wait failed\n");
+    mConsumerWorks = awaitWork();
     mConsumerAwake = true;
     return mConsumerWorks;
 }
 
-bool Ring::drainWanted() const {
-    return drainWanted(*mState.mLogBuf);
+/** Waits for a post; when there are bytes that become due without one, until then at most. */
+bool Ring::awaitWork() {
+    constexpr char kReport[] = "logBufFlush sem_wait failed\n";
+    uint32_t interval = mState.mFlushInterval;
+    int64_t oldest = 0;
+    if (interval == 0 || !oldestTime(&oldest))
+        return waitOrReport(&mState.mLogBuf->sem_read, kReport);
+    mArmedInterval = interval;
+    timespec due = steadyTime(oldest + int64_t{interval} * 1000);
+    while (sem_clockwait(&mState.mLogBuf->sem_read, CLOCK_MONOTONIC, &due) < 0) {
+        mOverdue = errno == ETIMEDOUT;
+        if (mOverdue)
+            return true;
+        if (errno == EINTR)
+            continue;
+        logError("%s", kReport);
+        logErrno();
+        return false;
+    }
+    return true;
 }
 
-void Ring::forgetRequest(uint32_t seen) {
-    mState.mFlushAll = false; // first, so that a request that comes in between is not lost
-    if (mFlushRequests != seen)
-        mState.mFlushAll = true;
+/** Since when the oldest byte has been buffered, at the latest. False when there is none. */
+bool Ring::oldestTime(int64_t* time) const {
+    const LogBuf& buffer = *mState.mLogBuf;
+    RingGuard lock(*mState.mLogBuf);
+    *time = mOldest;
+    return usedBytes(buffer) > 0;
+}
+
+bool Ring::drainWanted() const {
+    return drainWanted(*mState.mLogBuf) || (mOverdue && used() > 0);
+}
+
+DrainStart Ring::beginDrain() {
+    LogBuf& buffer = *mState.mLogBuf;
+    RingGuard lock(buffer);
+    DrainStart start{mFlushRequests, usedBytes(buffer), mSyncAsked, steadyMilliseconds()};
+    mSyncAsked = false;
+    return start;
+}
+
+void Ring::finishDrain(const DrainStart& drain, bool synced) {
+    drainWorks();
+    RingGuard lock(*mState.mLogBuf);
+    if (mFlushRequests == drain.requests) // one that came in between is not lost
+        mState.mFlushAll = false;
+    mOldest = std::max(mOldest, drain.time); // what is there now came after that
+    mWritten = drain.requests;
+    if (synced)
+        mSynced = drain.requests;
 }
 
 void Ring::pause(unsigned seconds, uint32_t seen) {
@@ -439,20 +705,27 @@ void Ring::reportRefused() {
 void Ring::reportUnwritten() {
     reportRefused();
     reportUnsaidWaits();
-    countDropped();
-    if (uint32_t left = mDroppedBytes)
+    uint32_t left = used();
+    if (left == 0)
+        return;
+    if (persistent() && !mGivenUp)
+        logError("%u buffered byte stay in memory for the next start\n", left);
+    else
         logError("%u buffered byte are dropped by the stop\n", left);
 }
 
-void Ring::countDropped() {
+/** Empties the ring, which nobody uses any more, and counts the lines that end in it. */
+void Ring::dropRest(Loss why) {
     LogBuf& buffer = *mState.mLogBuf;
     RingGuard lock(buffer);
-    uint32_t lines = 0;
-    uint32_t used = usedBytes(buffer);
+    uint32_t used = usedBytes(buffer), lines = 0;
     for (uint32_t i = 0; i < used; ++i)
         lines += buffer.buf[(buffer.read_pos + i) % buffer.size] == '\n' ? 1 : 0;
+    mLosses.add(why, lines);
+    mMemory.publishRead(mMemory.writePosition());
+    buffer.read_pos = buffer.write_pos;
+    buffer.free_size = buffer.size;
     mDroppedBytes = used;
-    mDroppedLines = lines;
 }
 
 } // namespace vnlog

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "buffer/Losses.h"
+#include "buffer/RingMemory.h"
 #include "buffer/RingState.h"
 
 #include <atomic>
@@ -21,11 +23,11 @@ class Medium {
 enum class PutStatus {
     Stored,
     NotInService, ///< there is no ring or no flush thread, or the record is empty
-    TooLong, ///< the record can never fit; reported
-    Closed, ///< the ring was closed while the writer waited
-    Refused, ///< there is no space, and draining fails; counted
-    StorageFull, ///< there is no space, and the medium has no room
-    WaitFailed, ///< reported
+    TooLong, ///< the record can never fit; reported and counted as lost
+    Closed, ///< the ring was closed while the writer waited; counted as lost
+    Refused, ///< there is no space, and draining fails; counted as lost
+    StorageFull, ///< there is no space, and the medium has no room; the caller counts that
+    WaitFailed, ///< reported and counted as lost
 };
 
 /** What became of a record. */
@@ -44,6 +46,17 @@ struct TakeResult {
     int error = 0; ///< errno of a failed write
 };
 
+/** What became of a request to flush. */
+enum class FlushOutcome { Done, Failed, TimedOut, NotInService };
+
+/** What a drain has to do. */
+struct DrainStart {
+    uint32_t requests; ///< the last request that it serves
+    uint32_t used; ///< bytes in the ring
+    bool sync; ///< a request since the last drain wants the section synced
+    int64_t time; ///< milliseconds of the monotonic clock
+};
+
 /**
  * The ring buffer: many writers, one consumer, and a release that waits until the last writer has left. Its
  * mutex is held neither while anybody waits nor while a file is written.
@@ -56,13 +69,39 @@ class Ring {
     Ring(const Ring&) = delete;
     Ring& operator=(const Ring&) = delete;
 
-    /** Makes an empty record; there is none yet. False, reported and with everything released, when something
-     * is not to be had.
+    /**
+     * Makes a record; there is none yet. Its memory is opened as RingMemory::open does, unless it is still
+     * open; a memory file's content is kept, but for an end that is no whole line. False, reported and with
+     * everything released, when something is not to be had.
      */
-    [[nodiscard]] bool create();
-    /** Lets nobody in any more, turns waiting writers away, waits until the last has left, frees the record.
+    [[nodiscard]] bool create(const char* folder = nullptr);
+    /**
+     * Lets nobody in any more, turns waiting writers away, waits until the last has left, frees the record.
+     * What is buffered is counted as lost, unless it outlives the process. The memory stays open, for those
+     * counts.
      */
     void release();
+    /** Closes the memory of a ring without a record; nobody puts or counts lost lines meanwhile. */
+    void closeMemory();
+    /** Whether what is buffered outlives the process. Not while memory is opened or closed. */
+    bool persistent() const { return mMemory.persistent(); }
+    /** Whether the memory came from an earlier process. */
+    bool resumed() const { return mMemory.resumed(); }
+    /** Lines lost on their way into the store. Each record is put behind lines about those untold. */
+    Losses& losses() { return mLosses; }
+
+    // --- what a start finds in the memory; there is a record, nobody puts or takes yet
+
+    /** Whether the process before ended while it wrote to a section. */
+    bool interrupted() const { return mMemory.isOpen() && mMemory.mark() != nullptr; }
+    /**
+     * Whether `fd` is that section. What it holds of the oldest bytes is freed then, so that it is not
+     * written twice; a section that went on otherwise is reported and nothing is freed.
+     */
+    bool freeWritten(int fd);
+    /** Puts a line behind what an earlier process has left, and the lines about losses, as far as there is
+     * space; the next record brings the rest. Asks for a flush with sync if there was something. */
+    void announce();
 
     /**
      * Appends one record, whole or not at all; waits while there is no space. Any thread, which may be
@@ -77,12 +116,25 @@ class Ring {
     TakeResult take(int fd, uint32_t wanted);
     /** Bytes that are not yet written out; 0 without a record. Any thread, never waits. */
     uint32_t used() const;
-    /** Asks for everything buffered to be written out. Any thread; without a record nothing happens. */
-    void requestFlush();
-    /** What the last stop of the consumer threw away of this record or of the one before, which is gone: its
-     * bytes, and the lines that end in them. */
+    /**
+     * Asks for everything buffered to be written out, with `sync` also for the section to be brought to its
+     * medium after that. Returns the request's number. Any thread; without a record nothing happens, and the
+     * number is 0.
+     */
+    uint32_t requestFlush(bool sync = false);
+    /** Asks for a flush with sync like that, unless one is asked for that has not begun; while draining fails
+     * it hurries nobody. Any thread. */
+    void flushUrgent();
+    /**
+     * Waits up to `ms` milliseconds for a request. Done: all that was buffered when it was made is in a
+     * section, synced if that was asked for. Failed: a drain or a sync for it has failed; it may be tried
+     * again. NotInService: there is no ring or no flush thread. Any thread, not cancelled inside.
+     */
+    FlushOutcome awaitFlush(uint32_t ticket, unsigned ms) const;
+    /** Bytes that the last release threw away; 0 from the next record on. */
     uint32_t droppedBytes() const { return mDroppedBytes; }
-    uint32_t droppedLines() const { return mDroppedLines; }
+    /** What is buffered at the release is to be thrown away as lost to a full storage. */
+    void giveUp() { mGivenUp = true; }
 
     /** Lets the consumer look at its flag; there is a record. False with errno set when that is not possible.
      */
@@ -90,15 +142,19 @@ class Ring {
 
     // --- for the flush thread; there is a ring buffer
 
-    /** Waits until there is something to do: at once when there is already. False, reported, when waiting is
-     * not possible. */
+    /** Waits until there is something to do: at once when there is already, and no longer than until the
+     * oldest byte has been buffered for RingState::mFlushInterval. False, reported, when waiting is not
+     * possible. */
     [[nodiscard]] bool waitForWork();
-    /** How many flushes have been requested so far, modulo 2^32. */
-    uint32_t requests() const { return mFlushRequests; }
-    /** Whether what is buffered is to be written out: more than the threshold, or less that is wanted. */
+    /** Takes the requests up that have come. */
+    DrainStart beginDrain();
+    /** Whether what is buffered is to be written out: more than the threshold, or less that is wanted or has
+     * waited long enough. */
     bool drainWanted() const;
-    /** Clears a request that has been served, unless another has come since `seen` was read. */
-    void forgetRequest(uint32_t seen);
+    /** All that a drain had to do is done, also the sync if it was `synced`. */
+    void finishDrain(const DrainStart& drain, bool synced);
+    /** A drain or a sync for the requests up to this one failed. */
+    void requestsFailed(uint32_t requests) { mFailed = requests; }
     /** Waits `seconds`; a stop or a request after `seen` ends the wait, other posts do not. */
     void pause(unsigned seconds, uint32_t seen);
     /** Puts the writers on notice: those without space are refused from now on, those that wait get up. With
@@ -106,7 +162,7 @@ class Ring {
     void drainFailed(bool mediumFull);
     /** Ends that, and reports how many records were refused meanwhile. */
     void drainWorks();
-    /** Says what a stop throws away, and counts it. */
+    /** Says what the release will leave in the memory file, or throw away. */
     void reportUnwritten();
 
     // --- for tests: writers that wait for space, and everybody inside
@@ -128,8 +184,16 @@ class Ring {
     bool closed() const;
     void close();
     void reopen();
-    bool build();
+    bool build(const char* folder);
+    bool openMemory(const char* folder);
+    void useMemory(LogBuf& buffer);
     void destroy(Built built);
+    void cutUnfinishedLine();
+    uint32_t equalBytes(int fd, off_t offset, uint32_t most) const;
+    bool awaitWork();
+    bool oldestTime(int64_t* time) const;
+    FlushOutcome outcome(uint32_t ticket) const;
+    bool append(LogBuf& buffer, const char* bytes, uint32_t length) VNLOG_REQUIRES(RingLock::role);
     bool tryCopy(LogBuf& buffer, const void* bytes, uint32_t length);
     bool drainWanted(const LogBuf& buffer) const;
     void wakeForDrain(LogBuf& buffer);
@@ -139,7 +203,7 @@ class Ring {
     void wakeWaiters();
     void reportRefused();
     void reportUnsaidWaits();
-    void countDropped();
+    void dropRest(Loss why);
 
     RingState& mState;
     Medium& mMedium;
@@ -149,12 +213,22 @@ class Ring {
     /// The consumer looks at the ring before it waits again, so nobody needs to wake it.
     Flag mConsumerAwake{false};
     bool mConsumerWorks = false; ///< the consumer has been woken and has not waited since; its own
-    std::atomic<uint32_t> mFlushRequests{0};
+    RingMemory mMemory; ///< the record's data area, and what tells of it to the next process
+    Losses mLosses;
+    /// What an earlier process has left is in front of what is put from now on, and no line tells that yet.
+    uint32_t mAdopted VNLOG_GUARDED_BY(RingLock::role) = 0;
+    int64_t mOldest VNLOG_GUARDED_BY(RingLock::role) = 0; ///< no byte has been buffered for longer
+    Flag mGivenUp{false};
+    std::atomic<uint32_t> mArmedInterval{0}; ///< the interval after which the consumer wakes by itself
+    bool mOverdue = false; ///< it did so; its own
+    // Requests are numbered in steps of two, a ticket is odd when it wants a sync. The last number, and the
+    // last ones that were written, were synced, and failed.
+    std::atomic<uint32_t> mFlushRequests{0}, mWritten{0}, mSynced{0}, mFailed{0};
+    Flag mSyncAsked{false}; ///< since the last drain began; changes under the lock
     std::atomic<uint32_t> mRefusedRecords{0}; ///< since draining began to fail
     Flag mDrainFailing{false}; ///< the last drain failed
     Flag mMediumFull{false}; ///< it did so for want of room
     std::atomic<uint32_t> mDroppedBytes{0};
-    std::atomic<uint32_t> mDroppedLines{0};
     std::atomic<uint32_t> mLastWaitReport{0}; ///< milliseconds, modulo 2^32
     std::atomic<uint32_t> mUnreportedWaits{0};
 };

@@ -165,11 +165,12 @@ bool Comeback::moveToAwaited() {
 /** What the start could not do. */
 bool Comeback::prepareAgain() {
     const bool storing[] = {mFlags[LogService::FLUSH_THREAD], mFlags[LogService::KERNEL_READER], false};
-    if (!makeRing() || !mParts.lifecycle.prepareStore())
+    if (!mParts.lifecycle.makeRing() || !mParts.lifecycle.prepareStore())
         return false;
     if (!mParts.lifecycle.startWorkers(storing, true)) {
         if (mService.mFlushThreadRunning)
             (void)mParts.workers.endFlushThread(); // reported there; the next try begins anew
+        mParts.ring.release();
         return false;
     }
     mCause = Cause::None;
@@ -189,7 +190,7 @@ bool Comeback::roomAgain(bool report) {
 
 /** Begins storing with an empty ring; its first line tells what was lost. */
 bool Comeback::storeAgain() {
-    if (!stopStoring() || !makeRing())
+    if (!stopStoring() || !mParts.lifecycle.makeRing())
         return false;
     if (!mParts.workers.startFlushThread()) {
         mParts.ring.release();
@@ -201,16 +202,12 @@ bool Comeback::storeAgain() {
     return true;
 }
 
-bool Comeback::makeRing() {
-    return mService.mLogBuf != nullptr || mParts.ring.create();
-}
-
 bool Comeback::stopStoring() {
     if (!mService.mFlushThreadRunning)
         return true;
+    mParts.ring.giveUp();
     if (!mParts.workers.endFlushThread())
         return false;
-    mParts.intake.addLost(mParts.ring.droppedLines());
     mParts.ring.release();
     return true;
 }

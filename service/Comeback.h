@@ -28,7 +28,8 @@ class Comeback final : public StoringSwitch {
     /** Begins to try the configured root, if the store waits for one. */
     void awaitRoot() VNLOG_REQUIRES(CommandLock::role);
     /**
-     * Ends the flush thread of a storing that was given up, if it still runs: what is in the ring is lost.
+     * Ends the flush thread of a storing that was given up, if it still runs: what is in the ring is lost to
+     * the full storage.
      * False when it cannot be ended.
      */
     [[nodiscard]] bool stopStoring() VNLOG_REQUIRES(CommandLock::role);
@@ -54,7 +55,6 @@ class Comeback final : public StoringSwitch {
     bool prepareAgain() VNLOG_REQUIRES(CommandLock::role);
     bool roomAgain(bool report);
     bool storeAgain() VNLOG_REQUIRES(CommandLock::role);
-    bool makeRing();
     bool moveToAwaited() VNLOG_REQUIRES(CommandLock::role);
     bool rootMissed() const VNLOG_REQUIRES(CommandLock::role);
     bool storingAsked() const VNLOG_REQUIRES(CommandLock::role);

@@ -3,12 +3,8 @@
 #include "base/Diagnostics.h"
 #include "base/Handles.h"
 #include "base/KeyValue.h"
-#include "base/Text.h"
 #include "binder/Command.h"
 #include "service/Lifecycle.h"
-
-#include <algorithm>
-#include <cstring>
 
 namespace vnlog {
 
@@ -20,12 +16,14 @@ bool Intake::put(const char* line, uint32_t length, int rank) {
     if (!append(line, length))
         return false;
     if (rank >= mService.mFlushPriority && mService.mFlushPriority < ANDROID_LOG_SILENT)
-        mRing.requestFlush();
+        mRing.flushUrgent();
     return true;
 }
 
-void Intake::lost(Loss, uint32_t lines) {
-    addLost(lines);
+void Intake::lost(Loss why, uint32_t lines) {
+    LockGuard<LossLock> lock(mLossLock);
+    if (!mGivenUp || mMissed)
+        mRing.losses().add(why, lines);
 }
 
 bool Intake::append(const void* bytes, uint32_t length) {
@@ -35,9 +33,13 @@ bool Intake::append(const void* bytes, uint32_t length) {
     PutResult result = mRing.put(bytes, length);
     if (result.status == PutStatus::Stored)
         return true;
-    if (result.status == PutStatus::StorageFull)
-        giveUpStoring(result); // outside the ring: this ends in a stop, which waits for all to leave it
-    (void)leaveOut(text, length); // it is the first one that is lost, or one that waited meanwhile
+    if (result.status == PutStatus::NotInService)
+        (void)leaveOut(text, length); // storing may have been given up since the look before
+    if (result.status != PutStatus::StorageFull)
+        return false; // counted by the ring
+    giveUpStoring(result); // outside the ring: this ends in a stop, which waits for all to leave it
+    if (!leaveOut(text, length))
+        lost(Loss::StorageFull, countLines(text, length)); // storing has come back already
     return false;
 }
 
@@ -46,20 +48,14 @@ bool Intake::leaveOut(const char* line, uint32_t length) {
         return false;
     LockGuard<LossLock> lock(mLossLock);
     if (mGivenUp && mMissed)
-        mLost += static_cast<uint32_t>(std::count(line, line + length, '\n'));
+        mRing.losses().add(Loss::StorageFull, countLines(line, length));
     return mGivenUp;
 }
 
 void Intake::beginRun() {
     LockGuard<LossLock> lock(mLossLock);
     mGivenUp = mMissed = mOwnSwitchOff = false;
-    mLost = 0;
     mService.mStorageFull = false;
-}
-
-void Intake::addLost(uint32_t lines) {
-    LockGuard<LossLock> lock(mLossLock);
-    mLost += lines;
 }
 
 /** False when somebody else is doing it, or has done it. */
@@ -103,28 +99,30 @@ bool Intake::forgo() {
 }
 
 void Intake::reportLost() {
-    LockGuard<LossLock> lock(mLossLock);
-    if (mLost > 0)
-        logError("%u lines were not stored while the storage was full\n", mLost);
-    mLost = 0;
+    Losses& losses = mRing.losses();
+    if (uint32_t lines = losses.untold(Loss::StorageFull))
+        logError("%u lines were not stored while the storage was full\n", lines);
+    for (Loss why : {Loss::Refused, Loss::TooLong, Loss::Dropped, Loss::Unread}) {
+        if (uint32_t lines = losses.untold(why))
+            logError("%u lines were not stored: %s\n", lines, lossText(why));
+    }
 }
 
 void Intake::tellOlderLoss() {
+    if (mRing.resumed() || mRing.losses().untold(Loss::StorageFull) > 0)
+        return; // the number is known, and told
     constexpr char kLine[] = "--------- lines lost here: the storage was full until the restart\n";
     (void)mRing.put(kLine, sizeof kLine - 1); // into an empty ring
 }
 
 uint32_t Intake::resume() {
     LockGuard<LossLock> lock(mLossLock);
-    uint32_t lost = mLost;
-    char line[80];
-    formatText(line, "--------- %u lines lost here: the storage was full\n", lost);
-    (void)mRing.put(line, static_cast<uint32_t>(std::strlen(line))); // into an empty ring
+    uint32_t lost = mRing.losses().untold(Loss::StorageFull);
+    mRing.announce();
     mService.mKLogToFile = true; // before lines are let in: a reader that saw it off asks once more then
     mService.mALogToFile = true;
     mService.mStorageFull = false;
     mGivenUp = mMissed = mOwnSwitchOff = false;
-    mLost = 0;
     return lost;
 }
 

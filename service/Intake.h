@@ -28,6 +28,7 @@ class Intake final : public LineSink {
 
     bool inService() const override;
     bool put(const char* line, uint32_t length, int rank) override;
+    /** Counts lines as lost, unless storing was given up and is not wanted any more. */
     void lost(Loss why, uint32_t lines) override VNLOG_EXCLUDES(LossLock::role);
     bool leaveOut(const char* line, uint32_t length) override VNLOG_EXCLUDES(LossLock::role);
     /** Appends one record. False, reported where the ring does, when it is not taken. */
@@ -35,15 +36,14 @@ class Intake final : public LineSink {
 
     // --- for comeback and life cycle, with the command lock held
 
-    /** A new run: nothing is given up, nothing lost. */
+    /** A new run: nothing is given up. */
     void beginRun() VNLOG_EXCLUDES(LossLock::role);
     bool givenUp() const { return mGivenUp; }
-    /** Says how many lines were lost that no line in the store will tell of any more: the service ends. */
-    void reportLost() VNLOG_EXCLUDES(LossLock::role);
-    /** Begins a run's log with a line that tells that an earlier run has lost some; nobody knows how many. */
+    /** Says how many lines were lost that no line in the store tells of yet: the service ends. */
+    void reportLost();
+    /** Begins a run's log with a line that tells that an earlier run has given storing up, unless it is known
+     * how many lines that has lost. */
     void tellOlderLoss();
-    /** Adds to the lines that were lost. */
-    void addLost(uint32_t lines) VNLOG_EXCLUDES(LossLock::role);
     /**
      * File output is switched off. True when that is the user's wish about a storing that was given up: it is
      * not full for him any more, and what is not stored from now on is not lost.
@@ -51,7 +51,7 @@ class Intake final : public LineSink {
     bool forgo() VNLOG_EXCLUDES(LossLock::role);
     /**
      * Switches file output on and takes lines again, into a ring that is new and drained. The first is one
-     * that tells how many were lost, which is the result.
+     * that tells how many were lost to the full storage, which is the result.
      */
     uint32_t resume() VNLOG_EXCLUDES(LossLock::role);
 
@@ -66,7 +66,6 @@ class Intake final : public LineSink {
     Flag mGivenUp{false}; ///< changes under the lock
     bool mMissed VNLOG_GUARDED_BY(LossLock::role) = false; ///< the user wants lines stored all the same
     bool mOwnSwitchOff VNLOG_GUARDED_BY(LossLock::role) = false; ///< the command of giving up is yet to come
-    uint32_t mLost VNLOG_GUARDED_BY(LossLock::role) = 0;
 };
 
 } // namespace vnlog

@@ -22,7 +22,7 @@ bool Lifecycle::start(const bool* flags) {
     readSettings(flags);
     bool opened = openStore();
     mService.mALogFileMinPri = ANDROID_LOG_DEBUG;
-    if (!opened || !mParts.ring.create()) {
+    if (!opened || !makeRing()) {
         releaseTexts();
         return false;
     }
@@ -32,6 +32,13 @@ bool Lifecycle::start(const bool* flags) {
     }
     logDebug("LogService start success\n");
     return true;
+}
+
+bool Lifecycle::makeRing() {
+    constexpr char kMemoryFolder[] = "/run/vnlog";
+    Path folder;
+    formatText(folder.text, "%s%s", mParts.systemRoot.path, kMemoryFolder);
+    return mService.mLogBuf != nullptr || mParts.ring.create(folder.text);
 }
 
 /** With the lock held until the service is started, so that a reader whose storage is full finds it so. */
@@ -95,6 +102,7 @@ bool Lifecycle::beginStoring() {
 }
 
 bool Lifecycle::prepareStore() {
+    mParts.store.settleRing(); // before sections are moved
     if (!mParts.store.prepare())
         return false;
     if (!mParts.settings.save()) {
@@ -115,6 +123,7 @@ bool Lifecycle::startWorkers(const bool* flags, bool storing) {
             return false;
         if (mParts.settings.forgetGivingUp())
             mParts.intake.tellOlderLoss(); // before any reader puts a line in
+        mParts.ring.announce();
     }
     if (storing && flags[LogService::KERNEL_READER] && !workers.startKernelReader())
         return false;
@@ -131,6 +140,7 @@ void Lifecycle::undoStart() { // the Android reader starts last, so it never run
     if (mService.mFlushThreadRunning)
         (void)mParts.workers.endFlushThread();
     mParts.ring.release();
+    mParts.ring.closeMemory();
     mParts.store.leaveRoot();
 }
 
@@ -186,8 +196,10 @@ bool Lifecycle::endStoring(const bool* flags) {
         mParts.store.leaveRoot();
     }
     mService.mServiceStarted = anyWorker();
-    if (!mService.mServiceStarted)
+    if (!mService.mServiceStarted) {
+        mParts.ring.closeMemory();
         mParts.intake.reportLost();
+    }
     if (mService.mServiceStarted && !flags[LogService::FLUSH_THREAD])
         mParts.comeback.resume(flags);
     return true;

@@ -36,6 +36,8 @@ class Lifecycle {
      * before it run.
      */
     bool startWorkers(const bool* flags, bool storing) VNLOG_REQUIRES(CommandLock::role);
+    /** Makes the ring unless there is one; in a memory file where the system root has a folder for it. */
+    [[nodiscard]] bool makeRing();
     /** LogService::logFilterInit. */
     bool applyFilter() VNLOG_REQUIRES(CommandLock::role);
 

@@ -135,7 +135,7 @@ void Workers::drain() {
         least = std::min(least, used);
         // Again when a request was served before the last bytes came, and now and then when writing fails.
         if (!mService.mFlushAll || idle % kDrainRetryMs == 0)
-            mParts.ring.requestFlush();
+            (void)mParts.ring.requestFlush(); // nobody asks what became of it
         pauseOnce();
     }
 }

@@ -35,7 +35,8 @@ class Workers {
      * gets no emptier.
      */
     void drain();
-    /** Ends the flush thread; what is still in the ring is dropped. False when it cannot be ended. */
+    /** Ends the flush thread; what is still in the ring is dropped or stays in the memory file. False when it
+     * cannot be ended. */
     [[nodiscard]] bool endFlushThread();
 
   private:

@@ -105,7 +105,7 @@ SaveStatus Store::appendAndCut(Batch* batch) {
         return SaveStatus::WriteFailed; // a section is not ended before it is full
     errno = 0;
     if (mRootChanged) { // the section stays where it is, for the next start there
-        syncText();
+        (void)syncText(); // reported there
         closeText();
         logError("fail to Compress log files %d log!\n", static_cast<int>(mState.mSliceNum));
         return SaveStatus::CutFailed;
@@ -310,11 +310,23 @@ void Store::trimRuns(const Path& oldest) {
 void Store::closeSection() {
     LockGuard<StorageLock> lock(mLock);
     syncAndClose();
+    (void)syncClosedText(); // reported there
+}
+
+bool Store::sync() {
+    LockGuard<StorageLock> lock(mLock);
+    return mState.mLogFd >= 0 ? syncText() : syncClosedText();
+}
+
+/** Brings a section that is closed but not compressed to the medium: it may stay the only form for long. */
+bool Store::syncClosedText() {
     if (!mCompressPending)
-        return;
-    Path text = sectionText(mState.mCurrentDir, mState.mSliceNum); // it may stay the only form for long
-    if (!syncPath(text.text) || !syncFolderOf(text.text))
-        reportSync(text.text);
+        return true;
+    Path text = sectionText(mState.mCurrentDir, mState.mSliceNum);
+    if (syncPath(text.text) && syncFolderOf(text.text))
+        return true;
+    reportSync(text.text);
+    return false;
 }
 
 /** Closes the open text, and with that leaves the root before the present one. */
@@ -326,15 +338,17 @@ void Store::closeText() {
 }
 
 /** Brings the open text to the medium, name and all. */
-void Store::syncText() {
-    if (fsync(mState.mLogFd) != 0 || (mOpenText.text[0] != '\0' && !syncFolderOf(mOpenText.text)))
-        reportSync(mOpenText.text);
+bool Store::syncText() {
+    if (fsync(mState.mLogFd) == 0 && (mOpenText.text[0] == '\0' || syncFolderOf(mOpenText.text)))
+        return true;
+    reportSync(mOpenText.text);
+    return false;
 }
 
 void Store::syncAndClose() {
     if (mState.mLogFd == -1)
         return;
-    syncText();
+    (void)syncText(); // reported there
     closeText();
     mRootChanged = false;
 }
@@ -353,6 +367,24 @@ void Store::beginRun() {
     mRootChanged = mCompressPending = mBoundPending = mTakeOverPending = mFinishRetried = false;
     mWatch.forget();
     mRuns.forget();
+}
+
+void Store::settleRing() {
+    LockGuard<StorageLock> lock(mLock);
+    if (!mRing.interrupted())
+        return;
+    Listing listing(mState.mCurrentDir);
+    StoredEntry entry;
+    while (listing.valid() && listing.next(&entry)) {
+        Path path;
+        if (entry.kind != NameKind::PlainText || !entry.isSection() || !listing.path(entry, &path))
+            continue;
+        FileDescriptor text = openOwnFile(path.text, O_RDONLY);
+        if (text.valid() && mRing.freeWritten(text.get()))
+            return;
+    }
+    logError("[%s] does not show how much of the last batch it holds, which is stored once more\n",
+             mState.mCurrentDir);
 }
 
 bool Store::prepare() VNLOG_UNCHECKED {

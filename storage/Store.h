@@ -66,6 +66,8 @@ class Store final : public BatchTarget {
 
     /** Moves `count` buffered bytes into the active section; cuts, compresses and thins where it is full. */
     SaveResult save(uint32_t count) override VNLOG_EXCLUDES(StorageLock::role);
+    /** Syncs the active section, if there is one; a finished one is on its medium. */
+    bool sync() override VNLOG_EXCLUDES(StorageLock::role);
     /** Syncs and closes the open section file, if any. */
     void closeSection() override VNLOG_EXCLUDES(StorageLock::role);
 
@@ -75,6 +77,8 @@ class Store final : public BatchTarget {
     [[nodiscard]] bool resolveRoot() VNLOG_EXCLUDES(StorageLock::role);
     /** Begins a run, which numbers its sections from 1; forgets what the one before has left open. */
     void beginRun() VNLOG_EXCLUDES(StorageLock::role);
+    /** Frees those of the ring's bytes that a process that was killed has written to its section. */
+    void settleRing() VNLOG_EXCLUDES(StorageLock::role);
     /**
      * Locks the root against other services and puts in order what is found there, see Recovery::prepare.
      * False: nothing can be stored. Without the storage lock: it may last, and nobody else changes the store
@@ -150,7 +154,8 @@ class Store final : public BatchTarget {
     void trimRuns(const Path& oldest) VNLOG_REQUIRES(StorageLock::role);
     bool findRoom() VNLOG_REQUIRES(StorageLock::role);
     void countFinished() VNLOG_REQUIRES(StorageLock::role);
-    void syncText() VNLOG_REQUIRES(StorageLock::role);
+    bool syncText() VNLOG_REQUIRES(StorageLock::role);
+    bool syncClosedText() VNLOG_REQUIRES(StorageLock::role);
     void closeText() VNLOG_REQUIRES(StorageLock::role);
     void syncAndClose() VNLOG_REQUIRES(StorageLock::role);
     RootChangeStatus prepareAndMove(const char* root) VNLOG_REQUIRES(StorageLock::role);
