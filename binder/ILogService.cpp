@@ -1,6 +1,7 @@
 #include "binder/ILogService.h"
 
 #include <android/log.h>
+#include <fcntl.h>
 
 namespace vnlog {
 
@@ -29,6 +30,17 @@ sp<ILogService> ILogService::asInterface(const sp<IBinder>& obj) {
     return sp<ILogService>(new BpLogService(obj));
 }
 
+namespace {
+
+/** The number first: older clients read no further. */
+void replyWithFile(int fd, Parcel* reply) {
+    reply->writeInt32(fd);
+    if (fd >= 0) // a number that is no descriptor stays a number
+        (void)reply->writeFileDescriptor(fd, true);
+}
+
+} // namespace
+
 status_t BnLogService::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
     constexpr status_t kForeignToken = -1;
     constexpr int kUnknownCodePlace = 92; // part of the message's fixed text
@@ -41,7 +53,7 @@ status_t BnLogService::onTransact(uint32_t code, const Parcel& data, Parcel* rep
     case GET_LOG_FD:
         if (!data.checkInterface(this))
             return kForeignToken;
-        reply->writeInt32(getLogFd());
+        replyWithFile(getLogFd(), reply);
         return android::NO_ERROR;
     case LOG_CMD: {
         if (!data.checkInterface(this))
@@ -65,11 +77,11 @@ status_t BnLogService::onTransact(uint32_t code, const Parcel& data, Parcel* rep
 
 namespace {
 
-int callWithoutArguments(android::IBinder& binder, uint32_t code) {
-    android::Parcel data, reply;
+int callWithoutArguments(android::IBinder& binder, uint32_t code, android::Parcel* reply) {
+    android::Parcel data;
     data.writeInterfaceToken(vnlog::ILogService::descriptor);
-    binder.transact(code, data, &reply, 0);
-    return reply.readInt32();
+    binder.transact(code, data, reply, 0);
+    return reply->readInt32();
 }
 
 } // namespace
@@ -80,11 +92,17 @@ BpLogService::BpLogService(const android::sp<android::IBinder>& remote)
 BpLogService::~BpLogService() = default;
 
 int BpLogService::flushLogBufAll() {
-    return callWithoutArguments(*remote(), FLUSH_LOG_BUF_ALL);
+    android::Parcel reply;
+    return callWithoutArguments(*remote(), FLUSH_LOG_BUF_ALL, &reply);
 }
 
 int BpLogService::getLogFd() {
-    return callWithoutArguments(*remote(), GET_LOG_FD);
+    android::Parcel reply;
+    int number = callWithoutArguments(*remote(), GET_LOG_FD, &reply);
+    if (number < 0 || reply.dataPosition() == reply.dataSize())
+        return number; // nothing is handed over
+    int handedOver = reply.readFileDescriptor(); // the reply's, and closed with it
+    return handedOver >= 0 ? fcntl(handedOver, F_DUPFD_CLOEXEC, 0) : -1;
 }
 
 int BpLogService::logCMD(int cmd, const char* param) {

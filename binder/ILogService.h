@@ -16,10 +16,10 @@ class VNLOG_API ILogService : public android::IInterface {
     /** "com.velnora.ILogService", the token that every request carries. */
     static const android::String16 descriptor;
 
-    /** Transaction codes. Each is a two-way call whose reply is one int32. */
+    /** Transaction codes. Each is a two-way call whose reply begins with one int32. */
     enum Transaction : uint32_t {
         FLUSH_LOG_BUF_ALL = 1, ///< no argument
-        GET_LOG_FD = 2, ///< no argument
+        GET_LOG_FD = 2, ///< no argument; the reply goes on with the descriptor when there is one
         LOG_CMD = 3, ///< int32 command code, C string parameter
     };
 
@@ -37,8 +37,9 @@ class VNLOG_API ILogService : public android::IInterface {
     /** Asks for everything buffered to be written out, without waiting for it. Always 0. */
     virtual int flushLogBufAll() = 0;
     /**
-     * Opens current/log.txt, the log file of the older form, read-only. The descriptor is a number of the
-     * service's process and is never closed there; -1 when there is no such file.
+     * Opens current/log.txt, the log file of the older form, read-only. The descriptor is one of the calling
+     * process and the caller's to close, whether the service is in this process or in another; -1 when there
+     * is no such file.
      */
     virtual int getLogFd() = 0;
     /**
@@ -67,8 +68,10 @@ class VNLOG_API BpLogService : public android::BpInterface<vnlog::ILogService> {
     ~BpLogService() override;
 
     /*
-     * Each returns the reply's int32; a transaction that failed is not told apart. logCMD returns the status
-     * of a parameter that cannot be packed without sending anything.
+     * Each returns the reply's int32; a transaction that failed is not told apart. getLogFd returns instead a
+     * close-on-exec descriptor of this process, or -1 when it has none left; of a service that hands none
+     * over only the number. logCMD returns the status of a parameter that cannot be packed without sending
+     * anything.
      */
     int flushLogBufAll() override;
     int getLogFd() override;

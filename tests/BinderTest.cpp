@@ -5,6 +5,7 @@
 #include "platform/unix/UnixSocket.h"
 
 #include <binder/IServiceManager.h>
+#include <future>
 #include <sys/socket.h>
 
 using namespace android;
@@ -19,13 +20,14 @@ const std::string kPing("1NIBGNP_\0\0\0\0\0\0\0\0", 16); ///< a whole request as
 /** Answers with what it was asked. */
 struct FakeService : vnlog::BnLogService {
     int flushLogBufAll() override { return ++flushes; }
-    int getLogFd() override { return 77; }
+    int getLogFd() override { return file.empty() ? 7777 : open(file.c_str(), O_RDONLY); }
     int logCMD(int cmd, const char* param) override {
         ++calls;
         bool done = cmd != kWait || eventually([&] { return flushes > 0; });
         return done ? cmd * 100000 + static_cast<int>(strlen(param)) : -1;
     }
     std::atomic<int> flushes{0}, calls{0};
+    std::string file; ///< whose descriptor it gives; with none a number that is no descriptor
 };
 
 /** A fake service behind its socket. */
@@ -49,7 +51,7 @@ TEST_F(BinderTest, CallsReachTheServiceUntilItIsWithdrawn) {
     EXPECT_EQ(ILogService::asInterface(find("fake")).get(), service.get());
     sp<IBinder> remote = connect();
     sp<ILogService> proxy = ILogService::asInterface(remote);
-    EXPECT_TRUE(proxy->flushLogBufAll() == 1 && proxy->getLogFd() == 77);
+    EXPECT_TRUE(proxy->flushLogBufAll() == 1 && proxy->getLogFd() == 7777);
     EXPECT_EQ(proxy->logCMD(15, std::string(60000, 'x').c_str()), 1560000);
     EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0600});
     EXPECT_EQ(publishService("fake", service), -EADDRINUSE);
@@ -57,6 +59,42 @@ TEST_F(BinderTest, CallsReachTheServiceUntilItIsWithdrawn) {
     EXPECT_FALSE(remote->isBinderAlive() || connect() != nullptr || exists(path));
     (void)listenPacketSocket(path.c_str(), 0600); // left behind, nobody listens there
     EXPECT_EQ(publishService("fake", service), NO_ERROR);
+}
+
+TEST_F(BinderTest, ADescriptorIsHandedOver) {
+    sp<ILogService> proxy = ILogService::asInterface(connect());
+    service->file = home + "/none";
+    EXPECT_EQ(proxy->getLogFd(), -1);
+    writeFile(service->file, "x");
+    int before = openDescriptors();
+    for (int i = 0; i < 100; ++i) {
+        vnlog::FileDescriptor own(proxy->getLogFd());
+        char text = '\0';
+        EXPECT_TRUE(read(own.get(), &text, 1) == 1 && text == 'x' && fcntl(own.get(), F_GETFD) == FD_CLOEXEC);
+    }
+    EXPECT_TRUE(eventually([&] { return openDescriptors() == before; })) << "the service closes its own";
+}
+
+TEST_F(BinderTest, ClientsLearnWhyAndWaitWithoutDescriptors) {
+    EXPECT_EQ(reachService("fake"), 0);
+    EXPECT_EQ(reachService("none"), ENOENT);
+    starveOfDescriptors(true);
+    sp<IBinder> client = connect(); // takes the last one
+    EXPECT_EQ(reachService("fake"), EMFILE);
+    auto answer = std::async(std::launch::async, [&] { return client->pingBinder(); });
+    EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout);
+    starveOfDescriptors(false);
+    EXPECT_EQ(answer.get(), NO_ERROR);
+    withdrawServices();
+    vnlog::FileDescriptor stopped = listenPacketSocket(path.c_str(), 0600);
+    std::vector<vnlog::FileDescriptor> queue;
+    do
+        queue.push_back(connectPacketSocket(path.c_str(), SOCK_NONBLOCK));
+    while (queue.back().valid());
+    EXPECT_EQ(reachService("fake"), EAGAIN);
+    EXPECT_EQ(publishService("fake", service), -EADDRINUSE);
+    stopped = vnlog::FileDescriptor();
+    EXPECT_EQ(reachService("fake"), ECONNREFUSED);
 }
 
 TEST_F(BinderTest, DamagedRequestsAreRefused) {
@@ -95,4 +133,6 @@ TEST_F(BinderTest, BusySilentAndGreedyClientsHoldNobodyUp) {
         return silent.size() == 63;
     }));
     EXPECT_FALSE(connect()->isBinderAlive()) << "one too many";
+    EXPECT_TRUE(eventually([&] { return silent.back()->isBinderAlive() && connect()->isBinderAlive(); }));
+    EXPECT_FALSE(silent.front()->isBinderAlive()) << "the quietest gives way in the end";
 }

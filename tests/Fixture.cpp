@@ -1,6 +1,7 @@
 #include "Fixture.h"
 
 #include <fstream>
+#include <sys/resource.h>
 #include <zlib.h>
 
 namespace {
@@ -66,6 +67,15 @@ std::string readGzip(const std::string& path) {
 
 int openDescriptors() {
     return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+void starveOfDescriptors(bool on) {
+    rlimit limit{};
+    (void)getrlimit(RLIMIT_NOFILE, &limit);
+    int free = open("/dev/null", O_RDONLY);
+    close(free);
+    limit.rlim_cur = on ? static_cast<rlim_t>(free) + 1 : limit.rlim_max;
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 std::string deviceEntry(int seconds, int nanoseconds, const std::string& payload) {

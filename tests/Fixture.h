@@ -46,6 +46,8 @@ std::string runCommand(const std::string& command);
 /** Text of a gzip file; a damaged one fails the test. */
 std::string readGzip(const std::string& path);
 int openDescriptors();
+/** Leaves the process one descriptor that it can open, or takes the limit back. */
+void starveOfDescriptors(bool on);
 /** An entry as it is written to a device, of the process 17 and its thread 18. */
 std::string deviceEntry(int seconds, int nanoseconds, const std::string& payload);
 /** The stored text under a log folder, oldest first: archived runs, then the current. */

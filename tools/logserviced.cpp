@@ -2,6 +2,7 @@
  * The host process: creates the log service, publishes it, waits for a signal and takes the service down in
  * good order.
  */
+#include "base/Handles.h"
 #include "config/ConfigFile.h"
 #include "platform/binder/Host.h"
 #include "platform/logger/LoggerDevice.h"
@@ -22,8 +23,9 @@ constexpr char kHelp[] = "Usage: logserviced [OPTION]...\n"
                          "Collects the kernel's and Android's log into bounded, compressed sections.\n"
                          "\n"
                          "  --sysroot DIR  put DIR before the service's fixed paths (VNLOG_SYSROOT);\n"
-                         "                 DIR/dev and DIR/media/flash/nvm are created when missing, and\n"
-                         "                 stand-ins for missing logger devices are made in DIR/dev\n"
+                         "                 the folders and DIR/proc/sys/kernel/printk that it needs there\n"
+                         "                 are created when missing, and stand-ins for missing logger\n"
+                         "                 devices are made in DIR/dev\n"
                          "  --cfg FILE     read FILE when there is no log.cfg yet (LOG_DEFAULT_CFG)\n"
                          "  --help         show this text\n"
                          "  --version      show the version\n"
@@ -41,14 +43,44 @@ int fail(const char* what, const std::string& path) {
     return kFailure;
 }
 
-/** Makes the folders that the service and its stand-ins expect under a system root. */
+/** Makes the file that takes the console level, where there is none. */
+int makeConsoleLevel(const std::string& path) {
+    vnlog::FileDescriptor file = vnlog::openFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+    if (!file.valid())
+        return errno == EEXIST ? 0 : fail("cannot create", path);
+    if (vnlog::writeAll(file.get(), "7\n", 2))
+        return 0;
+    int status = fail("cannot write", path);
+    (void)unlink(path.c_str()); // half a file would be left alone by the next start
+    return status;
+}
+
+/** Makes what the service and its stand-ins expect under a system root. */
 int prepareSystemRoot(const std::string& root) {
-    for (const char* part : {"/dev", "/media", "/media/flash", "/media/flash/nvm"}) {
-        std::string path = root + part;
-        if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST)
+    const struct {
+        const char* path;
+        mode_t mode;
+        bool own; ///< must not be a link: it would lead to the machine's own
+    } folders[] = {{"/dev", 0755, false},
+                   {"/media", 0755, false},
+                   {"/media/flash", 0755, false},
+                   {"/media/flash/nvm", 0755, false},
+                   {"/proc", 0755, true},
+                   {"/proc/sys", 0755, true},
+                   {"/proc/sys/kernel", 0755, true},
+                   {"/run", 0755, true},
+                   {"/run/vnlog", 0700, true}};
+    for (const auto& folder : folders) {
+        std::string path = root + folder.path;
+        if (mkdir(path.c_str(), folder.mode) != 0 && errno != EEXIST)
             return fail("cannot create", path);
+        struct stat info;
+        if (folder.own && (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))) {
+            errno = ENOTDIR;
+            return fail("cannot use (a link is not followed)", path);
+        }
     }
-    return 0;
+    return makeConsoleLevel(root + "/proc/sys/kernel/printk");
 }
 
 /** The logger devices; those of the stand-in under a system root that has none of its own. */

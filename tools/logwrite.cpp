@@ -8,12 +8,14 @@
 #include "tools/Options.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <ctime>
 #include <regex>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 using vnlog::FileDescriptor;
 using vnlog::platform::LoggerAccess;
@@ -39,7 +41,11 @@ constexpr char kHelp[] =
     "  --version        show the version\n";
 
 constexpr char kPriorityLetters[] = "vdiwef";
-constexpr size_t kMaxPayload = vnlog::platform::kMaxLoggerEntry - sizeof(LoggerHeader);
+/** Bytes that tag and text have together: without the header, the priority and the end of each. */
+constexpr size_t kMaxText = vnlog::platform::kMaxLoggerEntry - sizeof(LoggerHeader) - 3;
+constexpr size_t kLongestMark = sizeof " [cut: 18446744073709551615 bytes more]" - 1;
+/** With the longest tag a text still has room to say that it was cut. */
+constexpr size_t kMaxTag = kMaxText - kLongestMark;
 
 struct Arguments {
     std::string device = "main";
@@ -57,6 +63,27 @@ char priorityOf(char letter) {
 }
 
 /**
+ * The text; when it is larger than `most`, or `missing` bytes of it are left out already, as much of it as
+ * leaves room for the mark that then ends it, up to a whole UTF-8 character. `cut` is where that is kept.
+ */
+std::string_view cutTo(size_t most, std::string_view text, uint64_t missing, std::string* cut) {
+    constexpr size_t kMostFollowing = 3; // bytes of a character behind its first
+    if (missing == 0 && text.size() <= most)
+        return text;
+    size_t kept = std::min(text.size(), most - kLongestMark);
+    auto follows = [&](size_t place) { return place < text.size() && (text[place] & 0xC0) == 0x80; };
+    size_t whole = kept;
+    while (whole > 0 && kept - whole < kMostFollowing && follows(whole))
+        --whole;
+    if (!follows(whole)) // otherwise it is no UTF-8
+        kept = whole;
+    char mark[kLongestMark + 1];
+    std::snprintf(mark, sizeof mark, " [cut: %" PRIu64 " bytes more]", missing + (text.size() - kept));
+    cut->assign(text.substr(0, kept)).append(mark);
+    return *cut;
+}
+
+/**
  * An open device. Counts what had to be shortened. Entries for the stand-in are gathered and sent together:
  * what has been written is on its way only after flush().
  */
@@ -67,7 +94,8 @@ class Writer {
 
     bool standIn() const { return mStandIn; }
     int shortened() const { return mShortened; }
-    bool write(LoggerHeader header, char priority, std::string_view tag, std::string_view text);
+    bool write(LoggerHeader header, char priority, std::string_view tag, std::string_view text,
+               uint64_t missing = 0);
     bool flush();
     bool finish();
 
@@ -84,23 +112,25 @@ class Writer {
     unsigned mCount = 0;
 };
 
-/** Writes one entry; the device fills in what is zero in the header. */
-bool Writer::write(LoggerHeader header, char priority, std::string_view tag, std::string_view text) {
+/**
+ * Writes one entry; the device fills in what is zero in the header. `missing` bytes of the text were left out
+ * before.
+ */
+bool Writer::write(LoggerHeader header, char priority, std::string_view tag, std::string_view text,
+                   uint64_t missing) {
     if ((mCount == kMaxEntries || mUsed + vnlog::platform::kMaxLoggerEntry > sizeof mBytes) && !flush())
         return false;
     char* entry = mBytes + mUsed;
     char* payload = entry + sizeof header;
     size_t length = 0;
-    bool whole = true;
-    const char end = '\0';
-    for (std::string_view part : {std::string_view(&priority, 1), tag, std::string_view(&end, 1), text}) {
-        size_t taken = std::min(part.size(), kMaxPayload - 1 - length);
-        part.copy(payload + length, taken);
-        length += taken;
-        whole = whole && taken == part.size();
+    payload[length++] = priority;
+    std::string cutTag, cutText;
+    tag = cutTo(kMaxTag, tag, 0, &cutTag);
+    for (std::string_view part : {tag, cutTo(kMaxText - tag.size(), text, missing, &cutText)}) {
+        length += part.copy(payload + length, part.size());
+        payload[length++] = '\0';
     }
-    payload[length++] = '\0';
-    mShortened += whole ? 0 : 1;
+    mShortened += cutTag.empty() && cutText.empty() ? 0 : 1;
     if (!mStandIn) // the driver makes the header
         return ::write(mDevice.get(), payload, length) >= 0;
     header.length = static_cast<uint16_t>(length);
@@ -141,7 +171,8 @@ bool Writer::finish() {
     return got == 0; // less where it has hung up on this client before that
 }
 
-/** The lines of a file. One that is far longer than an entry loses something of what an entry would not hold.
+/** The lines of a file. One that is far longer than an entry loses something of what an entry would not hold,
+ * which is counted.
  */
 class Lines {
   public:
@@ -149,7 +180,7 @@ class Lines {
 
     /** Whether the next line is there without waiting for input. */
     bool ready() const { return mOver || std::memchr(mBegin, '\n', length()) != nullptr; }
-    bool next(std::string_view* line);
+    bool next(std::string_view* line, uint64_t* missing);
     /** The error that ended the input, or 0. */
     int error() const { return mError; }
 
@@ -160,26 +191,31 @@ class Lines {
     int mFd;
     int mError = 0;
     bool mOver = false; ///< the input has ended
+    uint64_t mMissing = 0; ///< bytes of the next line that were left out
     char mBytes[65536];
     char *mBegin = mBytes, *mEnd = mBytes; ///< what has been read and not given yet
 };
 
-/** Gives the next line, which holds until the next call. False at the end of the input. */
-bool Lines::next(std::string_view* line) {
+/** Gives the next line, which holds until the next call, and the number of bytes that it lacks. False at the
+ * end of the input. */
+bool Lines::next(std::string_view* line, uint64_t* missing) {
     while (!ready())
         read();
     char* end = std::find(mBegin, mEnd, '\n');
     bool found = mBegin < mEnd;
     *line = {mBegin, static_cast<size_t>(end - mBegin)};
     mBegin = end < mEnd ? end + 1 : end;
+    *missing = std::exchange(mMissing, 0);
     return found;
 }
 
 void Lines::read() {
     mEnd = std::copy(mBegin, mEnd, mBytes);
     mBegin = mBytes;
-    if (length() == sizeof mBytes)
+    if (length() == sizeof mBytes) {
         mEnd -= sizeof mBytes / 2;
+        mMissing += sizeof mBytes / 2;
+    }
     ssize_t got = ::read(mFd, mEnd, sizeof mBytes - length());
     mError = got < 0 ? errno : 0;
     mOver = got <= 0;
@@ -241,9 +277,10 @@ bool parseLine(const std::string& line, int year, LoggerHeader* header, char* pr
 template <typename Take> int forEachLine(Writer& writer, int fd, const char* name, const Take& take) {
     Lines lines(fd);
     std::string_view line;
+    uint64_t missing;
     bool sent = true;
-    while ((sent = lines.ready() || writer.flush()) && lines.next(&line))
-        if (!take(line))
+    while ((sent = lines.ready() || writer.flush()) && lines.next(&line, &missing))
+        if (!take(line, missing))
             return failedWrite();
     if (!sent || !writer.finish())
         return failedWrite();
@@ -255,26 +292,27 @@ int replay(Writer& writer, const Arguments& arguments) {
     if (!file.valid())
         return failedRead(arguments.replay.c_str(), errno);
     int written = 0, skipped = 0;
-    int status = forEachLine(writer, file.get(), arguments.replay.c_str(), [&](std::string_view line) {
-        LoggerHeader header;
-        char priority;
-        std::string tag, text;
-        bool parsed = parseLine(std::string(line), arguments.year, &header, &priority, &tag, &text);
-        ++(parsed ? written : skipped);
-        return !parsed || writer.write(header, priority, tag, text);
-    });
+    int status = forEachLine(
+        writer, file.get(), arguments.replay.c_str(), [&](std::string_view line, uint64_t missing) {
+            LoggerHeader header;
+            char priority;
+            std::string tag, text;
+            bool parsed = parseLine(std::string(line), arguments.year, &header, &priority, &tag, &text);
+            ++(parsed ? written : skipped);
+            return !parsed || writer.write(header, priority, tag, text, missing);
+        });
     if (status == 0)
         std::fprintf(stderr, "%s: %d entries written, %d lines did not parse\n", kProgram, written, skipped);
     return status;
 }
 
 int writeLines(Writer& writer, const Arguments& arguments, const std::string& message, bool fromInput) {
-    auto write = [&](std::string_view text) {
-        return writer.write(LoggerHeader{}, priorityOf(arguments.priority), arguments.tag, text);
+    auto write = [&](std::string_view text, uint64_t missing) {
+        return writer.write(LoggerHeader{}, priorityOf(arguments.priority), arguments.tag, text, missing);
     };
     if (fromInput)
         return forEachLine(writer, STDIN_FILENO, "standard input", write);
-    return write(message) && writer.finish() ? 0 : failedWrite();
+    return write(message, 0) && writer.finish() ? 0 : failedWrite();
 }
 
 int printHelp() {
@@ -316,7 +354,9 @@ const char* objection(const Arguments& arguments, bool withMessage) {
     if (priorityOf(arguments.priority) == 0)
         return "-p takes v, d, i, w, e or f";
     if (arguments.replay.empty())
-        return arguments.tag.empty() ? "a tag (-t) is needed" : nullptr;
+        return arguments.tag.empty()            ? "a tag (-t) is needed"
+               : arguments.tag.size() > kMaxTag ? "the tag (-t) is too long for an entry"
+                                                : nullptr;
     if (withMessage || !arguments.tag.empty())
         return "--replay takes neither a tag nor a message";
     return arguments.year >= 1970 && arguments.year <= 2037 ? nullptr : "--year takes 1970 to 2037";

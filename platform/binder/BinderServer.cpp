@@ -1,12 +1,13 @@
 #include "platform/binder/BinderServer.h"
 
+#include "base/Diagnostics.h"
 #include "platform/binder/Transport.h"
-#include "platform/sysroot/SystemRoot.h"
 #include "platform/unix/UnixSocket.h"
 
 #include <binder/Parcel.h>
 #include <cerrno>
 #include <cstring>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -22,24 +23,21 @@ using vnlog::FileDescriptor;
 
 namespace {
 
-constexpr int kThreads = 4;
+constexpr size_t kThreads = 4;
 constexpr size_t kMaxEndpoints = 64; ///< sockets at a time; the process has other uses for its descriptors
 constexpr mode_t kSocketMode = 0600;
+constexpr uint64_t kEndId = 0; ///< in the place of an endpoint's number: the threads are to end
 
 /** Sends a reply without waiting: a client that does not take it loses its connection. */
 bool sendReply(int fd, status_t status, const Parcel& reply) {
     ReplyHeader header{status, static_cast<uint32_t>(reply.dataSize())};
     std::vector<uint8_t> packet = transport::makePacket(header, reply);
-    return send(fd, packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
+    transport::Message message(packet.data(), packet.size());
+    message.attach(reply.descriptors());
+    return sendmsg(fd, &message.header, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
 }
 
 } // namespace
-
-std::string transport::socketPath(const std::string& name) {
-    vnlog::platform::SystemRoot root;
-    (void)root.read(); // of a root that is too long there is no such socket
-    return root.path + ("/dev/" + name);
-}
 
 BinderServer& BinderServer::instance() {
     static BinderServer server;
@@ -57,7 +55,7 @@ bool BinderServer::prepare() {
     mPoll = FileDescriptor(epoll_create1(EPOLL_CLOEXEC));
     epoll_event event{};
     event.events = EPOLLIN; // level-triggered: every thread sees the end
-    event.data.fd = mEnd.get();
+    event.data.u64 = kEndId;
     return mEnd.valid() && mPoll.valid() && epoll_ctl(mPoll.get(), EPOLL_CTL_ADD, mEnd.get(), &event) == 0;
 }
 
@@ -73,14 +71,26 @@ status_t BinderServer::publish(const std::string& name, const sp<IBinder>& servi
     return NO_ERROR;
 }
 
-void BinderServer::startThreads() {
+status_t BinderServer::startThreads() {
     std::lock_guard<std::mutex> lock(mMutex);
-    if (!prepare() || !mThreads.empty())
-        return;
-    for (int i = 0; i < kThreads; ++i) {
-        mThreads.emplace_back([this] { serve(); });
-        pthread_setname_np(mThreads.back().native_handle(), "binder");
+    int error = prepare() ? 0 : errno;
+    while (error == 0 && mThreads.size() < kThreads) {
+        pthread_t thread;
+        error = pthread_create(&thread, nullptr, runThread, this);
+        if (error == 0) {
+            (void)pthread_setname_np(thread, "binder"); // a nameless thread works as well
+            mThreads.push_back(thread);
+        }
     }
+    if (error != 0)
+        vnlog::logError("binder: %zu of %zu threads run: %s", mThreads.size(), kThreads,
+                        std::strerror(error));
+    return -error;
+}
+
+void* BinderServer::runThread(void* server) {
+    static_cast<BinderServer*>(server)->serve();
+    return nullptr;
 }
 
 sp<IBinder> BinderServer::find(const std::string& name) {
@@ -90,7 +100,7 @@ sp<IBinder> BinderServer::find(const std::string& name) {
 }
 
 void BinderServer::shutDown() {
-    std::vector<std::thread> threads;
+    std::vector<pthread_t> threads;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         uint64_t one = 1;
@@ -98,10 +108,10 @@ void BinderServer::shutDown() {
             (void)!write(mEnd.get(), &one, sizeof one);
         threads.swap(mThreads);
     }
-    for (std::thread& thread : threads)
-        thread.join();
+    for (pthread_t thread : threads)
+        pthread_join(thread, nullptr);
     std::map<std::string, sp<IBinder>> services; // let go of outside the lock: this may end a service
-    std::map<int, Endpoint> endpoints;
+    std::map<uint64_t, Endpoint> endpoints;
     std::lock_guard<std::mutex> lock(mMutex);
     for (const std::string& path : mPaths)
         unlink(path.c_str());
@@ -119,37 +129,70 @@ void BinderServer::serve() {
         epoll_event event{};
         if (epoll_wait(mPoll.get(), &event, 1, -1) != 1)
             continue; // a signal
-        int fd = event.data.fd;
-        if (fd == mEnd.get())
+        uint64_t id = event.data.u64;
+        if (id == kEndId)
             return;
-        Endpoint* endpoint;
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            auto found = mEndpoints.find(fd);
-            // It stays where it is until this thread drops it.
-            endpoint = found != mEndpoints.end() ? &found->second : nullptr;
-        }
+        Endpoint* endpoint = take(id);
         if (endpoint == nullptr)
-            continue;
+            continue; // it gave way in the meantime
         bool goesOn = true;
         if (endpoint->connected)
             goesOn = serveRequest(*endpoint);
         else
             accept(*endpoint);
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (goesOn)
-            watch(fd, false);
-        else
-            drop(fd);
+        giveBack(id, goesOn);
     }
 }
 
-void BinderServer::accept(Endpoint& endpoint) {
-    int fd = accept4(endpoint.socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    FileDescriptor socket(fd);
+/** The endpoint, which stays until this thread gives it back; null when it is gone. */
+BinderServer::Endpoint* BinderServer::take(uint64_t id) {
     std::lock_guard<std::mutex> lock(mMutex);
-    if (fd >= 0 && mEndpoints.size() < kMaxEndpoints) // one too many is hung up on
-        add(std::move(socket), endpoint.service, true);
+    auto found = mEndpoints.find(id);
+    if (found == mEndpoints.end())
+        return nullptr;
+    found->second.busy = true;
+    return &found->second;
+}
+
+void BinderServer::giveBack(uint64_t id, bool goesOn) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    Endpoint& endpoint = mEndpoints.at(id);
+    endpoint.busy = false;
+    endpoint.quietSince = std::chrono::steady_clock::now();
+    if (goesOn)
+        watch(id, false);
+    else
+        mEndpoints.erase(id);
+}
+
+/** Takes a connection in; hangs up on one too many. */
+void BinderServer::accept(const Endpoint& listener) {
+    FileDescriptor socket(accept4(listener.socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!socket.valid()) {
+        pollfd end{mEnd.get(), POLLIN, 0};
+        if (vnlog::platform::lacksResources(errno)) // nobody looks at the listener until it is given back
+            (void)poll(&end, 1, static_cast<int>(vnlog::platform::kAcceptPause.count()));
+        return;
+    }
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mEndpoints.size() < kMaxEndpoints || makeRoom())
+        add(std::move(socket), listener.service, true);
+}
+
+/** Drops the connection that has been quiet for the longest time, if that is long enough. */
+bool BinderServer::makeRoom() {
+    auto quietest = mEndpoints.end();
+    for (auto place = mEndpoints.begin(); place != mEndpoints.end(); ++place) {
+        const Endpoint& endpoint = place->second;
+        bool canGo = endpoint.connected && !endpoint.busy;
+        if (canGo && (quietest == mEndpoints.end() || endpoint.quietSince < quietest->second.quietSince))
+            quietest = place;
+    }
+    if (quietest == mEndpoints.end() ||
+        std::chrono::steady_clock::now() - quietest->second.quietSince < vnlog::platform::kPatience)
+        return false;
+    mEndpoints.erase(quietest);
+    return true;
 }
 
 /** Runs one request. False when the connection is over. */
@@ -174,21 +217,17 @@ bool BinderServer::serveRequest(const Endpoint& endpoint) {
 }
 
 void BinderServer::add(FileDescriptor socket, const sp<IBinder>& service, bool connected) {
-    int fd = socket.get();
-    mEndpoints[fd] = Endpoint{std::move(socket), service, connected};
-    watch(fd, true);
+    mEndpoints.emplace(++mLastId, Endpoint{std::move(socket), service, connected});
+    watch(mLastId, true);
 }
 
-void BinderServer::watch(int fd, bool isNew) {
+void BinderServer::watch(uint64_t id, bool isNew) {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLONESHOT;
-    event.data.fd = fd;
+    event.data.u64 = id;
+    int fd = mEndpoints.at(id).socket.get();
     if (epoll_ctl(mPoll.get(), isNew ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, fd, &event) != 0)
-        drop(fd);
-}
-
-void BinderServer::drop(int fd) {
-    mEndpoints.erase(fd);
+        mEndpoints.erase(id);
 }
 
 } // namespace android

@@ -2,8 +2,21 @@
 
 #include "platform/binder/BinderServer.h"
 #include "platform/binder/Transport.h"
+#include "platform/unix/UnixSocket.h"
+
+#include <cerrno>
 
 namespace vnlog::platform {
+
+android::status_t publishService(const char* name, const android::sp<android::IBinder>& service) {
+    android::BinderServer& server = android::BinderServer::instance();
+    if (android::status_t status = server.publish(name, service); status != android::NO_ERROR)
+        return status;
+    android::status_t status = server.startThreads();
+    if (status != android::NO_ERROR)
+        server.shutDown();
+    return status;
+}
 
 void withdrawServices() {
     android::BinderServer::instance().shutDown();
@@ -11,6 +24,10 @@ void withdrawServices() {
 
 std::string servicePlace(const char* name) {
     return android::transport::socketPath(name);
+}
+
+int reachService(const char* name) {
+    return connectPacketSocket(servicePlace(name).c_str(), SOCK_NONBLOCK).valid() ? 0 : errno;
 }
 
 } // namespace vnlog::platform

@@ -1,12 +1,18 @@
+#include "base/Handles.h"
+#include "platform/binder/Transport.h"
+
 #include <binder/IBinder.h>
 #include <binder/Parcel.h>
 #include <cstring>
+#include <fcntl.h>
 
 namespace android {
 
 namespace {
 
 constexpr size_t kAlignment = 4;
+/** Stands in the data where a descriptor was written, plus the descriptor's place among them. */
+constexpr int32_t kDescriptorMark = 0x46440000; // "FD"
 
 /** `length` rounded up to the next value's start; SIZE_MAX when it cannot be. */
 size_t padded(size_t length) {
@@ -16,7 +22,9 @@ size_t padded(size_t length) {
 } // namespace
 
 Parcel::Parcel() = default;
-Parcel::~Parcel() = default;
+Parcel::~Parcel() {
+    dropDescriptors();
+}
 
 const uint8_t* Parcel::data() const {
     return mData.data();
@@ -37,7 +45,15 @@ void Parcel::setDataPosition(size_t position) const {
 status_t Parcel::setData(const uint8_t* buffer, size_t length) {
     mData.assign(buffer, buffer + length);
     mPosition = 0;
+    dropDescriptors();
     return NO_ERROR;
+}
+
+void Parcel::dropDescriptors() {
+    for (int fd : mOwned)
+        vnlog::closeDescriptor(fd);
+    mOwned.clear();
+    mDescriptors.clear();
 }
 
 void Parcel::append(const void* bytes, size_t length) {
@@ -78,6 +94,23 @@ status_t Parcel::writeInterfaceToken(const String16& interface) {
     return writeString16(interface);
 }
 
+status_t Parcel::writeFileDescriptor(int fd, bool takeOwnership) {
+    if (fcntl(fd, F_GETFD) < 0)
+        return BAD_VALUE;
+    if (mDescriptors.size() == transport::kMaxDescriptors)
+        return NO_MEMORY;
+    writeInt32(kDescriptorMark + static_cast<int32_t>(mDescriptors.size()));
+    mDescriptors.push_back(fd);
+    if (takeOwnership)
+        mOwned.push_back(fd);
+    return NO_ERROR;
+}
+
+void Parcel::adopt(const std::vector<int>& received) {
+    mDescriptors.insert(mDescriptors.end(), received.begin(), received.end());
+    mOwned.insert(mOwned.end(), received.begin(), received.end());
+}
+
 status_t Parcel::readInt32(int32_t* value) const {
     const uint8_t* bytes = take(sizeof *value);
     if (bytes == nullptr)
@@ -112,6 +145,15 @@ String16 Parcel::readString16() const {
     }
     mPosition = before;
     return String16();
+}
+
+int Parcel::readFileDescriptor() const {
+    size_t before = mPosition;
+    int64_t place = int64_t{readInt32()} - kDescriptorMark;
+    if (place >= 0 && place < static_cast<int64_t>(mDescriptors.size()))
+        return mDescriptors[static_cast<size_t>(place)];
+    mPosition = before;
+    return BAD_TYPE;
 }
 
 bool Parcel::enforceInterface(const String16& interface) const {

@@ -49,19 +49,21 @@ class RemoteBinder : public IBinder {
   private:
     /** DEAD_OBJECT when the service does not answer any more. */
     status_t exchange(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) const {
-        if (data.dataSize() > kMaxParcel)
+        if (data.dataSize() > kMaxParcel || !data.descriptors().empty())
             return BAD_VALUE;
         std::vector<uint8_t> packet(sizeof(ReplyHeader) + kMaxParcel);
         ReplyHeader header{};
         std::lock_guard<std::mutex> lock(mMutex);
-        ssize_t length = sendRequest(code, data, flags) ? receive(packet) : -1;
-        if (length < static_cast<ssize_t>(sizeof header))
-            return DEAD_OBJECT;
+        transport::Message message(packet.data(), packet.size());
+        ssize_t length = sendRequest(code, data, flags) ? receive(message) : -1;
+        bool answered = length >= static_cast<ssize_t>(sizeof header);
         std::memcpy(&header, packet.data(), sizeof header);
-        if (header.size != static_cast<size_t>(length) - sizeof header)
-            return BAD_VALUE;
-        reply->setData(packet.data() + sizeof header, header.size);
-        return header.status;
+        bool whole = answered && header.size == static_cast<size_t>(length) - sizeof header;
+        reply->setData(packet.data() + sizeof header, whole ? header.size : 0);
+        reply->adopt(message.attached()); // also those of a reply that is of no use: to be closed
+        if (!answered)
+            return DEAD_OBJECT;
+        return whole ? header.status : BAD_VALUE;
     }
 
     bool sendRequest(uint32_t code, const Parcel& data, uint32_t flags) const {
@@ -70,10 +72,10 @@ class RemoteBinder : public IBinder {
         return send(mSocket.get(), packet.data(), packet.size(), MSG_NOSIGNAL) >= 0;
     }
 
-    ssize_t receive(std::vector<uint8_t>& packet) const {
+    ssize_t receive(transport::Message& message) const {
         ssize_t length;
         do
-            length = recv(mSocket.get(), packet.data(), packet.size(), 0);
+            length = recvmsg(mSocket.get(), &message.header, MSG_CMSG_CLOEXEC);
         while (length < 0 && errno == EINTR);
         return length;
     }
@@ -126,7 +128,7 @@ sp<ProcessState> ProcessState::self() {
 }
 
 void ProcessState::startThreadPool() {
-    BinderServer::instance().startThreads();
+    (void)BinderServer::instance().startThreads(); // reported there
 }
 
 } // namespace android

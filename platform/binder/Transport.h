@@ -4,11 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <sys/socket.h>
 #include <vector>
 
 /*
- * How transactions travel between processes: one packet each way over a local socket. A published service
- * listens at <system root>/dev/<name>, open to its own user only.
+ * How transactions travel between processes: one packet each way over a local socket, the reply's with the
+ * descriptors that its parcel holds. A published service listens at <system root>/dev/<name>, open to its own
+ * user only.
  */
 namespace android::transport {
 
@@ -28,6 +30,24 @@ struct ReplyHeader {
 
 constexpr uint32_t kMagic = 0x42494e31; // "BIN1"
 constexpr size_t kMaxParcel = 65536; ///< bytes
+constexpr size_t kMaxDescriptors = 8; ///< of one parcel
+
+/** A message of one packet, with room for the descriptors beside it. */
+struct Message {
+    Message(void* packet, size_t bytes);
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+    /** Gives the packet these descriptors, at most kMaxDescriptors of them. */
+    void attach(const std::vector<int>& descriptors);
+    /** The descriptors that came with a packet that was received: the caller's to close. */
+    std::vector<int> attached() const;
+
+    msghdr header{};
+
+  private:
+    iovec mPiece;
+    alignas(cmsghdr) char mSpace[CMSG_SPACE(kMaxDescriptors * sizeof(int))] = {};
+};
 
 /** The packet of a request or a reply: the header, which states the parcel's size, then the parcel's bytes.
  */

@@ -18,6 +18,10 @@ constexpr char kSystemDevice[] = "/dev/log_system";
 /** Header of an entry, as the driver lays it out before the payload. */
 struct LoggerHeader {
     uint16_t length; ///< payload bytes
+    /**
+     * Of an entry that the stand-in returns to a reader of batches: how many it has lost since the entry
+     * before; what is more than 65535 is told with the entry after. 0 for every other reader.
+     */
     uint16_t padding;
     int32_t pid;
     int32_t tid;

@@ -45,34 +45,50 @@ class EntryRing {
     uint64_t first() const { return mFirst; } ///< position of the oldest entry
     uint64_t end() const { return mEnd; } ///< position that the next entry gets
     size_t held() const { return static_cast<size_t>(mEnd - mFirst); }
-    void clear() { mFirst = mEnd; }
+    uint64_t firstNumber() const { return mFirstNumber; } ///< entries that were stored before the oldest one
+    uint64_t endNumber() const { return mEndNumber; } ///< entries that have been stored
+    void clear() {
+        mFirst = mEnd;
+        mFirstNumber = mEndNumber;
+    }
     /** The room for an entry when everything from `kept` on is to stay. */
     size_t room(uint64_t kept) const {
         return mCapacity - static_cast<size_t>(mEnd - std::max(kept, mFirst));
     }
     /** Stores an entry that is not larger than the capacity; drops the oldest until there is room. */
     void put(const iovec& entry) {
-        while (room(mFirst) < entry.iov_len)
+        for (; room(mFirst) < entry.iov_len; ++mFirstNumber)
             mFirst += lengthAt(offset(mFirst));
         size_t head = std::min(entry.iov_len, mCapacity - mEndOffset);
         auto bytes = static_cast<const char*>(entry.iov_base);
         std::memcpy(&mBytes[mEndOffset], bytes, head);
         std::memcpy(&mBytes[0], bytes + head, entry.iov_len - head);
         mEnd += entry.iov_len;
+        ++mEndNumber;
         mEndOffset = (mEndOffset + entry.iov_len) % mCapacity;
     }
-    /** Bytes of the entry at a position and of those behind it that fit into a batch. */
-    size_t batchLength(uint64_t position) const {
-        size_t length = lengthAt(offset(position));
-        for (uint32_t count = 1; count < kMostBatched && position + length < mEnd; ++count) {
-            size_t more = lengthAt(offset(position + length));
-            if (length + more > kMaxLoggerBatch)
+    struct Span {
+        size_t bytes;
+        uint32_t entries;
+    };
+    /** The entry at a position and those behind it that fit into a batch, but no more than `most`. */
+    Span span(uint64_t position, uint32_t most) const {
+        Span found{lengthAt(offset(position)), 1};
+        for (; found.entries < most && position + found.bytes < mEnd; ++found.entries) {
+            size_t more = lengthAt(offset(position + found.bytes));
+            if (found.bytes + more > kMaxLoggerBatch)
                 break;
-            length += more;
+            found.bytes += more;
         }
-        return length;
+        return found;
     }
-    size_t entryLength(uint64_t position) const { return lengthAt(offset(position)); }
+    /** Changes the padding in the header of the entry at a position. */
+    void setPadding(uint64_t position, uint16_t padding) {
+        char raw[sizeof padding];
+        std::memcpy(raw, &padding, sizeof padding);
+        for (size_t i = 0; i < sizeof raw; ++i)
+            mBytes[offset(position + offsetof(LoggerHeader, padding) + i)] = raw[i];
+    }
     /** Tells where so many bytes from a position on lie, the second piece being what is around the end. */
     void locate(uint64_t position, size_t length, iovec (&pieces)[2]) const {
         size_t begin = offset(position);
@@ -97,6 +113,8 @@ class EntryRing {
     size_t mCapacity;
     uint64_t mFirst = 0;
     uint64_t mEnd = 0;
+    uint64_t mFirstNumber = 0;
+    uint64_t mEndNumber = 0;
     size_t mEndOffset = 0; ///< where the byte at mEnd goes
 };
 
@@ -110,7 +128,7 @@ struct Batch {
     iovec pieces[kMostPackets][2] = {};
 };
 
-/** Fills in what is zero in the header of a packet. False when the packet is no whole entry. */
+/** Fills in what is zero in the header of a packet. False when the packet is no whole entry, or too large. */
 bool completeEntry(char* packet, size_t bytes, int32_t pid, const timespec& now) {
     LoggerHeader header;
     if (bytes < sizeof header || bytes > kMaxLoggerEntry)
@@ -126,6 +144,7 @@ bool completeEntry(char* packet, size_t bytes, int32_t pid, const timespec& now)
         header.seconds = static_cast<int32_t>(now.tv_sec);
         header.nanoseconds = static_cast<int32_t>(now.tv_nsec);
     }
+    header.padding = 0; // the driver's own
     std::memcpy(packet, &header, sizeof header);
     return true;
 }
@@ -140,8 +159,11 @@ struct LoggerDriver::Endpoint {
     Device* device;
     Role role;
     int32_t pid = 0;
+    std::chrono::steady_clock::time_point since{}; ///< client: when it connected
     uint64_t position = 0; ///< reader: of its next entry, or before the oldest one when it has missed some
-    bool batches = false; ///< reader: takes several entries in a packet
+    uint64_t number = 0; ///< reader: entries that were stored before that one
+    uint64_t lost = 0; ///< reader: entries that it will never get and has not been told of
+    bool batches = false; ///< reader: takes several entries in a packet, and is told what it has lost
     bool full = false; ///< reader: its connection takes nothing more for now, and is watched for room
     bool gone = false; ///< to be forgotten at the end of the round
 };
@@ -162,12 +184,13 @@ struct LoggerDriver::Incoming {
     iovec entries[kMostPackets];
     size_t next = 0;
     size_t count = 0;
+    uint32_t refused = 0; ///< packets beside them that are no entries
     bool last = false; ///< nothing comes behind them: the connection is over
 };
 
 /** Takes what there is; to be called when nothing is left. */
 void LoggerDriver::Incoming::receive(const Endpoint& writer) {
-    next = count = 0;
+    next = count = refused = 0;
     int got = recvmmsg(writer.socket.get(), batch.messages, kMostPackets, MSG_TRUNC | MSG_DONTWAIT, nullptr);
     last = got < 0 && errno != EAGAIN && errno != EINTR;
     timespec now{};
@@ -177,15 +200,24 @@ void LoggerDriver::Incoming::receive(const Endpoint& writer) {
         last = bytes == 0;
         if (completeEntry(packets[i], bytes, writer.pid, now))
             entries[count++] = {packets[i], bytes};
+        else if (!last)
+            ++refused;
     }
 }
 
-struct LoggerDriver::Outgoing : Batch {};
+struct LoggerDriver::Outgoing : Batch {
+    unsigned gather(const Endpoint& reader);
+
+    uint32_t entries[kMostPackets]; ///< in each packet
+};
 
 struct LoggerDriver::Device {
     Device(std::string where, size_t capacity) : path(std::move(where)), ring(capacity) {}
     int32_t answer(uint32_t request);
     uint64_t oldestUnread() const;
+    void receive(Incoming& from, const Endpoint& writer);
+    void flush();
+    void catchUp(Endpoint& reader) const;
 
     std::string path;
     Endpoint listener{FileDescriptor(), this, Role::Listener};
@@ -204,8 +236,35 @@ int32_t LoggerDriver::Device::answer(uint32_t request) {
         return static_cast<int32_t>(ring.held());
     if (request != kRequestFlush)
         return -1;
-    ring.clear();
+    flush();
     return 0;
+}
+
+/** Empties the ring. What readers have lost before stays lost, the rest they never miss. */
+void LoggerDriver::Device::flush() {
+    for (Endpoint* reader : readers)
+        catchUp(*reader);
+    ring.clear();
+    for (Endpoint* reader : readers) {
+        reader->position = ring.end();
+        reader->number = ring.endNumber();
+    }
+}
+
+/** Moves a reader to the oldest entry when its next one was dropped, and counts those that it has lost. */
+void LoggerDriver::Device::catchUp(Endpoint& reader) const {
+    if (reader.position >= ring.first())
+        return;
+    reader.lost += ring.firstNumber() - reader.number;
+    reader.position = ring.first();
+    reader.number = ring.firstNumber();
+}
+
+/** Takes what a writer has sent; every reader has lost what is refused of it. */
+void LoggerDriver::Device::receive(Incoming& from, const Endpoint& writer) {
+    from.receive(writer);
+    for (Endpoint* reader : readers)
+        reader->lost += from.refused;
 }
 
 /** Position of the oldest entry that some reader has still to be given. */
@@ -224,8 +283,8 @@ LoggerDriver::~LoggerDriver() {
     uint64_t one = 1;
     if (mWakeUp.valid())
         (void)!write(mWakeUp.get(), &one, sizeof one);
-    if (mThread.joinable())
-        mThread.join();
+    if (mRunning)
+        pthread_join(mThread, nullptr);
     removeDevices();
 }
 
@@ -239,9 +298,20 @@ bool LoggerDriver::start(const std::vector<std::string>& paths, size_t capacity)
     }
     mIncoming = std::make_unique<Incoming>();
     mOutgoing = std::make_unique<Outgoing>();
-    mThread = std::thread([this] { serve(); });
-    pthread_setname_np(mThread.native_handle(), "loggerDriver");
+    int error = pthread_create(&mThread, nullptr, runThread, this);
+    mRunning = error == 0;
+    if (!mRunning) {
+        removeDevices();
+        errno = error;
+        return false;
+    }
+    (void)pthread_setname_np(mThread, "loggerDriver"); // a nameless thread works as well
     return true;
+}
+
+void* LoggerDriver::runThread(void* driver) {
+    static_cast<LoggerDriver*>(driver)->serve();
+    return nullptr;
 }
 
 bool LoggerDriver::makeDevices(const std::vector<std::string>& paths, size_t capacity) {
@@ -279,7 +349,7 @@ bool LoggerDriver::watch(int operation, Endpoint& endpoint, uint32_t events) con
 void LoggerDriver::serve() {
     epoll_event events[kRoundEvents];
     while (!mEnding) {
-        int count = epoll_wait(mEvents.get(), events, kRoundEvents, -1);
+        int count = epoll_wait(mEvents.get(), events, kRoundEvents, listenAgain());
         for (int i = 0; i < count; ++i)
             if (auto* endpoint = static_cast<Endpoint*>(events[i].data.ptr))
                 serveEndpoint(*endpoint, events[i].events);
@@ -291,6 +361,27 @@ void LoggerDriver::serve() {
         removeGone();
     }
     mClients.clear();
+}
+
+/** Keeps a connection that cannot be accepted from waking the thread again and again. */
+void LoggerDriver::pauseListening() {
+    mPaused = true;
+    mPauseEnd = std::chrono::steady_clock::now() + kAcceptPause;
+    for (auto& device : mDevices)
+        watch(EPOLL_CTL_MOD, device->listener, 0);
+}
+
+/** Ends a pause that is over. The milliseconds that are left of one that is not, else -1. */
+int LoggerDriver::listenAgain() {
+    if (!mPaused)
+        return -1;
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(mPauseEnd - std::chrono::steady_clock::now());
+    if (left.count() > 0)
+        return static_cast<int>(left.count());
+    mPaused = false;
+    for (auto& device : mDevices)
+        watch(EPOLL_CTL_MOD, device->listener, EPOLLIN);
+    return -1;
 }
 
 void LoggerDriver::serveEndpoint(Endpoint& endpoint, uint32_t events) {
@@ -315,16 +406,32 @@ void LoggerDriver::serveEndpoint(Endpoint& endpoint, uint32_t events) {
 void LoggerDriver::acceptClient(Device& device) {
     FileDescriptor socket(
         accept4(device.listener.socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!socket.valid() && lacksResources(errno))
+        return pauseListening();
     ucred peer{};
     socklen_t length = sizeof peer;
     if (!socket.valid() || getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
         return;
-    if (mClients.size() >= kMaxClients + (peer.pid == getpid() ? kOwnClients : 0))
+    if (!makeRoom(peer.pid))
         return; // one too many is hung up on: its descriptor belongs to the host
-    mClients.push_back(
-        std::make_unique<Endpoint>(Endpoint{std::move(socket), &device, Role::Stranger, peer.pid}));
+    mClients.push_back(std::make_unique<Endpoint>(
+        Endpoint{std::move(socket), &device, Role::Stranger, peer.pid, std::chrono::steady_clock::now()}));
     if (!watch(EPOLL_CTL_ADD, *mClients.back(), EPOLLIN))
         mClients.pop_back();
+}
+
+/** Whether there is room for a client of this process, where need be that of one which keeps silent. */
+bool LoggerDriver::makeRoom(pid_t newcomer) {
+    size_t most = kMaxClients + (newcomer == getpid() ? kOwnClients : 0);
+    auto here = [](const auto& client) { return !client->gone; };
+    auto silent = [](const auto& client) { return client->role == Role::Stranger && !client->gone; };
+    while (static_cast<size_t>(std::count_if(mClients.begin(), mClients.end(), here)) >= most) {
+        auto first = std::find_if(mClients.begin(), mClients.end(), silent); // the longest time, too
+        if (first == mClients.end() || std::chrono::steady_clock::now() - (*first)->since < kPatience)
+            return false;
+        hangUp(**first);
+    }
+    return true;
 }
 
 /** Takes the first packet of a connection; answers a request at once. */
@@ -348,6 +455,7 @@ bool LoggerDriver::admit(Endpoint& client, uint32_t role) {
         client.role = Role::Reader;
         client.batches = role == LoggerHello::BatchReader;
         client.position = client.device->ring.first();
+        client.number = client.device->ring.firstNumber();
         setsockopt(client.socket.get(), SOL_SOCKET, SO_SNDBUF, &kReaderQueueBytes, sizeof kReaderQueueBytes);
         client.device->readers.push_back(&client);
         sendEntries(client);
@@ -366,7 +474,7 @@ bool LoggerDriver::admit(Endpoint& client, uint32_t role) {
 /** Stores what a writer has sent that waits for nobody. */
 void LoggerDriver::takeEntries(Endpoint& writer) {
     Device& device = *writer.device;
-    mIncoming->receive(writer);
+    device.receive(*mIncoming, writer);
     if (mIncoming->last)
         hangUp(writer);
     for (; !mIncoming->empty(); ++mIncoming->next) {
@@ -388,7 +496,7 @@ bool LoggerDriver::storeWaiting(Device& device) {
     while (!device.waiting.empty()) {
         Endpoint& writer = *device.waiting.front();
         if (incoming.empty())
-            incoming.receive(writer);
+            device.receive(incoming, writer);
         for (; !incoming.empty(); ++incoming.next) {
             const iovec& entry = incoming.entries[incoming.next];
             if (entry.iov_len > device.ring.room(unread))
@@ -413,25 +521,41 @@ void LoggerDriver::deliver(Device& device) {
     device.offered = device.ring.end();
 }
 
+/** Makes packets of what comes next for a reader: of one entry when it has lost more than that can tell. */
+unsigned LoggerDriver::Outgoing::gather(const Endpoint& reader) {
+    const EntryRing& ring = reader.device->ring;
+    bool alone = reader.batches && reader.lost > UINT16_MAX;
+    uint64_t next = reader.position;
+    unsigned count = 0;
+    for (; count < (alone ? 1 : kMostPackets) && next < ring.end(); ++count) {
+        EntryRing::Span span = ring.span(next, reader.batches && !alone ? kMostBatched : 1);
+        ring.locate(next, span.bytes, pieces[count]);
+        messages[count].msg_hdr.msg_iovlen = pieces[count][1].iov_len > 0 ? 2 : 1;
+        entries[count] = span.entries;
+        next += span.bytes;
+    }
+    return count;
+}
+
 /** Gives a reader what its connection takes. */
 void LoggerDriver::sendEntries(Endpoint& reader) {
-    const EntryRing& ring = reader.device->ring;
+    EntryRing& ring = reader.device->ring;
     bool full = false;
-    reader.position = std::max(reader.position, ring.first());
+    reader.device->catchUp(reader);
     while (!full && reader.position < ring.end()) {
-        unsigned count = 0;
-        for (uint64_t next = reader.position; count < kMostPackets && next < ring.end(); ++count) {
-            iovec(&pieces)[2] = mOutgoing->pieces[count];
-            size_t length = reader.batches ? ring.batchLength(next) : ring.entryLength(next);
-            ring.locate(next, length, pieces);
-            next += length;
-            mOutgoing->messages[count].msg_hdr.msg_iovlen = pieces[1].iov_len > 0 ? 2 : 1;
-        }
+        unsigned count = mOutgoing->gather(reader);
+        uint64_t first = reader.position;
+        auto told = static_cast<uint16_t>(reader.batches ? std::min<uint64_t>(reader.lost, UINT16_MAX) : 0);
+        ring.setPadding(first, told);
         int sent = sendmmsg(reader.socket.get(), mOutgoing->messages, count, MSG_NOSIGNAL | MSG_DONTWAIT);
+        ring.setPadding(first, 0); // other readers have losses of their own
         if (sent < 0 && errno != EAGAIN && errno != EINTR)
             return hangUp(reader);
-        for (int i = 0; i < sent; ++i)
+        for (int i = 0; i < sent; ++i) {
             reader.position += mOutgoing->messages[i].msg_len;
+            reader.number += mOutgoing->entries[i];
+        }
+        reader.lost -= sent > 0 ? told : 0;
         full = sent < static_cast<int>(count); // or gone, which its next event tells
     }
     if (full != reader.full)

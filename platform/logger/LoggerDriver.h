@@ -3,11 +3,13 @@
 #include "base/Handles.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <pthread.h>
 #include <string>
-#include <thread>
+#include <sys/types.h>
 #include <vector>
 
 /*
@@ -15,6 +17,14 @@
  * process that embeds it. Each device holds entries up to its capacity and then drops the oldest; every
  * reader has a position of its own. Unlike the driver's, entries that are on their way to a reader already
  * survive a flush, and what the devices hold goes with the process.
+ *
+ * A reader of batches is told what it has lost since it was opened: entries that were dropped before it was
+ * given them, and packets of writers that are no whole entry or a too large one. The latter are told with the
+ * next entry that the reader is given, the former in the place where they are missing. What a flush removes
+ * is not lost.
+ *
+ * There is room for 128 clients. When all is taken, one that has not said within kPatience what it wants to
+ * be gives way. Without descriptors for more the devices pause; who waits is served later.
  */
 namespace vnlog::platform {
 
@@ -31,8 +41,8 @@ class LoggerDriver {
 
     /**
      * Makes a device at each of the paths and starts to serve them. False with errno set when one cannot be
-     * made, EINVAL for a capacity that does not hold every entry or is no answer; none is left then. To be
-     * called once.
+     * made, EINVAL for a capacity that does not hold every entry or is no answer, EAGAIN when no thread can
+     * be had; none is left then. To be called once.
      */
     [[nodiscard]] bool start(const std::vector<std::string>& paths, size_t capacity = kCapacity);
 
@@ -45,9 +55,13 @@ class LoggerDriver {
     bool makeDevices(const std::vector<std::string>& paths, size_t capacity);
     void removeDevices();
     bool watch(int operation, Endpoint& endpoint, uint32_t events) const;
+    static void* runThread(void* driver);
     void serve();
+    void pauseListening();
+    int listenAgain();
     void serveEndpoint(Endpoint& endpoint, uint32_t events);
     void acceptClient(Device& device);
+    bool makeRoom(pid_t newcomer);
     void greet(Endpoint& client);
     bool admit(Endpoint& client, uint32_t role);
     void takeEntries(Endpoint& writer);
@@ -65,7 +79,10 @@ class LoggerDriver {
     FileDescriptor mEvents;
     FileDescriptor mWakeUp;
     std::atomic<bool> mEnding{false};
-    std::thread mThread;
+    bool mPaused = false; ///< nobody is let in before mPauseEnd
+    std::chrono::steady_clock::time_point mPauseEnd;
+    bool mRunning = false; ///< mThread is to be joined
+    pthread_t mThread{};
 };
 
 } // namespace vnlog::platform

@@ -40,21 +40,20 @@ bool clearTheWay(const char* path) {
         errno = EEXIST;
         return false;
     }
-    if (connectPacketSocket(path).valid()) {
+    bool inUse = connectPacketSocket(path, SOCK_NONBLOCK).valid() || errno == EAGAIN;
+    if (inUse)
         errno = EADDRINUSE;
-        return false;
-    }
-    return unlink(path) == 0;
+    return !inUse && errno == ECONNREFUSED && unlink(path) == 0;
 }
 
 } // namespace
 
-FileDescriptor connectPacketSocket(const char* path) {
+FileDescriptor connectPacketSocket(const char* path, int flags) {
     CancelGuard guard;
     sockaddr_un address;
     if (!makeAddress(path, &address))
         return FileDescriptor();
-    FileDescriptor made = makeSocket(0);
+    FileDescriptor made = makeSocket(flags);
     if (made.valid() && connect(made.get(), generic(&address), sizeof address) != 0)
         return FileDescriptor();
     return made;
@@ -72,6 +71,10 @@ FileDescriptor listenPacketSocket(const char* path, mode_t mode) {
         listen(made.get(), kBacklog) != 0)
         return FileDescriptor();
     return made;
+}
+
+bool lacksResources(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
 bool peerPath(int fd, char (&path)[kMaxSocketPath + 1]) {

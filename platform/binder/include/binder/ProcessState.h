@@ -8,7 +8,10 @@ namespace android {
 class ProcessState : public virtual RefBase {
   public:
     static sp<ProcessState> self();
-    /** Starts the threads that serve requests to published services. Further calls do nothing. */
+    /**
+     * Starts the threads that serve requests to published services. Further calls do nothing, but for threads
+     * that the system refused earlier, which the Android log tells: those are tried again.
+     */
     void startThreadPool();
 
   private:
