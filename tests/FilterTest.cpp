@@ -70,48 +70,36 @@ TEST_F(FilterTest, StepsThroughModesListsAndRules) {
 }
 
 TEST_F(FilterTest, RandomEditsAndRestartsActAsAMapDoes) {
-    const std::vector<std::string> names = {"Camera", "Audio", "other"};
     std::map<std::string, char> listed;
     int mode = kModeAll;
-    char level = 'd';
+    std::string level = "d";
     std::minstd_rand random(7);
-    auto pick = [&](const auto& from) { return from[random() % std::size(from)]; };
     ASSERT_TRUE(filter.build("raw", "ALL_MODULE", "d"));
     for (int step = 0; step < 5000; ++step) {
-        const std::string name = pick(names), letter(1, kPriorityLetters[random() % 7]);
-        switch (const unsigned what = random() % 12) {
-        case 0:
-        case 1: // ALL_MODULE and NONE_MODULE
-            filter.setMode(mode = static_cast<int>(what), std::string(1, level).c_str());
+        const std::string tags[] = {"Camera", "Audio", "other"}, tag = tags[random() % 3];
+        const std::string letter(1, kPriorityLetters[random() % 7]), saved = now().substr(0, now().find(' '));
+        const unsigned what = random() % 12;
+        if (what <= kModeNone) {
+            filter.setMode(mode = static_cast<int>(what), level.c_str());
             listed.clear();
-            break;
-        case 2:
-            filter.setLevel(letter.c_str());
-            level = letter[0];
-            break;
-        case 3: { // the restart
-            const std::string saved = now().substr(0, now().find(' '));
-            ASSERT_TRUE(filter.build("raw", saved.c_str(), letter.c_str()));
+        } else if (what == 2) {
+            filter.setLevel((level = letter).c_str());
+        } else if (what == 3) {
+            ASSERT_TRUE(filter.build("raw", saved.c_str(), level.c_str()));
             ASSERT_EQ(now().substr(0, now().find(' ')), saved) << "in the same order";
-            level = letter[0];
-            break;
-        }
-        case 4:
-        case 5:
-        case 6:
-            filter.deleteModule(name.c_str());
-            listed.erase(name);
-            break;
-        default:
-            filter.addModules((name + ":" + letter).c_str(), "d");
-            listed[name] = letter[0];
+        } else if (what <= 6) {
+            filter.deleteModule(tag.c_str());
+            listed.erase(tag);
+        } else {
+            filter.addModules((tag + ":" + letter).c_str(), "d");
+            listed[tag] = letter[0];
             mode = kModeListed;
         }
         std::string passes;
-        for (const std::string& tag : names) {
-            const char inList = listed.count(tag) != 0 ? listed[tag] : 'e';
-            passes += mode == kModeAll ? level : mode == kModeNone ? 's' : inList;
-            ASSERT_EQ(filter.lists(tag.c_str()), listed.count(tag) != 0);
+        for (const std::string& one : tags) {
+            const char inList = listed.count(one) != 0 ? listed[one] : 'e';
+            passes += mode == kModeAll ? level[0] : mode == kModeNone ? 's' : inList;
+            ASSERT_EQ(filter.lists(one.c_str()), listed.count(one) != 0);
         }
         ASSERT_EQ(now().substr(now().find(' ')), " raw " + std::to_string(mode) + " " + passes) << step;
     }
