@@ -20,9 +20,7 @@ namespace {
 
 using S = ServiceState;
 
-constexpr int kValueLimit = 127; // characters of a value that a parsed file is looked at for
-using Value = char[kValueLimit + 1];
-
+constexpr size_t kLongestParsedRoot = 127; // what is behind it is cut off
 constexpr size_t kFiles = 3; // that a start may read
 
 /** The key without its "=": the name of the environment variable and of the setting in messages. */
@@ -37,14 +35,6 @@ void reportSetting(const Setting& setting, const char* path, const char* what) {
 
 const char* environment(const Setting& setting) {
     return std::getenv(Name(setting).text);
-}
-
-/** Copies a value that must be there; otherwise reports it. */
-bool copyNeeded(const Setting& setting, const char* text, const char* path, char* out, int limit) {
-    if (copyValue(text, setting.key, out, limit))
-        return true;
-    reportSetting(setting, path, "not found");
-    return false;
 }
 
 unsigned bitOf(const Setting& setting) {
@@ -63,10 +53,6 @@ Digits digitsOf(const char* text) {
         return Digits::None;
     text += count;
     return text[std::strspn(text, kBlanks)] == '\0' ? Digits::All : Digits::Some;
-}
-
-int priorityOf(char letter) {
-    return ANDROID_LOG_VERBOSE + static_cast<int>(std::strchr(kPriorityLetters, letter) - kPriorityLetters);
 }
 
 void setFlags(S& state, const Setting& setting, bool on) {
@@ -107,6 +93,7 @@ void Settings::beginReading() {
     mState.mModuleCfg = nullptr; // a text that is not ours may be left of an earlier start
     mState.mFormatCfg = nullptr;
     mOptionalSet = 0;
+    mGaveUp = false;
 }
 
 void Settings::load() {
@@ -124,7 +111,6 @@ void Settings::load() {
 
 Settings::Examined Settings::examine(const char* own, Configuration whose, Findings& findings) {
     beginReading();
-    mGaveUp = false;
     Path aside = setAside(own);
     SettingsFile files[kFiles] = {
         {own, whose}, {aside.text, whose}, {fallbackConfiguration(), Configuration::Foreign}};
@@ -164,24 +150,24 @@ bool Settings::takeFromFiles(const Setting& setting, SettingsFile* files) {
 }
 
 Outcome Settings::takeFrom(const Setting& setting, const SettingsFile& file) {
-    Text value = file.value(setting);
-    if (value == nullptr)
-        return takeMissing(setting, file);
-    Outcome outcome = take(setting, std::move(value));
-    if (setting.optional && outcome != Outcome::Refused)
-        mOptionalSet |= bitOf(setting);
-    return outcome;
-}
-
-/** A missing switch is off, unless keys are missing that a file must have: then its line may be lost as well.
- */
-Outcome Settings::takeMissing(const Setting& setting, const SettingsFile& file) {
-    if (setting.needed() || !file.complete())
+    if (Text value = file.value(setting))
+        return takeSetting(setting, std::move(value));
+    if (!file.complete()) // its line may be lost as well
         return Outcome::Refused;
     if (setting.mayBeMissing())
         return Outcome::Left;
+    if (setting.kind != Kind::Switch)
+        return Outcome::Refused;
     setFlags(mState, setting, false);
     return Outcome::Adjusted;
+}
+
+/** Applies a value of a file; an optional setting is written from then on. */
+Outcome Settings::takeSetting(const Setting& setting, Text value) {
+    Outcome outcome = take(setting, std::move(value));
+    if (outcome != Outcome::Refused)
+        setOptional(setting.key);
+    return outcome;
 }
 
 /** Applies a value, if it is good or there is something like it that is. */
@@ -199,24 +185,22 @@ Outcome Settings::take(const Setting& setting, Text value) {
     case Kind::Number:
         return takeNumber(setting, value.get());
     case Kind::Level:
-        if (!isPriorityLetter(*value))
-            return Outcome::Refused;
-        setLevel(value.get());
-        return Outcome::Taken;
     case Kind::Priority:
         if (!isPriorityLetter(*value))
             return Outcome::Refused;
-        setting.number.set(mState, priorityOf(*value));
+        setLevel(setting, value.get());
         return Outcome::Taken;
-    case Kind::FilterText:
-        return takeText(setting, std::move(value));
+    case Kind::FilterText: {
+        Outcome outcome = setting.filter.judge(value.get());
+        if (outcome != Outcome::Refused)
+            ownText(setting, std::move(value));
+        return outcome;
+    }
     }
     return Outcome::Refused;
 }
 
-/** By its first character; anything but "y" and "n" is off, as it always was, or refused where it may be
- * missing.
- */
+/** By its first character; another one than "y" and "n" is off, or refused where the key may be missing. */
 Outcome Settings::takeSwitch(const Setting& setting, char value) {
     bool on = value == kYes[0];
     bool known = on || value == kNo[0];
@@ -234,7 +218,7 @@ Outcome Settings::takeSwitch(const Setting& setting, char value) {
 
 Outcome Settings::takeNumber(const Setting& setting, const char* value) {
     const Number& number = setting.number;
-    Range range = number.range(mState);
+    Range range = setting.range(mState);
     int read = parseNumber(value);
     Digits digits = digitsOf(value);
     bool good = digits != Digits::None && range.holds(read);
@@ -242,13 +226,6 @@ Outcome Settings::takeNumber(const Setting& setting, const char* value) {
         return Outcome::Refused;
     number.set(mState, std::clamp(read, range.minimum, range.maximum));
     return good && digits == Digits::All ? Outcome::Taken : Outcome::Adjusted;
-}
-
-Outcome Settings::takeText(const Setting& setting, Text value) {
-    Outcome outcome = setting.filter.judge(value.get());
-    if (outcome != Outcome::Refused)
-        ownText(setting, std::move(value));
-    return outcome;
 }
 
 /** Takes a setting that no file says well from the environment, or its default. */
@@ -302,7 +279,7 @@ void Settings::reportSettingOf(const Setting& setting, const SettingsFile& file,
                      setting.expected, instead);
         return;
     }
-    Range range = setting.number.range(mState);
+    Range range = setting.range(mState);
     findings.add(file.path(), line, "%s=%.100s is not in %d to %d, %s is used", name.text, said.get(),
                  range.minimum, range.maximum, instead);
 }
@@ -316,13 +293,11 @@ void Settings::setRoot(const char* root) {
 bool Settings::parse(const char* path) {
     beginReading();
     bool own = std::strcmp(path, mState.mCfgPath) == 0;
-    Text text = readSettings(path, own ? Configuration::Own : Configuration::Foreign);
-    if (text == nullptr)
+    SettingsFile file(path, own ? Configuration::Own : Configuration::Foreign);
+    if (!file.usable() && file.error() != 0)
         return false;
     for (const Setting& setting : kSettings) {
-        if (setting.optional) {
-            readOptional(setting, text.get(), path);
-        } else if (!read(setting, text.get(), path)) {
+        if (!read(setting, file)) {
             releaseTexts();
             return false;
         }
@@ -331,103 +306,65 @@ bool Settings::parse(const char* path) {
     return true;
 }
 
-/** Applies one key of the file. False, after its report, for a condition that ends the parsing. */
-bool Settings::read(const Setting& setting, const char* text, const char* path) {
-    switch (setting.kind) {
-    case Kind::Switch:
-        setFlags(mState, setting, valueIsYes(text, setting.key));
-        return true;
-    case Kind::GivenUp:
-        mGaveUp = valueIsYes(text, setting.key);
-        if (mGaveUp)
-            mState.mKLogToFile = mState.mALogToFile = true;
-        return true;
-    case Kind::Root:
-        readRoot(setting, text, path);
-        return true;
-    case Kind::Number:
-        return readNumberSetting(setting, text, path);
-    case Kind::Level:
-        return readLevel(setting, text, path);
-    case Kind::Priority: // always optional
-        return true;
-    case Kind::FilterText:
-        return readOwnedText(setting, text, path);
-    }
-    return false;
-}
-
-bool Settings::readNumberSetting(const Setting& setting, const char* text, const char* path) {
-    Value digits = {};
-    if (!copyNeeded(setting, text, path, digits, kValueLimit))
-        return false;
-    int value = parseNumber(digits);
-    if (!setting.number.anyParsed && !setting.number.range(mState).holds(value)) {
-        reportSetting(setting, path, "out of range");
-        return false;
-    }
-    setting.number.set(mState, value);
-    return true;
-}
-
-void Settings::readRoot(const Setting& setting, const char* text, const char* path) {
-    Value value = {};
-    const char* root = value;
-    if (copyNeeded(setting, text, path, value, kValueLimit)) {
-        logDebug("Use configured STORAGE_PATH: %s\n", value);
-    } else {
-        root = environment(setting);
-        if (root == nullptr)
-            return;
-        logDebug("Use env STORAGE_PATH: %s\n", root);
-    }
-    setRoot(root);
-}
-
-bool Settings::readLevel(const Setting& setting, const char* text, const char* path) {
-    Value level = {};
-    if (!copyNeeded(setting, text, path, level, kValueLimit))
-        return false;
-    setLevel(level);
-    if (isPriorityLetter(mState.mALogLevel[0]))
-        return true;
-    reportSetting(setting, path, "not corrected");
-    return false;
-}
-
-void Settings::setLevel(const char* level) {
-    std::memset(mState.mALogLevel, 0, sizeof mState.mALogLevel);
-    std::memcpy(mState.mALogLevel, level, strnlen(level, sizeof mState.mALogLevel - 1));
-}
-
-bool Settings::readOwnedText(const Setting& setting, const char* text, const char* path) {
-    size_t room = std::strlen(text) + 1;
-    Text copy = allocateText(room);
-    if (copy == nullptr) {
+/** Applies one key of a file that is parsed. False, after its report, for a condition that ends the parsing.
+ */
+bool Settings::read(const Setting& setting, const SettingsFile& file) {
+    Text value = file.value(setting);
+    if (value == nullptr && file.lineOf(setting) == 0)
+        return readMissing(setting, file.path());
+    if (value == nullptr) {
         logError("%s", setting.filter.noMemory);
         logErrno();
         return false;
     }
-    if (!copyNeeded(setting, text, path, copy.get(), static_cast<int>(room - 1)))
-        return false;
-    ownText(setting, std::move(copy));
-    return true;
+    if (setting.kind == Kind::FilterText) {
+        ownText(setting, std::move(value));
+        return true;
+    }
+    if (setting.kind == Kind::Root) {
+        value.get()[strnlen(value.get(), kLongestParsedRoot)] = '\0';
+        logDebug("Use configured STORAGE_PATH: %s\n", value.get());
+        setRoot(value.get());
+        return true;
+    }
+    int number = parseNumber(value.get());
+    if (setting.number.anyParsed) {
+        setting.number.set(mState, number);
+        return true;
+    }
+    bool fits = setting.kind != Kind::Number || setting.range(mState).holds(number);
+    if (fits && takeSetting(setting, std::move(value)) != Outcome::Refused)
+        return true;
+    if (setting.optional) // gives way to its default
+        fallBack(setting, nullptr);
+    reportSetting(setting, file.path(), setting.kind == Kind::Number ? "out of range" : "not corrected");
+    return setting.optional;
 }
 
-/** A value that is wrong gives way to the default, a missing one to the environment first. */
-void Settings::readOptional(const Setting& setting, const char* text, const char* path) {
-    Value value = {};
-    if (!copyValue(text, setting.key, value, kValueLimit)) {
+/** A missing switch is off. What else may be missing is asked of the environment. */
+bool Settings::readMissing(const Setting& setting, const char* path) {
+    if (setting.kind == Kind::Switch && !setting.optional)
+        setFlags(mState, setting, false);
+    else if (setting.mayBeMissing())
         fallBack(setting, environment(setting));
+    else
+        reportSetting(setting, path, "not found");
+    const char* root = setting.kind == Kind::Root ? environment(setting) : nullptr;
+    if (root != nullptr) {
+        logDebug("Use env STORAGE_PATH: %s\n", root);
+        setRoot(root);
+    }
+    return !setting.needed();
+}
+
+void Settings::setLevel(const Setting& setting, const char* level) {
+    if (setting.kind == Kind::Priority) {
+        const char* letter = std::strchr(kPriorityLetters, *level);
+        setting.number.set(mState, ANDROID_LOG_VERBOSE + static_cast<int>(letter - kPriorityLetters));
         return;
     }
-    Text copy(strdup(value));
-    if (copy != nullptr && take(setting, std::move(copy)) != Outcome::Refused) {
-        mOptionalSet |= bitOf(setting);
-        return;
-    }
-    reportSetting(setting, path, "not correct, the default is used");
-    fallBack(setting, nullptr);
+    std::memset(mState.mALogLevel, 0, sizeof mState.mALogLevel);
+    std::memcpy(mState.mALogLevel, level, strnlen(level, sizeof mState.mALogLevel - 1));
 }
 
 void Settings::takeDefaults() {
@@ -450,17 +387,15 @@ void Settings::fallBack(const Setting& setting, const char* value) {
         const Number& number = setting.number;
         bool usable = value != nullptr && digitsOf(value) != Digits::None &&
                       number.inEnvironment.holds(parseNumber(value));
-        number.set(mState, usable ? parseNumber(value) : number.fallback(mState));
+        int fallback = number.given != nullptr ? number.given(mState).minimum : number.fallback;
+        number.set(mState, usable ? parseNumber(value) : fallback);
         return;
     }
     case Kind::Level:
     case Kind::Priority: {
         const char letter[] = {value != nullptr && isPriorityLetter(*value) ? *value : *setting.fallback,
                                '\0'};
-        if (setting.kind == Kind::Level)
-            setLevel(letter);
-        else
-            setting.number.set(mState, priorityOf(*letter));
+        setLevel(setting, letter);
         return;
     }
     case Kind::FilterText: // the environment's or the built-in text itself, not a copy

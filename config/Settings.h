@@ -65,25 +65,17 @@ class Settings {
 
   private:
     // one setting of a file that is parsed
-    bool read(const Setting& setting, const char* text, const char* path) VNLOG_REQUIRES(CommandLock::role);
-    bool readNumberSetting(const Setting& setting, const char* text, const char* path);
-    void setRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
-    void readRoot(const Setting& setting, const char* text, const char* path);
-    bool readLevel(const Setting& setting, const char* text, const char* path)
-        VNLOG_REQUIRES(CommandLock::role);
-    void setLevel(const char* level) VNLOG_REQUIRES(CommandLock::role);
-    bool readOwnedText(const Setting& setting, const char* text, const char* path)
-        VNLOG_REQUIRES(CommandLock::role);
-    void readOptional(const Setting& setting, const char* text, const char* path)
-        VNLOG_REQUIRES(CommandLock::role);
+    bool read(const Setting& setting, const SettingsFile& file) VNLOG_REQUIRES(CommandLock::role);
+    bool readMissing(const Setting& setting, const char* path) VNLOG_REQUIRES(CommandLock::role);
     // one setting at a start
     bool takeFromFiles(const Setting& setting, SettingsFile* files) VNLOG_REQUIRES(CommandLock::role);
     Outcome takeFrom(const Setting& setting, const SettingsFile& file) VNLOG_REQUIRES(CommandLock::role);
-    Outcome takeMissing(const Setting& setting, const SettingsFile& file);
+    Outcome takeSetting(const Setting& setting, Text value) VNLOG_REQUIRES(CommandLock::role);
     Outcome take(const Setting& setting, Text value) VNLOG_REQUIRES(CommandLock::role);
     Outcome takeSwitch(const Setting& setting, char value) VNLOG_REQUIRES(CommandLock::role);
     Outcome takeNumber(const Setting& setting, const char* value);
-    Outcome takeText(const Setting& setting, Text value) VNLOG_REQUIRES(CommandLock::role);
+    void setLevel(const Setting& setting, const char* level) VNLOG_REQUIRES(CommandLock::role);
+    void setRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
     void takeOtherwise(const Setting& setting) VNLOG_REQUIRES(CommandLock::role);
     void reportFile(SettingsFile& file, bool first, Findings& findings) VNLOG_REQUIRES(CommandLock::role);
     void reportSettingOf(const Setting& setting, const SettingsFile& file, Findings& findings)

@@ -55,30 +55,29 @@ const Setting* nearestSetting(const char* word, size_t length) {
 
 } // namespace
 
-Text readSettings(const char* path, Configuration whose) {
+void SettingsFile::read() {
     CancelGuard guard;
     size_t size = 0;
-    FileDescriptor file = openConfiguration(path, whose, &size);
+    FileDescriptor file = openConfiguration(mPath, mWhose, &size);
     Stream stream(file.valid() ? fdopen(file.get(), "r") : nullptr);
     if (stream == nullptr)
-        return nullptr;
+        return;
     (void)file.release(); // the stream's from here on
-    Text text = readSignificantLines(stream.get(), size);
-    if (text == nullptr) {
+    mText = readSignificantLines(stream.get(), size);
+    if (mText == nullptr) {
         logError("fail to calloc cfg buf!\n");
         logErrno();
-        return nullptr;
+        return;
     }
-    while (size > 0 && text.get()[size - 1] == '\0')
+    while (size > 0 && mText.get()[size - 1] == '\0')
         --size;
-    std::replace(text.get(), text.get() + size, '\0', '?'); // the lines behind it are read as well
-    return text;
+    std::replace(mText.get(), mText.get() + size, '\0', '?'); // the lines behind it are read as well
 }
 
 bool SettingsFile::usable() {
     if (!mAsked) {
         mAsked = true;
-        mText = readSettings(mPath, mWhose);
+        read();
         mError = mText == nullptr ? errno : 0;
         findKeys();
     }

@@ -8,12 +8,9 @@
 namespace vnlog {
 
 /**
- * The significant lines of a file of settings as one text, as of readSignificantLines, with a "?" for a zero
- * byte. Null with errno set when the file cannot be read; reported when that is for want of memory.
+ * A file of settings, read when it is first asked: its significant lines, as of readSignificantLines, with a
+ * "?" for a zero byte. What is wrong with it can be told.
  */
-[[nodiscard]] Text readSettings(const char* path, Configuration whose);
-
-/** One of the files that a start may read, read when it is first asked. What is wrong with it can be told. */
 class SettingsFile {
   public:
     /** `path` must outlive the object. */
@@ -26,9 +23,9 @@ class SettingsFile {
     bool asked() const { return mAsked; }
     /** Why it could not be read; 0 when it was. */
     int error() const { return mError; }
-    /** Of a usable one: whether every key occurs that a file must have. */
+    /** Whether every key occurs that a file must have. */
     bool complete() const;
-    /** Of a usable one: the value of the setting, null when it has none or there is no memory. */
+    /** The value of the setting; null when it has none or, with errno set, there is no memory. */
     Text value(const Setting& setting) const;
     /** The line in which the key of the setting is found; 0 when it is missing. */
     unsigned lineOf(const Setting& setting) const { return placeOf(setting).line; }
@@ -51,6 +48,7 @@ class SettingsFile {
         unsigned line = 0;
     };
 
+    void read();
     void findKeys();
     const Place& placeOf(const Setting& setting) const { return mPlaces[&setting - kSettings]; }
     void reportLine(const Line& line, Findings& findings) const;

@@ -83,58 +83,30 @@ constexpr Range kKernelLevels = {kLeastKernelLevel, kHighestKernelLevel};
 constexpr Range kFlushIntervals = {0, kLongestFlushInterval};
 
 constexpr Number kMaxLogSize = {
-    [](const S& s) { return s.mMaxLogSize; },
-    setMaxLogSize,
-    [](const S&) {
-        return Range{1, kLargestMaxLogSizeMiB};
-    },
-    {kLargestMaxLogSizeMiB, INT_MAX},
-    true, // the deletion size tells when it is too small
-    {3, INT_MAX},
-    [](const S&) { return 10; },
-};
-constexpr Number kSectionSize = {
-    [](const S& s) { return kibibytes(s.mLogSectionSize); },
-    [](S& s, int value) { s.mLogSectionSize = bytes(value); },
-    [](const S&) { return kSectionKiB; },
-    kNowhere,
-    false,
-    kSectionKiB,
-    [](const S&) { return kSectionKiB.minimum; },
-};
+    [](const S& s) { return s.mMaxLogSize; }, setMaxLogSize, {1, kLargestMaxLogSizeMiB}, {3, INT_MAX}, 10,
+    {kLargestMaxLogSizeMiB, INT_MAX},         true}; // the deletion size tells when it is too small
+constexpr Number kSectionSize = {[](const S& s) { return kibibytes(s.mLogSectionSize); },
+                                 [](S& s, int value) { s.mLogSectionSize = bytes(value); }, kSectionKiB,
+                                 kSectionKiB, kLeastSectionKiB};
 constexpr Number kDeleteSize = {
     [](const S& s) { return kibibytes(s.mLogDeleteSize); },
     [](S& s, int value) { s.mLogDeleteSize = bytes(value); },
-    [](const S& s) { // from one section to half of the whole
-        return Range{kibibytes(s.mLogSectionSize), std::max(s.mMaxLogSize, 0) * 512};
-    },
+    kNowhere,
+    kNowhere,
+    0,
     {INT_MIN, INT_MAX},
     false,
-    kNowhere,
-    [](const S& s) { return kibibytes(s.mLogSectionSize); },
-};
-constexpr Number kKernelLevel = {
-    [](const S& s) { return s.mKLogLevel.load(); },
-    [](S& s, int value) { s.mKLogLevel = value; },
-    [](const S&) { return kKernelLevels; },
-    kNowhere,
-    false,
-    kKernelLevels,
-    [](const S&) { return kHighestKernelLevel; },
-};
-constexpr Number kFlushInterval = {
-    [](const S& s) { return static_cast<int>(s.mFlushInterval.load()); },
-    [](S& s, int value) { s.mFlushInterval = static_cast<uint32_t>(value); },
-    [](const S&) { return kFlushIntervals; },
-    kNowhere,
-    false,
-    kFlushIntervals,
-    [](const S&) { return 30; },
-};
-constexpr Number kFlushPriority = {
-    [](const S& s) { return s.mFlushPriority.load(); },
-    [](S& s, int value) { s.mFlushPriority = value; },
-};
+    [](const S& s) { // from one section to half of the whole
+        return Range{kibibytes(s.mLogSectionSize), std::max(s.mMaxLogSize, 0) * 512};
+    }};
+constexpr Number kKernelLevel = {[](const S& s) { return s.mKLogLevel.load(); },
+                                 [](S& s, int value) { s.mKLogLevel = value; }, kKernelLevels, kKernelLevels,
+                                 kHighestKernelLevel};
+constexpr Number kFlushInterval = {[](const S& s) { return static_cast<int>(s.mFlushInterval.load()); },
+                                   [](S& s, int value) { s.mFlushInterval = static_cast<uint32_t>(value); },
+                                   kFlushIntervals, kFlushIntervals, 30};
+constexpr Number kFlushPriority = {[](const S& s) { return s.mFlushPriority.load(); },
+                                   [](S& s, int value) { s.mFlushPriority = value; }};
 
 } // namespace
 

@@ -22,11 +22,13 @@ constexpr Range kNowhere = {1, 0};
 struct Number {
     int (*get)(const ServiceState&) = nullptr;
     void (*set)(ServiceState&, int) = nullptr;
-    Range (*range)(const ServiceState&) = nullptr; ///< what it may be, given the settings before it
-    Range adjusted = kNowhere; ///< where a value outside that becomes the nearest one inside, at a start
-    bool anyParsed = false; ///< the parsing of a file takes any value
+    Range range = kNowhere;
     Range inEnvironment = kNowhere; ///< what the variable of the same name may be
-    int (*fallback)(const ServiceState&) = nullptr;
+    int fallback = 0;
+    Range adjusted = kNowhere; ///< where a value out of range becomes the nearest one inside, at a start
+    bool anyParsed = false; ///< the parsing of a file takes any value
+    Range (*given)(const ServiceState&) = nullptr; ///< the range where settings before it tell; it begins
+                                                   ///< with the fallback
 };
 
 enum class Kind {
@@ -51,7 +53,7 @@ enum class Outcome {
 /** A text that the filter is built from. */
 struct FilterSetting {
     char* ServiceState::*text = nullptr;
-    const char* noMemory = nullptr; ///< report when there is no memory for it
+    const char* noMemory = "fail to malloc cfg value!\n"; ///< report when there is no memory for the value
     void (Filter::*print)(FILE*) = nullptr;
     Outcome (*judge)(const char* text) = nullptr;
 };
@@ -70,8 +72,12 @@ struct Setting {
 
     /** Whether a file without the key is as good as one with it. */
     bool mayBeMissing() const { return optional || kind == Kind::GivenUp; }
-    /** Whether a file must have the key; a switch that is missing means something. */
-    bool needed() const { return !mayBeMissing() && kind != Kind::Switch; }
+    /** Whether a file without the key has lost something; a missing switch is off. */
+    bool needed() const { return !mayBeMissing() && kind != Kind::Switch && kind != Kind::Root; }
+    /** Of a number: what it may be. */
+    Range range(const ServiceState& state) const {
+        return number.given != nullptr ? number.given(state) : number.range;
+    }
 };
 
 constexpr size_t kSettingCount = 17;
