@@ -49,12 +49,11 @@ Text readSignificantLines(FILE* file, size_t limit) {
     size_t used = 0;
     ssize_t length;
     while ((length = getline(&line, &lineSize, file)) > 0) {
-        size_t bytes = static_cast<size_t>(length);
-        if (!isLetterOrDigit(line[0]))
-            continue;
+        bool kept = isLetterOrDigit(line[0]);
+        size_t bytes = kept ? static_cast<size_t>(length) : 1;
         if (bytes > limit - used)
             break;
-        std::memcpy(text.get() + used, line, bytes);
+        std::memcpy(text.get() + used, kept ? line : "\n", bytes);
         used += bytes;
     }
     std::free(line);

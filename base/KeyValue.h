@@ -18,8 +18,9 @@ namespace vnlog {
 int parseNumber(const char* text);
 
 /**
- * Reads the lines of `file` that begin with a letter or a digit, as one text of at most `limit` bytes; what
- * does not fit is left out by whole lines. Null with errno set when there is no memory.
+ * Reads the lines of `file` that begin with a letter or a digit, as one text of at most `limit` bytes; the
+ * others are empty there, so that a line keeps its number. What does not fit is left out by whole lines. Null
+ * with errno set when there is no memory.
  */
 [[nodiscard]] Text readSignificantLines(FILE* file, size_t limit);
 

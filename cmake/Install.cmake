@@ -12,6 +12,7 @@ foreach(
   binder/ILogService.h
   buffer/LogBuf.h
   buffer/RingState.h
+  config/Check.h
   config/ServiceState.h
   config/SettingsState.h
   service/LogService.h

@@ -30,11 +30,6 @@ Path draftOf(const char* path) {
     return besides(path, ".new");
 }
 
-/** Where earlier versions have set the old file aside. */
-Path backupOf(const char* path) {
-    return besides(path, ".unsaved");
-}
-
 void reportRemoval() {
     char reason[128];
     logError("remove error: %s\n", strerror_r(errno, reason, sizeof reason));
@@ -111,7 +106,7 @@ FileDescriptor openConfiguration(const char* path, Configuration whose, size_t* 
     if (S_ISREG(info.st_mode) && info.st_size <= kMaxConfigurationSize)
         return file;
     file = FileDescriptor();
-    errno = EPERM;
+    errno = S_ISREG(info.st_mode) ? EFBIG : S_ISDIR(info.st_mode) ? EISDIR : EPERM;
     return file;
 }
 
@@ -131,20 +126,27 @@ bool replaceConfiguration(const char* path, const char* text, size_t length) {
     return false;
 }
 
-bool restoreConfiguration(const char* path) {
-    Path backup = backupOf(path);
+void keepRejected(const char* path) {
+    CancelGuard guard;
     struct stat info;
-    if (lstat(backup.text, &info) != 0 || !S_ISREG(info.st_mode))
-        return false;
-    logError("the last save of %s was cut off, the settings from before it are used\n", path);
-    if (std::rename(backup.text, path) == 0)
-        return true;
-    logErrno();
-    return false;
+    if (lstat(path, &info) != 0 || S_ISDIR(info.st_mode) || (S_ISREG(info.st_mode) && info.st_size == 0))
+        return;
+    Path kept = besides(path, ".rejected");
+    size_t size = 0;
+    Text old = readOwn(path, &size);
+    bool copied = old != nullptr && replaceConfiguration(kept.text, old.get(), size);
+    if (copied || (old == nullptr && std::rename(path, kept.text) == 0 && syncFolderOf(path)))
+        logError("%s could not be used whole, it is kept as %s\n", path, kept.text);
+    else
+        logError("%s could not be used whole, and cannot be kept as %s\n", path, kept.text);
 }
 
-void discardOldConfiguration(const char* path) {
-    (void)unlink(backupOf(path).text); // there is none but after an earlier version
+Path setAside(const char* path) {
+    return besides(path, ".unsaved");
+}
+
+void discardSetAside(const char* path) {
+    (void)unlink(setAside(path).text); // there is none but after an earlier version
 }
 
 } // namespace vnlog

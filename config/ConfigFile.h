@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Handles.h"
+#include "base/Text.h"
 
 #include <cstddef>
 
@@ -34,11 +35,15 @@ enum class Configuration { Own, Foreign };
 [[nodiscard]] bool replaceConfiguration(const char* path, const char* text, size_t length);
 
 /**
- * Takes back, reported, the file that an earlier version of the service has set aside while it wrote a new
- * one. False when there is none.
+ * Keeps a file that could not be used whole under another name, log.cfg.rejected, in the place of an older
+ * one, before it is replaced; one that cannot be read is moved there. Reported, as is a failure. Without
+ * effect where there is none, or an empty one.
  */
-[[nodiscard]] bool restoreConfiguration(const char* path);
-/** Removes it unused, if it is there. */
-void discardOldConfiguration(const char* path);
+void keepRejected(const char* path);
+
+/** Where an earlier version of the service has set the old file aside while it wrote a new one. */
+Path setAside(const char* path);
+/** Removes that one, if it is there. */
+void discardSetAside(const char* path);
 
 } // namespace vnlog

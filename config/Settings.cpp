@@ -2,13 +2,15 @@
 
 #include "base/Diagnostics.h"
 #include "base/Files.h"
-#include "base/Handles.h"
 #include "base/KeyValue.h"
-#include "config/ConfigFile.h"
+#include "config/Findings.h"
+#include "config/SettingsFile.h"
+#include "config/SettingsTable.h"
 #include "sources/AndroidFormat.h"
+#include "storage/Layout.h"
 
 #include <algorithm>
-#include <climits>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -18,125 +20,8 @@ namespace {
 
 using S = ServiceState;
 
-constexpr int kValueLimit = 127; // characters of a value that are looked at
-using Value = char[kValueLimit + 1];
-
-constexpr int kMaxLogSizeMiB = 4095; // the largest bound whose bytes fit 32 bits
-
-struct Range {
-    int minimum;
-    int maximum;
-    bool holds(int value) const { return value >= minimum && value <= maximum; }
-};
-
-/** A number: how it is kept, and what it may be. */
-struct Number {
-    int (*get)(const S&);
-    void (*set)(S&, int);
-    Range (*inFile)(const S&);
-    bool environment; ///< whether the variable of the same name is asked
-    Range inEnvironment;
-    int (*fallback)(const S&); ///< without one in that range
-};
-
-enum class Kind {
-    Switch, ///< y or n, in one flag or two
-    GivenUp, ///< written as a switch; one that is read as on tells that storing was
-    Root,
-    Number,
-    Level,
-    FilterText, ///< kept only until the filter is built, and written by it
-};
-
-} // namespace
-
-/** All about one setting. What its kind does not use is null. */
-struct Setting {
-    const char* key; ///< with the "="
-    Kind kind;
-    const char* fallback = nullptr; ///< instead of a missing environment variable
-    Flag S::*flag = nullptr;
-    Flag S::*secondFlag = nullptr;
-    Number number{};
-    char* S::*text = nullptr;
-    const char* noMemory = nullptr; ///< report when there is no memory for the text
-    void (Filter::*print)(FILE*) = nullptr;
-};
-
-namespace {
-
-constexpr Setting onOff(const char* key, const char* fallback, Flag S::*flag, Flag S::*second = nullptr) {
-    return {key, Kind::Switch, fallback, flag, second};
-}
-constexpr Setting givenUp(const char* key, Flag S::*flag) {
-    return {key, Kind::GivenUp, nullptr, flag};
-}
-constexpr Setting number(const char* key, Number number) {
-    return {key, Kind::Number, nullptr, nullptr, nullptr, number};
-}
-constexpr Setting filterText(const char* key, const char* fallback, char* S::*text, const char* noMemory,
-                             void (Filter::*print)(FILE*)) {
-    return {key, Kind::FilterText, fallback, nullptr, nullptr, {}, text, noMemory, print};
-}
-
-int kibibytes(uint32_t bytes) {
-    return static_cast<int>(bytes / 1024);
-}
-uint32_t bytes(int kibibytes) {
-    return static_cast<uint32_t>(kibibytes) * 1024;
-}
-
-void setMaxLogSize(S& state, int value) {
-    if (value > kMaxLogSizeMiB) {
-        logError("MAX_LOG_SIZE %d is too large, %d is used\n", value, kMaxLogSizeMiB);
-        value = kMaxLogSizeMiB;
-    }
-    state.mMaxLogSize = value;
-}
-
-constexpr Range kSectionKiB = {64, 256};
-constexpr Range kKernelLevels = {kLeastKernelLevel, kHighestKernelLevel};
-
-/** All settings, in the order in which they are read and written. */
-constexpr Setting kSettings[] = {
-    onOff("UART_OUTPUT=", kYes, &S::mKLogToUart, &S::mALogToUart),
-    onOff("NAND_FILE_OUTPUT=", kNo, &S::mKLogToFile, &S::mALogToFile),
-    onOff("SAVE_FLUSH_SWITCH=", kNo, &S::mFlushSwitch),
-    {kStorageRootKey, Kind::Root},
-    givenUp("STORAGE_FULL=", &S::mStorageFull),
-    number("MAX_LOG_SIZE=", {[](const S& s) { return s.mMaxLogSize; },
-                             setMaxLogSize,
-                             [](const S&) {
-                                 return Range{INT_MIN, INT_MAX};
-                             }, // the deletion size tells when it is too small
-                             true,
-                             {3, INT_MAX},
-                             [](const S&) { return 10; }}),
-    number("LOG_SECTION_SIZE=",
-           {[](const S& s) { return kibibytes(s.mLogSectionSize); },
-            [](S& s, int value) { s.mLogSectionSize = bytes(value); }, [](const S&) { return kSectionKiB; },
-            true, kSectionKiB, [](const S&) { return kSectionKiB.minimum; }}),
-    number("LOG_DELETE_SIZE=",
-           {[](const S& s) { return kibibytes(s.mLogDeleteSize); },
-            [](S& s, int value) { s.mLogDeleteSize = bytes(value); },
-            [](const S& s) { // from one section to half of the whole
-                return Range{kibibytes(s.mLogSectionSize), std::max(s.mMaxLogSize, 0) * 512};
-            },
-            false,
-            {},
-            [](const S& s) { return kibibytes(s.mLogSectionSize); }}),
-    onOff("KLOG_OUTPUT=", kYes, &S::mKLogOutput),
-    number("KLOG_LEVEL=",
-           {[](const S& s) { return s.mKLogLevel.load(); }, [](S& s, int value) { s.mKLogLevel = value; },
-            [](const S&) { return kKernelLevels; }, true, kKernelLevels,
-            [](const S&) { return kHighestKernelLevel; }}),
-    onOff("ALOG_OUTPUT=", kYes, &S::mALogOutput),
-    {"ALOG_LEVEL=", Kind::Level, "d"},
-    filterText("ALOG_MODULE=", kAllModules, &S::mModuleCfg, "fail to malloc module cfg buf!\n",
-               &Filter::printModules),
-    filterText("ALOG_FORMAT=", kDefaultLineFormat, &S::mFormatCfg, "fail to malloc fromat cfg buf!\n",
-               &Filter::printLineFormat),
-};
+constexpr size_t kLongestParsedRoot = 127; // what is behind it is cut off
+constexpr size_t kFiles = 3; // that a start may read
 
 /** The key without its "=": the name of the environment variable and of the setting in messages. */
 struct Name {
@@ -152,29 +37,22 @@ const char* environment(const Setting& setting) {
     return std::getenv(Name(setting).text);
 }
 
-/** Copies a value that must be there; otherwise reports it. */
-bool copyNeeded(const Setting& setting, const char* text, const char* path, char* out, int limit) {
-    if (copyValue(text, setting.key, out, limit))
-        return true;
-    reportSetting(setting, path, "not found");
-    return false;
+unsigned bitOf(const Setting& setting) {
+    return 1U << (&setting - kSettings);
 }
 
-/** The significant lines of the file as one text; null, reported where it must be, when it cannot be read. */
-Text readFile(const char* path, Configuration whose) {
-    CancelGuard guard;
-    size_t size = 0;
-    FileDescriptor file = openConfiguration(path, whose, &size);
-    Stream stream(file.valid() ? fdopen(file.get(), "r") : nullptr);
-    if (stream == nullptr)
-        return nullptr;
-    (void)file.release(); // the stream's from here on
-    Text text = readSignificantLines(stream.get(), size);
-    if (text == nullptr) {
-        logError("fail to calloc cfg buf!\n");
-        logErrno();
-    }
-    return text;
+/** What a text holds for parseNumber: nothing, a number and more behind it, or a number. */
+enum class Digits { None, Some, All };
+
+Digits digitsOf(const char* text) {
+    constexpr char kBlanks[] = " \t\n\v\f\r";
+    text += std::strspn(text, kBlanks);
+    text += *text == '-' || *text == '+' ? 1 : 0;
+    size_t count = std::strspn(text, "0123456789");
+    if (count == 0)
+        return Digits::None;
+    text += count;
+    return text[std::strspn(text, kBlanks)] == '\0' ? Digits::All : Digits::Some;
 }
 
 void setFlags(S& state, const Setting& setting, bool on) {
@@ -190,13 +68,18 @@ Settings::~Settings() {
 }
 
 void Settings::releaseTexts() {
-    if (!mTextsOwned)
-        return;
-    std::free(mState.mModuleCfg);
-    std::free(mState.mFormatCfg);
-    mState.mModuleCfg = nullptr;
-    mState.mFormatCfg = nullptr;
-    mTextsOwned = false;
+    if (mModuleText != nullptr)
+        mState.mModuleCfg = nullptr;
+    if (mFormatText != nullptr)
+        mState.mFormatCfg = nullptr;
+    mModuleText = nullptr;
+    mFormatText = nullptr;
+}
+
+/** Makes the text the setting's. */
+void Settings::ownText(const Setting& setting, Text text) {
+    mState.*setting.filter.text = text.get();
+    (setting.filter.text == &S::mModuleCfg ? mModuleText : mFormatText) = std::move(text);
 }
 
 bool Settings::forgetGivingUp() {
@@ -205,20 +88,200 @@ bool Settings::forgetGivingUp() {
     return gaveUp;
 }
 
-bool Settings::load() {
+void Settings::beginReading() {
+    releaseTexts();
+    mState.mModuleCfg = nullptr; // a text that is not ours may be left of an earlier start
+    mState.mFormatCfg = nullptr;
+    mOptionalSet = 0;
     mGaveUp = false;
+}
+
+void Settings::load() {
+    CancelGuard guard;
+    LoggedFindings findings;
     const char* own = mState.mCfgPath;
-    if (parse(own)) {
-        discardOldConfiguration(own);
-        return true;
+    Examined found = examine(own, Configuration::Own, findings);
+    mRejected = found.there && !found.whole;
+    mRestored = found.restored;
+    if (found.whole)
+        discardSetAside(own);
+    if (mRestored)
+        logError("the last save of %s was cut off, the settings from before it are used\n", own);
+}
+
+Settings::Examined Settings::examine(const char* own, Configuration whose, Findings& findings) {
+    beginReading();
+    Path aside = setAside(own);
+    SettingsFile files[kFiles] = {
+        {own, whose}, {aside.text, whose}, {fallbackConfiguration(), Configuration::Foreign}};
+    for (const Setting& setting : kSettings) {
+        if (!takeFromFiles(setting, files))
+            takeOtherwise(setting);
     }
-    if (restoreConfiguration(own) && parse(own))
-        return true;
-    const char* fallback = fallbackConfiguration();
-    if (!pathExists(fallback))
-        return false;
-    setRoot(nullptr); // of the file that is unusable: another one may leave it to the environment
-    return parse(fallback);
+    Examined found{};
+    const SettingsFile* first = nullptr; // that can be used
+    for (SettingsFile& file : files) {
+        if (!file.asked() || file.error() == ENOENT)
+            continue;
+        reportFile(file, first == nullptr, findings);
+        first = first == nullptr && file.usable() ? &file : first;
+        if (&file == files)
+            found = {true, file.usable(), file.usable() && findings.count() == 0, false};
+    }
+    found.restored = files[1].asked() && files[1].usable();
+    if (first == nullptr)
+        logDebug("logConfigInit log.cfg success\n");
+    else if (findings.count() == 0)
+        logDebug("logConfigParse %s success\n", first->path());
+    return found;
+}
+
+/** Takes a setting from the first file in which it is good. False when it is so in none. */
+bool Settings::takeFromFiles(const Setting& setting, SettingsFile* files) {
+    for (SettingsFile* file = files; file != files + kFiles; ++file) {
+        if (!file->usable())
+            continue;
+        Outcome& outcome = file->outcomes[&setting - kSettings];
+        outcome = takeFrom(setting, *file);
+        if (outcome != Outcome::Refused)
+            return outcome != Outcome::Left;
+    }
+    return false;
+}
+
+Outcome Settings::takeFrom(const Setting& setting, const SettingsFile& file) {
+    if (Text value = file.value(setting))
+        return takeSetting(setting, std::move(value));
+    if (!file.complete()) // its line may be lost as well
+        return Outcome::Refused;
+    if (setting.mayBeMissing())
+        return Outcome::Left;
+    if (setting.kind != Kind::Switch)
+        return Outcome::Refused;
+    setFlags(mState, setting, false);
+    return Outcome::Adjusted;
+}
+
+/** Applies a value of a file; an optional setting is written from then on. */
+Outcome Settings::takeSetting(const Setting& setting, Text value) {
+    Outcome outcome = take(setting, std::move(value));
+    if (outcome != Outcome::Refused)
+        setOptional(setting.key);
+    return outcome;
+}
+
+/** Applies a value, if it is good or there is something like it that is. */
+Outcome Settings::take(const Setting& setting, Text value) {
+    switch (setting.kind) {
+    case Kind::Switch:
+    case Kind::GivenUp:
+        return takeSwitch(setting, *value);
+    case Kind::Root:
+        if (!usableRoot(value.get()))
+            return Outcome::Refused;
+        logDebug("Use configured STORAGE_PATH: %s\n", value.get());
+        setRoot(value.get());
+        return Outcome::Taken;
+    case Kind::Number:
+        return takeNumber(setting, value.get());
+    case Kind::Level:
+    case Kind::Priority:
+        if (!isPriorityLetter(*value))
+            return Outcome::Refused;
+        setLevel(setting, value.get());
+        return Outcome::Taken;
+    case Kind::FilterText: {
+        Outcome outcome = setting.filter.judge(value.get());
+        if (outcome != Outcome::Refused)
+            ownText(setting, std::move(value));
+        return outcome;
+    }
+    }
+    return Outcome::Refused;
+}
+
+/** By its first character; another one than "y" and "n" is off, or refused where the key may be missing. */
+Outcome Settings::takeSwitch(const Setting& setting, char value) {
+    bool on = value == kYes[0];
+    bool known = on || value == kNo[0];
+    if (setting.kind == Kind::GivenUp) {
+        mGaveUp = on;
+        if (on)
+            mState.mKLogToFile = mState.mALogToFile = true;
+    } else if (!setting.optional || known) {
+        setFlags(mState, setting, on);
+    } else {
+        return Outcome::Refused;
+    }
+    return known ? Outcome::Taken : Outcome::Adjusted;
+}
+
+Outcome Settings::takeNumber(const Setting& setting, const char* value) {
+    const Number& number = setting.number;
+    Range range = setting.range(mState);
+    int read = parseNumber(value);
+    Digits digits = digitsOf(value);
+    bool good = digits != Digits::None && range.holds(read);
+    if (!good && !number.adjusted.holds(read))
+        return Outcome::Refused;
+    number.set(mState, std::clamp(read, range.minimum, range.maximum));
+    return good && digits == Digits::All ? Outcome::Taken : Outcome::Adjusted;
+}
+
+/** Takes a setting that no file says well from the environment, or its default. */
+void Settings::takeOtherwise(const Setting& setting) {
+    const char* value = environment(setting);
+    if (setting.kind != Kind::Root) {
+        fallBack(setting, value);
+    } else if (value != nullptr && usableRoot(value)) {
+        logDebug("Use env STORAGE_PATH: %s\n", value);
+        setRoot(value);
+    }
+}
+
+/** Tells what is wrong with a file; of one that only fills in for the first, what it was asked for and has.
+ */
+void Settings::reportFile(SettingsFile& file, bool first, Findings& findings) {
+    if (!file.usable()) {
+        char reason[128];
+        findings.add(file.path(), 0, "%s",
+                     file.error() != 0 ? strerror_r(file.error(), reason, sizeof reason)
+                                       : "it holds no key of the service");
+        return;
+    }
+    for (const Setting& setting : kSettings) {
+        Outcome outcome = file.outcomes[&setting - kSettings];
+        bool wrong = outcome == Outcome::Adjusted || outcome == Outcome::Refused;
+        if (wrong && (file.lineOf(setting) != 0 || (first && !setting.mayBeMissing())))
+            reportSettingOf(setting, file, findings);
+    }
+    if (first)
+        file.reportLines(findings);
+}
+
+void Settings::reportSettingOf(const Setting& setting, const SettingsFile& file, Findings& findings) {
+    Name name(setting);
+    Text said = file.value(setting);
+    Text used = valueRead(setting);
+    const char* instead = used != nullptr ? used.get() : "";
+    if (said == nullptr) {
+        findings.add(file.path(), 0, "%s is missing, %s is used", name.text, instead);
+        return;
+    }
+    unsigned line = file.lineOf(setting);
+    if (setting.kind == Kind::FilterText && file.outcomes[&setting - kSettings] == Outcome::Adjusted) {
+        findings.add(file.path(), line, "%s=%.100s has items that are no rules, the others are used",
+                     name.text, said.get());
+        return;
+    }
+    if (setting.kind != Kind::Number) {
+        findings.add(file.path(), line, "%s=%.100s is not %s, %s is used", name.text, said.get(),
+                     setting.expected, instead);
+        return;
+    }
+    Range range = setting.range(mState);
+    findings.add(file.path(), line, "%s=%.100s is not in %d to %d, %s is used", name.text, said.get(),
+                 range.minimum, range.maximum, instead);
 }
 
 void Settings::setRoot(const char* root) {
@@ -228,16 +291,13 @@ void Settings::setRoot(const char* root) {
 }
 
 bool Settings::parse(const char* path) {
-    releaseTexts();
-    mState.mModuleCfg = nullptr; // a text that is not ours may be left of an earlier start
-    mState.mFormatCfg = nullptr;
+    beginReading();
     bool own = std::strcmp(path, mState.mCfgPath) == 0;
-    Text text = readFile(path, own ? Configuration::Own : Configuration::Foreign);
-    if (text == nullptr)
+    SettingsFile file(path, own ? Configuration::Own : Configuration::Foreign);
+    if (!file.usable() && file.error() != 0)
         return false;
-    mTextsOwned = true;
     for (const Setting& setting : kSettings) {
-        if (!read(setting, text.get(), path)) {
+        if (!read(setting, file)) {
             releaseTexts();
             return false;
         }
@@ -246,93 +306,76 @@ bool Settings::parse(const char* path) {
     return true;
 }
 
-/** Applies one key of the file. False, after its report, for a condition that ends the parsing. */
-bool Settings::read(const Setting& setting, const char* text, const char* path) {
-    switch (setting.kind) {
-    case Kind::Switch:
-        setFlags(mState, setting, valueIsYes(text, setting.key));
-        return true;
-    case Kind::GivenUp:
-        mGaveUp = valueIsYes(text, setting.key);
-        if (mGaveUp)
-            mState.mKLogToFile = mState.mALogToFile = true;
-        return true;
-    case Kind::Root:
-        readRoot(setting, text, path);
-        return true;
-    case Kind::Number:
-        return readNumberSetting(setting, text, path);
-    case Kind::Level:
-        return readLevel(setting, text, path);
-    case Kind::FilterText:
-        return readOwnedText(setting, text, path);
-    }
-    return false;
-}
-
-bool Settings::readNumberSetting(const Setting& setting, const char* text, const char* path) {
-    Value digits = {};
-    if (!copyNeeded(setting, text, path, digits, kValueLimit))
-        return false;
-    int value = parseNumber(digits);
-    if (!setting.number.inFile(mState).holds(value)) {
-        reportSetting(setting, path, "out of range");
-        return false;
-    }
-    setting.number.set(mState, value);
-    return true;
-}
-
-void Settings::readRoot(const Setting& setting, const char* text, const char* path) {
-    Value value = {};
-    const char* root = value;
-    if (copyNeeded(setting, text, path, value, kValueLimit)) {
-        logDebug("Use configured STORAGE_PATH: %s\n", value);
-    } else {
-        root = environment(setting);
-        if (root == nullptr)
-            return;
-        logDebug("Use env STORAGE_PATH: %s\n", root);
-    }
-    setRoot(root);
-}
-
-bool Settings::readLevel(const Setting& setting, const char* text, const char* path) {
-    Value level = {};
-    if (!copyNeeded(setting, text, path, level, kValueLimit))
-        return false;
-    std::memset(mState.mALogLevel, 0, sizeof mState.mALogLevel);
-    std::memcpy(mState.mALogLevel, level, sizeof mState.mALogLevel - 1);
-    if (isPriorityLetter(mState.mALogLevel[0]))
-        return true;
-    reportSetting(setting, path, "not corrected");
-    return false;
-}
-
-bool Settings::readOwnedText(const Setting& setting, const char* text, const char* path) {
-    size_t room = std::strlen(text) + 1;
-    Text copy = allocateText(room);
-    if (copy == nullptr) {
-        logError("%s", setting.noMemory);
+/** Applies one key of a file that is parsed. False, after its report, for a condition that ends the parsing.
+ */
+bool Settings::read(const Setting& setting, const SettingsFile& file) {
+    Text value = file.value(setting);
+    if (value == nullptr && file.lineOf(setting) == 0)
+        return readMissing(setting, file.path());
+    if (value == nullptr) {
+        logError("%s", setting.filter.noMemory);
         logErrno();
         return false;
     }
-    if (!copyNeeded(setting, text, path, copy.get(), static_cast<int>(room - 1)))
-        return false;
-    mState.*setting.text = copy.release();
-    return true;
+    if (setting.kind == Kind::FilterText) {
+        ownText(setting, std::move(value));
+        return true;
+    }
+    if (setting.kind == Kind::Root) {
+        value.get()[strnlen(value.get(), kLongestParsedRoot)] = '\0';
+        logDebug("Use configured STORAGE_PATH: %s\n", value.get());
+        setRoot(value.get());
+        return true;
+    }
+    int number = parseNumber(value.get());
+    if (setting.number.anyParsed) {
+        setting.number.set(mState, number);
+        return true;
+    }
+    bool fits = setting.kind != Kind::Number || setting.range(mState).holds(number);
+    if (fits && takeSetting(setting, std::move(value)) != Outcome::Refused)
+        return true;
+    if (setting.optional) // gives way to its default
+        fallBack(setting, nullptr);
+    reportSetting(setting, file.path(), setting.kind == Kind::Number ? "out of range" : "not corrected");
+    return setting.optional;
+}
+
+/** A missing switch is off. What else may be missing is asked of the environment. */
+bool Settings::readMissing(const Setting& setting, const char* path) {
+    if (setting.kind == Kind::Switch && !setting.optional)
+        setFlags(mState, setting, false);
+    else if (setting.mayBeMissing())
+        fallBack(setting, environment(setting));
+    else
+        reportSetting(setting, path, "not found");
+    const char* root = setting.kind == Kind::Root ? environment(setting) : nullptr;
+    if (root != nullptr) {
+        logDebug("Use env STORAGE_PATH: %s\n", root);
+        setRoot(root);
+    }
+    return !setting.needed();
+}
+
+void Settings::setLevel(const Setting& setting, const char* level) {
+    if (setting.kind == Kind::Priority) {
+        const char* letter = std::strchr(kPriorityLetters, *level);
+        setting.number.set(mState, ANDROID_LOG_VERBOSE + static_cast<int>(letter - kPriorityLetters));
+        return;
+    }
+    std::memset(mState.mALogLevel, 0, sizeof mState.mALogLevel);
+    std::memcpy(mState.mALogLevel, level, strnlen(level, sizeof mState.mALogLevel - 1));
 }
 
 void Settings::takeDefaults() {
-    releaseTexts();
+    beginReading();
     for (const Setting& setting : kSettings)
-        fallBack(setting);
+        fallBack(setting, environment(setting));
     logDebug("logConfigInit log.cfg success\n");
 }
 
-/** Sets one setting from its environment variable, or to what holds without one. */
-void Settings::fallBack(const Setting& setting) {
-    const char* value = environment(setting);
+/** Sets one setting from the value of its environment variable, or to what holds without a good one. */
+void Settings::fallBack(const Setting& setting, const char* value) {
     switch (setting.kind) {
     case Kind::Switch:
         setFlags(mState, setting, isYes(value != nullptr ? value : setting.fallback));
@@ -342,40 +385,72 @@ void Settings::fallBack(const Setting& setting) {
         return;
     case Kind::Number: {
         const Number& number = setting.number;
-        bool usable =
-            number.environment && value != nullptr && number.inEnvironment.holds(parseNumber(value));
-        number.set(mState, usable ? parseNumber(value) : number.fallback(mState));
+        bool usable = value != nullptr && digitsOf(value) != Digits::None &&
+                      number.inEnvironment.holds(parseNumber(value));
+        int fallback = number.given != nullptr ? number.given(mState).minimum : number.fallback;
+        number.set(mState, usable ? parseNumber(value) : fallback);
         return;
     }
     case Kind::Level:
-        std::memset(mState.mALogLevel, 0, sizeof mState.mALogLevel);
-        mState.mALogLevel[0] =
-            value != nullptr && isPriorityLetter(value[0]) ? value[0] : setting.fallback[0];
+    case Kind::Priority: {
+        const char letter[] = {value != nullptr && isPriorityLetter(*value) ? *value : *setting.fallback,
+                               '\0'};
+        setLevel(setting, letter);
         return;
+    }
     case Kind::FilterText: // the environment's or the built-in text itself, not a copy
-        mState.*setting.text = const_cast<char*>(value != nullptr ? value : setting.fallback);
+        mState.*setting.filter.text = const_cast<char*>(value != nullptr ? value : setting.fallback);
         return;
+    }
+}
+
+void Settings::setOptional(const char* key) {
+    for (const Setting& setting : kSettings) {
+        if (setting.optional && std::strcmp(setting.key, key) == 0)
+            mOptionalSet |= bitOf(setting);
     }
 }
 
 bool Settings::save() {
     CancelGuard guard;
-    char* text = nullptr;
     size_t length = 0;
-    Stream out(open_memstream(&text, &length));
-    bool composed = out != nullptr;
-    if (composed) {
-        for (const Setting& setting : kSettings)
-            write(setting, out.get());
-        std::fputs("\n", out.get());
-        composed = std::fflush(out.get()) == 0 && std::ferror(out.get()) == 0;
+    Text text = compose(&length);
+    if (text == nullptr) {
+        logError("write error \n");
+        return false;
     }
+    if (mRejected)
+        keepRejected(mState.mCfgPath);
+    mRejected = false;
+    if (!replaceConfiguration(mState.mCfgPath, text.get(), length))
+        return false;
+    if (mRestored)
+        discardSetAside(mState.mCfgPath);
+    mRestored = false;
+    return true;
+}
+
+/** What log.cfg is to hold, and how long that is; null without memory. */
+Text Settings::compose(size_t* length) {
+    char* text = nullptr;
+    Stream out(open_memstream(&text, length));
+    if (out == nullptr)
+        return nullptr;
+    for (const Setting& setting : kSettings) {
+        if (setting.optional && (mOptionalSet & bitOf(setting)) == 0)
+            continue;
+        std::fputs(setting.key, out.get());
+        if (setting.kind == Kind::FilterText)
+            (mFilter.*setting.filter.print)(out.get());
+        else
+            printValue(setting, out.get());
+        std::fputs("\n", out.get());
+    }
+    std::fputs("\n", out.get());
+    bool composed = std::fflush(out.get()) == 0 && std::ferror(out.get()) == 0;
     out.reset();
     Text owned(text);
-    if (composed)
-        return replaceConfiguration(mState.mCfgPath, text, length);
-    logError("write error \n");
-    return false;
+    return composed ? std::move(owned) : nullptr;
 }
 
 /** The configured root; commands alone change it, so that a save need not wait for the flush thread. */
@@ -385,30 +460,53 @@ const char* Settings::root() const VNLOG_UNCHECKED {
     return mState.mSavePath != nullptr ? mState.mSavePath : "";
 }
 
-/** Writes the line of one setting. */
-void Settings::write(const Setting& setting, FILE* out) {
-    std::fputs(setting.key, out);
+/** Prints a value as log.cfg has it, one of the filter as it was read. */
+void Settings::printValue(const Setting& setting, FILE* out) {
     switch (setting.kind) {
     case Kind::Switch:
     case Kind::GivenUp: {
         bool on = mState.*setting.flag || (setting.secondFlag != nullptr && mState.*setting.secondFlag);
         std::fputs(on ? kYes : kNo, out);
-        break;
+        return;
     }
     case Kind::Root:
         std::fputs(root(), out);
-        break;
+        return;
     case Kind::Number:
         std::fprintf(out, "%u", static_cast<unsigned>(setting.number.get(mState)));
-        break;
+        return;
     case Kind::Level:
         std::fputs(mState.mALogLevel, out);
-        break;
+        return;
+    case Kind::Priority:
+        std::fputc(priorityLetter(static_cast<android_LogPriority>(setting.number.get(mState))), out);
+        return;
     case Kind::FilterText:
-        (mFilter.*setting.print)(out);
-        break;
+        std::fputs(mState.*setting.filter.text, out);
+        return;
     }
-    std::fputs("\n", out);
+}
+
+/** A setting's value as it was read, for a report; null without memory. */
+Text Settings::valueRead(const Setting& setting) {
+    char* text = nullptr;
+    size_t length = 0;
+    Stream out(open_memstream(&text, &length));
+    if (out == nullptr)
+        return nullptr;
+    if (setting.kind == Kind::Root && mState.mSavePath == nullptr)
+        std::fputs(kDefaultRoot, out.get()); // which the store takes then
+    else
+        printValue(setting, out.get());
+    out.reset();
+    return Text(text);
+}
+
+void Settings::printRead(FILE* out) {
+    for (const Setting& setting : kSettings) {
+        Text value = valueRead(setting);
+        std::fprintf(out, " %s%s", setting.key, value != nullptr ? value.get() : "");
+    }
 }
 
 } // namespace vnlog

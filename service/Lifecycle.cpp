@@ -58,8 +58,7 @@ void Lifecycle::readSettings(const bool* flags) {
     mParts.comeback.beginRun(flags);
     mParts.intake.beginRun();
     formatText(mService.mCfgPath, "%s%s%s", mParts.systemRoot.path, kDefaultRoot, kConfigurationName);
-    if (!mParts.settings.load())
-        mParts.settings.takeDefaults();
+    mParts.settings.load();
 }
 
 void Lifecycle::releaseTexts() {

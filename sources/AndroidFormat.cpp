@@ -1,5 +1,6 @@
 #include "sources/AndroidFormat.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -48,8 +49,40 @@ void releaseRules(AndroidLogFormat_t* format) {
     }
 }
 
+bool beginsWithWord(const char* text, const char* word) {
+    return std::strncmp(text, word, std::strlen(word)) == 0;
+}
+
+Text completeItem(const char* list, size_t length, const char* level) {
+    size_t room = length + 1 + std::strlen(level) + 1; // an item of any length fits with the level behind it
+    Text item = allocateText(room);
+    if (item == nullptr)
+        return nullptr;
+    std::memcpy(item.get(), list, length);
+    if (std::strchr(item.get(), ':') == nullptr)
+        std::snprintf(item.get() + length, room - length, ":%s", level);
+    return item;
+}
+
 bool addListedRule(AndroidLogFormat_t* format, const char* item) {
-    return std::strpbrk(item, "\n=") == nullptr && android_log_addFilterRule(format, item) >= 0;
+    bool readBack = std::strpbrk(item, "\n=") == nullptr && !beginsWithWord(item, kAllModules) &&
+                    !beginsWithWord(item, kNoModule);
+    return readBack && android_log_addFilterRule(format, item) >= 0;
+}
+
+ListItems examineList(const char* list) {
+    AndroidLogFormat_t* scratch = android_log_format_new();
+    ListItems items;
+    while (*list != '\0') {
+        size_t length = std::strcspn(list, "+");
+        Text item = completeItem(list, length, "v");
+        bool accepted = item != nullptr && addListedRule(scratch, item.get());
+        ++(accepted ? items.accepted : items.refused);
+        list += length + (list[length] == '+' ? 1 : 0);
+    }
+    releaseRules(scratch);
+    android_log_format_free(scratch);
+    return items;
 }
 
 AndroidLogPrintFormat lineFormat(const char* text) {

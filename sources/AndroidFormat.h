@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Handles.h"
+
 #include <cstddef>
 #include <log/logprint.h>
 
@@ -43,17 +45,30 @@ constexpr int kModeAll = 0;
 constexpr int kModeNone = 1;
 constexpr int kModeListed = 2;
 
+/** Whether a value of ALOG_MODULE is one of those words, which count by their beginning. */
+bool beginsWithWord(const char* text, const char* word);
+
 /** Releases a rule that is in no list any more. */
 void releaseRule(AndroidLogFilterRule_t* rule);
 /** Removes every rule with its tag; the library's own release of a record leaves the tags. */
 void releaseRules(AndroidLogFormat_t* format);
 
+/** A copy of an item of `length` bytes, with the level behind it when it has none. Null without memory. */
+Text completeItem(const char* list, size_t length, const char* level);
+
 /**
  * Adds an item of a module list, complete with its level, as a rule. False when the library refuses it, and
- * for one with a line end, which would cut the module line of log.cfg in two, or with a "=": a key is
- * found there wherever it stands.
+ * for one that log.cfg could not give back: with a line end, which would cut the module line in two, with a
+ * "=", for a key is found there wherever it stands, or with a name that begins like one of the two words.
  */
 bool addListedRule(AndroidLogFormat_t* format, const char* item);
+
+/** How many items of a module list addListedRule takes and refuses. */
+struct ListItems {
+    unsigned accepted = 0;
+    unsigned refused = 0;
+};
+ListItems examineList(const char* list);
 
 /** The word of the format that holds when nothing else is said. */
 constexpr char kDefaultLineFormat[] = "brief";

@@ -13,10 +13,6 @@ namespace {
 constexpr size_t kExpressionSize = 32;
 constexpr char kSilentLevel[] = "s";
 
-bool beginsWith(const char* text, const char* word) {
-    return std::strncmp(text, word, std::strlen(word)) == 0;
-}
-
 bool sameTag(const AndroidLogFilterRule_t* rule, const char* tag) {
     return std::strcmp(rule->tag, tag) == 0;
 }
@@ -56,15 +52,16 @@ bool Filter::build(const char* format, const char* modules, const char* level) {
         logErrno();
         return false;
     }
-    if (beginsWith(modules, kAllModules)) {
+    if (beginsWithWord(modules, kAllModules)) {
         addLevel(expression.get(), level, [] { reportAtStart(__LINE__); });
         mState.mModuleMode = kModeAll;
-    } else if (beginsWith(modules, kNoModule)) {
+    } else if (beginsWithWord(modules, kNoModule)) {
         addLevel(expression.get(), kSilentLevel, [] { reportAtStart(__LINE__); });
         mState.mModuleMode = kModeNone;
     } else {
         mState.mModuleMode = kModeListed;
-        addItems(modules, level, [] { reportAtStart(__LINE__); });
+        if (modules[0] != '\0') // a list may be empty
+            addItems(modules, level, ListEnd::Oldest, [] { reportAtStart(__LINE__); });
     }
     return true;
 }
@@ -83,24 +80,41 @@ void Filter::addLevel(char* expression, const char* level, Report refused) {
 }
 
 /** Adds the items of a module list, the level behind those without one. */
-void Filter::addItems(const char* list, const char* level, Report refused) {
+void Filter::addItems(const char* list, const char* level, ListEnd end, Report refused) {
     size_t total = std::strlen(list);
     size_t used = 0;
     do {
         size_t length = std::strcspn(list, "+");
-        size_t room =
-            length + 1 + std::strlen(level) + 1; // an item of any length fits with the level behind it
-        Text item = allocateText(room);
+        Text item = completeItem(list, length, level);
         if (item == nullptr)
             return;
-        std::memcpy(item.get(), list, length);
-        if (std::strchr(item.get(), ':') == nullptr)
-            std::snprintf(item.get() + length, room - length, ":%s", level);
+        const AndroidLogFilterRule_t* newest = mState.mLogFormat->rules;
         if (!addListedRule(mState.mLogFormat, item.get()))
             refused();
+        else if (mState.mLogFormat->rules != newest) // "*" makes no rule
+            placeNewest(end);
         used += length + 1;
         list += length + 1;
     } while (used < total);
+}
+
+/** Lets there be one rule for each module: the library puts every one in front. */
+void Filter::placeNewest(ListEnd end) {
+    AndroidLogFormat_t* format = mState.mLogFormat;
+    AndroidLogFilterRule_t* added = format->rules;
+    AndroidLogFilterRule_t** link = &added->next;
+    while (*link != nullptr && !sameTag(*link, added->tag))
+        link = &(*link)->next;
+    if (AndroidLogFilterRule_t* listed = *link) {
+        if (end == ListEnd::Newest) // a file's first rule for a module is the one that acts
+            listed->priority = added->priority;
+        format->rules = added->next;
+        releaseRule(added);
+    } else if (end == ListEnd::Oldest && link != &added->next) {
+        *link = added;
+        format->rules = added->next;
+        added->next = nullptr;
+    }
 }
 
 int Filter::priorityFor(const AndroidLogFormat_t* format, const char* tag) {
@@ -178,7 +192,7 @@ void Filter::addModules(const char* list, const char* level) {
         mState.mModuleMode = kModeListed;
         releaseRules(mState.mLogFormat);
     }
-    addItems(list, level, reportToCommand);
+    addItems(list, level, ListEnd::Newest, reportToCommand);
 }
 
 void Filter::deleteModule(const char* name) {
@@ -186,12 +200,23 @@ void Filter::deleteModule(const char* name) {
         logError("failed to delete filter rule \n");
 }
 
+bool Filter::lists(const char* name) {
+    LockGuard<FilterLock> lock(mLock);
+    if (mState.mModuleMode != kModeListed)
+        return false;
+    const AndroidLogFilterRule_t* rule = mState.mLogFormat->rules;
+    while (rule != nullptr && !sameTag(rule, name))
+        rule = rule->next;
+    return rule != nullptr;
+}
+
 void Filter::printModules(FILE* out) {
     LockGuard<FilterLock> lock(mLock);
-    const AndroidLogFilterRule_t* rule = mState.mLogFormat->rules;
-    if (rule == nullptr)
-        std::fputs(mState.mLogFormat->globalPriority == ANDROID_LOG_SILENT ? kNoModule : kAllModules, out);
-    for (; rule != nullptr; rule = rule->next)
+    if (mState.mModuleMode != kModeListed) {
+        std::fputs(mState.mModuleMode == kModeNone ? kNoModule : kAllModules, out);
+        return;
+    }
+    for (const AndroidLogFilterRule_t* rule = mState.mLogFormat->rules; rule != nullptr; rule = rule->next)
         std::fprintf(out, "%s:%c%s", rule->tag, priorityLetter(rule->priority),
                      rule->next != nullptr ? "+" : "");
 }

@@ -18,8 +18,10 @@ class Filter {
     Filter(const Filter&) = delete;
     Filter& operator=(const Filter&) = delete;
 
-    /** Begins anew with a line format's word, the text of ALOG_MODULE and the level's letter. False without
-     * memory. */
+    /**
+     * Begins anew with a line format's word, the text of ALOG_MODULE and the level's letter. Of a list, the
+     * first rule for a module acts; an empty one has none. False without memory.
+     */
     [[nodiscard]] bool build(const char* format, const char* modules, const char* level)
         VNLOG_EXCLUDES(FilterLock::role);
 
@@ -43,25 +45,36 @@ class Filter {
     /** Lets all modules pass from the level on (kModeAll) or none (kModeNone); without effect in that mode
      * already. */
     void setMode(int mode, const char* level) VNLOG_EXCLUDES(FilterLock::role);
-    /** Adds the items of a module list; those without a level take `level`. Earlier rules stay in list mode
-     * only. */
+    /**
+     * Adds the items of a module list; those without a level take `level`. A module that is listed gets the
+     * item's level and keeps its place. Earlier rules stay in list mode only.
+     */
     void addModules(const char* list, const char* level) VNLOG_EXCLUDES(FilterLock::role);
-    /** Removes a module's newest rule, in list mode only. */
+    /** Removes a module's rule, in list mode only. */
     void deleteModule(const char* name) VNLOG_EXCLUDES(FilterLock::role);
+
+    /** Whether the mode is that of a list and the module has a rule there. */
+    bool lists(const char* name) VNLOG_EXCLUDES(FilterLock::role);
 
     // --- as log.cfg has it
 
-    /** Prints the value of ALOG_MODULE. */
+    /**
+     * Prints the value of ALOG_MODULE: one of the two words, or the rules in the order in which they act,
+     * none for an empty list. build makes the same of it again.
+     */
     void printModules(FILE* out) VNLOG_EXCLUDES(FilterLock::role);
     /** Prints the word of the line format. */
     void printLineFormat(FILE* out) VNLOG_EXCLUDES(FilterLock::role);
 
   private:
     using Report = void (*)();
+    enum class ListEnd { Newest, Oldest }; ///< where a rule goes that is not in the list yet
 
     bool addRule(const char* expression) VNLOG_REQUIRES(FilterLock::role);
     void addLevel(char* expression, const char* level, Report refused) VNLOG_REQUIRES(FilterLock::role);
-    void addItems(const char* list, const char* level, Report refused) VNLOG_REQUIRES(FilterLock::role);
+    void addItems(const char* list, const char* level, ListEnd end, Report refused)
+        VNLOG_REQUIRES(FilterLock::role);
+    void placeNewest(ListEnd end) VNLOG_REQUIRES(FilterLock::role);
     bool takeLineFormat(const char* word) VNLOG_REQUIRES(FilterLock::role);
     void releaseFormat() VNLOG_REQUIRES(FilterLock::role);
 

@@ -1,6 +1,8 @@
 #include "sources/Filter.h"
 #include "Fixture.h"
 
+#include <random>
+
 using namespace vnlog;
 
 namespace {
@@ -40,21 +42,23 @@ TEST_F(FilterTest, StepsThroughModesListsAndRules) {
         {[&] { filter.setLevel("i"); }, "ALL_MODULE tag 0 iii", 0},
         {[&] { filter.deleteModule("Audio"); }, "ALL_MODULE tag 0 iii", 0},
         {[&] { filter.addModules("Audio", "w"); }, "Audio:w tag 2 ewe", 0},
-        {[&] { filter.addModules("Camera:d++bad:?+Audio:f", "i"); }, "Audio:f+Camera:d+Audio:w tag 2 dfe", 2},
-        {[&] { filter.deleteModule("audio"); }, "Audio:f+Camera:d+Audio:w tag 2 dfe", 0},
-        {[&] { filter.deleteModule("Audio"); }, "Camera:d+Audio:w tag 2 dwe", 0},
+        {[&] { filter.addModules("Camera:d++bad:?+Audio:f", "i"); }, "Camera:d+Audio:f tag 2 dfe", 2},
+        {[&] { filter.deleteModule("audio"); }, "Camera:d+Audio:f tag 2 dfe", 0},
+        {[&] { filter.addModules("Audio+NONE_MODULES:d", "w"); }, "Camera:d+Audio:w tag 2 dwe", 1},
         {[&] { filter.addModules("x\ny:d+Camera=:d+*:f", "d"); }, "Camera:d+Audio:w tag 2 dwe", 2},
         {[&] { state.mLogFormat->rules->priority = ANDROID_LOG_DEFAULT; }, "Camera:?+Audio:w tag 2 fwe", 0},
         {[&] { filter.setMode(kModeNone, ""); }, "NONE_MODULE tag 1 sss", 0},
-        {[&] { filter.setLevel("i"); }, "ALL_MODULE tag 1 sss", 0},
+        {[&] { filter.setLevel("i"); }, "NONE_MODULE tag 1 sss", 0},
         {[&] { filter.addModules("Camera:d", "d"); }, "Camera:d tag 2 dee", 0},
         {[&] { filter.setMode(kModeAll, "d"); }, "ALL_MODULE tag 0 ddd", 0},
         {[&] { build("ALL_MODUL", "i"); }, "ALL_MODUL:i tag 2 eee", 0},
-        {[&] { filter.deleteModule("ALL_MODUL"); }, "ALL_MODULE tag 2 eee", 0},
-        {[&] { filter.deleteModule("ALL_MODUL"); }, "ALL_MODULE tag 2 eee", 1},
+        {[&] { filter.deleteModule("ALL_MODUL"); }, " tag 2 eee", 0},
+        {[&] { filter.deleteModule("ALL_MODUL"); }, " tag 2 eee", 1},
         {[&] { build("an_item_longer_than_what_a_level_needs+Audio:?", "d"); },
          "an_item_longer_than_what_a_level_needs:d tag 2 eee", 1},
-        {[&] { filter.clearRules(state.mLogFormat); }, "ALL_MODULE tag 2 eee", 0},
+        {[&] { filter.clearRules(state.mLogFormat); }, " tag 2 eee", 0},
+        {[&] { build("", "d"); }, " tag 2 eee", 0},
+        {[&] { build("Audio:w+Camera:d+Audio:v", "d"); }, "Audio:w+Camera:d tag 2 dwe", 0},
         {[&] { build("NONE_MODULE\n", "d"); }, "NONE_MODULE tag 1 sss", 0},
     };
     for (auto& [step, after, reports] : steps) {
@@ -62,6 +66,42 @@ TEST_F(FilterTest, StepsThroughModesListsAndRules) {
         step();
         EXPECT_EQ(now(), after);
         EXPECT_EQ(loggedTimes("add filter failed") + loggedTimes("delete filter rule"), reports) << after;
+    }
+}
+
+TEST_F(FilterTest, RandomEditsAndRestartsActAsAMapDoes) {
+    std::map<std::string, char> listed;
+    int mode = kModeAll;
+    std::string level = "d";
+    std::minstd_rand random(7);
+    ASSERT_TRUE(filter.build("raw", "ALL_MODULE", "d"));
+    for (int step = 0; step < 5000; ++step) {
+        const std::string tags[] = {"Camera", "Audio", "other"}, tag = tags[random() % 3];
+        const std::string letter(1, kPriorityLetters[random() % 7]), saved = now().substr(0, now().find(' '));
+        const unsigned what = random() % 12;
+        if (what <= kModeNone) {
+            filter.setMode(mode = static_cast<int>(what), level.c_str());
+            listed.clear();
+        } else if (what == 2) {
+            filter.setLevel((level = letter).c_str());
+        } else if (what == 3) {
+            ASSERT_TRUE(filter.build("raw", saved.c_str(), level.c_str()));
+            ASSERT_EQ(now().substr(0, now().find(' ')), saved) << "in the same order";
+        } else if (what <= 6) {
+            filter.deleteModule(tag.c_str());
+            listed.erase(tag);
+        } else {
+            filter.addModules((tag + ":" + letter).c_str(), "d");
+            listed[tag] = letter[0];
+            mode = kModeListed;
+        }
+        std::string passes;
+        for (const std::string& one : tags) {
+            const char inList = listed.count(one) != 0 ? listed[one] : 'e';
+            passes += mode == kModeAll ? level[0] : mode == kModeNone ? 's' : inList;
+            ASSERT_EQ(filter.lists(one.c_str()), listed.count(one) != 0);
+        }
+        ASSERT_EQ(now().substr(now().find(' ')), " raw " + std::to_string(mode) + " " + passes) << step;
     }
 }
 

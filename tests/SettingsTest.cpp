@@ -1,5 +1,6 @@
 #include "Fixture.h"
 
+#include "config/Check.h"
 #include "config/Settings.h"
 
 using namespace vnlog;
@@ -31,8 +32,22 @@ constexpr Key kKeys[] = {
     {"ALOG_LEVEL", "w", "d", "v>v,warn>war,x!,!,-!,$verbose>v,$x>d"},
     {"ALOG_MODULE", "a:d", "ALL_MODULE", "NONE_MODULE>NONE_MODULE,b>b:w,-!,$a:w>a:w"},
     {"ALOG_FORMAT", "tag", "brief", "long>long,-!,$raw>raw"},
+    {"FLUSH_INTERVAL", "-", "-", "0>0,3600>3600,3601>-,-1>-,soon>-,$5>-"},
+    {"FLUSH_PRIORITY", "-", "-", "v>v,warn>w,s>s,x>-,>-,$w>-"},
+    {"KLOG_PSTORE", "-", "-", "y>y,no>n,N>-,$n>-"},
 };
-enum { UART, NAND, ROOT = 3, SECTION_SIZE = 6, DELETE_SIZE, LEVEL = 9, MODULE = 12 };
+enum {
+    UART,
+    NAND,
+    ROOT = 3,
+    MAX_SIZE = 5,
+    SECTION_SIZE,
+    DELETE_SIZE,
+    LEVEL = 9,
+    MODULE = 12,
+    FORMAT,
+    INTERVAL
+};
 
 /** The file with these values; without the key for "-". */
 std::string fileOf(const Texts& values) {
@@ -114,7 +129,7 @@ TEST_F(SettingsTest, LongTextsAndEitherOfTwoFlagsAreWrittenAndReadBack) {
         for (const char* rule : {"+1", "+2", "+3", "+4"})
             values[MODULE] += rule + std::string(75 * on, 't') + ":w";
         writeFile(cfg, fileOf(values));
-        for (int times = 0; times < 2; ++times) { // rules are written the newest first
+        for (int times = 0; times < 2; ++times) { // rules keep their order
             Parts parts(cfg);
             ASSERT_TRUE(parts.settings.parse(cfg.c_str()));
             parts.state.mKLogToUart = (on & 1) != 0; // either is enough
@@ -131,7 +146,8 @@ TEST_F(SettingsTest, SaveIsSafeOnTheMediumOrLeavesTheOldFile) {
     LockGuard<CommandLock> lock(commands);
     Parts parts(cfg);
     writeFile(cfg, fileOf(usual));
-    ASSERT_TRUE(parts.settings.load() && parts.save());
+    parts.settings.load();
+    ASSERT_TRUE(parts.save());
     const std::string draft = cfg + ".new", older = readFile(cfg);
     parts.state.mKLogLevel = 5;
     auto saves = [&](int error = 0, int errors = 0) { // the writes that fail
@@ -160,9 +176,9 @@ TEST_F(SettingsTest, SaveIsSafeOnTheMediumOrLeavesTheOldFile) {
     EXPECT_TRUE(!saves() && !exists(draft) && logged("remove error: Is a directory\n"));
 }
 
-TEST_F(SettingsTest, StartTakesTheFirstFileThatIsUsable) {
+TEST_F(SettingsTest, StartTakesEachValueFromTheFirstFileInWhichItIsGood) {
     LockGuard<CommandLock> lock(commands);
-    const std::string other = home + "/other.cfg", aside = cfg + ".unsaved";
+    const std::string other = home + "/other.cfg", aside = cfg + ".unsaved", rejected = cfg + ".rejected";
     setenv("LOG_DEFAULT_CFG", other.c_str(), 1);
     auto with = [&](const char* level, const char* path) {
         Texts values = usual;
@@ -173,22 +189,24 @@ TEST_F(SettingsTest, StartTakesTheFirstFileThatIsUsable) {
     const std::string broken = with("x", "/broken"), huge = with("2", "/two") + std::string(1 << 20, '#');
     const struct {
         std::string own, aside, other;
-        int level; // that is read, 0 for none
+        int level;
         const char* root;
     } cases[] = {
         {with("2", "/two"), with("3", "/three"), with("4", "/four"), 2, "/two"},
         {"", with("3", "/three"), with("4", "/four"), 3, "/three"},
         {"-", with("3", "/three"), with("4", "/four"), 3, "/three"},
-        {broken, broken, with("4", "/four"), 4, "/four"},
-        {broken, "-", with("4", "-"), 4, ""}, // nothing of the broken one
-        {broken, "-", "-", 0, "/broken"},
+        {broken, with("3", "/three"), with("4", "/four"), 3, "/broken"},
+        {broken, broken, with("4", "/four"), 4, "/broken"},
+        {with("2", "-"), "-", with("4", "/four"), 2, "/four"},
+        {broken, "-", "-", 7, "/broken"},
         {"pipe", "-", with("4", "/four"), 4, "/four"},
         {"link", "-", with("4", "/four"), 4, "/four"},
         {huge, "-", with("4", "/four"), 4, "/four"},
-        {"-", "-", "pipe", 0, ""},
+        {"-", "-", "pipe", 7, ""},
     };
     for (auto& c : cases) {
         SCOPED_TRACE(&c - cases);
+        fs::remove(rejected);
         for (auto& [path, text] : {std::pair(cfg, c.own), {aside, c.aside}, {other, c.other}}) {
             fs::remove(path);
             if (text == "link")
@@ -199,10 +217,95 @@ TEST_F(SettingsTest, StartTakesTheFirstFileThatIsUsable) {
                 writeFile(path, text);
         }
         Parts parts(cfg);
-        EXPECT_EQ(parts.settings.load(), c.level != 0);
-        EXPECT_TRUE(c.level == 0 || parts.state.mKLogLevel == c.level) << parts.state.mKLogLevel;
+        parts.settings.load();
+        EXPECT_EQ(parts.state.mKLogLevel, c.level);
         const char* path = parts.state.mSavePath;
         EXPECT_EQ(std::string(path != nullptr ? path : ""), c.root);
-        EXPECT_FALSE(exists(aside));
+        EXPECT_TRUE(parts.save() && !exists(aside));
+        const bool whole = c.own == "-" || c.own.empty() || c.own == with("2", "/two");
+        EXPECT_EQ(fs::exists(fs::symlink_status(rejected)), !whole);
+        EXPECT_TRUE(c.own[0] != 'U' || whole || readFile(rejected) == c.own);
+    }
+    EXPECT_TRUE(logged(cfg + " line 10: KLOG_LEVEL=x is not in 1 to 7, 7 is used\n"));
+    EXPECT_TRUE(logged(cfg + ": STORAGE_PATH is missing, /four is used\n"));
+}
+
+TEST_F(SettingsTest, CheckTellsEveryFindingAndABadValueCostsItsKeyOnly) {
+    for (auto [name, value] : {std::pair("KLOG_LEVEL", "5"), {"MAX_LOG_SIZE", "99"}, {"FLUSH_PRIORITY", "e"}})
+        setenv(name, value, 1); // for what is not good in the file
+    auto check = [&](const Texts& values) {
+        writeFile(cfg, fileOf(values));
+        char* text = nullptr;
+        size_t size = 0;
+        FILE* out = open_memstream(&text, &size);
+        const Checked checked = checkConfiguration(cfg.c_str(), out);
+        fclose(out);
+        return std::to_string(static_cast<int>(checked)) + Text(text).get();
+    };
+    const struct {
+        size_t key;
+        const char *expected, *cases; // "bad>used"
+    } rows[] = {
+        {UART, "y or n", "Y>n,->n"},
+        {ROOT, "a path that can be a storage root", ">/media/flash/nvm"},
+        {MAX_SIZE, "in 1 to 4095", "0>99,5000>4095"},
+        {SECTION_SIZE, "in 64 to 256", "300>64,70k>70"},
+        {DELETE_SIZE, "in 128 to 6144", "1>128,9999>6144"},
+        {LEVEL, "in 1 to 7", "9>5,->5"},
+        {MODULE, "a list of modules", ":d>ALL_MODULE"},
+        {FORMAT, "a line format", "br>brief"},
+        {INTERVAL, "in 0 to 3600", "soon>30"},
+    };
+    for (auto& row : rows) {
+        std::istringstream cases(row.cases);
+        for (std::string one; std::getline(cases, one, ',');) {
+            const std::string name = kKeys[row.key].name, value = one.substr(0, one.find('>'));
+            Texts file = usual, used = usual;
+            std::copy_n(Texts{"30", "e", "y"}.begin(), 3, used.begin() + INTERVAL);
+            file[row.key] = value;
+            used[row.key] = one.substr(one.find('>') + 1);
+            std::string told = "2" + cfg + ": " + name + " is missing";
+            if (value != "-")
+                told = "2" + cfg + ":" + std::to_string(row.key + 1) + ": " + name + "=" + value +
+                       " is not " + row.expected;
+            told += ", " + used[row.key] + " is used\n" + cfg + ": a start uses";
+            for (size_t i = 0; i < used.size(); ++i)
+                told += std::string(" ") + kKeys[i].name + "=" + used[i];
+            EXPECT_EQ(check(file), told + "\n");
+        }
+    }
+    EXPECT_EQ(check(usual)[0], '0');
+    EXPECT_EQ(check({})[0], '1');
+    usual[LEVEL] = "3\nKLOG_LEVLE=2\n# comment\nOLD_ALOG_LEVEL=q\nKLOG_LEVEL=4\nsave flush_switch\nx=";
+    usual[MODULE] = "a:d+b:?";
+    std::string told = check(usual);
+    for (size_t at; (at = told.find(cfg)) != std::string::npos;)
+        told.erase(at, cfg.size());
+    EXPECT_EQ(told.substr(0, told.find(": a start")),
+              "2:11: unknown key KLOG_LEVLE, did you mean KLOG_LEVEL?\n"
+              ":13: ALOG_LEVEL=q is not one of v, d, i, w, e, f and s, d is used\n"
+              ":13: ALOG_LEVEL is found inside this line and taken from there\n"
+              ":14: KLOG_LEVEL is found in line 10 already, this line does not count\n"
+              ":15: there is no \"=\" in save flush_switch, did you mean SAVE_FLUSH_SWITCH?\n"
+              ":16: unknown key x\n"
+              ":18: ALOG_LEVEL is found in line 13 already, this line does not count\n"
+              ":19: ALOG_MODULE=a:d+b:? has items that are no rules, the others are used\n");
+}
+
+TEST_F(SettingsTest, WhatIsLeftOfADamagedFileMakesAWholeOne) {
+    LockGuard<CommandLock> lock(commands);
+    const std::string whole = fileOf(usual);
+    for (size_t i = 0; i < 2 * whole.size(); i += 7) { // cut off, or a byte is zero
+        std::string damaged = whole.substr(0, i % whole.size());
+        if (i >= whole.size())
+            damaged += '\0' + whole.substr(damaged.size() + 1);
+        writeFile(cfg, damaged);
+        Parts parts(cfg), after(cfg);
+        parts.settings.load();
+        parts.settings.setOptional("KLOG_PSTORE=");
+        ASSERT_TRUE(parts.save() && after.settings.parse(cfg.c_str())) << i;
+        EXPECT_NE(readFile(cfg).find("\nKLOG_PSTORE=y\n"), std::string::npos);
+        const size_t hit = i - whole.size() - whole.find("MAX_LOG_SIZE"); // in its line
+        EXPECT_TRUE(i < whole.size() || hit < 15 || parts.state.mMaxLogSize == 12) << i << " costs one key";
     }
 }

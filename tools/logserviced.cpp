@@ -3,6 +3,7 @@
  * good order.
  */
 #include "base/Handles.h"
+#include "config/Check.h"
 #include "config/ConfigFile.h"
 #include "platform/binder/Host.h"
 #include "platform/logger/LoggerDevice.h"
@@ -19,19 +20,24 @@
 namespace {
 
 constexpr char kProgram[] = "logserviced";
-constexpr char kHelp[] = "Usage: logserviced [OPTION]...\n"
-                         "Collects the kernel's and Android's log into bounded, compressed sections.\n"
-                         "\n"
-                         "  --sysroot DIR  put DIR before the service's fixed paths (VNLOG_SYSROOT);\n"
-                         "                 the folders and DIR/proc/sys/kernel/printk that it needs there\n"
-                         "                 are created when missing, and stand-ins for missing logger\n"
-                         "                 devices are made in DIR/dev\n"
-                         "  --cfg FILE     read FILE when there is no log.cfg yet (LOG_DEFAULT_CFG)\n"
-                         "  --help         show this text\n"
-                         "  --version      show the version\n"
-                         "\n"
-                         "SIGUSR1 writes out what is buffered. SIGTERM, SIGINT and SIGHUP end the service:\n"
-                         "what has been logged by then is stored first.\n";
+constexpr int kFindings = 3; ///< a file of settings is not used whole
+constexpr char kHelp[] =
+    "Usage: logserviced [OPTION]...\n"
+    "Collects the kernel's and Android's log into bounded, compressed sections.\n"
+    "\n"
+    "  --sysroot DIR  put DIR before the service's fixed paths (VNLOG_SYSROOT);\n"
+    "                 the folders and DIR/proc/sys/kernel/printk that it needs there\n"
+    "                 are created when missing, and stand-ins for missing logger\n"
+    "                 devices are made in DIR/dev\n"
+    "  --cfg FILE     read FILE when there is no log.cfg yet (LOG_DEFAULT_CFG)\n"
+    "  --check FILE   tell what is wrong with FILE as a log.cfg, and what a start would\n"
+    "                 make of it; status 0: nothing wrong, 3: not used whole,\n"
+    "                 1: cannot be used. Starts nothing, changes nothing\n"
+    "  --help         show this text\n"
+    "  --version      show the version\n"
+    "\n"
+    "SIGUSR1 writes out what is buffered. SIGTERM, SIGINT and SIGHUP end the service:\n"
+    "what has been logged by then is stored first.\n";
 
 int printHelp() {
     std::fputs(kHelp, stdout);
@@ -40,6 +46,19 @@ int printHelp() {
 
 int fail(const char* what, const std::string& path) {
     std::fprintf(stderr, "%s: %s %s: %s\n", kProgram, what, path.c_str(), std::strerror(errno));
+    return kFailure;
+}
+
+/** Prints what is wrong with a file of settings. */
+int check(const char* path) {
+    switch (vnlog::checkConfiguration(path, stdout)) {
+    case vnlog::Checked::Whole:
+        return 0;
+    case vnlog::Checked::Partly:
+        return kFindings;
+    case vnlog::Checked::Unusable:
+        return kFailure;
+    }
     return kFailure;
 }
 
@@ -173,12 +192,21 @@ int serve(const std::string& root) {
 
 int main(int argc, char** argv) {
     fillStandardDescriptors();
-    const option options[] = {
-        kHelpOption, kVersionOption, kSysrootOption, {"cfg", required_argument, nullptr, 'c'}, kEndOfOptions};
+    const option options[] = {kHelpOption,
+                              kVersionOption,
+                              kSysrootOption,
+                              {"cfg", required_argument, nullptr, 'c'},
+                              {"check", required_argument, nullptr, 'k'},
+                              kEndOfOptions};
     int status = kGoOn;
+    const char* checked = nullptr;
     for (int choice; status == kGoOn && (choice = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
-        status = choice == 'c' ? usePath(kProgram, vnlog::kDefaultConfigurationVariable, optarg, S_IFREG)
-                               : commonOption(choice, kProgram, printHelp);
+        if (choice == 'k')
+            checked = optarg;
+        else if (choice == 'c')
+            status = usePath(kProgram, vnlog::kDefaultConfigurationVariable, optarg, S_IFREG);
+        else
+            status = commonOption(choice, kProgram, printHelp);
     }
     if (status != kGoOn)
         return status;
@@ -186,6 +214,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: unexpected argument '%s'\n", kProgram, argv[optind]);
         return hintAtHelp(kProgram);
     }
+    if (checked != nullptr)
+        return check(checked);
     vnlog::platform::SystemRoot root;
     if (!root.read()) {
         std::fprintf(stderr, "%s: the system root is longer than %zu characters\n", kProgram,
