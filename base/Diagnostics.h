@@ -1,5 +1,9 @@
 #pragma once
 
+#include <cstdint>
+#include <ctime>
+#include <string>
+
 namespace vnlog {
 
 /** The tag under which the service reports about itself. */
@@ -19,5 +23,16 @@ constexpr char kDiagnosticsTag[] = "LogService";
 void logErrno();
 /** The same for calls that report their error as their result; stores `error` in errno. */
 void logErrno(int error);
+
+/** The failure that was reported last, of whichever service of this process. */
+struct LastError {
+    std::string
+        text; ///< without a newline at the end, with the text of errno behind it; empty when there was none
+    time_t time = 0; ///< wall clock
+    uint32_t count = 0; ///< of all reports so far
+};
+LastError lastError();
+/** The text of the one that the calling thread has reported last. */
+std::string lastErrorHere();
 
 } // namespace vnlog

@@ -9,9 +9,12 @@
 #include "storage/Layout.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <sstream>
+#include <strings.h>
 #include <unistd.h>
 
 namespace vnlog {
@@ -62,6 +65,22 @@ void printPath(FILE* out) {
     std::fputs("<path>", out);
 }
 
+void printFlushWords(FILE* out) {
+    std::fprintf(out, "[%s] [%s]", kWaitWord, kSyncWord);
+}
+
+void printInterval(FILE* out) {
+    std::fprintf(out, "0~%d (seconds; 0: no limit)", kLongestFlushInterval);
+}
+
+void printBound(FILE* out) {
+    std::fprintf(out, "1~%d (MiB)", kLargestMaxLogSizeMiB);
+}
+
+void printSectionSize(FILE* out) {
+    std::fprintf(out, "%d~%d (KiB)", kLeastSectionKiB, kLargestSectionKiB);
+}
+
 // --- what the service accepts
 
 bool anything(const char*) {
@@ -97,31 +116,99 @@ bool isLineFormat(const char* param) {
     return param != nullptr && lineFormat(param) != FORMAT_OFF;
 }
 
-// --- what the client objects to
+/** Whether the parameter is nothing but a number, in this range. */
+bool isNumber(const char* param, int least, int largest) {
+    if (param == nullptr || *param == '\0' || param[std::strspn(param, "0123456789")] != '\0')
+        return false;
+    int value = parseNumber(param);
+    return value >= least && value <= largest;
+}
+
+bool isInterval(const char* param) {
+    return isNumber(param, 0, kLongestFlushInterval);
+}
+
+bool isBound(const char* param) {
+    return isNumber(param, 1, kLargestMaxLogSizeMiB);
+}
+
+bool isSectionSize(const char* param) {
+    return isNumber(param, kLeastSectionKiB, kLargestSectionKiB);
+}
+
+bool isOneLevel(const char* param) {
+    return isAndroidLevel(param) && param[1] == '\0';
+}
+
+// --- how it may be written
+
+void toLower(std::string& param) {
+    std::transform(param.begin(), param.end(), param.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
+}
+
+void toUpper(std::string& param) {
+    std::transform(param.begin(), param.end(), param.begin(),
+                   [](unsigned char c) { return std::toupper(c); });
+}
+
+// --- what is objected to
 
 std::string quoted(const std::string& param) {
     return "'" + param + "'";
 }
 
-/** To an item of a module list that the service does not take as a rule. */
-std::string moduleListObjection(const std::string& param, const ClientView&) {
+/** To the name of a module, which could not be told from a mode. */
+std::string nameObjection(const std::string& name) {
+    for (const char* word : {kAllModules, kNoModule})
+        if (strcasecmp(name.c_str(), word) == 0)
+            return quoted(name) + " is no module; see ALOG_MODULE";
+    return "";
+}
+
+/** To an item of a module list. */
+std::string itemObjection(const std::string& item, AndroidLogFormat_t* scratch) {
+    size_t colon = item.rfind(':');
+    std::string level = colon == std::string::npos ? "v" : item.substr(colon + 1);
+    std::string name = item.substr(0, colon);
+    if (level.size() != 1 || !isPriorityLetter(static_cast<char>(std::tolower(level[0]))))
+        return quoted(level) + " is no level; it is one letter";
+    if (!addListedRule(scratch, (name + ":" + level).c_str()))
+        return quoted(item) + " is no module";
+    return nameObjection(name);
+}
+
+std::string moduleListObjection(const std::string& param) {
     AndroidLogFormat_t* scratch = android_log_format_new();
-    bool accepted = true;
-    for (size_t start = 0; accepted && start <= param.size();) {
+    std::string objection;
+    for (size_t start = 0; objection.empty() && start <= param.size();) {
         size_t end = std::min(param.find('+', start), param.size());
-        std::string item = param.substr(start, end - start);
-        if (item.find(':') == std::string::npos)
-            item += ":v";
-        accepted = addListedRule(scratch, item.c_str());
+        objection = itemObjection(param.substr(start, end - start), scratch);
         start = end + 1;
     }
     releaseRules(scratch);
     android_log_format_free(scratch);
-    return accepted ? "" : quoted(param) + " is no list of modules";
+    return objection;
 }
 
-std::string moduleNameObjection(const std::string& param, const ClientView&) {
-    return param.empty() ? "needs a module name" : "";
+std::string moduleNameObjection(const std::string& param) {
+    return param.empty() ? "needs a module name" : nameObjection(param);
+}
+
+std::string levelObjection(const std::string& param) {
+    return param.size() == 1 ? "" : quoted(param) + " is no level; it is one letter";
+}
+
+std::string kernelLevelObjection(const std::string& param) {
+    return param.size() == 1 ? "" : quoted(param) + " is no level; it is one digit";
+}
+
+std::string flushObjection(const std::string& param) {
+    std::istringstream words(param);
+    for (std::string word; words >> word;)
+        if (word != kWaitWord && word != kSyncWord)
+            return quoted(word) + " is not accepted";
+    return "";
 }
 
 std::string unsafeObjection(const std::string& param) {
@@ -135,7 +222,7 @@ std::string missingObjection(const std::string& param) {
     return missing ? quoted(param) + ": " + std::strerror(errno) : "";
 }
 
-std::string rootObjection(const std::string& param, const ClientView&) {
+std::string rootObjection(const std::string& param) {
     if (param.size() > kMaxRootLength)
         return quoted(param) + " is longer than " + std::to_string(kMaxRootLength) + " characters";
     std::string unsafe = unsafeObjection(param);
@@ -144,31 +231,49 @@ std::string rootObjection(const std::string& param, const ClientView&) {
     return unsafe.empty() ? missingObjection(param) : unsafe;
 }
 
-std::string copyObjection(const std::string& param, const ClientView& view) {
+std::string copyObjection(const std::string& param) {
     std::string unsafe = unsafeObjection(param);
-    if (unsafe.empty() && param.size() > longestCopyTarget(view.logFolderLength()))
-        return quoted(param) + " is too long";
     return unsafe.empty() ? missingObjection(param) : unsafe;
 }
 
+constexpr ParameterRule kNothing = {nullptr, anything, nullptr, nullptr};
+constexpr ParameterRule kFlushWords = {printFlushWords, anything, toLower, flushObjection};
+constexpr ParameterRule kSwitch = {printSwitch, isSwitch, toLower, nullptr};
+constexpr ParameterRule kKernelLevel = {printKernelLevels, isKernelLevel, nullptr, kernelLevelObjection};
+constexpr ParameterRule kAndroidLevel = {printAndroidLevels, isAndroidLevel, toLower, levelObjection};
+constexpr ParameterRule kOneLevel = {printAndroidLevels, isOneLevel, toLower, nullptr};
+constexpr ParameterRule kModuleWord = {printModuleWords, isModuleWord, toUpper, nullptr};
+constexpr ParameterRule kModuleList = {printModule, isGiven, nullptr, moduleListObjection};
+constexpr ParameterRule kModuleName = {printModuleName, isGiven, nullptr, moduleNameObjection};
+constexpr ParameterRule kLineFormat = {printLineFormats, isLineFormat, toLower, nullptr};
+constexpr ParameterRule kInterval = {printInterval, isInterval, nullptr, nullptr};
+constexpr ParameterRule kBound = {printBound, isBound, nullptr, nullptr};
+constexpr ParameterRule kSectionSize = {printSectionSize, isSectionSize, nullptr, nullptr};
+constexpr ParameterRule kRoot = {printRoot, isGiven, nullptr, rootObjection};
+constexpr ParameterRule kCopyTarget = {printPath, isGiven, nullptr, copyObjection};
+
 constexpr CommandInfo kCommands[] = {
-    {CMD_UART_OUTPUT, "UART_OUTPUT", printSwitch, isSwitch, nullptr, &Dispatcher::setConsoleOutput},
-    {CMD_NAND_FILE_OUTPUT, "NAND_FILE_OUTPUT", printSwitch, isSwitch, nullptr, &Dispatcher::setFileOutput},
-    {CMD_KLOG_OUTPUT, "KLOG_OUTPUT", printSwitch, isSwitch, nullptr, &Dispatcher::setKernelOutput},
-    {CMD_KLOG_LEVEL, "KLOG_LEVEL", printKernelLevels, isKernelLevel, nullptr, &Dispatcher::setKernelLevel},
-    {CMD_ALOG_OUTPUT, "ALOG_OUTPUT", printSwitch, isSwitch, nullptr, &Dispatcher::setAndroidOutput},
-    {CMD_ALOG_LEVEL, "ALOG_LEVEL", printAndroidLevels, isAndroidLevel, nullptr, &Dispatcher::setAndroidLevel},
-    {CMD_ALOG_MODULE, "ALOG_MODULE", printModuleWords, isModuleWord, nullptr, &Dispatcher::setModules},
-    {CMD_ALOG_ADD_MODULE, "ALOG_ADD_MODULE", printModule, isGiven, moduleListObjection,
-     &Dispatcher::addModules},
-    {CMD_ALOG_DEL_MODULE, "ALOG_DEL_MODULE", printModuleName, isGiven, moduleNameObjection,
-     &Dispatcher::deleteModule},
-    {CMD_ALOG_FORMAT, "ALOG_FORMAT", printLineFormats, isLineFormat, nullptr, &Dispatcher::setLineFormat},
-    {CMD_FLUSH_SWITCH, "FLUSH_SWITCH", printSwitch, isSwitch, nullptr, &Dispatcher::setFlushSwitch},
-    {CMD_STORAGE_PATH, "STORAGE_PATH", printRoot, isGiven, rootObjection, &Dispatcher::setStorageRoot},
-    {CMD_COPY, "COPY", printPath, isGiven, copyObjection, &Dispatcher::copyStorage},
-    {CMD_FLUSH, "FLUSH", nullptr, anything, nullptr, &Dispatcher::flush},
-    {CMD_SHOW, "SHOW", nullptr, anything, nullptr, &Dispatcher::show},
+    {CMD_UART_OUTPUT, "UART_OUTPUT", kSwitch, &Dispatcher::setConsoleOutput},
+    {CMD_NAND_FILE_OUTPUT, "NAND_FILE_OUTPUT", kSwitch, &Dispatcher::setFileOutput},
+    {CMD_KLOG_OUTPUT, "KLOG_OUTPUT", kSwitch, &Dispatcher::setKernelOutput},
+    {CMD_KLOG_LEVEL, "KLOG_LEVEL", kKernelLevel, &Dispatcher::setKernelLevel},
+    {CMD_ALOG_OUTPUT, "ALOG_OUTPUT", kSwitch, &Dispatcher::setAndroidOutput},
+    {CMD_ALOG_LEVEL, "ALOG_LEVEL", kAndroidLevel, &Dispatcher::setAndroidLevel},
+    {CMD_ALOG_MODULE, "ALOG_MODULE", kModuleWord, &Dispatcher::setModules},
+    {CMD_ALOG_ADD_MODULE, "ALOG_ADD_MODULE", kModuleList, &Dispatcher::addModules},
+    {CMD_ALOG_DEL_MODULE, "ALOG_DEL_MODULE", kModuleName, &Dispatcher::deleteModule},
+    {CMD_ALOG_FORMAT, "ALOG_FORMAT", kLineFormat, &Dispatcher::setLineFormat},
+    {CMD_FLUSH_SWITCH, "FLUSH_SWITCH", kSwitch, &Dispatcher::setFlushSwitch},
+    {CMD_STORAGE_PATH, "STORAGE_PATH", kRoot, &Dispatcher::setStorageRoot, Audience::Everybody, true},
+    {CMD_COPY, "COPY", kCopyTarget, &Dispatcher::copyStorage, Audience::Everybody, true},
+    {CMD_FLUSH, "FLUSH", kFlushWords, &Dispatcher::flush, Audience::Everybody, true},
+    {CMD_SHOW, "SHOW", kNothing, &Dispatcher::show},
+    {CMD_FLUSH_INTERVAL, "FLUSH_INTERVAL", kInterval, &Dispatcher::setFlushInterval, Audience::NewerClients},
+    {CMD_FLUSH_PRIORITY, "FLUSH_PRIORITY", kOneLevel, &Dispatcher::setFlushPriority, Audience::NewerClients},
+    {CMD_MAX_LOG_SIZE, "MAX_LOG_SIZE", kBound, &Dispatcher::setBound, Audience::NewerClients, true},
+    {CMD_LOG_SECTION_SIZE, "LOG_SECTION_SIZE", kSectionSize, &Dispatcher::setSectionSize,
+     Audience::NewerClients},
+    {CMD_STATUS, "STATUS", kNothing, &Dispatcher::tellStatus, Audience::Queries},
 };
 
 } // namespace
@@ -191,31 +296,37 @@ const CommandInfo* findCommand(int code) {
 
 const CommandInfo* findCommand(const char* name) {
     for (const CommandInfo& command : CommandTable()) {
-        if (std::strcmp(command.name, name) == 0)
+        if (strcasecmp(command.name, name) == 0)
             return &command;
     }
     return nullptr;
 }
 
-std::string objectionTo(const CommandInfo& command, const char* param, const ClientView& view) {
-    if (command.usage == nullptr)
-        return param == nullptr ? "" : "takes no parameter";
+std::string objectionTo(const CommandInfo& command, const char* param) {
+    const ParameterRule& rule = command.parameter;
+    bool given = param != nullptr && *param != '\0';
+    if (rule.usage == nullptr)
+        return given ? "takes no parameter" : "";
     if (param == nullptr)
         return "needs a parameter";
     if (std::strlen(param) > kMaxParameter)
         return "the parameter is longer than " + std::to_string(kMaxParameter) + " characters";
-    if (!command.accepts(param))
+    if (!rule.accepts(param))
         return quoted(param) + " is not accepted";
-    return command.objection != nullptr ? command.objection(param, view) : "";
+    return rule.objection != nullptr ? rule.objection(param) : "";
 }
 
 void printUsage(FILE* out) {
     constexpr char kIndent[] = "         ";
     std::fputs("\n\nlogset useage:\n\nlogset   <cmd_type>               <cmd_param>\n", out);
     for (const CommandInfo& command : CommandTable()) {
-        std::fprintf(out, "%s%-*s", kIndent, command.usage != nullptr ? kNameColumn : 0, command.name);
-        if (command.usage != nullptr)
-            command.usage(out);
+        if (command.audience != Audience::Everybody)
+            continue;
+        bool shown =
+            command.parameter.usage != nullptr && command.code != CMD_FLUSH; // whose words came later
+        std::fprintf(out, "%s%-*s", kIndent, shown ? kNameColumn : 0, command.name);
+        if (shown)
+            command.parameter.usage(out);
         std::fputs("\n", out);
     }
     std::fprintf(out, "\n%sKXXX:kernel AXXX:android\n\n", kIndent);

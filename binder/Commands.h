@@ -12,24 +12,37 @@ namespace vnlog {
 class Dispatcher;
 struct CommandAnswer;
 
-/** What the client knows of the service when it looks at a parameter. */
-struct ClientView {
-    size_t (*logFolderLength)(); ///< characters of the service's log folder, as far as that is known
+/** What a command's parameter may be. */
+struct ParameterRule {
+    void (*usage)(FILE* out); ///< prints it as the usage text shows it; null when there is none
+    /** Whether the service acts on the parameter, which may be null; otherwise it answers with its usage
+     * text. */
+    bool (*accepts)(const char* param);
+    /** Brings what is written in another case to the form that the service accepts. May be null. */
+    void (*normalize)(std::string& param);
+    /**
+     * The objection to a parameter that is there and accepted, but is not meant like that; empty when there
+     * is none. May be null. The client makes it, and the service when it is to tell what came of a command.
+     */
+    std::string (*objection)(const std::string& param);
+};
+
+/** Who knows a command. */
+enum class Audience {
+    Everybody,
+    NewerClients, ///< it is not in the service's usage text, whose form is settled
+    Queries, ///< the same, and logCMD does not run it
 };
 
 /** All about one command. */
 struct CommandInfo {
     Command code;
     const char* name;
-    void (*usage)(FILE* out); ///< prints the parameter as the usage text shows it; null when there is none
-    /** Whether the service acts on the parameter, which may be null; otherwise it answers with its usage
-     * text. */
-    bool (*accepts)(const char* param);
-    /** The client's objection to a parameter that is there and accepted; empty when there is none. May be
-     * null. */
-    std::string (*objection)(const std::string& param, const ClientView& view);
+    const ParameterRule& parameter;
     /** What the service does. */
     CommandAnswer (Dispatcher::*action)(const char* param);
+    Audience audience = Audience::Everybody;
+    bool slow = false; ///< it may take longer than a few seconds without anything being wrong
 };
 
 /** All commands, in the order of the usage text. */
@@ -38,13 +51,16 @@ struct CommandTable {
     const CommandInfo* end() const;
 };
 
-/** The command of this code or name; null when there is none. */
+/** The command of this code, or of this name in any case; null when there is none. */
 const CommandInfo* findCommand(int code);
 const CommandInfo* findCommand(const char* name);
 
-/** The client's objection to the parameter, which may be null, by the rules of the table; empty when there is
- * none. */
-std::string objectionTo(const CommandInfo& command, const char* param, const ClientView& view);
+/** The objection to the parameter, which may be null, by the rules of the table; empty when there is none. */
+std::string objectionTo(const CommandInfo& command, const char* param);
+
+/** The words of FLUSH: to wait until all is written out, and until it is on the medium as well. */
+constexpr char kWaitWord[] = "--wait";
+constexpr char kSyncWord[] = "--sync";
 
 /** Prints the service's usage text. */
 void printUsage(FILE* out);

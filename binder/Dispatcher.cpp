@@ -19,18 +19,67 @@ namespace vnlog {
 namespace {
 
 constexpr int kMutedConsoleLevel = 1;
+constexpr unsigned kFlushPatienceMs = 60000; // a medium that is cut off says so long before
+
+std::string quoted(const char* text) {
+    return "'" + std::string(text) + "'";
+}
+
+std::string totalsText(const CopyTotals& totals) {
+    return std::to_string(totals.files) + " files, " + std::to_string(totals.bytes) + " bytes";
+}
+
+std::string whyNotCopied(CopyStatus status, const char* target, const std::string& reason) {
+    switch (status) {
+    case CopyStatus::Done:
+        break;
+    case CopyStatus::NoFolder:
+        return quoted(target) + " is no folder: " + reason;
+    case CopyStatus::Inside:
+        return "the copy in " + quoted(target) + " would lie in the stored log itself";
+    case CopyStatus::NoRoom:
+        return "there is no room in " + quoted(target);
+    case CopyStatus::Partial:
+        return "a part has not been copied to " + quoted(target) + ": " + reason;
+    }
+    return "";
+}
+
+/** Of a command that has failed. */
+CommandAnswer refused(const std::string& why) {
+    return {-1, false, false, why, true};
+}
+
+/** Of a command that has not done what it was asked for, which logCMD does not tell. */
+CommandAnswer failed(const std::string& why, bool report = false) {
+    return {0, report, false, why, true};
+}
 
 } // namespace
 
 int Dispatcher::run(int code, const char* param) {
     CancelGuard guard; // a reader whose storage is full comes here, too
+    if (code == CMD_COPY)
+        (void)writeOut(false); // what is not written out is not copied; the query says why
     CommandAnswer answer = runLocked(code, param);
-    // Without the lock: whoever waits for a command does not wait for the console as well.
+    showReports(answer);
+    return answer.result;
+}
+
+int Dispatcher::query(int code, const char* param, std::string* answer) {
+    CancelGuard guard;
+    CommandAnswer made = answerQuery(code, param);
+    showReports(made);
+    *answer = std::move(made.text);
+    return made.undone && made.result == 0 ? -1 : made.result;
+}
+
+/** Without the lock: whoever waits for a command does not wait for the console as well. */
+void Dispatcher::showReports(const CommandAnswer& answer) {
     if (answer.usage)
         showHelp();
     if (answer.report)
         showConfiguration(mState.mCfgPath, mTargets.console);
-    return answer.result;
 }
 
 CommandAnswer Dispatcher::runLocked(int code, const char* param) {
@@ -40,11 +89,56 @@ CommandAnswer Dispatcher::runLocked(int code, const char* param) {
         return {-1};
     }
     const CommandInfo* command = findCommand(code);
-    if (command == nullptr)
+    if (command == nullptr || command->audience == Audience::Queries)
         return {0, false, true};
-    if (!command->accepts(param))
+    if (!command->parameter.accepts(param))
         return {0, true, true};
-    return (this->*command->action)(param);
+    return act(*command, param);
+}
+
+/** Runs a command that is to tell what came of it; what waits for the flush thread does so without the lock.
+ */
+CommandAnswer Dispatcher::answerQuery(int code, const char* param) {
+    const CommandInfo* command = findCommand(code);
+    if (command == nullptr)
+        return failed("there is no such command");
+    std::string objection = objectionTo(*command, param);
+    if (!objection.empty())
+        return failed(objection);
+    if (!mTargets.commandState.mServiceStarted)
+        return failed("the service is not started");
+    if (code == CMD_COPY) {
+        CommandAnswer written = writeOut(false);
+        if (written.undone)
+            return written;
+    }
+    if (code == CMD_FLUSH && *param != '\0')
+        return writeOut(std::strstr(param, kSyncWord) != nullptr);
+    LockGuard<CommandLock> lock(mTargets.lock);
+    if (!mTargets.commandState.mServiceStarted) // it may have been stopped meanwhile
+        return failed("the service is not started");
+    return act(*command, param);
+}
+
+CommandAnswer Dispatcher::act(const CommandInfo& command, const char* param) {
+    CommandAnswer answer = (this->*command.action)(param);
+    mTargets.status.look();
+    return answer;
+}
+
+/** Has everything written out that is buffered now, and waits for that. */
+CommandAnswer Dispatcher::writeOut(bool sync) {
+    switch (mTargets.ring.awaitFlush(mTargets.ring.requestFlush(sync), kFlushPatienceMs)) {
+    case FlushOutcome::Done:
+        return {0};
+    case FlushOutcome::Failed:
+        return failed("what is buffered cannot be written out; it is tried again and again");
+    case FlushOutcome::TimedOut:
+        return failed("what is buffered has not been written out in time; that goes on");
+    case FlushOutcome::NotInService:
+        break;
+    }
+    return failed("nothing is stored at present; STATUS tells why");
 }
 
 void Dispatcher::showHelp() {
@@ -66,15 +160,15 @@ CommandAnswer Dispatcher::saveAndShow() {
     if (mTargets.settings.save())
         return {0, true};
     logError("cmd log configuration failed to save !\n");
-    return {-1};
+    return refused("it is done, but log.cfg cannot be written: " + lastErrorHere());
 }
 
 CommandAnswer Dispatcher::setConsoleOutput(const char* param) {
     bool on = isYes(param);
     if (on && !restoreKernelConsole())
-        return {-1};
+        return levelFailed();
     if (!on && mState.mKLogToUart && !muteKernelConsole())
-        return {-1};
+        return levelFailed();
     mState.mALogToUart = on;
     if (on)
         mTargets.console.retry();
@@ -84,7 +178,7 @@ CommandAnswer Dispatcher::setConsoleOutput(const char* param) {
 CommandAnswer Dispatcher::setFileOutput(const char* param) {
     bool on = isYes(param);
     if (on && !mTargets.storing.switchOn())
-        return {-1};
+        return refused("storing cannot begin again: " + lastErrorHere());
     if (!on)
         mTargets.storing.switchOff();
     mState.mKLogToFile = on;
@@ -121,27 +215,32 @@ CommandAnswer Dispatcher::setKernelOutput(const char* param) {
         mState.mKLogOutput = false;
         mState.mKLogToFile = false;
         if (mState.mKLogToUart && !muteKernelConsole())
-            return {-1};
+            return levelFailed();
         return saveAndShow();
     }
     if (!mState.mKLogOutput) {
         if (!mTargets.kernelReader.clear()) {
+            std::string why = lastErrorHere();
             logError("Log clearing failed! \n");
-            return {-1};
+            return refused(why);
         }
         mState.mKLogOutput = true;
         postOrReport(&mState.mKLogSem, "Cmd K_LOG_OUTPUT sem_post failed \n");
     }
     if (!restoreKernelConsole())
-        return {-1};
+        return levelFailed();
     mState.mKLogToFile = true;
     return saveAndShow();
+}
+
+CommandAnswer Dispatcher::levelFailed() {
+    return refused("the kernel's console level cannot be set: " + lastErrorHere());
 }
 
 CommandAnswer Dispatcher::setKernelLevel(const char* param) {
     int level = parseNumber(param);
     if (!setConsoleLevel(level, "fail to set the kernel log level \n"))
-        return {-1};
+        return levelFailed();
     mState.mKLogLevel = level;
     return saveAndShow();
 }
@@ -179,8 +278,12 @@ CommandAnswer Dispatcher::addModules(const char* param) {
 }
 
 CommandAnswer Dispatcher::deleteModule(const char* param) {
+    bool listed = mTargets.filter.lists(param);
     mTargets.filter.deleteModule(param);
-    return saveAndShow();
+    CommandAnswer answer = saveAndShow();
+    if (listed || answer.undone)
+        return answer;
+    return failed("module " + quoted(param) + " is not listed", true);
 }
 
 CommandAnswer Dispatcher::setLineFormat(const char* param) {
@@ -194,24 +297,32 @@ CommandAnswer Dispatcher::setFlushSwitch(const char* param) {
 }
 
 CommandAnswer Dispatcher::setStorageRoot(const char* param) {
+    const std::string root = quoted(param);
     Folder folder(usableRoot(param) ? param : "");
     if (!folder.valid()) {
+        std::string why = root + " cannot be opened: " + std::strerror(errno);
         logError("STORAGE_PATH(%s) can not open\n", param);
-        return {0, true};
+        return failed(why, true);
     }
     if (mTargets.store.contains(param)) {
         logError("STORAGE_PATH(%s) lies inside the stored log, where it would be deleted with it\n", param);
-        return {-1};
+        return refused(root + " lies inside the stored log");
     }
     if (mState.mFlushSwitch)
         logError("error: Please turn off the storage function\n");
-    RootChangeStatus status = mTargets.store.changeRoot(param);
-    if (status == RootChangeStatus::Taken || status == RootChangeStatus::NotPrepared)
-        return {-1}; // reported there
+    switch (mTargets.store.changeRoot(param)) {
+    case RootChangeStatus::Taken:
+        return refused(root + " is in use by another service");
+    case RootChangeStatus::NotPrepared:
+        return refused("nothing can be stored under " + root + ": " + lastErrorHere());
+    case RootChangeStatus::Done:
+    case RootChangeStatus::Unchanged:
+        break;
+    }
     if (folder.close() != 0) {
         logError("Failed to close the directory [%s]", param);
         logErrno();
-        return {-1};
+        return refused(lastErrorHere());
     }
     return saveAndShow();
 }
@@ -219,15 +330,17 @@ CommandAnswer Dispatcher::setStorageRoot(const char* param) {
 CommandAnswer Dispatcher::copyStorage(const char* param) {
     if (!mTargets.store.copyTargetUsable(param) || !pathExists(param)) {
         logError("%s dir does not exist,Please check!\n", param);
-        return {0};
+        return failed(quoted(param) + " does not exist, or its name is too long");
     }
     CopyTotals totals;
     std::string reason;
-    if (mTargets.store.copyTo(param, &totals, &reason) == CopyStatus::Done)
+    CopyStatus status = mTargets.store.copyTo(param, &totals, &reason);
+    if (status == CopyStatus::Done) {
         logDebug("log copy success\n");
-    else
-        logError("fail to copy log files\n");
-    return {0};
+        return {0, false, false, totalsText(totals) + " in " + quoted(param) + "\n"};
+    }
+    logError("fail to copy log files\n");
+    return failed(whyNotCopied(status, param, reason) + "; " + totalsText(totals) + " are there");
 }
 
 CommandAnswer Dispatcher::flush(const char*) {
@@ -237,7 +350,44 @@ CommandAnswer Dispatcher::flush(const char*) {
 }
 
 CommandAnswer Dispatcher::show(const char*) {
-    return {0, true};
+    Text text = readConfiguration(mState.mCfgPath);
+    if (text == nullptr)
+        return failed("log.cfg cannot be read: " + lastErrorHere(), true);
+    return {0, true, false, text.get()};
+}
+
+CommandAnswer Dispatcher::setFlushInterval(const char* param) {
+    mState.mFlushInterval = static_cast<uint32_t>(parseNumber(param));
+    mTargets.settings.setOptional(kFlushIntervalKey);
+    (void)mTargets.ring.requestFlush(); // what is buffered waits by the earlier interval
+    return saveAndShow();
+}
+
+CommandAnswer Dispatcher::setFlushPriority(const char* param) {
+    mState.mFlushPriority = letterPriority(param[0]);
+    mTargets.settings.setOptional(kFlushPriorityKey);
+    return saveAndShow();
+}
+
+CommandAnswer Dispatcher::setBound(const char* param) {
+    return changeLimits(parseNumber(param), static_cast<int>(mState.mLogSectionSize / 1024));
+}
+
+CommandAnswer Dispatcher::setSectionSize(const char* param) {
+    return changeLimits(mState.mMaxLogSize, parseNumber(param));
+}
+
+/** Applies both limits, the bound by deleting at once what is above it. */
+CommandAnswer Dispatcher::changeLimits(int maxMiB, int sectionKiB) {
+    bool held = mTargets.store.setLimits(maxMiB, static_cast<uint32_t>(sectionKiB) * 1024);
+    CommandAnswer answer = saveAndShow();
+    if (held || answer.undone)
+        return answer;
+    return failed("the stored log is above the bound for now: " + lastErrorHere(), true);
+}
+
+CommandAnswer Dispatcher::tellStatus(const char*) {
+    return {0, false, false, mTargets.status.status()};
 }
 
 } // namespace vnlog

@@ -3,6 +3,7 @@
 #include "base/Console.h"
 #include "binder/CommandState.h"
 #include "binder/ILogService.h"
+#include "binder/StatusSource.h"
 #include "binder/StoringSwitch.h"
 #include "config/Settings.h"
 #include "platform/sysroot/SystemRoot.h"
@@ -11,7 +12,11 @@
 #include "sources/KernelReader.h"
 #include "storage/Store.h"
 
+#include <string>
+
 namespace vnlog {
+
+struct CommandInfo;
 
 /** What the commands act on; all of it outlives the dispatcher. */
 struct CommandTargets {
@@ -26,7 +31,9 @@ struct CommandTargets {
     KernelReader& kernelReader;
     AndroidReader& androidReader;
     StoringSwitch& storing;
+    Ring& ring;
     Console& console;
+    StatusSource& status;
 };
 
 /** What a command answers. */
@@ -34,6 +41,8 @@ struct CommandAnswer {
     int result; ///< of logCMD
     bool report = false; ///< the configuration is to be shown
     bool usage = false; ///< the usage text is to be shown before it
+    std::string text = {}; ///< of logQuery: what was done, or why it was not
+    bool undone = false; ///< logQuery fails, although logCMD does not
 };
 
 /** Runs the commands, one at a time. Any thread; a command is not cut in the middle by a cancellation. */
@@ -43,6 +52,8 @@ class Dispatcher {
 
     /** ILogService::logCMD. */
     int run(int code, const char* param) VNLOG_EXCLUDES(CommandLock::role);
+    /** ILogService::logQuery. */
+    int query(int code, const char* param, std::string* answer) VNLOG_EXCLUDES(CommandLock::role);
     /** Shows the usage text on the console, standard output. */
     void showHelp();
 
@@ -65,10 +76,21 @@ class Dispatcher {
     CommandAnswer copyStorage(const char* param) VNLOG_REQUIRES(CommandLock::role);
     CommandAnswer flush(const char*) VNLOG_REQUIRES(CommandLock::role);
     CommandAnswer show(const char*) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setFlushInterval(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setFlushPriority(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setBound(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer setSectionSize(const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer tellStatus(const char*) VNLOG_REQUIRES(CommandLock::role);
 
   private:
     CommandAnswer runLocked(int code, const char* param) VNLOG_EXCLUDES(CommandLock::role);
+    CommandAnswer answerQuery(int code, const char* param) VNLOG_EXCLUDES(CommandLock::role);
+    CommandAnswer act(const CommandInfo& command, const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer writeOut(bool sync);
+    void showReports(const CommandAnswer& answer);
     CommandAnswer saveAndShow() VNLOG_REQUIRES(CommandLock::role);
+    static CommandAnswer levelFailed();
+    CommandAnswer changeLimits(int maxMiB, int sectionKiB) VNLOG_REQUIRES(CommandLock::role);
     bool setConsoleLevel(int level, const char* report);
     bool muteKernelConsole() VNLOG_REQUIRES(CommandLock::role);
     bool restoreKernelConsole() VNLOG_REQUIRES(CommandLock::role);

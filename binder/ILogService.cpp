@@ -1,5 +1,6 @@
 #include "binder/ILogService.h"
 
+#include <algorithm>
 #include <android/log.h>
 #include <fcntl.h>
 
@@ -19,6 +20,11 @@ ILogService::~ILogService() = default;
 
 const String16& ILogService::getInterfaceDescriptor() const {
     return descriptor;
+}
+
+int ILogService::logQuery(int cmd, const char* param, std::string* answer) {
+    answer->clear();
+    return logCMD(cmd, param);
 }
 
 sp<ILogService> ILogService::asInterface(const sp<IBinder>& obj) {
@@ -55,7 +61,8 @@ status_t BnLogService::onTransact(uint32_t code, const Parcel& data, Parcel* rep
             return kForeignToken;
         replyWithFile(getLogFd(), reply);
         return android::NO_ERROR;
-    case LOG_CMD: {
+    case LOG_CMD:
+    case QUERY: {
         if (!data.checkInterface(this))
             return kForeignToken;
         int32_t cmd = 0;
@@ -63,8 +70,13 @@ status_t BnLogService::onTransact(uint32_t code, const Parcel& data, Parcel* rep
         if (status != android::NO_ERROR)
             return status;
         const char* param = data.readCString();
-        reply->writeInt32(logCMD(cmd, param));
-        return android::NO_ERROR;
+        if (code == LOG_CMD) {
+            reply->writeInt32(logCMD(cmd, param));
+            return android::NO_ERROR;
+        }
+        std::string answer;
+        reply->writeInt32(logQuery(cmd, param, &answer));
+        return reply->writeCString(answer.c_str());
     }
     default:
         __android_log_print(ANDROID_LOG_ERROR, "ILogService", "[%s:%d] Unknown code: 0x%x\n", "onTransact",
@@ -82,6 +94,13 @@ int callWithoutArguments(android::IBinder& binder, uint32_t code, android::Parce
     data.writeInterfaceToken(vnlog::ILogService::descriptor);
     binder.transact(code, data, reply, 0);
     return reply->readInt32();
+}
+
+android::status_t packCommand(int cmd, const char* param, android::Parcel* data) {
+    data->writeInterfaceToken(vnlog::ILogService::descriptor);
+    data->writeInt32(cmd);
+    // Not every binder's writeCString looks for null itself.
+    return param != nullptr ? data->writeCString(param) : android::BAD_VALUE;
 }
 
 } // namespace
@@ -107,12 +126,25 @@ int BpLogService::getLogFd() {
 
 int BpLogService::logCMD(int cmd, const char* param) {
     android::Parcel data, reply;
-    data.writeInterfaceToken(getInterfaceDescriptor());
-    data.writeInt32(cmd);
-    // Not every binder's writeCString looks for null itself.
-    android::status_t status = param != nullptr ? data.writeCString(param) : android::BAD_VALUE;
+    android::status_t status = packCommand(cmd, param, &data);
     if (status != android::NO_ERROR)
         return status;
     remote()->transact(LOG_CMD, data, &reply, 0);
     return reply.readInt32();
+}
+
+int BpLogService::logQuery(int cmd, const char* param, std::string* answer) {
+    answer->clear();
+    android::Parcel data, reply;
+    android::status_t status = packCommand(cmd, param, &data);
+    if (status == android::NO_ERROR)
+        status = remote()->transact(QUERY, data, &reply, 0);
+    if (status == android::UNKNOWN_TRANSACTION)
+        return ILogService::logQuery(cmd, param, answer);
+    if (status != android::NO_ERROR)
+        return std::min<int>(status, -2);
+    int result = reply.readInt32();
+    const char* text = reply.readCString();
+    *answer = text != nullptr ? text : "";
+    return result;
 }

@@ -4,6 +4,7 @@
 
 #include <binder/IInterface.h>
 #include <binder/Parcel.h>
+#include <string>
 
 namespace vnlog {
 
@@ -21,6 +22,7 @@ class VNLOG_API ILogService : public android::IInterface {
         FLUSH_LOG_BUF_ALL = 1, ///< no argument
         GET_LOG_FD = 2, ///< no argument; the reply goes on with the descriptor when there is one
         LOG_CMD = 3, ///< int32 command code, C string parameter
+        QUERY = 4, ///< the same; the reply goes on with a C string
     };
 
     /**
@@ -48,6 +50,13 @@ class VNLOG_API ILogService : public android::IInterface {
      * tells; -1 for another command that failed or was refused.
      */
     virtual int logCMD(int cmd, const char* param) = 0;
+    /**
+     * Runs one command as logCMD does, and tells what came of it. 0 when it did what it was asked for;
+     * `answer` has its report then, if any: what was copied where, the configuration, the status. Otherwise
+     * it has the reason: also a parameter that is not accepted, or a COPY that failed, gives -1 here. A
+     * service that does not know this transaction runs logCMD, with nothing to tell.
+     */
+    virtual int logQuery(int cmd, const char* param, std::string* answer);
 };
 
 /** The service's side: unpacks a transaction and calls the operation on the calling binder thread. */
@@ -76,4 +85,6 @@ class VNLOG_API BpLogService : public android::BpInterface<vnlog::ILogService> {
     int flushLogBufAll() override;
     int getLogFd() override;
     int logCMD(int cmd, const char* param) override;
+    /** A status below -1 when the transaction failed. */
+    int logQuery(int cmd, const char* param, std::string* answer) override;
 };

@@ -688,6 +688,11 @@ void Ring::pause(unsigned seconds, uint32_t seen) {
 
 void Ring::drainFailed(bool mediumFull) {
     mMediumFull = mediumFull; // first: a writer that sees the failure asks for its kind
+    if (!mDrainFailing) {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        mFailingSince = static_cast<uint32_t>(now.tv_sec);
+    }
     mDrainFailing = true;
     wakeWaiters(); // they look at the medium themselves: no drain is coming that would wake them
 }

@@ -87,6 +87,9 @@ class Ring {
     bool persistent() const { return mMemory.persistent(); }
     /** Whether the memory came from an earlier process. */
     bool resumed() const { return mMemory.resumed(); }
+    /** Wall clock since when draining has failed, in seconds since the epoch modulo 2^32; 0 when it does not.
+     */
+    uint32_t failingSince() const { return mDrainFailing ? mFailingSince.load() : 0; }
     /** Lines lost on their way into the store. Each record is put behind lines about those untold. */
     Losses& losses() { return mLosses; }
 
@@ -227,6 +230,7 @@ class Ring {
     Flag mSyncAsked{false}; ///< since the last drain began; changes under the lock
     std::atomic<uint32_t> mRefusedRecords{0}; ///< since draining began to fail
     Flag mDrainFailing{false}; ///< the last drain failed
+    std::atomic<uint32_t> mFailingSince{0};
     Flag mMediumFull{false}; ///< it did so for want of room
     std::atomic<uint32_t> mDroppedBytes{0};
     std::atomic<uint32_t> mLastWaitReport{0}; ///< milliseconds, modulo 2^32

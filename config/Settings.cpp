@@ -359,8 +359,7 @@ bool Settings::readMissing(const Setting& setting, const char* path) {
 
 void Settings::setLevel(const Setting& setting, const char* level) {
     if (setting.kind == Kind::Priority) {
-        const char* letter = std::strchr(kPriorityLetters, *level);
-        setting.number.set(mState, ANDROID_LOG_VERBOSE + static_cast<int>(letter - kPriorityLetters));
+        setting.number.set(mState, letterPriority(*level));
         return;
     }
     std::memset(mState.mALogLevel, 0, sizeof mState.mALogLevel);

@@ -103,6 +103,9 @@ class Settings {
 
 /** The key of the storage root in log.cfg. */
 constexpr char kStorageRootKey[] = "STORAGE_PATH=";
+// The keys of optional settings that commands change.
+constexpr char kFlushIntervalKey[] = "FLUSH_INTERVAL=";
+constexpr char kFlushPriorityKey[] = "FLUSH_PRIORITY=";
 
 // Ranges of settings, in log.cfg and in commands.
 constexpr int kLeastKernelLevel = 1;

@@ -128,8 +128,8 @@ const Setting kSettings[kSettingCount] = {
     filterText(
         "ALOG_FORMAT=", "a line format", kDefaultLineFormat,
         {&S::mFormatCfg, "fail to malloc fromat cfg buf!\n", &Filter::printLineFormat, judgeLineFormat}),
-    optional(number("FLUSH_INTERVAL=", kFlushInterval)),
-    optional(priority("FLUSH_PRIORITY=", "f", kFlushPriority)),
+    optional(number(kFlushIntervalKey, kFlushInterval)),
+    optional(priority(kFlushPriorityKey, "f", kFlushPriority)),
     optional(onOff("KLOG_PSTORE=", kYes, &S::mKLogPstore)),
 };
 

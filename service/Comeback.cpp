@@ -122,6 +122,7 @@ void Comeback::run() {
         // First the root: it may be where there is room.
         bool missing = mAllowed && rootMissed() && !moveToAwaited();
         missing = (mAllowed && mWanted && !tryAgain()) || missing;
+        mParts.status.look();
         if (missing)
             continue;
         mAlive = false;

@@ -28,7 +28,7 @@ void Intake::lost(Loss why, uint32_t lines) {
 
 bool Intake::append(const void* bytes, uint32_t length) {
     const char* text = static_cast<const char*>(bytes);
-    if (leaveOut(text, length))
+    if (leaveOut(text, length) != Wish::Stored)
         return false;
     PutResult result = mRing.put(bytes, length);
     if (result.status == PutStatus::Stored)
@@ -38,18 +38,18 @@ bool Intake::append(const void* bytes, uint32_t length) {
     if (result.status != PutStatus::StorageFull)
         return false; // counted by the ring
     giveUpStoring(result); // outside the ring: this ends in a stop, which waits for all to leave it
-    if (!leaveOut(text, length))
+    if (leaveOut(text, length) == Wish::Stored)
         lost(Loss::StorageFull, countLines(text, length)); // storing has come back already
     return false;
 }
 
-bool Intake::leaveOut(const char* line, uint32_t length) {
+Wish Intake::leaveOut(const char* line, uint32_t length) {
     if (!mGivenUp)
-        return false;
+        return Wish::Stored;
     LockGuard<LossLock> lock(mLossLock);
     if (mGivenUp && mMissed)
         mRing.losses().add(Loss::StorageFull, countLines(line, length));
-    return mGivenUp;
+    return !mGivenUp ? Wish::Stored : mMissed ? Wish::Missed : Wish::NotStored;
 }
 
 void Intake::beginRun() {

@@ -30,7 +30,7 @@ class Intake final : public LineSink {
     bool put(const char* line, uint32_t length, int rank) override;
     /** Counts lines as lost, unless storing was given up and is not wanted any more. */
     void lost(Loss why, uint32_t lines) override VNLOG_EXCLUDES(LossLock::role);
-    bool leaveOut(const char* line, uint32_t length) override VNLOG_EXCLUDES(LossLock::role);
+    Wish leaveOut(const char* line, uint32_t length) override VNLOG_EXCLUDES(LossLock::role);
     /** Appends one record. False, reported where the ring does, when it is not taken. */
     bool append(const void* bytes, uint32_t length);
 

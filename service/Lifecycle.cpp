@@ -50,6 +50,7 @@ bool Lifecycle::beginService(const bool* flags, bool storing) {
     if (!storing)
         mParts.comeback.awaitStorage();
     mParts.comeback.awaitRoot();
+    mParts.status.beginRun();
     return true;
 }
 
@@ -123,6 +124,7 @@ bool Lifecycle::startWorkers(const bool* flags, bool storing) {
         if (mParts.settings.forgetGivingUp())
             mParts.intake.tellOlderLoss(); // before any reader puts a line in
         mParts.ring.announce();
+        mParts.lastWords.store();
     }
     if (storing && flags[LogService::KERNEL_READER] && !workers.startKernelReader())
         return false;

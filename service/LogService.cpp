@@ -38,9 +38,10 @@ ServiceParts::ServiceParts(LogService& service)
       store(service, storageLock, ring, files, systemRoot), flusher(service, ring, store), filter(service),
       intake(service, ring, lifecycle), kernelReader(service, systemRoot, intake),
       androidLine(service, service, filter, intake, console), androidReader(service, systemRoot, androidLine),
-      settings(service, storageLock, filter), workers(service, *this), comeback(service, *this),
+      settings(service, storageLock, filter), workers(service, *this), status(service, *this),
+      lastWords(service, *this), comeback(service, *this),
       dispatcher({service, service, commandLock, systemRoot, service, settings, store, filter, kernelReader,
-                  androidReader, comeback, console}),
+                  androidReader, comeback, ring, console, status}),
       lifecycle(service, *this) {}
 
 LogService::LogService(DeferStart) : mParts(std::make_unique<ServiceParts>(*this)) {
@@ -299,6 +300,9 @@ int LogService::getLogReadableSize(int fd) {
 
 int LogService::logCMD(int cmd, const char* param) {
     return mParts->dispatcher.run(cmd, param);
+}
+int LogService::logQuery(int cmd, const char* param, std::string* answer) {
+    return mParts->dispatcher.query(cmd, param, answer);
 }
 void LogService::showHelp() {
     mParts->dispatcher.showHelp();

@@ -247,6 +247,8 @@ class VNLOG_API LogService : public BnLogService,
 
     /** Runs a command (codes in binder/Command.h). Any thread; one command at a time. */
     int logCMD(int cmd, const char* param) override;
+    /** The same, and tells what came of it. */
+    int logQuery(int cmd, const char* param, std::string* answer) override;
     /** Prints the usage text to standard output. */
     void showHelp();
 

@@ -6,8 +6,10 @@
 #include "config/Settings.h"
 #include "service/Comeback.h"
 #include "service/Intake.h"
+#include "service/LastWords.h"
 #include "service/Lifecycle.h"
 #include "service/LogService.h"
+#include "service/Status.h"
 #include "service/Workers.h"
 #include "sources/AndroidReader.h"
 #include "sources/KernelReader.h"
@@ -39,6 +41,8 @@ struct ServiceParts {
     AndroidReader androidReader;
     Settings settings;
     Workers workers;
+    Status status;
+    LastWords lastWords;
     Comeback comeback;
     Dispatcher dispatcher;
     Lifecycle lifecycle;

@@ -31,6 +31,10 @@ bool isPriorityLetter(char letter) {
     return letter != '\0' && std::strchr(kPriorityLetters, letter) != nullptr;
 }
 
+int letterPriority(char letter) {
+    return ANDROID_LOG_VERBOSE + static_cast<int>(std::strchr(kPriorityLetters, letter) - kPriorityLetters);
+}
+
 char priorityLetter(android_LogPriority priority) {
     if (priority < ANDROID_LOG_VERBOSE || priority > ANDROID_LOG_SILENT)
         return '?';

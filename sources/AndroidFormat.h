@@ -35,6 +35,8 @@ constexpr char kPriorityLetters[] = "vdiwefs";
 
 /** Whether the letter is one of them. */
 bool isPriorityLetter(char letter);
+/** The priority of such a letter. */
+int letterPriority(char letter);
 /** The letter of a priority; '?' when it has none. */
 char priorityLetter(android_LogPriority priority);
 

@@ -29,17 +29,16 @@ class LineSink {
     /** Lines were lost before they came here, at this place of the source. */
     virtual void lost(Loss why, uint32_t lines) = 0;
     /**
-     * A line that would be stored is not put. True when that is so because the storage is full: it is counted
-     * as lost.
+     * Whether a line that would be stored can be put: Stored. Where storing was given up it cannot, and is
+     * counted as lost if it is missed.
      */
-    virtual bool leaveOut(const char*, uint32_t) { return false; }
-    /** Whether a line is to be put, by the switch of its source; one that is missed is counted as lost. */
+    virtual Wish leaveOut(const char*, uint32_t) { return Wish::Stored; }
+    /** What is wanted of a line, by the switch of its source as well. */
     Wish wish(const Flag& toFile, const char* line, uint32_t length) {
         if (toFile)
             return Wish::Stored;
-        if (leaveOut(line, length))
-            return Wish::Missed;
-        return toFile ? Wish::Stored : Wish::NotStored;
+        Wish left = leaveOut(line, length);
+        return left == Wish::Stored && !toFile ? Wish::NotStored : left;
     }
 
   protected:

@@ -91,7 +91,7 @@ SaveStatus Store::append(Batch* batch) {
         logErrno(batch->error);
         return SaveStatus::CutFailed;
     }
-    if (mState.mCurLogSize + batch->left > mState.mLogSectionSize)
+    if (mState.mCurLogSize + batch->left > mOpenSize)
         return appendAndCut(batch);
     return move(batch, batch->left) ? SaveStatus::Saved : SaveStatus::WriteFailed;
 }
@@ -99,8 +99,8 @@ SaveStatus Store::append(Batch* batch) {
 /** Fills the section up, ends it, and puts the rest of the batch into the next one. */
 SaveStatus Store::appendAndCut(Batch* batch) {
     // A file that is over-full already takes the whole batch, so that no batch is cut twice.
-    bool overFull = mState.mCurLogSize > mState.mLogSectionSize;
-    uint32_t room = overFull ? batch->left : mState.mLogSectionSize - mState.mCurLogSize;
+    bool overFull = mState.mCurLogSize > mOpenSize;
+    uint32_t room = overFull ? batch->left : mOpenSize - mState.mCurLogSize;
     if (!move(batch, std::min(room, batch->left)))
         return SaveStatus::WriteFailed; // a section is not ended before it is full
     errno = 0;
@@ -189,6 +189,7 @@ bool Store::openNext() {
         return false;
     mOpenText = sectionText(mState.mCurrentDir, mState.mSliceNum);
     mState.mCurLogSize = static_cast<uint32_t>(end);
+    mOpenSize = mState.mLogSectionSize;
     mState.mLogFd = file.release();
     mWatch.note(mState.mLogServiceDir);
     return true;
@@ -470,6 +471,22 @@ void Store::moveLock(RootLock* taken) {
     }
     mRoot.release();
     mRoot = std::move(*taken);
+}
+
+bool Store::setLimits(int32_t maxMiB, uint32_t sectionBytes) {
+    LockGuard<StorageLock> lock(mLock);
+    mState.mMaxLogSize = maxMiB;
+    mState.mLogSectionSize = sectionBytes;
+    uint32_t half = static_cast<uint32_t>(maxMiB) << 19; // of the bound
+    mState.mLogDeleteSize = std::clamp(mState.mLogDeleteSize, sectionBytes, std::max(half, sectionBytes));
+    if (mCompressPending || !mRoot.isAt(mState.mSavePath)) { // the next cut sees to it
+        mBoundPending = true;
+        return true;
+    }
+    lookAgain();
+    bool held = keepBound();
+    mWatch.note(mState.mLogServiceDir);
+    return held;
 }
 
 // The next three are for commands, which alone change what they read.

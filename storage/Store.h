@@ -106,6 +106,12 @@ class Store final : public BatchTarget {
     const char* awaitedRoot() const;
     /** The root in force; likewise. */
     const char* root() const;
+    /**
+     * Changes the limits of StorageState: the bound in MiB, which is kept at once, and the size of a section
+     * in bytes, from the next section on. The least amount deleted at a time follows where it would not fit
+     * them any more. False, reported, when the stored log stays above the bound for now.
+     */
+    [[nodiscard]] bool setLimits(int32_t maxMiB, uint32_t sectionBytes) VNLOG_EXCLUDES(StorageLock::role);
     /** Whether a folder is the log folder or lies inside it, by way of links as well. */
     bool contains(const char* folder) const;
     /** Whether the path of `target` is one that copyTo takes. These three need no lock: only commands, which
@@ -178,6 +184,7 @@ class Store final : public BatchTarget {
     /// Held as long as the section is open that lies under the root before the present one.
     RootLock mEarlierRoot VNLOG_GUARDED_BY(StorageLock::role);
     Path mOpenText VNLOG_GUARDED_BY(StorageLock::role) = {}; ///< of the open section
+    uint32_t mOpenSize VNLOG_GUARDED_BY(StorageLock::role) = 0; ///< size in bytes at which that is cut
     /// Noted after changes of ours; any other tells that somebody else was there.
     StoreWatch mWatch VNLOG_GUARDED_BY(StorageLock::role);
     /// The root was changed while a section was open.

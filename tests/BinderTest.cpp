@@ -100,10 +100,10 @@ TEST_F(BinderTest, ClientsLearnWhyAndWaitWithoutDescriptors) {
 TEST_F(BinderTest, DamagedRequestsAreRefused) {
     Parcel nothing, foreign;
     foreign.writeInterfaceToken(String16("com.velnora.IOther"));
-    for (uint32_t code : {1, 2, 3})
+    for (uint32_t code : {1, 2, 3, 4})
         EXPECT_TRUE(connect()->transact(code, Parcel(), &nothing) == -1 &&
                     connect()->transact(code, foreign, &nothing) == -1);
-    EXPECT_EQ(connect()->transact(4, Parcel(), &nothing), UNKNOWN_TRANSACTION);
+    EXPECT_EQ(connect()->transact(5, Parcel(), &nothing), UNKNOWN_TRANSACTION);
     EXPECT_TRUE(service->flushes == 0 && service->calls == 0);
     vnlog::FileDescriptor client = connectPacketSocket(path.c_str());
     for (const std::string& packet : {kPing.substr(1), kPing + "more", "2" + kPing.substr(1), kPing}) {

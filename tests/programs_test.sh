@@ -66,9 +66,84 @@ start_host
 cmp "$home/shown" "$root/media/flash/nvm/log.cfg" || fail "the restart changed the configuration"
 stop_host
 
+# --- what happened is told, and the console stops nothing
+fresh_store() {
+    rm -rf "$store" "$root/media/flash/nvm"/log*
+}
+status_of() { # GROUP NAME: a number of STATUS
+    $logset STATUS | sed -n "s/^$1 .*[ ,]$2 \\([0-9-]*\\).*/\\1/p"
+}
+balanced() { # GROUP: at one moment, also under load
+    $logset STATUS | sed -n "s/^$1 .*on yes//p" | tr -d , |
+        awk '{ for (i = 1; i < NF; i += 2) n[$i] = $(i + 1) }
+             END { exit !(n["read"] > 0 && n["read"] == n["filtered"] + n["stored"] + n["refused"] + n["queued"]) }'
+}
+fresh_store
+configure ALOG_FORMAT=raw ALOG_LEVEL=v UART_OUTPUT=y MAX_LOG_SIZE=64
+mkdir -p "$root/sys/fs/pstore" "$home/target"
+printf '<6>second\n<0>panic' >"$root/sys/fs/pstore/dmesg-ramoops-10"
+printf 'first\n' >"$root/sys/fs/pstore/dmesg-ramoops-2"
+touch -d yesterday "$root/sys/fs/pstore"/*
+mkfifo "$home/console"
+exec 8<>"$home/console" # nobody reads
+console=$home/console start_host
+[ "$(head -n 5 "$store/current/log_1.txt")" = "--------- the last words of the kernel, kept in /sys/fs/pstore/dmesg-ramoops-2
+first
+--------- the last words of the kernel, kept in /sys/fs/pstore/dmesg-ramoops-10
+second
+panic" ] && [ -z "$(ls "$root/sys/fs/pstore")" ] || fail "the last words: $(head -n 5 "$store/current/log_1.txt")"
+seq -f 'unread %g' 20000 | $logwrite -t unread -p w --lossless &
+writer=$!
+while kill -0 $writer 2>/dev/null; do balanced android || fail "not balanced: $($logset STATUS)"; done
+wait $writer
+wait_for eval '[ "$(status_of android stored)" -ge 20000 ]'
+$logset flush --WAIT --sync
+[ "$(stored_text | grep -c '^unread ')" = 20000 ] || fail "$(stored_text | grep -c '^unread ') of 20000 lines are stored"
+$logset show >"$home/shown" && grep -q '^ALOG_FORMAT=raw$' "$home/shown" || fail "no answer"
+[ "$(status_of android not\ shown)" -gt 0 ] || fail "$($logset STATUS)"
+timeout 1 cat <&8 >/dev/null || true
+$logwrite -t unread shown
+wait_for eval 'timeout 0.2 cat <&8 | grep -q -- "^--------- [0-9]* lines not shown"'
+expect_status 0 $logset STATUS --json
+grep -q '"works": true' "$home/out" || fail "$(cat "$home/out")"
+expect_status 0 $logset COPY "$home/target"
+files=$(find "$home/target" -type f | wc -l) bytes=$(cat $(find "$home/target" -type f) | wc -c)
+expect_output "$files files, $bytes bytes in '$home/target'" "$home/out"
+grep -q '^unread 20000$' "$home/target/log_service/current"/log_*.txt || fail "the copy lacks what was buffered"
+for wrong in "COPY $home/log.cfg" "COPY $store/current" "STORAGE_PATH /proc" "ALOG_DEL_MODULE unknown"; do
+    expect_status 1 $logset $wrong
+    [ -s "$home/err" ] || fail "'logset $wrong' says nothing"
+done
+expect_output "module 'unknown' is not listed" "$home/err"
+grep -qx "STORAGE_PATH=$root/media/flash/nvm" "$root/media/flash/nvm/log.cfg" || fail "the root was changed"
+for wrong in "ALOG_LEVEL debug" "ALOG_ADD_MODULE ALL_MODULE" "ALOG_ADD_MODULE a:verbose" "FLUSH_INTERVAL 3601" "FLUSH --now"; do
+    expect_status 2 $logset $wrong
+done
+$logset alog_level W && saved ALOG_LEVEL=w
+$logset FLUSH_INTERVAL 1 && saved FLUSH_INTERVAL=1
+$logset MAX_LOG_SIZE 1 && saved MAX_LOG_SIZE=1
+$logset LOG_SECTION_SIZE 128 && saved LOG_DELETE_SIZE=128
+$logwrite -t late -p w "written out by itself"
+wait_for grep -aqx "written out by itself" "$store"/current/log_*.txt
+kill -STOP $hostpid
+expect_status 1 $logset SHOW
+kill -CONT $hostpid
+expect_output "has not answered within 5 seconds" "$home/err"
+exec 8>&-
+mv "$store/current" "$home/current" && : >"$store/current" # nothing can be written any more
+$logwrite -t lost -p f "kept until it can"
+cannot_write() {
+    local status=0
+    $logset STATUS >"$home/out" || status=$?
+    [ $status = 3 ] && grep -q "nothing is stored: the storage cannot be written" "$home/out"
+}
+wait_for cannot_write
+rm "$store/current" && mv "$home/current" "$store/current"
+wait_for grep -aqx "kept until it can" "$store"/current/log_*.txt
+stop_host
+
 # --- two clients and two sources at once: nothing is torn, lost or mixed
-store=$root/media/flash/nvm/log_service
-rm -rf "$store" "$root/media/flash/nvm"/log*
+fresh_store
 configure ALOG_FORMAT=raw ALOG_LEVEL=v UART_OUTPUT=n MAX_LOG_SIZE=64 ALOG_MODULE=ALL_MODULE
 start_host
 entries=$4

@@ -36,7 +36,7 @@ configure() { # KEY=VALUE...: over a store of one MiB that keeps everything
 }
 start_host() {
     : >"$home/host.err" # the redirection below comes in its own time
-    $host --sysroot "$root" --cfg "$home/log.cfg" >"$home/host.out" 2>"$home/host.err" &
+    $host --sysroot "$root" --cfg "$home/log.cfg" >"${console:-$home/host.out}" 2>"$home/host.err" &
     hostpid=$!
     wait_for grep -q "logserviced: devices" "$home/host.err"
 }

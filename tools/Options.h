@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <getopt.h>
+#include <iostream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,7 +19,7 @@ constexpr int kFailure = 1; ///< the thing asked for could not be done
 constexpr int kWrongUsage = 2; ///< it was not asked for in the right way
 
 constexpr option kHelpOption = {"help", no_argument, nullptr, 'h'};
-constexpr option kVersionOption = {"version", no_argument, nullptr, 'v'};
+constexpr option kVersionOption = {"version", no_argument, nullptr, 'V'};
 constexpr option kSysrootOption = {"sysroot", required_argument, nullptr, 's'};
 constexpr option kEndOfOptions = {nullptr, 0, nullptr, 0};
 
@@ -43,6 +44,15 @@ inline int usePath(const char* program, const char* variable, const char* path, 
     return kFailure;
 }
 
+/** Ends standard output: 0, or kFailure, reported, when not all of it could be written. */
+inline int finishOutput(const char* program) {
+    std::cout.flush();
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && std::cout)
+        return 0;
+    std::fprintf(stderr, "%s: cannot write to standard output: %s\n", program, std::strerror(errno));
+    return kFailure;
+}
+
 inline int hintAtHelp(const char* program) {
     std::fprintf(stderr, "Try '%s --help'.\n", program);
     return kWrongUsage;
@@ -54,9 +64,9 @@ inline int commonOption(int choice, const char* program, int (*printHelp)()) {
     switch (choice) {
     case 'h':
         return printHelp();
-    case 'v':
+    case 'V':
         std::printf("%s %s\n", program, VNLOG_VERSION);
-        return 0;
+        return finishOutput(program);
     case 's':
         return usePath(program, vnlog::platform::kSystemRootVariable, optarg, S_IFDIR);
     default: // reported by getopt_long

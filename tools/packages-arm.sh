@@ -15,7 +15,7 @@ need_arm_packages() {
         -o Dir::State::lists="$apt/lists" -o Dir::Cache="$apt/cache"
     apt-get "$@" update >"$apt/log" 2>&1 || true # the download below tells whether a list is missing
     apt-get "$@" install -y --no-install-recommends --download-only zlib1g-dev libdeflate-dev android-liblog-dev \
-        android-libutils-dev libgtest-dev libstdc++-12-dev >>"$apt/log" 2>&1 || {
+        android-libutils-dev libgtest-dev libstdc++-12-dev nlohmann-json3-dev >>"$apt/log" 2>&1 || {
         cat "$apt/log" >&2
         exit 1
     }

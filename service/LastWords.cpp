@@ -1,0 +1,119 @@
+#include "service/LastWords.h"
+
+#include "base/Diagnostics.h"
+#include "base/Handles.h"
+#include "service/Parts.h"
+#include "sources/KernelSplitter.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <tuple>
+#include <unistd.h>
+
+namespace vnlog {
+
+namespace {
+
+constexpr char kPstore[] = "/sys/fs/pstore";
+constexpr char kCompressedEnd[] = ".enc.z"; // what the kernel could not unpack itself
+constexpr uint32_t kTextSize = 8192; // bytes of text held at a time
+constexpr uint32_t kLongestLine = 65536;
+constexpr unsigned kPatienceMs = 30000;
+
+bool beginsWith(const std::string& name, const char* beginning) {
+    return name.compare(0, std::strlen(beginning), beginning) == 0;
+}
+
+bool endsWith(const std::string& name, const char* end) {
+    size_t length = std::strlen(end);
+    return name.size() >= length && name.compare(name.size() - length, length, end) == 0;
+}
+
+} // namespace
+
+void LastWords::store() {
+    if (!mService.mKLogPstore || !mService.mKLogToFile)
+        return;
+    CancelGuard guard;
+    Path folder;
+    formatText(folder.text, "%s%s", mParts.systemRoot.path, kPstore);
+    for (const File& file : find(folder.text)) {
+        if (storeFile(folder.text, file.name))
+            continue;
+        logError("the kernel's last words in %s/%s cannot be stored now and stay there\n", kPstore,
+                 file.name.c_str());
+        return;
+    }
+}
+
+/** The files, in the order in which they were written; those of the same time by their numbers. */
+std::vector<LastWords::File> LastWords::find(const char* folder) const {
+    std::vector<File> files;
+    Folder listing(folder);
+    while (const dirent* entry = listing.valid() ? listing.next() : nullptr) {
+        std::string name = entry->d_name;
+        struct stat info;
+        if ((!beginsWith(name, "dmesg-") && !beginsWith(name, "console-")) ||
+            !listing.examine(entry->d_name, Links::Refused, &info) || !S_ISREG(info.st_mode))
+            continue;
+        if (endsWith(name, kCompressedEnd))
+            logError("%s/%s is compressed and is left alone\n", kPstore, name.c_str());
+        else
+            files.push_back({name, info.st_mtim});
+    }
+    std::sort(files.begin(), files.end(), [](const File& a, const File& b) {
+        auto time = [](const File& file) { return std::tie(file.written.tv_sec, file.written.tv_nsec); };
+        return time(a) != time(b) ? time(a) < time(b) : strverscmp(a.name.c_str(), b.name.c_str()) < 0;
+    });
+    return files;
+}
+
+/** Stores one file and removes it. False when it is not on the medium. */
+bool LastWords::storeFile(const char* folder, const std::string& name) {
+    Path path = entryPath(folder, name.c_str());
+    FileDescriptor file = openOwnFile(path.text, O_RDONLY);
+    if (!file.valid()) {
+        logErrno();
+        return false;
+    }
+    char title[320];
+    formatText(title, "--------- the last words of the kernel, kept in %s/%s\n", kPstore, name.c_str());
+    if (!put(title, std::strlen(title)) || !storeText(file.get()) ||
+        mParts.ring.awaitFlush(mParts.ring.requestFlush(true), kPatienceMs) != FlushOutcome::Done)
+        return false;
+    if (unlink(path.text) == 0)
+        return true;
+    logError("%s is stored, but cannot be removed: the next start stores it again\n", path.text);
+    logErrno();
+    return true;
+}
+
+/** Stores the lines of a text, whatever their level. */
+bool LastWords::storeText(int fd) {
+    Text buffer = allocateText(kTextSize);
+    if (buffer == nullptr)
+        return false;
+    char* bytes = buffer.release();
+    KernelSplitter splitter(&bytes, kTextSize, kLongestLine);
+    KernelLine line;
+    size_t length = 1;
+    bool stored = true;
+    while (stored && length > 0) {
+        if (!readPiece(fd, splitter.chunk(), splitter.room(), &length))
+            break;
+        splitter.add(static_cast<uint32_t>(length));
+        if (length == 0)
+            splitter.end();
+        while (stored && splitter.next(&line))
+            stored = line.length <= 1 || put(line.text, line.length);
+    }
+    buffer.reset(bytes);
+    return stored && length == 0;
+}
+
+bool LastWords::put(const char* text, size_t length) {
+    return mParts.ring.put(text, static_cast<uint32_t>(length)).status == PutStatus::Stored;
+}
+
+} // namespace vnlog
