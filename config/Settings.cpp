@@ -492,7 +492,7 @@ Text Settings::valueRead(const Setting& setting) {
     Stream out(open_memstream(&text, &length));
     if (out == nullptr)
         return nullptr;
-    if (setting.kind == Kind::Root && mState.mSavePath == nullptr)
+    if (setting.kind == Kind::Root && *root() == '\0')
         std::fputs(kDefaultRoot, out.get()); // which the store takes then
     else
         printValue(setting, out.get());
