@@ -1,8 +1,8 @@
 #include "config/Settings.h"
 
 #include "base/Diagnostics.h"
-#include "base/Files.h"
 #include "base/KeyValue.h"
+#include "base/Text.h"
 #include "config/Findings.h"
 #include "config/SettingsFile.h"
 #include "config/SettingsTable.h"
@@ -239,7 +239,7 @@ void Settings::takeOtherwise(const Setting& setting) {
     }
 }
 
-/** Tells what is wrong with a file; of one that only fills in for the first, what it was asked for and has.
+/** Tells what is wrong with a file; of one that fills in for the first, only with values that were asked for.
  */
 void Settings::reportFile(SettingsFile& file, bool first, Findings& findings) {
     if (!file.usable()) {
@@ -274,14 +274,11 @@ void Settings::reportSettingOf(const Setting& setting, const SettingsFile& file,
                      name.text, said.get());
         return;
     }
-    if (setting.kind != Kind::Number) {
-        findings.add(file.path(), line, "%s=%.100s is not %s, %s is used", name.text, said.get(),
-                     setting.expected, instead);
-        return;
-    }
     Range range = setting.range(mState);
-    findings.add(file.path(), line, "%s=%.100s is not in %d to %d, %s is used", name.text, said.get(),
-                 range.minimum, range.maximum, instead);
+    char numbers[48];
+    (void)formatText(numbers, "in %d to %d", range.minimum, range.maximum); // fits
+    findings.add(file.path(), line, "%s=%.100s is not %s, %s is used", name.text, said.get(),
+                 setting.expected != nullptr ? setting.expected : numbers, instead);
 }
 
 void Settings::setRoot(const char* root) {
@@ -306,8 +303,7 @@ bool Settings::parse(const char* path) {
     return true;
 }
 
-/** Applies one key of a file that is parsed. False, after its report, for a condition that ends the parsing.
- */
+/** Applies one key of a file that is parsed. False, after its report, for what ends the parsing. */
 bool Settings::read(const Setting& setting, const SettingsFile& file) {
     Text value = file.value(setting);
     if (value == nullptr && file.lineOf(setting) == 0)
@@ -493,7 +489,7 @@ Text Settings::valueRead(const Setting& setting) {
     Stream out(open_memstream(&text, &length));
     if (out == nullptr)
         return nullptr;
-    if (setting.kind == Kind::Root && mState.mSavePath == nullptr)
+    if (setting.kind == Kind::Root && *root() == '\0')
         std::fputs(kDefaultRoot, out.get()); // which the store takes then
     else
         printValue(setting, out.get());

@@ -19,13 +19,13 @@ constexpr char kSwitchValues[] = "y or n";
 constexpr char kLetters[] = "one of v, d, i, w, e, f and s";
 
 constexpr Setting onOff(const char* key, const char* fallback, Flag S::*flag, Flag S::*second = nullptr) {
-    Setting setting{key, Kind::Switch, kSwitchValues, fallback};
+    Setting setting{key, Kind::Switch, false, kSwitchValues, fallback};
     setting.flag = flag;
     setting.secondFlag = second;
     return setting;
 }
 constexpr Setting givenUp(const char* key, Flag S::*flag) {
-    Setting setting{key, Kind::GivenUp, kSwitchValues};
+    Setting setting{key, Kind::GivenUp, false, kSwitchValues};
     setting.flag = flag;
     return setting;
 }
@@ -35,13 +35,13 @@ constexpr Setting number(const char* key, const Number& number) {
     return setting;
 }
 constexpr Setting priority(const char* key, const char* fallback, const Number& number) {
-    Setting setting{key, Kind::Priority, kLetters, fallback};
+    Setting setting{key, Kind::Priority, false, kLetters, fallback};
     setting.number = number;
     return setting;
 }
 constexpr Setting filterText(const char* key, const char* expected, const char* fallback,
                              const FilterSetting& filter) {
-    Setting setting{key, Kind::FilterText, expected, fallback};
+    Setting setting{key, Kind::FilterText, false, expected, fallback};
     setting.filter = filter;
     return setting;
 }
@@ -114,7 +114,7 @@ const Setting kSettings[kSettingCount] = {
     onOff("UART_OUTPUT=", kYes, &S::mKLogToUart, &S::mALogToUart),
     onOff("NAND_FILE_OUTPUT=", kNo, &S::mKLogToFile, &S::mALogToFile),
     onOff("SAVE_FLUSH_SWITCH=", kNo, &S::mFlushSwitch),
-    {kStorageRootKey, Kind::Root, "a path that can be a storage root"},
+    {kStorageRootKey, Kind::Root, false, "a path that can be a storage root"},
     givenUp("STORAGE_FULL=", &S::mStorageFull),
     number("MAX_LOG_SIZE=", kMaxLogSize),
     number("LOG_SECTION_SIZE=", kSectionSize),
@@ -122,7 +122,7 @@ const Setting kSettings[kSettingCount] = {
     onOff("KLOG_OUTPUT=", kYes, &S::mKLogOutput),
     number("KLOG_LEVEL=", kKernelLevel),
     onOff("ALOG_OUTPUT=", kYes, &S::mALogOutput),
-    {"ALOG_LEVEL=", Kind::Level, kLetters, "d"},
+    {"ALOG_LEVEL=", Kind::Level, false, kLetters, "d"},
     filterText("ALOG_MODULE=", "a list of modules", kAllModules,
                {&S::mModuleCfg, "fail to malloc module cfg buf!\n", &Filter::printModules, judgeModules}),
     filterText(

@@ -62,13 +62,13 @@ struct FilterSetting {
 struct Setting {
     const char* key; ///< with the "="
     Kind kind;
+    bool optional = false; ///< written only where it was set
     const char* expected = nullptr; ///< what a value is to be, for people; a number has a range for that
     const char* fallback = nullptr; ///< instead of a missing environment variable
     Flag ServiceState::*flag = nullptr;
     Flag ServiceState::*secondFlag = nullptr;
     Number number{};
     FilterSetting filter{};
-    bool optional = false; ///< written only where it was set
 
     /** Whether a file without the key is as good as one with it. */
     bool mayBeMissing() const { return optional || kind == Kind::GivenUp; }

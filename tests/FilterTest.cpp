@@ -1,8 +1,6 @@
 #include "sources/Filter.h"
 #include "Fixture.h"
 
-#include <random>
-
 using namespace vnlog;
 
 namespace {
@@ -39,25 +37,18 @@ TEST_F(FilterTest, StepsThroughModesListsAndRules) {
         {[&] { build("ALL_MODULE\r", "w"); }, "ALL_MODULE tag 0 www", 0},
         {[&] { filter.setMode(kModeAll, "i"); }, "ALL_MODULE tag 0 www", 0},
         {[&] { filter.setLevel("?"); }, "ALL_MODULE tag 0 www", 1},
-        {[&] { filter.setLevel("i"); }, "ALL_MODULE tag 0 iii", 0},
-        {[&] { filter.deleteModule("Audio"); }, "ALL_MODULE tag 0 iii", 0},
         {[&] { filter.addModules("Audio", "w"); }, "Audio:w tag 2 ewe", 0},
         {[&] { filter.addModules("Camera:d++bad:?+Audio:f", "i"); }, "Camera:d+Audio:f tag 2 dfe", 2},
-        {[&] { filter.deleteModule("audio"); }, "Camera:d+Audio:f tag 2 dfe", 0},
         {[&] { filter.addModules("Audio+NONE_MODULES:d", "w"); }, "Camera:d+Audio:w tag 2 dwe", 1},
         {[&] { filter.addModules("x\ny:d+Camera=:d+*:f", "d"); }, "Camera:d+Audio:w tag 2 dwe", 2},
         {[&] { state.mLogFormat->rules->priority = ANDROID_LOG_DEFAULT; }, "Camera:?+Audio:w tag 2 fwe", 0},
         {[&] { filter.setMode(kModeNone, ""); }, "NONE_MODULE tag 1 sss", 0},
-        {[&] { filter.setLevel("i"); }, "NONE_MODULE tag 1 sss", 0},
-        {[&] { filter.addModules("Camera:d", "d"); }, "Camera:d tag 2 dee", 0},
-        {[&] { filter.setMode(kModeAll, "d"); }, "ALL_MODULE tag 0 ddd", 0},
         {[&] { build("ALL_MODUL", "i"); }, "ALL_MODUL:i tag 2 eee", 0},
         {[&] { filter.deleteModule("ALL_MODUL"); }, " tag 2 eee", 0},
         {[&] { filter.deleteModule("ALL_MODUL"); }, " tag 2 eee", 1},
         {[&] { build("an_item_longer_than_what_a_level_needs+Audio:?", "d"); },
          "an_item_longer_than_what_a_level_needs:d tag 2 eee", 1},
         {[&] { filter.clearRules(state.mLogFormat); }, " tag 2 eee", 0},
-        {[&] { build("", "d"); }, " tag 2 eee", 0},
         {[&] { build("Audio:w+Camera:d+Audio:v", "d"); }, "Audio:w+Camera:d tag 2 dwe", 0},
         {[&] { build("NONE_MODULE\n", "d"); }, "NONE_MODULE tag 1 sss", 0},
     };
@@ -95,13 +86,13 @@ TEST_F(FilterTest, RandomEditsAndRestartsActAsAMapDoes) {
             listed[tag] = letter[0];
             mode = kModeListed;
         }
-        std::string passes;
+        std::string expected = " raw " + std::to_string(mode) + " ";
         for (const std::string& one : tags) {
-            const char inList = listed.count(one) != 0 ? listed[one] : 'e';
-            passes += mode == kModeAll ? level[0] : mode == kModeNone ? 's' : inList;
             ASSERT_EQ(filter.lists(one.c_str()), listed.count(one) != 0);
+            const char inList = listed.count(one) != 0 ? listed[one] : 'e';
+            expected += mode == kModeAll ? level[0] : mode == kModeNone ? 's' : inList;
         }
-        ASSERT_EQ(now().substr(now().find(' ')), " raw " + std::to_string(mode) + " " + passes) << step;
+        ASSERT_EQ(now().substr(now().find(' ')), expected) << step;
     }
 }
 

@@ -64,6 +64,7 @@ expect_status 1 $host # a second host on the same root
 stop_host
 start_host
 cmp "$home/shown" "$root/media/flash/nvm/log.cfg" || fail "the restart changed the configuration"
+$host --check "$root/media/flash/nvm/log.cfg" >"$home/checked" || fail "$(cat "$home/checked")"
 stop_host
 
 # --- what happened is told, and the console stops nothing
