@@ -72,9 +72,7 @@ int openDescriptors() {
 void starveOfDescriptors(bool on) {
     rlimit limit{};
     (void)getrlimit(RLIMIT_NOFILE, &limit);
-    int free = open("/dev/null", O_RDONLY);
-    close(free);
-    limit.rlim_cur = on ? static_cast<rlim_t>(free) + 1 : limit.rlim_max;
+    limit.rlim_cur = on ? static_cast<rlim_t>(vnlog::FileDescriptor(dup(0)).get()) + 1 : limit.rlim_max;
     (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 

@@ -27,7 +27,7 @@ for wrong in "" "NOPE" "KLOG_LEVEL" "UART_OUTPUT yes" "ALOG_ADD_MODULE a++b" "AL
 done
 expect_status 2 $logset KLOG_LEVEL 8
 expect_output "1~7" "$home/err"
-for wrong in "" "text" "-t tag -p x text" "-t tag -b radio text" "--replay x -t y" "--replay x --year 1"; do
+for wrong in "" "text" "-t tag -p x text" "-t tag -b radio text" "--replay x -t y" "--replay x --year 1" "-t $(printf %05100d 0) x"; do
     expect_status 2 $logwrite $wrong
 done
 
@@ -56,8 +56,9 @@ $logset COPY "$home/other"
 expect_status 1 $logset STORAGE_PATH no/such/place
 $logset STORAGE_PATH "$home/other" && saved "STORAGE_PATH=$home/other"
 $logset FLUSH_SWITCH y
-printf 'first\nsecond\n' | $logwrite -b system -t one -p e
+printf 'first\n%0100000d\nsecond\n' 0 | $logwrite -b system -t one -p e 2>/dev/null
 wait_for grep -aqx second "$home/host.out"
+grep -aqx '0* \[cut: 94945 bytes more\]' "$home/host.out" || fail "a long line does not say what it lacks"
 $logset SHOW >"$home/shown"
 cmp "$home/shown" "$root/media/flash/nvm/log.cfg" || fail "SHOW prints something else"
 expect_status 1 $host # a second host on the same root
