@@ -42,7 +42,7 @@ int64_t clockOffset() {
 
 /** In the form of ISO 8601, with the offset of the zone. */
 std::string localTime() {
-    time_t now = time(nullptr);
+    auto now = static_cast<time_t>(secondsOf(CLOCK_REALTIME));
     tm parts{};
     char text[40];
     localtime_r(&now, &parts);
@@ -183,11 +183,19 @@ void RunList::begin(const char* logs, uint32_t newest, uint32_t archived, const 
         replace(logs, found.kept + text);
 }
 
+/** A line about the present run, and about now. */
+RunLine RunList::lineNow(const char* event) const {
+    RunLine line;
+    line[RunKey::Run] = mStart[RunKey::Run];
+    line[RunKey::Event] = event;
+    line[RunKey::Time] = localTime();
+    line[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    return line;
+}
+
 void RunList::describeStart() {
     mOffset = clockOffset();
-    mStart[RunKey::Event] = kRunStart;
-    mStart[RunKey::Time] = localTime();
-    mStart[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    mStart = lineNow(kRunStart);
     mStart[RunKey::Boot] = bootId(mSystemRoot.path);
     mStart[RunKey::Version] = VNLOG_VERSION;
     mStart[RunKey::Build] = word(std::getenv("VNLOG_BUILD_ID"));
@@ -198,11 +206,7 @@ void RunList::end(const char* logs, const char* how) {
         return;
     Aside aside;
     watchClock(logs);
-    RunLine line;
-    line[RunKey::Run] = mStart[RunKey::Run];
-    line[RunKey::Event] = kRunEnd;
-    line[RunKey::Time] = localTime();
-    line[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    RunLine line = lineNow(kRunEnd);
     line[RunKey::How] = how;
     append(logs, printRunLine(line));
     if (std::strcmp(how, kRunMoved) != 0)
@@ -215,11 +219,7 @@ void RunList::watchClock(const char* logs) {
     if (!begun() || std::abs(step) < kLeastStep)
         return;
     Aside aside;
-    RunLine line;
-    line[RunKey::Run] = mStart[RunKey::Run];
-    line[RunKey::Event] = kRunStep;
-    line[RunKey::Time] = localTime();
-    line[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    RunLine line = lineNow(kRunStep);
     line[RunKey::Step] = std::to_string(step);
     append(logs, printRunLine(line));
 }

@@ -202,7 +202,7 @@ class PowerCutTest : public FolderTest {
         const StorageState& state = started.state;
         for (auto& entry : fs::recursive_directory_iterator(state.mLogServiceDir))
             EXPECT_TRUE(entry.is_directory() || entry.path().extension() == ".gz" ||
-                        entry.path().filename().string().rfind("runs.txt", 0) == 0)
+                        entry.path().parent_path() == state.mLogServiceDir)
                 << entry.path();
         std::vector<uint32_t> lines = linesIn(storedText(state.mLogServiceDir));
         EXPECT_TRUE(std::is_sorted(lines.begin(), lines.end()));
