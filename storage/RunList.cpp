@@ -96,7 +96,7 @@ std::string printRunLine(const RunLine& line) {
     for (size_t key = 0; key < kRunKeys; ++key)
         if (!line.values[key].empty())
             text += (text.empty() ? "" : " ") + std::string(kKeys[key]) + "=" + line.values[key];
-    return text + "\n";
+    return text;
 }
 
 bool parseRunLine(std::string_view text, RunLine* line) {
@@ -111,7 +111,7 @@ bool parseRunLine(std::string_view text, RunLine* line) {
         at = end + 1;
     }
     // That alone is whole which is printed like this.
-    return line->number(RunKey::Run) > 0 && printRunLine(*line) == whole + "\n" &&
+    return line->number(RunKey::Run) > 0 && printRunLine(*line) == whole &&
            std::find(std::begin(kEvents), std::end(kEvents), (*line)[RunKey::Event]) != std::end(kEvents) &&
            std::all_of(whole.begin(), whole.end(), [](unsigned char c) { return c >= ' ' && c != 0x7f; });
 }
@@ -170,13 +170,13 @@ void RunList::begin(const char* logs, uint32_t newest, uint32_t archived, const 
         line[RunKey::Event] = kRunArchived;
         line[RunKey::How] = event == kRunEnd ? found.last[RunKey::How] : kRunNoEnd;
         line[RunKey::Archived] = std::to_string(archived);
-        text = printRunLine(line);
+        text = printRunLine(line) + "\n";
     }
     if (from == nullptr)
         describeStart();
     mStart[RunKey::Run] = std::to_string((last > 0 ? last : newest) + 1);
     mStart[RunKey::From] = from != nullptr ? from : "";
-    text += printRunLine(mStart);
+    text += printRunLine(mStart) + "\n";
     if (found.whole)
         append(logs, text);
     else
@@ -208,7 +208,7 @@ void RunList::end(const char* logs, const char* how) {
     watchClock(logs);
     RunLine line = lineNow(kRunEnd);
     line[RunKey::How] = how;
-    append(logs, printRunLine(line));
+    append(logs, printRunLine(line) + "\n");
     if (std::strcmp(how, kRunMoved) != 0)
         forget();
 }
@@ -221,7 +221,7 @@ void RunList::watchClock(const char* logs) {
     Aside aside;
     RunLine line = lineNow(kRunStep);
     line[RunKey::Step] = std::to_string(step);
-    append(logs, printRunLine(line));
+    append(logs, printRunLine(line) + "\n");
 }
 
 void RunList::trim(const char* logs) {

@@ -35,9 +35,9 @@ struct RunLine {
     uint32_t number(RunKey key) const;
 };
 
-/** The line as key=value pairs with a line end. */
+/** The line as key=value pairs, without a line end. */
 std::string printRunLine(const RunLine& line);
-/** The inverse, without the line end. False for what is no whole line of ours. */
+/** The inverse. False for what is no whole line of ours. */
 [[nodiscard]] bool parseRunLine(std::string_view text, RunLine* line);
 
 /**

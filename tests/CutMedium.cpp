@@ -8,15 +8,10 @@
 
 std::atomic<CutMedium*> CutMedium::recording{nullptr};
 
-/** The list of runs is left out: it changes with the time, and nothing depends on it. */
-static bool leftOut(const std::string& name) {
-    return name.rfind(vnlog::kRunListFile, 0) == 0;
-}
-
 Image readImage(const std::string& folder) {
     Image image;
     for (auto& entry : fs::recursive_directory_iterator(folder))
-        if (!leftOut(entry.path().filename()))
+        if (entry.path().filename().string().rfind("runs", 0) != 0) // the list, which nothing depends on
             image[entry.path().string().substr(folder.size() + 1)] =
                 entry.is_directory() ? std::nullopt : std::optional(readFile(entry.path()));
     return image;
@@ -77,7 +72,7 @@ bool CutMedium::look(const std::string& path, bool moved) {
         now.bytes = readFile(path);
     vnlog::Folder folder(mInodes[inode].folder ? path.c_str() : "");
     while (const dirent* entry = folder.valid() ? folder.next() : nullptr) {
-        if (leftOut(entry->d_name))
+        if (std::strncmp(entry->d_name, "runs", 4) == 0)
             continue;
         if (!moved &&
             last.names.count(entry->d_name) == 0) { // it was made, if with the number of an older one

@@ -17,10 +17,10 @@
 Faults faults;
 
 void Faults::disarm() {
-    for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &interruptedReads,
-                           &wholeReads, &interruption, &reads, &selects})
+    for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &clockStep,
+                           &interruptedReads, &wholeReads, &interruption, &reads, &selects})
         *number = 0;
-    threadsUntilError = semaphoresUntilError = entriesUntilError = stepsUntilError = clock = -1;
+    threadsUntilError = semaphoresUntilError = entriesUntilError = stepsUntilError = -1;
     writeErrors = INT_MAX;
     failAllocationsFrom = SIZE_MAX;
     freeBytes = -1;
@@ -189,10 +189,9 @@ WRAP(int, statvfs64, (const char* path, struct statvfs64* info)) {
 }
 
 WRAP(int, clock_gettime, (clockid_t clock, timespec* now)) {
-    if (faults.clock < 0 || (clock != CLOCK_REALTIME && clock != CLOCK_BOOTTIME))
-        return REAL(clock_gettime)(clock, now);
-    *now = {clock == CLOCK_REALTIME ? faults.clock.load() : 0, 0};
-    return 0;
+    int result = REAL(clock_gettime)(clock, now);
+    now->tv_sec += clock == CLOCK_REALTIME ? faults.clockStep.load() : 0;
+    return result;
 }
 
 WRAP(int, sem_clockwait, (sem_t * semaphore, clockid_t clock, const timespec* end)) {

@@ -20,7 +20,7 @@ struct Faults {
     Number writeErrors{INT_MAX}; ///< with writeError: how many fail
     Number shortWrite{0}; ///< bytes that the next write takes at most, once
     Number writeDelayUs{0}; ///< a slow medium
-    Number clock{-1}; ///< what the wall clock says, soon after the boot; -1 for the truth
+    Number clockStep{0}; ///< seconds by which the wall clock was set
     std::atomic<bool> unwatched{false}; ///< the kernel watches no folders
     std::atomic<bool> archivesWait{false}; ///< one whose syncs of archives last as long as this is set
     // How many still work until one fails, -1 for all:
