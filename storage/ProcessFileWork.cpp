@@ -194,6 +194,7 @@ bool ProcessFileWork::copyTree(const char* from, const char* into, CopyTotals* t
     FileDescriptor target = openFile(into, O_RDONLY | O_DIRECTORY);
     Text buffer = target.valid() ? allocateText(kPiece) : nullptr;
     Steps steps;
+    *totals = {};
     steps.add(buffer != nullptr);
     if (buffer != nullptr) {
         TreeCopy copy(buffer.get());

@@ -42,7 +42,7 @@ int64_t clockOffset() {
 
 /** In the form of ISO 8601, with the offset of the zone. */
 std::string localTime() {
-    time_t now = time(nullptr);
+    auto now = static_cast<time_t>(secondsOf(CLOCK_REALTIME));
     tm parts{};
     char text[40];
     localtime_r(&now, &parts);
@@ -96,7 +96,7 @@ std::string printRunLine(const RunLine& line) {
     for (size_t key = 0; key < kRunKeys; ++key)
         if (!line.values[key].empty())
             text += (text.empty() ? "" : " ") + std::string(kKeys[key]) + "=" + line.values[key];
-    return text + "\n";
+    return text;
 }
 
 bool parseRunLine(std::string_view text, RunLine* line) {
@@ -111,7 +111,7 @@ bool parseRunLine(std::string_view text, RunLine* line) {
         at = end + 1;
     }
     // That alone is whole which is printed like this.
-    return line->number(RunKey::Run) > 0 && printRunLine(*line) == whole + "\n" &&
+    return line->number(RunKey::Run) > 0 && printRunLine(*line) == whole &&
            std::find(std::begin(kEvents), std::end(kEvents), (*line)[RunKey::Event]) != std::end(kEvents) &&
            std::all_of(whole.begin(), whole.end(), [](unsigned char c) { return c >= ' ' && c != 0x7f; });
 }
@@ -170,24 +170,32 @@ void RunList::begin(const char* logs, uint32_t newest, uint32_t archived, const 
         line[RunKey::Event] = kRunArchived;
         line[RunKey::How] = event == kRunEnd ? found.last[RunKey::How] : kRunNoEnd;
         line[RunKey::Archived] = std::to_string(archived);
-        text = printRunLine(line);
+        text = printRunLine(line) + "\n";
     }
     if (from == nullptr)
         describeStart();
     mStart[RunKey::Run] = std::to_string((last > 0 ? last : newest) + 1);
     mStart[RunKey::From] = from != nullptr ? from : "";
-    text += printRunLine(mStart);
+    text += printRunLine(mStart) + "\n";
     if (found.whole)
         append(logs, text);
     else
         replace(logs, found.kept + text);
 }
 
+/** A line about the present run, and about now. */
+RunLine RunList::lineNow(const char* event) const {
+    RunLine line;
+    line[RunKey::Run] = mStart[RunKey::Run];
+    line[RunKey::Event] = event;
+    line[RunKey::Time] = localTime();
+    line[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    return line;
+}
+
 void RunList::describeStart() {
     mOffset = clockOffset();
-    mStart[RunKey::Event] = kRunStart;
-    mStart[RunKey::Time] = localTime();
-    mStart[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    mStart = lineNow(kRunStart);
     mStart[RunKey::Boot] = bootId(mSystemRoot.path);
     mStart[RunKey::Version] = VNLOG_VERSION;
     mStart[RunKey::Build] = word(std::getenv("VNLOG_BUILD_ID"));
@@ -198,13 +206,9 @@ void RunList::end(const char* logs, const char* how) {
         return;
     Aside aside;
     watchClock(logs);
-    RunLine line;
-    line[RunKey::Run] = mStart[RunKey::Run];
-    line[RunKey::Event] = kRunEnd;
-    line[RunKey::Time] = localTime();
-    line[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    RunLine line = lineNow(kRunEnd);
     line[RunKey::How] = how;
-    append(logs, printRunLine(line));
+    append(logs, printRunLine(line) + "\n");
     if (std::strcmp(how, kRunMoved) != 0)
         forget();
 }
@@ -215,13 +219,9 @@ void RunList::watchClock(const char* logs) {
     if (!begun() || std::abs(step) < kLeastStep)
         return;
     Aside aside;
-    RunLine line;
-    line[RunKey::Run] = mStart[RunKey::Run];
-    line[RunKey::Event] = kRunStep;
-    line[RunKey::Time] = localTime();
-    line[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
+    RunLine line = lineNow(kRunStep);
     line[RunKey::Step] = std::to_string(step);
-    append(logs, printRunLine(line));
+    append(logs, printRunLine(line) + "\n");
 }
 
 void RunList::trim(const char* logs) {

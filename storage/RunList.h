@@ -2,6 +2,7 @@
 
 #include "platform/sysroot/SystemRoot.h"
 
+#include <array>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -26,7 +27,7 @@ constexpr char kRunNoEnd[] = "no_end"; ///< a crash or a power cut
 
 /** A line of the list: values without blanks and control characters, empty where the line has none. */
 struct RunLine {
-    std::string values[kRunKeys];
+    std::array<std::string, kRunKeys> values;
 
     std::string& operator[](RunKey key) { return values[static_cast<size_t>(key)]; }
     const std::string& operator[](RunKey key) const { return values[static_cast<size_t>(key)]; }
@@ -34,9 +35,9 @@ struct RunLine {
     uint32_t number(RunKey key) const;
 };
 
-/** The line as key=value pairs with a line end. */
+/** The line as key=value pairs, without a line end. */
 std::string printRunLine(const RunLine& line);
-/** The inverse, without the line end. False for what is no whole line of ours. */
+/** The inverse. False for what is no whole line of ours. */
 [[nodiscard]] bool parseRunLine(std::string_view text, RunLine* line);
 
 /**
@@ -66,6 +67,7 @@ class RunList {
   private:
     struct Found;
     Found read(const char* logs);
+    RunLine lineNow(const char* event) const;
     void describeStart();
     void append(const char* logs, const std::string& text);
     void replace(const char* logs, const std::string& text);

@@ -76,6 +76,7 @@ bool ShellFileWork::copyTree(const char* from, const char* into, CopyTotals* tot
     bool done = canCopy(from, into) && (copyOnce(from, into, copy.text, Newer::Present) ||
                                         copyOnce(from, into, copy.text, Newer::Exempt));
     int error = errno;
+    *totals = {};
     addUpTree(AT_FDCWD, copy.text, totals);
     errno = error;
     return reported(done, "copy", from);

@@ -426,8 +426,8 @@ RootChangeStatus Store::changeRoot(const char* root) {
 }
 
 RootChangeStatus Store::prepareAndMove(const char* root) {
-    if (mRoot.isAt(root)) // by another path
-        return mRootChange.rename(root) ? RootChangeStatus::Done : RootChangeStatus::NotPrepared;
+    if (mRoot.isAt(root))
+        return renameRoot(root);
     const bool back = mEarlierRoot.isAt(root); // where the open section is: it is closed off with its run
     RootLock taken;
     RootLock::Status locked = back ? RootLock::Status::Held : taken.take(root);
@@ -453,6 +453,16 @@ RootChangeStatus Store::prepareAndMove(const char* root) {
     mBoundPending = mCompressPending = mFinishRetried = false; // a section that was cut stays where it is
     mTakeOverPending = false;
     mWatch.note(mState.mLogServiceDir);
+    return RootChangeStatus::Done;
+}
+
+/** Goes on in the same folder, which has another path. */
+RootChangeStatus Store::renameRoot(const char* root) {
+    if (!mRootChange.rename(root))
+        return RootChangeStatus::NotPrepared;
+    if (mState.mLogFd >= 0 && !mRootChanged)
+        mOpenText = sectionText(mState.mCurrentDir, mState.mSliceNum);
+    lookAgain();
     return RootChangeStatus::Done;
 }
 

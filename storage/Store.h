@@ -165,6 +165,7 @@ class Store final : public BatchTarget {
     void closeText() VNLOG_REQUIRES(StorageLock::role);
     void syncAndClose() VNLOG_REQUIRES(StorageLock::role);
     RootChangeStatus prepareAndMove(const char* root) VNLOG_REQUIRES(StorageLock::role);
+    RootChangeStatus renameRoot(const char* root) VNLOG_REQUIRES(StorageLock::role);
     void moveLock(RootLock* taken) VNLOG_REQUIRES(StorageLock::role);
     void lookAgain() VNLOG_REQUIRES(StorageLock::role);
     const char* logFolder() const;

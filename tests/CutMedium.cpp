@@ -11,8 +11,9 @@ std::atomic<CutMedium*> CutMedium::recording{nullptr};
 Image readImage(const std::string& folder) {
     Image image;
     for (auto& entry : fs::recursive_directory_iterator(folder))
-        image[entry.path().string().substr(folder.size() + 1)] =
-            entry.is_directory() ? std::nullopt : std::optional(readFile(entry.path()));
+        if (entry.path().filename().string().rfind("runs", 0) != 0) // the list, which nothing depends on
+            image[entry.path().string().substr(folder.size() + 1)] =
+                entry.is_directory() ? std::nullopt : std::optional(readFile(entry.path()));
     return image;
 }
 
@@ -71,6 +72,8 @@ bool CutMedium::look(const std::string& path, bool moved) {
         now.bytes = readFile(path);
     vnlog::Folder folder(mInodes[inode].folder ? path.c_str() : "");
     while (const dirent* entry = folder.valid() ? folder.next() : nullptr) {
+        if (std::strncmp(entry->d_name, "runs", 4) == 0)
+            continue;
         if (!moved &&
             last.names.count(entry->d_name) == 0) { // it was made, if with the number of an older one
             mKnown[entry->d_ino] = mInodes.size();

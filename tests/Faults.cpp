@@ -17,8 +17,8 @@
 Faults faults;
 
 void Faults::disarm() {
-    for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &interruptedReads,
-                           &clockStep, &wholeReads, &interruption, &reads, &selects})
+    for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &clockStep,
+                           &interruptedReads, &wholeReads, &interruption, &reads, &selects})
         *number = 0;
     threadsUntilError = semaphoresUntilError = entriesUntilError = stepsUntilError = -1;
     writeErrors = INT_MAX;

@@ -217,52 +217,39 @@ TEST_F(LifecycleTest, StoringComesBackWithRoomAndItsFirstLineTellsWhatWasLost) {
               std::string::npos);
 }
 
+/** Not prepared, not written to, or configured and missing, with the default one there and not. */
 TEST_F(LifecycleTest, StorageThatCannotBeUsedAtTheStartIsUsedOnceItCan) {
-    for (bool unwritable : {false, true}) {
-        configure();
-        fs::remove_all(logs);
-        fs::remove(root + "/log_storage.dat");
-        faults.writesUntilError = 2; // console level and settings
-        faults.writeError = unwritable ? EIO : 0;
-        if (!unwritable)
+    const std::string stick = home + "/stick", text(70000, 'x');
+    for (int harm = 0; harm < 4; ++harm) {
+        const bool blocked = harm == 0 || harm == 3, missing = harm > 1, early = harm == 2;
+        const std::string line = "STORAGE_PATH=" + (missing ? stick : root) + "\n";
+        configure(line);
+        for (const std::string& found : {logs, root + "/log_storage.dat", stick})
+            fs::remove_all(found);
+        faults.writesUntilError = 2; // console level and list of runs
+        faults.writeError = harm == 1 ? EIO : 0;
+        if (blocked)
             writeFile(logs, "in the way");
         faults.skipPauses = true;
         start(true, true, false);
-        EXPECT_TRUE(!service().mFlushThreadRunning && !service().mKLogThreadRunning);
+        EXPECT_TRUE(service().mFlushThreadRunning == early && service().mKLogThreadRunning == early);
         EXPECT_TRUE(eventually([] { return faults.pauses().size() > 2; }));
-        faults.writeError = 0;
-        if (!unwritable)
-            fs::remove(logs);
-        ASSERT_TRUE(eventually([&] { return service().mKLogThreadRunning.load(); }));
-        feed("<3>late\n");
-        stop();
-        EXPECT_EQ(stored(), "late\n");
-        faults.disarm();
-    }
-}
-
-TEST_F(LifecycleTest, ConfiguredRootThatCannotBeOpenedIsUsedOnceItCan) {
-    const std::string text(70000, 'x');
-    faults.skipPauses = true;
-    for (bool prepared : {true, false}) { // the default one
-        const std::string stick = home + (prepared ? "/stick" : "/stick2");
-        configure("STORAGE_PATH=" + stick);
-        if (!prepared)
-            writeFile(logs, "in the way");
-        start(true, true, false);
-        EXPECT_TRUE(logged("STORAGE_PATH(" + stick + ") can not open\n") && service().mSavePath == root);
-        EXPECT_TRUE(prepared == service().mKLogThreadRunning && (!prepared || (put("early\n") && flush())));
+        EXPECT_TRUE(!early || (put("early\n") && flush()));
         EXPECT_EQ(service().logCMD(CMD_STORAGE_PATH, "/proc"), -1) << "which changes nothing";
-        EXPECT_EQ(service().logCMD(CMD_KLOG_LEVEL, "5"), 0);
-        EXPECT_NE(readFile(cfg).find("STORAGE_PATH=" + stick + "\n"), std::string::npos);
-        makeFolder(stick);
-        EXPECT_TRUE(eventually([&] { return logged("[" + stick + "] can be used now;"); }));
-        EXPECT_TRUE(eventually([&] { return service().mKLogThreadRunning.load(); }) && put(text));
+        EXPECT_LT(readFile(cfg).find(line), 200U);
+        faults.writeError = 0;
+        if (missing)
+            makeFolder(stick);
+        else if (blocked)
+            fs::remove(logs);
+        EXPECT_TRUE(!missing ||
+                    eventually([&] { return loggedTimes("stick] can be used now") == harm - 1; }));
+        ASSERT_TRUE(eventually([&] { return service().mKLogThreadRunning.load(); }) && put(text));
         stop();
-        EXPECT_EQ(stored() + storedText(stick + "/log_service"), (prepared ? "early\n" : "") + text);
-        EXPECT_NE(storedText(stick + "/log_service"), "");
-        EXPECT_NE(readFile(cfg).find("STORAGE_PATH=" + stick + "\n"), std::string::npos);
-        fs::remove_all(logs);
+        const std::string moved = storedText(stick + "/log_service");
+        EXPECT_TRUE(stored() + moved == (early ? "early\n" : "") + text && moved.empty() == !missing);
+        EXPECT_LT(readFile(cfg).find(line), 200U);
+        faults.disarm();
     }
 }
 
