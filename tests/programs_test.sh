@@ -78,7 +78,7 @@ status_of() { # GROUP NAME: a number of STATUS
 balanced() { # GROUP: at one moment, also under load
     $logset STATUS | sed -n "s/^$1 .*on yes//p" | tr -d , |
         awk '{ for (i = 1; i < NF; i += 2) n[$i] = $(i + 1) }
-             END { exit !(n["read"] > 0 && n["read"] == n["filtered"] + n["stored"] + n["refused"] + n["queued"]) }'
+             END { exit !(n["read"] == n["filtered"] + n["stored"] + n["refused"] + n["queued"]) }'
 }
 fresh_store
 configure ALOG_FORMAT=raw ALOG_LEVEL=v UART_OUTPUT=y MAX_LOG_SIZE=64
