@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <sched.h>
 
 namespace vnlog {
 
@@ -40,7 +41,9 @@ uint32_t countLines(const char* text, uint32_t length) {
 void Losses::add(Loss why, uint32_t lines) {
     auto reason = static_cast<uint32_t>(why);
     mTotal[reason] += lines;
+    ++mAdding; // before the look at the book, which stays until it is back
     mBook.load()->counted[reason] += lines;
+    --mAdding;
 }
 
 uint32_t Losses::untold(Loss why) const {
@@ -50,19 +53,25 @@ uint32_t Losses::untold(Loss why) const {
 }
 
 void Losses::attach(LossBook* book, uint32_t side) {
-    for (uint32_t reason = 0; reason < kLossReasons; ++reason)
-        book->counted[reason] += untold(static_cast<Loss>(reason));
     mSide = side;
     mBook = book;
+    awaitAdders();
+    for (uint32_t reason = 0; reason < kLossReasons; ++reason)
+        book->counted[reason] += mOwn.counted[reason].exchange(0);
 }
 
 void Losses::detach(bool keep) {
-    for (uint32_t reason = 0; reason < kLossReasons; ++reason) {
-        mOwn.counted[reason] = keep ? untold(static_cast<Loss>(reason)) : 0;
-        mOwn.told[0][reason] = 0;
-    }
-    mSide = 0;
-    mBook = &mOwn;
+    const LossBook* book = mBook.exchange(&mOwn);
+    awaitAdders();
+    uint32_t side = mSide.exchange(0);
+    for (uint32_t reason = 0; keep && reason < kLossReasons; ++reason)
+        mOwn.counted[reason] += book->counted[reason] - book->told[side][reason];
+}
+
+/** Waits until nobody adds to the book from before, which takes a few instructions. */
+void Losses::awaitAdders() const {
+    while (mAdding != 0)
+        sched_yield();
 }
 
 void Losses::write(LossLines* lines) const {

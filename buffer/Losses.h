@@ -54,10 +54,9 @@ class Losses {
 
     // --- for the ring
 
-    /** Keeps the counts in `book` from now on, of which `side` is in force, and adds those from before.
-     * Nobody adds meanwhile. */
+    /** Keeps the counts in `book` from now on, of which `side` is in force, and adds those from before. */
     void attach(LossBook* book, uint32_t side);
-    /** Ends that; with `keep` the untold ones go on to be counted here. Nobody adds meanwhile. */
+    /** Ends that, and with it the use of the book; with `keep` its untold ones are counted here. */
     void detach(bool keep);
 
     // With the ring's lock held:
@@ -71,8 +70,11 @@ class Losses {
     uint32_t side() const { return mSide; }
 
   private:
+    void awaitAdders() const;
+
     std::atomic<uint32_t> mTotal[kLossReasons]{};
-    LossBook mOwn{};
+    std::atomic<uint32_t> mAdding{0}; ///< threads that may be writing to a book
+    LossBook mOwn{}; ///< of which nothing is told
     std::atomic<LossBook*> mBook{&mOwn};
     std::atomic<uint32_t> mSide{0};
 };

@@ -81,7 +81,7 @@ class Ring {
      * counts.
      */
     void release();
-    /** Closes the memory of a ring without a record; nobody puts or counts lost lines meanwhile. */
+    /** Closes the memory of a ring without a record; lost lines can be counted all the time. */
     void closeMemory();
     /** Whether what is buffered outlives the process. Not while memory is opened or closed. */
     bool persistent() const { return mMemory.persistent(); }

@@ -104,7 +104,7 @@ bool parseRunLine(std::string_view text, RunLine* line) {
     std::string whole(text);
     for (size_t at = 0; at <= text.size();) {
         size_t end = std::min(text.find(' ', at), text.size()), sign = std::min(text.find('=', at), end);
-        auto key = std::find(kKeys, kKeys + kRunKeys, text.substr(at, sign - at)) - kKeys;
+        auto key = static_cast<size_t>(std::find(kKeys, kKeys + kRunKeys, text.substr(at, sign - at)) - kKeys);
         if (key == kRunKeys || sign == end)
             return false;
         line->values[key] = text.substr(sign + 1, end - sign - 1);

@@ -13,8 +13,8 @@ constexpr SaveResult kFailed{SaveStatus::WriteFailed};
 class FlusherTest : public FolderTest, BatchTarget, Medium {
   protected:
     void SetUp() override { // not before the object is whole
-        state.mFlushThreadRunning = ring.create();
         state.mFlushInterval = 0;
+        state.mFlushThreadRunning = ring.create();
         thread = std::thread([&] { flusher.run(); });
     }
     void TearDown() override {
@@ -40,6 +40,7 @@ class FlusherTest : public FolderTest, BatchTarget, Medium {
         return syncs;
     }
     void closeSection() override { faults.addCall("close"); }
+    FlushOutcome flushed(bool sync) { return ring.awaitFlush(ring.requestFlush(sync), 10000); }
     PutStatus put(uint32_t length) { return ring.put(std::string(length, 'x').data(), length).status; }
     /** What the flush thread makes of another record. */
     Calls callsAfter(uint32_t length) {
@@ -68,7 +69,7 @@ class FlusherTest : public FolderTest, BatchTarget, Medium {
 
 } // namespace
 
-TEST_F(FlusherTest, DrainsAboveTheThresholdForARequestTheSwitchOrAWaitingWriter) {
+TEST_F(FlusherTest, DrainsAboveTheThresholdForARequestTheSwitchAWaitingWriterOrWithTime) {
     EXPECT_EQ(callsAfter(32768), Calls{});
     EXPECT_EQ(callsAfter(1), Calls{"32769"});
     ring.requestFlush();
@@ -81,6 +82,11 @@ TEST_F(FlusherTest, DrainsAboveTheThresholdForARequestTheSwitchOrAWaitingWriter)
     state.mFlushSwitch = false;
     EXPECT_EQ(callsAfter(3), Calls{});
     EXPECT_EQ(callsAfter(kLogBufSize), (Calls{"3", "131072"}));
+    state.mFlushInterval = 17;
+    EXPECT_EQ(callsAfter(5), Calls{});
+    EXPECT_EQ(faults.pauses().front(), 17) << "and no wait before had a limit";
+    faults.skipPauses = true; // as if it were over
+    EXPECT_TRUE(ring.wakeConsumer() && eventually([&] { return ring.used() == 0; }));
 }
 
 TEST_F(FlusherTest, PausesTwiceAsLongAfterEachFailureUntilARequestOrAStop) {
@@ -101,14 +107,10 @@ TEST_F(FlusherTest, PausesTwiceAsLongAfterEachFailureUntilARequestOrAStop) {
         EXPECT_TRUE(eventually([] { return faults.pauses().size() == 9; })) << "it goes on";
         EXPECT_EQ(faults.pauses(), (std::vector<long>{1, 2, 4, 8, 16, 32, 60, 60, 60})) << "of 8 failures";
         EXPECT_EQ(put(kLogBufSize), PutStatus::Refused);
-        if (stops)
-            stop();
-        else
-            (void)ring.requestFlush();
+        stops ? stop() : (void)ring.requestFlush();
         EXPECT_TRUE(eventually([&] { return loggedTimes("/6: 1 records were refused") == 1 + stops; }));
         EXPECT_TRUE(eventually([&] { return faults.calls().size() == (stops ? 19U : 20U); }));
-        const char* rest = "39072 buffered byte are dropped by the stop\n"; // with the line about the first
-        EXPECT_EQ(logged(rest), stops);
+        EXPECT_EQ(logged("39072 buffered byte are dropped by the stop\n"), stops) << "a loss included";
     }
 }
 
@@ -130,41 +132,19 @@ TEST_F(FlusherTest, HearsARequestOrAStopDuringADrain) {
     EXPECT_EQ(loggedTimes("failed to save log"), 1) << "a stop is no failure of the storage";
 }
 
-TEST_F(FlusherTest, WritesOutWhatWasBufferedForTheIntervalAndSleepsOtherwise) {
-    state.mFlushInterval = 17;
-    EXPECT_EQ(callsAfter(5), Calls{});
-    EXPECT_EQ(faults.pauses().front(), 17);
-    faults.skipPauses = true; // as if it were over
-    EXPECT_TRUE(ring.wakeConsumer() && eventually([&] { return ring.used() == 0; }));
-    EXPECT_EQ(faults.calls(), Calls{"5"});
-    faults.skipPauses = false;
-    const size_t waits = faults.pauses().size();
-    state.mFlushInterval = 0;
-    EXPECT_EQ(callsAfter(6), Calls{});
-    EXPECT_EQ(faults.pauses().size(), waits) << "no limit";
-    state.mFlushInterval = 3;
-    EXPECT_EQ(callsAfter(1), Calls{});
-    EXPECT_TRUE(faults.pauses().size() > waits && faults.pauses().back() <= 3);
-}
-
 TEST_F(FlusherTest, RequestsAreAnsweredAndUrgentLinesShareASync) {
-    EXPECT_EQ(ring.awaitFlush(0, 0), FlushOutcome::NotInService);
     faults.recordCalls(true);
-    EXPECT_EQ(ring.awaitFlush(ring.requestFlush(true), 10000), FlushOutcome::Done);
+    EXPECT_EQ(flushed(true), FlushOutcome::Done);
     EXPECT_EQ(faults.calls(), Calls{"sync"}) << "of what was written before";
-    EXPECT_EQ(ring.awaitFlush(ring.requestFlush(true) + 1000, 20), FlushOutcome::TimedOut);
-    put(7);
-    EXPECT_EQ(ring.awaitFlush(ring.requestFlush(), 10000), FlushOutcome::Done);
-    syncs = false;
-    put(8);
-    EXPECT_EQ(ring.awaitFlush(ring.requestFlush(true), 10000), FlushOutcome::Failed);
-    EXPECT_EQ(ring.awaitFlush(ring.requestFlush(), 10000), FlushOutcome::Done) << "it is in the section";
-    syncs = true;
-    answers.resize(saves);
-    answers.push_back(kFailed);
-    put(9);
-    EXPECT_EQ(ring.awaitFlush(ring.requestFlush(true), 10000), FlushOutcome::Failed);
-    EXPECT_EQ(ring.awaitFlush(ring.requestFlush(true), 10000), FlushOutcome::Done);
+    EXPECT_EQ(ring.awaitFlush(ring.requestFlush() + 1000, 20), FlushOutcome::TimedOut);
+    for (bool sync : {false, true}) { // each time one fails, and the next one does not
+        syncs = !sync;
+        answers = {kFailed};
+        saves = sync ? 1 : 0;
+        put(8);
+        EXPECT_EQ(flushed(sync), FlushOutcome::Failed);
+        EXPECT_EQ(flushed(false), FlushOutcome::Done);
+    }
     EXPECT_EQ(flusher.counts().failures, 2u);
     onSave = [&](size_t) {
         for (int i = 0; i < 1000 && faults.calls().size() == 1; ++i) {
@@ -172,15 +152,13 @@ TEST_F(FlusherTest, RequestsAreAnsweredAndUrgentLinesShareASync) {
             ring.flushUrgent();
         }
     };
+    syncs = true;
     faults.recordCalls(true);
     put(10);
     ring.flushUrgent();
-    EXPECT_TRUE(eventually([&] { return ring.used() == 0; }));
-    EXPECT_EQ(callsAfter(0), Calls{});
-    EXPECT_EQ(flusher.counts().flushes, saves - 1);
+    EXPECT_TRUE(eventually([&] { return faults.calls() == Calls{"10", "sync", "1000", "sync"}; }));
     stop();
-    EXPECT_EQ(ring.awaitFlush(ring.requestFlush(), 10000), FlushOutcome::NotInService);
-    state.mFlushThreadRunning = true;
+    EXPECT_EQ(flushed(false), FlushOutcome::NotInService);
 }
 
 TEST_F(FlusherTest, NoWakeUpIsLostHoweverRecordsAndRequestsMeetTheDrains) {
