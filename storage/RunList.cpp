@@ -246,9 +246,12 @@ void RunList::append(const char* logs, const std::string& text) {
 void RunList::replace(const char* logs, const std::string& text) {
     Path path = listPath(logs), draft = draftOf(path.text);
     FileDescriptor file = openOwnFile(draft.text, O_WRONLY | O_CREAT | O_TRUNC, kRunListMode);
-    report(path.text, file.valid() && writeAll(file.get(), text.data(), text.size()) &&
-                          fsync(file.get()) == 0 && rename(draft.text, path.text) == 0 &&
-                          syncFolderOf(path.text));
+    bool written = file.valid() && writeAll(file.get(), text.data(), text.size()) && fsync(file.get()) == 0;
+    int error = errno;
+    if (!written)
+        (void)unlink(draft.text);
+    errno = error;
+    report(path.text, written && rename(draft.text, path.text) == 0 && syncFolderOf(path.text));
 }
 
 void RunList::report(const char* path, bool done) {
