@@ -2,6 +2,7 @@
  * The host process: creates the log service, publishes it, waits for a signal and takes the service down in
  * good order.
  */
+#include "base/Console.h"
 #include "base/Handles.h"
 #include "config/Check.h"
 #include "config/ConfigFile.h"
@@ -12,10 +13,14 @@
 #include "service/LogService.h"
 #include "tools/Options.h"
 
+#include <android/log.h>
 #include <binder/IServiceManager.h>
 #include <csignal>
+#include <cstdarg>
+#include <ctime>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -44,8 +49,38 @@ int printHelp() {
     return 0;
 }
 
+/** Says something on standard error, which may be a terminal that is paused or a pipe that nobody reads. */
+void sayText(const char* text, size_t length) {
+    static vnlog::Console console;
+    vnlog::Patience patience;
+    (void)console.show(STDERR_FILENO, text, length, &patience); // where else could it be said
+}
+
+[[gnu::format(printf, 1, 2)]] void say(const char* format, ...) {
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    int length = std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    sayText(text, std::min(static_cast<size_t>(std::max(length, 0)), sizeof text - 1));
+}
+
+/** Where a developer's machine has no Android log of its own: the diagnostics go to standard error. */
+void sayDiagnostic(const __android_logger_data* about, const char* message) {
+    constexpr char kLetters[] = "??VDIWEFS";
+    bool known = about->priority >= 0 && about->priority < static_cast<int>(sizeof kLetters - 1);
+    time_t now = time(nullptr);
+    tm parts{};
+    char date[20] = "";
+    if (localtime_r(&now, &parts) != nullptr)
+        strftime(date, sizeof date, "%m-%d %H:%M:%S", &parts);
+    int length = static_cast<int>(std::string_view(message).find_last_not_of('\n') + 1);
+    say("%s %c %s %d %.*s\n", about->tag, known ? kLetters[about->priority] : '?', date,
+        static_cast<int>(getpid()), length, message);
+}
+
 int fail(const char* what, const std::string& path) {
-    std::fprintf(stderr, "%s: %s %s: %s\n", kProgram, what, path.c_str(), std::strerror(errno));
+    say("%s: %s %s: %s\n", kProgram, what, path.c_str(), std::strerror(errno));
     return kFailure;
 }
 
@@ -134,7 +169,7 @@ void stop(vnlog::LogService& service) {
     const bool all[] = {true, true, true};
     (void)service.serviceStop(all); // reported there
     if (uint32_t dropped = service.droppedBytes())
-        std::fprintf(stderr, "%s: %u bytes could not be written out in time\n", kProgram, dropped);
+        say("%s: %u bytes could not be written out in time\n", kProgram, dropped);
 }
 
 void waitForEnd(vnlog::LogService& service, const sigset_t& signals) {
@@ -159,7 +194,7 @@ int serve(const std::string& root) {
 
     const char* name = vnlog::platform::kServiceName;
     if (android::defaultServiceManager()->checkService(android::String16(name)) != nullptr) {
-        std::fprintf(stderr, "%s: %s is served already\n", kProgram, name);
+        say("%s: %s is served already\n", kProgram, name);
         return kFailure; // before the other host's store is touched
     }
     Devices devices(root);
@@ -167,11 +202,11 @@ int serve(const std::string& root) {
         return fail("cannot make the devices in", root + "/dev");
     android::sp<vnlog::LogService> service = new vnlog::LogService();
     if (!service->mServiceStarted) {
-        std::fprintf(stderr, "%s: the service failed to start; the Android log tells why\n", kProgram);
+        say("%s: the service failed to start; the Android log tells why\n", kProgram);
         return kFailure;
     }
     if (!service->mFlushThreadRunning)
-        std::fprintf(stderr, "%s: the storage cannot be used, nothing is stored until it can\n", kProgram);
+        say("%s: the storage cannot be used, nothing is stored until it can\n", kProgram);
     std::string place = vnlog::platform::servicePlace(name);
     std::string store = storageRoot(*service);
     android::status_t status = vnlog::platform::publishService(name, service);
@@ -179,8 +214,8 @@ int serve(const std::string& root) {
         errno = -status;
         return fail("cannot publish the service at", place);
     }
-    std::fprintf(stderr, "%s: devices %s, %s (%s); %s at %s; store %s\n", kProgram, devices.main.c_str(),
-                 devices.system.c_str(), devices.kind(), name, place.c_str(), store.c_str());
+    say("%s: devices %s, %s (%s); %s at %s; store %s\n", kProgram, devices.main.c_str(),
+        devices.system.c_str(), devices.kind(), name, place.c_str(), store.c_str());
     waitForEnd(*service, signals);
     vnlog::platform::withdrawServices();
     stop(*service);
@@ -222,7 +257,10 @@ int main(int argc, char** argv) {
                      vnlog::platform::kMaxSystemRoot);
         return kFailure;
     }
-    if (root.path[0] != '\0' && prepareSystemRoot(root.path) != 0)
-        return kFailure;
+    if (root.path[0] != '\0') {
+        __android_log_set_logger(sayDiagnostic);
+        if (prepareSystemRoot(root.path) != 0)
+            return kFailure;
+    }
     return serve(root.path);
 }
