@@ -95,9 +95,9 @@ Flusher::Drain Flusher::save(const DrainStart& start) {
  * the medium has lost by that, it does not tell a second time. */
 Flusher::Drain Flusher::finish(const DrainStart& start, Drain done) {
     bool owed = std::exchange(mSyncOwed, false);
-    bool synced = owed && mTarget.sync();
-    mRing.finishDrain(start, synced);
-    return owed && !synced ? Drain::NotSynced : done;
+    SyncOutcome sync = !owed ? SyncOutcome::NotTried : mTarget.sync() ? SyncOutcome::Done : SyncOutcome::Failed;
+    mRing.finishDrain(start, sync);
+    return sync == SyncOutcome::Failed ? Drain::NotSynced : done;
 }
 
 } // namespace vnlog

@@ -289,6 +289,7 @@ void Ring::useMemory(LogBuf& buffer) VNLOG_UNCHECKED {
     buffer.write_pos = mMemory.writePosition() % kLogBufSize;
     buffer.free_size = kLogBufSize - mMemory.used();
     mOldest = steadyMilliseconds();
+    mUnsynced = false;
 }
 
 /** Lines only are kept of what an earlier process has left. */
@@ -389,7 +390,7 @@ bool Ring::append(LogBuf& buffer, const char* bytes, uint32_t length) {
         return false;
     if (all == 0)
         return true;
-    if (buffer.free_size == buffer.size)
+    if (buffer.free_size == buffer.size && !mUnsynced)
         mOldest = steadyMilliseconds();
     uint32_t side = mLosses.side(), end = buffer.write_pos;
     if (together && ahead > 0) {
@@ -622,7 +623,7 @@ bool Ring::waitForWork() {
     return mConsumerWorks;
 }
 
-/** Waits for a post; when there are bytes that become due without one, until then at most. */
+/** Waits for a post; when there are bytes that are to be on the medium without one, until then at most. */
 bool Ring::awaitWork() {
     constexpr char kReport[] = "logBufFlush sem_wait failed\n";
     uint32_t interval = mState.mFlushInterval;
@@ -644,34 +645,39 @@ bool Ring::awaitWork() {
     return true;
 }
 
-/** Since when the oldest byte has been buffered, at the latest. False when there is none. */
+/** Since when the oldest byte has been waiting for the medium, at the latest. False when there is none. */
 bool Ring::oldestTime(int64_t* time) const {
     const LogBuf& buffer = *mState.mLogBuf;
     RingGuard lock(*mState.mLogBuf);
     *time = mOldest;
-    return usedBytes(buffer) > 0;
+    return usedBytes(buffer) > 0 || mUnsynced;
 }
 
 bool Ring::drainWanted() const {
-    return drainWanted(*mState.mLogBuf) || (mOverdue && used() > 0);
+    return drainWanted(*mState.mLogBuf) || mOverdue;
 }
 
 DrainStart Ring::beginDrain() {
     LogBuf& buffer = *mState.mLogBuf;
     RingGuard lock(buffer);
     DrainStart start{mFlushRequests, usedBytes(buffer), mSyncAsked, steadyMilliseconds()};
+    int64_t interval = int64_t{mState.mFlushInterval} * 1000;
+    bool waiting = start.used > 0 || mUnsynced;
+    start.sync = start.sync || (interval > 0 && waiting && start.time - mOldest >= interval);
     mSyncAsked = false;
     return start;
 }
 
-void Ring::finishDrain(const DrainStart& drain, bool synced) {
+void Ring::finishDrain(const DrainStart& drain, SyncOutcome sync) {
     drainWorks();
     RingGuard lock(*mState.mLogBuf);
     if (mFlushRequests == drain.requests) // one that came in between is not lost
         mState.mFlushAll = false;
-    mOldest = std::max(mOldest, drain.time); // what is there now came after that
+    mUnsynced = sync == SyncOutcome::NotTried && (mUnsynced || drain.used > 0);
+    if (!mUnsynced)
+        mOldest = std::max(mOldest, drain.time); // what is there now came after that
     mWritten = drain.requests;
-    if (synced)
+    if (sync == SyncOutcome::Done)
         mSynced = drain.requests;
 }
 

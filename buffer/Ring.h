@@ -49,11 +49,14 @@ struct TakeResult {
 /** What became of a request to flush. */
 enum class FlushOutcome { Done, Failed, TimedOut, NotInService };
 
+/** What came of the sync that may end a drain; one that failed is not repeated. */
+enum class SyncOutcome { NotTried, Done, Failed };
+
 /** What a drain has to do. */
 struct DrainStart {
     uint32_t requests; ///< the last request that it serves
     uint32_t used; ///< bytes in the ring
-    bool sync; ///< a request since the last drain wants the section synced
+    bool sync; ///< a request since the last drain wants the section synced, or the flush interval is over
     int64_t time; ///< milliseconds of the monotonic clock
 };
 
@@ -146,7 +149,7 @@ class Ring {
     // --- for the flush thread; there is a ring buffer
 
     /** Waits until there is something to do: at once when there is already, and no longer than until the
-     * oldest byte has been buffered for RingState::mFlushInterval. False, reported, when waiting is not
+     * oldest byte has waited for the medium for RingState::mFlushInterval. False, reported, when waiting is not
      * possible. */
     [[nodiscard]] bool waitForWork();
     /** Takes the requests up that have come. */
@@ -154,8 +157,8 @@ class Ring {
     /** Whether what is buffered is to be written out: more than the threshold, or less that is wanted or has
      * waited long enough. */
     bool drainWanted() const;
-    /** All that a drain had to do is done, also the sync if it was `synced`. */
-    void finishDrain(const DrainStart& drain, bool synced);
+    /** All that a drain had to write is written. */
+    void finishDrain(const DrainStart& drain, SyncOutcome sync);
     /** A drain or a sync for the requests up to this one failed. */
     void requestsFailed(uint32_t requests) { mFailed = requests; }
     /** Waits `seconds`; a stop or a request after `seen` ends the wait, other posts do not. */
@@ -220,7 +223,8 @@ class Ring {
     Losses mLosses;
     /// What an earlier process has left is in front of what is put from now on, and no line tells that yet.
     uint32_t mAdopted VNLOG_GUARDED_BY(RingLock::role) = 0;
-    int64_t mOldest VNLOG_GUARDED_BY(RingLock::role) = 0; ///< no byte has been buffered for longer
+    int64_t mOldest VNLOG_GUARDED_BY(RingLock::role) = 0; ///< no byte has waited for the medium longer
+    bool mUnsynced VNLOG_GUARDED_BY(RingLock::role) = false; ///< bytes were written and not synced
     Flag mGivenUp{false};
     std::atomic<uint32_t> mArmedInterval{0}; ///< the interval after which the consumer wakes by itself
     bool mOverdue = false; ///< it did so; its own

@@ -184,7 +184,9 @@ bool BinderServer::makeRoom() {
     auto quietest = mEndpoints.end();
     for (auto place = mEndpoints.begin(); place != mEndpoints.end(); ++place) {
         const Endpoint& endpoint = place->second;
-        bool canGo = endpoint.connected && !endpoint.busy;
+        char request; // one that has been sent and waits for a thread
+        bool canGo = endpoint.connected && !endpoint.busy &&
+                     recv(endpoint.socket.get(), &request, 1, MSG_PEEK | MSG_DONTWAIT) <= 0;
         if (canGo && (quietest == mEndpoints.end() || endpoint.quietSince < quietest->second.quietSince))
             quietest = place;
     }
