@@ -663,7 +663,7 @@ DrainStart Ring::beginDrain() {
     DrainStart start{mFlushRequests, usedBytes(buffer), mSyncAsked, steadyMilliseconds()};
     int64_t interval = int64_t{mState.mFlushInterval} * 1000;
     bool waiting = start.used > 0 || mUnsynced;
-    start.sync = start.sync || (interval > 0 && waiting && start.time - mOldest >= interval);
+    start.sync = start.sync || (waiting && (mOverdue || (interval > 0 && start.time - mOldest >= interval)));
     mSyncAsked = false;
     return start;
 }

@@ -86,7 +86,11 @@ TEST_F(FlusherTest, DrainsAboveTheThresholdForARequestTheSwitchAWaitingWriterOrW
     EXPECT_EQ(callsAfter(5), Calls{});
     EXPECT_EQ(faults.pauses().front(), 17) << "and no wait before had a limit";
     faults.skipPauses = true; // as if it were over
-    EXPECT_TRUE(ring.wakeConsumer() && eventually([&] { return ring.used() == 0; }));
+    faults.recordCalls(true);
+    EXPECT_TRUE(ring.wakeConsumer());
+    EXPECT_TRUE(eventually([&] { return faults.calls() == Calls{"5", "sync"}; }));
+    put(40000); // written at once, and synced when its time comes
+    EXPECT_TRUE(eventually([&] { return faults.calls() == Calls{"5", "sync", "40000", "sync"}; }));
 }
 
 TEST_F(FlusherTest, PausesTwiceAsLongAfterEachFailureUntilARequestOrAStop) {
