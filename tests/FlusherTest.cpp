@@ -35,10 +35,7 @@ class FlusherTest : public FolderTest, BatchTarget, Medium {
         EXPECT_EQ(ring.take(sink.get(), result.moved).count, result.moved);
         return result;
     }
-    bool sync() override {
-        faults.addCall("sync");
-        return syncs;
-    }
+    bool sync() override { return faults.addCall("sync"), syncs; }
     void closeSection() override { faults.addCall("close"); }
     FlushOutcome flushed(bool sync) { return ring.awaitFlush(ring.requestFlush(sync), 10000); }
     PutStatus put(uint32_t length) { return ring.put(std::string(length, 'x').data(), length).status; }
@@ -147,10 +144,8 @@ TEST_F(FlusherTest, RequestsAreAnsweredAndUrgentLinesShareASync) {
     }
     EXPECT_EQ(flusher.counts().failures, 2u);
     onSave = [&](size_t) {
-        for (int i = 0; i < 1000 && faults.calls().size() == 1; ++i) {
+        for (int i = 0; i < 1000 && faults.calls().size() == 1; ++i, ring.flushUrgent())
             put(1);
-            ring.flushUrgent();
-        }
     };
     syncs = true;
     faults.recordCalls(true);
