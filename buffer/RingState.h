@@ -12,7 +12,8 @@ struct RingState {
     Flag mFlushAll{false}; ///< everything buffered is to be written out
     Flag mFlushSwitch{false}; ///< write out on every wake-up
     Flag mFlushThreadRunning{false}; ///< without it the ring takes and gives nothing
-    std::atomic<uint32_t> mFlushInterval{30}; ///< seconds that bytes may be buffered; 0 for any time
+    /// Seconds that bytes may be buffered, 0 for any time; a change takes effect with the next record.
+    std::atomic<uint32_t> mFlushInterval{30};
     std::atomic<int32_t> mFlushPriority{
         7}; ///< lines of this Android priority or above are written out at once; 8 for none
 };
