@@ -28,7 +28,7 @@ struct RingLock {
  * it but may be read without.
  */
 struct LogBuf {
-    char* buf VNLOG_PT_GUARDED_BY(RingLock::role); ///< data area of `size` bytes, owned by the record
+    char* buf VNLOG_PT_GUARDED_BY(RingLock::role); ///< data area of `size` bytes, in the ring's memory
     uint32_t size; ///< capacity in bytes
     uint32_t read_pos VNLOG_GUARDED_BY(RingLock::role); ///< index of the oldest byte not yet written out
     uint32_t last_pos; ///< index of the last byte of the data area

@@ -74,10 +74,10 @@ class VNLOG_API LogService : public BnLogService,
      * Stops the workers whose flags are set, in good order: the readers take what there is for them to read,
      * the flush thread writes out what is buffered and closes the section, the ring buffer is released. With
      * the flush thread left running nothing is written out and the buffer stays. A reader that does not get
-     * on for 2 seconds is cancelled, and a buffer that does not for 5 is dropped, which is reported. For the
-     * host, on any of its threads; a second stop waits for the first. Takes the command lock once the buffer
-     * is written out. 0, or -1 when the service is not started or a step failed (the steps after it are not
-     * done).
+     * on for 2 seconds is cancelled, and a buffer that does not for 5 is dropped, which is reported, or kept
+     * for the next start where it outlives the process. For the host, on any of its threads; a second stop
+     * waits for the first. Takes the command lock once the buffer is written out. 0, or -1 when the service
+     * is not started or a step failed (the steps after it are not done).
      */
     int serviceStop(const bool* flags);
     int getLogFd() override;

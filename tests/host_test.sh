@@ -40,8 +40,7 @@ start_host
 stop_host
 stored_text | tee "$home/all" | grep -ao 'life [0-9]* line [0-9]* ' >"$home/lives"
 [ "$(wc -l <"$home/lives")" -gt 2000 ] && awk '++lines[$2] != $4 { exit 1 }' "$home/lives" || fail "a kill lost or doubled lines: $(tail -3 "$home/lives")"
-[ "$(grep -c ' [2468] line 200 ' "$home/lives")" = 4 ] || fail "what was buffered is lost"
-[ "$(grep -ac -- '^--------- the lines above were buffered when' "$home/all")" -ge 4 ] || fail "nothing is said about it"
+[ "$(grep -c ' [2468] line 200 ' "$home/lives")" = 4 ] && grep -aq -- '^--------- the lines above were buffered when' "$home/all" || fail "what was buffered is lost, or nothing is said"
 [ "$(cut -d ' ' -f 2 "$home/lives" | uniq)" = "$(cut -d ' ' -f 2 "$home/lives" | sort -n | uniq)" ] || fail "order"
 
 # A medium that takes nothing: the end gives up in time, and the next start stores what was buffered.
