@@ -251,7 +251,7 @@ void RunList::replace(const char* logs, const std::string& text) {
     if (!written)
         (void)unlink(draft.text);
     errno = error;
-    report(path.text, written && rename(draft.text, path.text) == 0 && syncFolderOf(path.text));
+    report(path.text, written && rename(draft.text, path.text) == 0); // either name is good after a cut
 }
 
 void RunList::report(const char* path, bool done) {

@@ -675,15 +675,15 @@ TEST_F(StoreModelTest, RandomLifeLosesNothingButTheOldest) {
     makeFolder(other);
     ASSERT_TRUE(start());
     for (int round = 1; round <= rounds && !HasFailure(); ++round) {
-        unsigned kind = below(44);
+        unsigned kind = below(46);
         SCOPED_TRACE("seed " + std::to_string(seed) + ", round " + std::to_string(round) + ", kind " +
                      std::to_string(kind));
         kind < 31   ? append(kind < 5)
         : kind < 33 ? store->closeSection()
         : kind < 35 ? dropStrays()
-        : kind < 37 ? changeRoot()
-        : kind < 39 ? removeByHand()
-        : kind < 40 ? remount()
+        : kind < 39 ? changeRoot()
+        : kind < 41 ? removeByHand()
+        : kind < 42 ? remount()
                     : restart();
     }
 }
