@@ -358,8 +358,7 @@ void Settings::setLevel(const Setting& setting, const char* level) {
         setting.number.set(mState, letterPriority(*level));
         return;
     }
-    std::memset(mState.mALogLevel, 0, sizeof mState.mALogLevel);
-    std::memcpy(mState.mALogLevel, level, strnlen(level, sizeof mState.mALogLevel - 1));
+    (void)formatText(mState.mALogLevel, "%s", level); // of a longer one the first letters
 }
 
 void Settings::takeDefaults() {
