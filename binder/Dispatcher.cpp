@@ -310,11 +310,12 @@ CommandAnswer Dispatcher::setStorageRoot(const char* param) {
     }
     if (mState.mFlushSwitch)
         logError("error: Please turn off the storage function\n");
-    switch (mTargets.store.changeRoot(param)) {
+    std::string reason;
+    switch (mTargets.store.changeRoot(param, &reason)) {
     case RootChangeStatus::Taken:
-        return refused(root + " is in use by another service");
+        return refused(reason);
     case RootChangeStatus::NotPrepared:
-        return refused("nothing can be stored under " + root + ": " + lastErrorHere());
+        return refused("nothing can be stored under " + root + ": " + reason);
     case RootChangeStatus::Done:
     case RootChangeStatus::Unchanged:
         break;

@@ -416,28 +416,33 @@ bool Store::saveNumbers() {
     return saved;
 }
 
-RootChangeStatus Store::changeRoot(const char* root) {
+RootChangeStatus Store::changeRoot(const char* root, std::string* reason) {
     LockGuard<StorageLock> lock(mLock);
     bool there = mState.mSavePath != nullptr && std::strcmp(root, mState.mSavePath) == 0;
-    RootChangeStatus status = there ? RootChangeStatus::Unchanged : prepareAndMove(root);
+    std::string unheard;
+    RootChangeStatus status =
+        there ? RootChangeStatus::Unchanged : prepareAndMove(root, reason != nullptr ? reason : &unheard);
     if (status == RootChangeStatus::Done || status == RootChangeStatus::Unchanged)
         std::free(std::exchange(mState.mConfiguredPath, nullptr)); // which `root` may be
     return status;
 }
 
-RootChangeStatus Store::prepareAndMove(const char* root) {
+RootChangeStatus Store::prepareAndMove(const char* root, std::string* reason) {
     if (mRoot.isAt(root))
         return renameRoot(root);
     const bool back = mEarlierRoot.isAt(root); // where the open section is: it is closed off with its run
     RootLock taken;
     RootLock::Status locked = back ? RootLock::Status::Held : taken.take(root);
-    if (locked == RootLock::Status::Taken)
+    if (locked == RootLock::Status::Taken) {
+        *reason = lastErrorHere();
         return RootChangeStatus::Taken;
+    }
     if (back)
         syncText();
     RootTrial trial(mState, mFiles);
     RootStatus result = locked == RootLock::Status::Held ? trial.prepare(root) : RootStatus::NoLogFolder;
     if (result != RootStatus::Ready) {
+        *reason = lastErrorHere();
         logError("error: failed to init log storage, ret=%d\n", static_cast<int>(result));
         leaveLostSection(); // its run may have been closed off before the step that failed
         return RootChangeStatus::NotPrepared;

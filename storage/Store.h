@@ -98,9 +98,11 @@ class Store final : public BatchTarget {
     /**
      * Moves the store to `root`, a folder that can be opened; a root that is waited for is so no more then.
      * The section that is open stays where it is; the flush thread finds that out at its next cut and goes on
-     * under the new root. A failure, which is reported, leaves all as it was but for what lies under `root`.
+     * under the new root. A failure, which is reported, and told in `reason` unless that is null, leaves all
+     * as it was but for what lies under `root`.
      */
-    [[nodiscard]] RootChangeStatus changeRoot(const char* root) VNLOG_EXCLUDES(StorageLock::role);
+    [[nodiscard]] RootChangeStatus changeRoot(const char* root, std::string* reason = nullptr)
+        VNLOG_EXCLUDES(StorageLock::role);
     /** The configured root that is to be used as soon as it can be opened, null when none is. Valid until the
      * next change of the root; for the holder of the command lock. */
     const char* awaitedRoot() const;
@@ -164,7 +166,7 @@ class Store final : public BatchTarget {
     bool syncClosedText() VNLOG_REQUIRES(StorageLock::role);
     void closeText() VNLOG_REQUIRES(StorageLock::role);
     void syncAndClose() VNLOG_REQUIRES(StorageLock::role);
-    RootChangeStatus prepareAndMove(const char* root) VNLOG_REQUIRES(StorageLock::role);
+    RootChangeStatus prepareAndMove(const char* root, std::string* reason) VNLOG_REQUIRES(StorageLock::role);
     RootChangeStatus renameRoot(const char* root) VNLOG_REQUIRES(StorageLock::role);
     void moveLock(RootLock* taken) VNLOG_REQUIRES(StorageLock::role);
     void lookAgain() VNLOG_REQUIRES(StorageLock::role);
