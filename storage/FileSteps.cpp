@@ -37,8 +37,8 @@ bool before(const timespec& one, const timespec& other) {
 /** A comparison of a tree with its copy. */
 class CopyCheck {
   public:
-    CopyCheck(const struct stat& copy, timespec since, Newer newer)
-        : mCopy(copy), mSince(since), mNewer(newer) {}
+    CopyCheck(const struct stat& copy, timespec since, timespec made)
+        : mCopy(copy), mSince(since), mMade(made) {}
 
     bool folder(int parent, const char* name, int copyParent, const char* copyName) {
         Folder source(openEntry(parent, name, O_RDONLY | O_DIRECTORY));
@@ -60,22 +60,21 @@ class CopyCheck {
             return same(info, mCopy) || folder(source.descriptor(), name, copy, name);
         if (!S_ISREG(info.st_mode) && !S_ISLNK(info.st_mode))
             return true;
-        const bool older = before(info.st_mtim, mSince);
         if (fstatat(copy, name, &there, AT_SYMLINK_NOFOLLOW) != 0) {
             bool vanished = !source.examine(name, Links::Refused, &info);
             errno = ENOENT;
-            return vanished || (!older && mNewer == Newer::Exempt);
+            return vanished || !before(info.st_ctim, mMade);
         }
         errno = EEXIST;
         if ((there.st_mode & S_IFMT) != (info.st_mode & S_IFMT))
             return false;
         errno = EIO;
-        return !older || there.st_size >= info.st_size || S_ISLNK(info.st_mode);
+        return !before(info.st_ctim, mSince) || there.st_size >= info.st_size || S_ISLNK(info.st_mode);
     }
 
     const struct stat mCopy;
     const timespec mSince;
-    const Newer mNewer;
+    const timespec mMade;
 };
 
 } // namespace
@@ -107,9 +106,9 @@ void addUpTree(int parent, const char* name, CopyTotals* totals) {
     }
 }
 
-bool copyHolds(const char* from, const char* copy, timespec since, Newer newer) {
+bool copyHolds(const char* from, const char* copy, timespec since, timespec made) {
     struct stat info;
-    return lstat(copy, &info) == 0 && CopyCheck(info, since, newer).folder(AT_FDCWD, from, AT_FDCWD, copy);
+    return lstat(copy, &info) == 0 && CopyCheck(info, since, made).folder(AT_FDCWD, from, AT_FDCWD, copy);
 }
 
 const char* lastName(const char* path) {

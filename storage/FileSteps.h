@@ -46,16 +46,11 @@ bool same(const struct stat& one, const struct stat& other);
 /** Adds up a tree; what cannot be looked at is left out. */
 void addUpTree(int parent, const char* name, CopyTotals* totals);
 
-/** What is asked of files that were changed while the copy was made. */
-enum class Newer {
-    Present, ///< that the copy has them, in any length
-    Exempt, ///< nothing
-};
 /**
- * Whether `copy` has all files and links of the tree `from`, itself left out, and each file that was last
- * changed before `since` (CLOCK_REALTIME_COARSE, as of the files' times) in its full length. False with errno
- * set.
+ * Whether `copy` has all files and links of the tree `from`, itself left out, that were last changed before
+ * `made`, and each file that was last changed before `since` in its full length (both CLOCK_REALTIME_COARSE,
+ * as of the files' times). False with errno set.
  */
-[[nodiscard]] bool copyHolds(const char* from, const char* copy, timespec since, Newer newer);
+[[nodiscard]] bool copyHolds(const char* from, const char* copy, timespec since, timespec made);
 
 } // namespace vnlog

@@ -7,6 +7,7 @@
 #include "storage/Shell.h"
 
 #include <cerrno>
+#include <limits>
 
 namespace vnlog {
 
@@ -30,14 +31,25 @@ bool canCopy(const char* from, const char* into) {
     return pathExists(from) && pathExists(into) && (isNoLink(copy.text) || errno == ENOENT);
 }
 
-/** The command's result is that of sync, and cp also fails for what has vanished meanwhile: the trees tell. A
- * second time is for a text that has become an archive. */
-bool copyOnce(const char* from, const char* into, const char* copy, Newer newer) {
-    timespec since{};
-    clock_gettime(CLOCK_REALTIME_COARSE, &since);
+timespec now() {
+    timespec time{};
+    clock_gettime(CLOCK_REALTIME_COARSE, &time);
+    return time;
+}
+
+/** The commands' results are those of sync, and cp also fails for what has vanished meanwhile: the trees
+ * tell. A text that has become an archive is missing in both forms after the first command, but not after
+ * another. */
+bool copyTwice(const char* from, const char* into, const char* copy) {
+    const timespec since = now(), never{std::numeric_limits<time_t>::max(), 0};
     if (!runFileCommand(kSeconds, "cp -rf --remove-destination %s/ %s/;sync", from, into))
         return false;
-    if (copyHolds(from, copy, since, newer))
+    if (copyHolds(from, copy, since, never))
+        return true;
+    const timespec made = now();
+    if (!runFileCommand(kSeconds, "cp -rn %s/ %s/;sync", from, into))
+        return false;
+    if (copyHolds(from, copy, since, made))
         return true;
     int error = errno;
     errno = availableBytes(into) < kNearlyFull ? ENOSPC : error;
@@ -73,8 +85,7 @@ bool ShellFileWork::moveFolder(const char* from, const char* to) {
 
 bool ShellFileWork::copyTree(const char* from, const char* into, CopyTotals* totals) {
     Path copy = entryPath(into, lastName(from));
-    bool done = canCopy(from, into) && (copyOnce(from, into, copy.text, Newer::Present) ||
-                                        copyOnce(from, into, copy.text, Newer::Exempt));
+    bool done = canCopy(from, into) && copyTwice(from, into, copy.text);
     int error = errno;
     *totals = {};
     addUpTree(AT_FDCWD, copy.text, totals);
