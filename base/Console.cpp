@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace vnlog {
 
@@ -62,8 +63,20 @@ int64_t nowMs() {
 
 Shown Console::show(int fd, const char* text, size_t length, Patience* patience) {
     CancelGuard guard; // it does not last, and a text is not to be cut in the middle
-    LockGuard<ConsoleLock> lock(mLock);
-    if ((patience->mFresh || fd != mShownOn) && !look(fd))
+    Shown shown;
+    bool givenUp;
+    {
+        LockGuard<ConsoleLock> lock(mLock);
+        shown = showLocked(fd, text, length, patience);
+        givenUp = std::exchange(mUnsaid, false);
+    }
+    if (givenUp) // without the lock: the report may itself be shown here
+        logError("+++ LOG: write failed (errno=%d)\n", mError.load());
+    return shown;
+}
+
+Shown Console::showLocked(int fd, const char* text, size_t length, Patience* patience) {
+    if ((patience->mFresh || mWay == Way::None || fd != mShownOn) && !look(fd))
         return Shown::Closed;
     patience->mFresh = false;
     if (mError == 0 && tellMissed(patience) && begin(text, length, patience))
@@ -76,6 +89,8 @@ Shown Console::show(int fd, const char* text, size_t length, Patience* patience)
 
 void Console::retry() {
     LockGuard<ConsoleLock> lock(mLock);
+    if (mError == 0)
+        return;
     mError = 0;
     mWay = Way::None;
 }
@@ -159,7 +174,7 @@ void Console::miss(const char* text, size_t length) {
     mMissed += linesIn(text, length);
 }
 
-/** Writes what is taken, and tells how much that is. Gives the descriptor up, reported, when it fails. */
+/** Writes what is taken, and tells how much that is. Gives the descriptor up when it fails. */
 size_t Console::write(const char* text, size_t length, Patience* patience) {
     size_t written = 0;
     while (written < length) {
@@ -175,7 +190,7 @@ size_t Console::write(const char* text, size_t length, Patience* patience) {
             break; // a file may have room again
         } else if (errno != EINTR) {
             mError = errno;
-            logError("+++ LOG: write failed (errno=%d)\n", mError.load());
+            mUnsaid = true;
             break;
         }
     }

@@ -10,7 +10,7 @@
 
 namespace vnlog {
 
-/** The role of the lock on the console: one text at a time. Taken last; nothing is taken in it. */
+/** The role of the lock on the console: one text at a time. Nothing is taken in it, and nothing reported. */
 struct ConsoleLock {
     static LockRole role;
 };
@@ -45,7 +45,7 @@ class Console {
     /** Shows a text of whole lines on the descriptor. A regular file is written to however long that takes.
      */
     Shown show(int fd, const char* text, size_t length, Patience* patience) VNLOG_EXCLUDES(ConsoleLock::role);
-    /** Tries anew with a descriptor that was given up. */
+    /** Tries anew with a descriptor that was given up; without effect on any other. */
     void retry() VNLOG_EXCLUDES(ConsoleLock::role);
     /** The errno for which the descriptor was given up; 0 when it was not. */
     int error() const { return mError; }
@@ -60,6 +60,8 @@ class Console {
         Polled, ///< where that is not to be had: in pieces that fit when there is room at all
     };
 
+    Shown showLocked(int fd, const char* text, size_t length, Patience* patience)
+        VNLOG_REQUIRES(ConsoleLock::role);
     bool look(int fd) VNLOG_REQUIRES(ConsoleLock::role);
     void choose(int fd, mode_t type) VNLOG_REQUIRES(ConsoleLock::role);
     size_t write(const char* text, size_t length, Patience* patience) VNLOG_REQUIRES(ConsoleLock::role);
@@ -82,6 +84,8 @@ class Console {
     char mRest[8192] VNLOG_GUARDED_BY(ConsoleLock::role); ///< of a text that has been taken in part
     size_t mRestLength VNLOG_GUARDED_BY(ConsoleLock::role) = 0;
     std::atomic<int> mError{0};
+    bool mUnsaid VNLOG_GUARDED_BY(ConsoleLock::role) =
+        false; ///< it has been given up and nobody has reported that
 };
 
 } // namespace vnlog

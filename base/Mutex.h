@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ctime>
 #include <mutex>
 
 /*
@@ -32,6 +33,7 @@ namespace vnlog {
 struct VNLOG_THREAD_SAFETY(capability("lock")) LockRole {};
 
 template <class Lock> class LockGuard;
+template <class Lock> class PatientLockGuard;
 
 /** The mutex behind a role. A thread that waits with it held must have cancellation disabled, or releases by
  * unwinding. */
@@ -43,6 +45,7 @@ template <class Lock> class Mutex {
 
   private:
     friend class LockGuard<Lock>;
+    friend class PatientLockGuard<Lock>;
     std::mutex mMutex;
 };
 
@@ -58,6 +61,33 @@ template <class Lock> class VNLOG_SCOPED_LOCK LockGuard {
 
   private:
     std::mutex& mMutex;
+};
+
+/**
+ * Holds a mutex while in scope if it is to be had in so many milliseconds; looks every 5. The compiler does
+ * not check what is done with it: only where held() says so may guarded members be used.
+ */
+template <class Lock> class PatientLockGuard {
+  public:
+    PatientLockGuard(Mutex<Lock>& mutex, int milliseconds) : mMutex(mutex.mMutex) {
+        constexpr int kLookMs = 5;
+        for (int left = milliseconds; !(mHeld = mMutex.try_lock()) && left > 0; left -= kLookMs) {
+            timespec pause{0, kLookMs * 1000000L};
+            (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr); // a signal only makes it shorter
+        }
+    }
+    ~PatientLockGuard() {
+        if (mHeld)
+            mMutex.unlock();
+    }
+    PatientLockGuard(const PatientLockGuard&) = delete;
+    PatientLockGuard& operator=(const PatientLockGuard&) = delete;
+
+    bool held() const { return mHeld; }
+
+  private:
+    std::mutex& mMutex;
+    bool mHeld = false;
 };
 
 } // namespace vnlog

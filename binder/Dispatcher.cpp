@@ -107,17 +107,16 @@ CommandAnswer Dispatcher::answerQuery(int code, const char* param) {
         return failed(objection);
     if (!mTargets.commandState.mServiceStarted)
         return failed("the service is not started");
-    if (code == CMD_COPY) {
-        CommandAnswer written = writeOut(false);
-        if (written.undone)
-            return written;
-    }
+    bool written = code != CMD_COPY || !writeOut(false).undone || mTargets.ring.used() == 0;
     if (code == CMD_FLUSH && *param != '\0')
         return writeOut(std::strstr(param, kSyncWord) != nullptr);
     LockGuard<CommandLock> lock(mTargets.lock);
     if (!mTargets.commandState.mServiceStarted) // it may have been stopped meanwhile
         return failed("the service is not started");
-    return act(*command, param);
+    CommandAnswer answer = act(*command, param);
+    if (written || answer.undone)
+        return answer;
+    return failed(answer.text + "what is buffered is not in it: it cannot be written out at present");
 }
 
 CommandAnswer Dispatcher::act(const CommandInfo& command, const char* param) {
@@ -159,8 +158,9 @@ void Dispatcher::showHelp() {
 CommandAnswer Dispatcher::saveAndShow() {
     if (mTargets.settings.save())
         return {0, true};
+    std::string why = lastErrorHere();
     logError("cmd log configuration failed to save !\n");
-    return refused("it is done, but log.cfg cannot be written: " + lastErrorHere());
+    return refused("it is done, but log.cfg cannot be written: " + why);
 }
 
 CommandAnswer Dispatcher::setConsoleOutput(const char* param) {

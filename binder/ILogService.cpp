@@ -22,9 +22,9 @@ const String16& ILogService::getInterfaceDescriptor() const {
     return descriptor;
 }
 
-int ILogService::logQuery(int cmd, const char* param, std::string* answer) {
+int ILogService::logQuery(int, const char*, std::string* answer) {
     answer->clear();
-    return logCMD(cmd, param);
+    return android::UNKNOWN_TRANSACTION;
 }
 
 sp<ILogService> ILogService::asInterface(const sp<IBinder>& obj) {
@@ -139,8 +139,6 @@ int BpLogService::logQuery(int cmd, const char* param, std::string* answer) {
     android::status_t status = packCommand(cmd, param, &data);
     if (status == android::NO_ERROR)
         status = remote()->transact(QUERY, data, &reply, 0);
-    if (status == android::UNKNOWN_TRANSACTION)
-        return ILogService::logQuery(cmd, param, answer);
     if (status != android::NO_ERROR)
         return std::min<int>(status, -2);
     int result = reply.readInt32();

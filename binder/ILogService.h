@@ -53,8 +53,8 @@ class VNLOG_API ILogService : public android::IInterface {
     /**
      * Runs one command as logCMD does, and tells what came of it. 0 when it did what it was asked for;
      * `answer` has its report then, if any: what was copied where, the configuration, the status. Otherwise
-     * it has the reason: also a parameter that is not accepted, or a COPY that failed, gives -1 here. A
-     * service that does not know this transaction runs logCMD, with nothing to tell.
+     * it has the reason: also a parameter that is not accepted, or a COPY that failed, gives -1 here.
+     * UNKNOWN_TRANSACTION from a service that has no such operation, which has done nothing.
      */
     virtual int logQuery(int cmd, const char* param, std::string* answer);
 };

@@ -9,7 +9,6 @@ namespace vnlog {
 
 namespace {
 
-constexpr unsigned kFirstPauseSeconds = 1;
 constexpr unsigned kLongestPauseSeconds = 60;
 
 } // namespace
@@ -38,13 +37,11 @@ void Flusher::drainUntilDone() {
             return;
         case Drain::Again: // what is left is offered at once; if that moves nothing, it has failed
             break;
-        case Drain::NotSynced: // writing works, so that the writers may wait
         case Drain::Failed:
         case Drain::Full:
             ++mFailures;
             mRing.requestsFailed(start.requests);
-            if (drained != Drain::NotSynced)
-                mRing.drainFailed(drained == Drain::Full);
+            mRing.drainFailed(drained == Drain::Full);
             mTarget.closeSection();
             mRing.pause(pause, start.requests);
             pause = std::min(pause * 2, kLongestPauseSeconds);
@@ -91,13 +88,32 @@ Flusher::Drain Flusher::save(const DrainStart& start) {
     return Drain::Failed;
 }
 
-/** What was buffered is in the section; syncs that if it is wanted. One sync that fails is not repeated: what
- * the medium has lost by that, it does not tell a second time. */
+/** What was buffered is in the section; syncs that if it is wanted. */
 Flusher::Drain Flusher::finish(const DrainStart& start, Drain done) {
     bool owed = std::exchange(mSyncOwed, false);
-    SyncOutcome sync = !owed ? SyncOutcome::NotTried : mTarget.sync() ? SyncOutcome::Done : SyncOutcome::Failed;
+    SyncOutcome sync = owed ? trySync(start.time) : SyncOutcome::NotTried;
     mRing.finishDrain(start, sync);
-    return sync == SyncOutcome::Failed ? Drain::NotSynced : done;
+    if (sync == SyncOutcome::Failed)
+        mRing.requestsFailed(start.requests);
+    return done;
+}
+
+/**
+ * A sync that fails is not repeated: what the medium has lost by that, it does not tell a second time. The
+ * next one has its pause, in which writing goes on; each would be reported, and a report can ask for the
+ * next.
+ */
+SyncOutcome Flusher::trySync(int64_t now) {
+    if (now < mNextSync)
+        return SyncOutcome::Failed;
+    if (mTarget.sync()) {
+        mSyncPause = kFirstPauseSeconds;
+        return SyncOutcome::Done;
+    }
+    ++mFailures;
+    mNextSync = now + int64_t{mSyncPause} * 1000;
+    mSyncPause = std::min(mSyncPause * 2, kLongestPauseSeconds);
+    return SyncOutcome::Failed;
 }
 
 } // namespace vnlog

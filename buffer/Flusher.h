@@ -56,16 +56,21 @@ class Flusher {
     FlushCounts counts() const { return {mFlushes, mFailures}; }
 
   private:
-    enum class Drain { Idle, Done, Again, NotSynced, Failed, Full };
+    static constexpr unsigned kFirstPauseSeconds = 1;
+
+    enum class Drain { Idle, Done, Again, Failed, Full };
 
     void drainUntilDone();
     Drain drain(bool retry, const DrainStart& start);
     Drain save(const DrainStart& start);
     Drain finish(const DrainStart& start, Drain done);
+    SyncOutcome trySync(int64_t now);
 
     const RingState& mState;
     Ring& mRing;
     BatchTarget& mTarget;
+    int64_t mNextSync = 0; ///< monotonic clock in milliseconds before which none is tried
+    unsigned mSyncPause = kFirstPauseSeconds; ///< after the next one that fails
     bool mSyncOwed = false; ///< wanted by a request that no drain has served yet
     std::atomic<uint32_t> mFlushes{0}, mFailures{0};
 };

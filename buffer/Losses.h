@@ -49,7 +49,8 @@ class Losses {
     void add(Loss why, uint32_t lines);
     /** Lines lost since the object began, modulo 2^32. Any thread. */
     uint32_t total(Loss why) const { return mTotal[static_cast<uint32_t>(why)]; }
-    /** Those that no line tells of. Any thread. */
+    /** Those that no line tells of. With the ring's lock held, or while the memory is neither opened nor
+     * closed. */
     uint32_t untold(Loss why) const;
 
     // --- for the ring

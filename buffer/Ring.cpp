@@ -541,6 +541,7 @@ TakeResult Ring::take(int fd, uint32_t wanted) {
         mMemory.publishRead(mMemory.readPosition() + result.count);
         buffer.read_pos = (start + result.count) % (buffer.last_pos + 1);
         buffer.free_size += result.count;
+        mUnsynced = true; // at once: a record that comes now is not the oldest that waits for the medium
     }
     postOrReport(&buffer.sem_write, "logBufRead2File sem_post failed \n");
     return result;
@@ -673,7 +674,7 @@ void Ring::finishDrain(const DrainStart& drain, SyncOutcome sync) {
     RingGuard lock(*mState.mLogBuf);
     if (mFlushRequests == drain.requests) // one that came in between is not lost
         mState.mFlushAll = false;
-    mUnsynced = sync == SyncOutcome::NotTried && (mUnsynced || drain.used > 0);
+    mUnsynced = mUnsynced && sync == SyncOutcome::NotTried;
     if (!mUnsynced)
         mOldest = std::max(mOldest, drain.time); // what is there now came after that
     mWritten = drain.requests;
@@ -736,6 +737,7 @@ void Ring::dropRest(Loss why) {
     mMemory.publishRead(mMemory.writePosition());
     buffer.read_pos = buffer.write_pos;
     buffer.free_size = buffer.size;
+    mAdopted = 0;
     mDroppedBytes = used;
 }
 

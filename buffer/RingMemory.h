@@ -64,7 +64,7 @@ class RingMemory {
     /** Whether it came from an earlier use. */
     bool resumed() const { return mResumed; }
 
-    // --- of open memory; the ring's lock is held or nobody else is there
+    // --- of open memory; the ring's lock is held or nobody else is there, for the mark the consumer alone
 
     char* data() const { return reinterpret_cast<char*>(mHeader + 1); }
     LossBook* losses() const { return &mHeader->losses; }

@@ -79,6 +79,20 @@ bool writeInPlace(const char* path, const char* text, size_t length) {
     return false;
 }
 
+/** Whether the file has another name: to remove this one makes no room. */
+bool linkedElsewhere(const char* path) {
+    struct stat info;
+    int error = errno;
+    bool linked = lstat(path, &info) == 0 && info.st_nlink > 1;
+    errno = error;
+    return linked;
+}
+
+/** Gives the file another name, which needs no room, on a file system that has such names. */
+bool linkAs(const char* path, const char* other) {
+    return clearAway(other) && link(path, other) == 0 && syncFolderOf(path);
+}
+
 bool takeDraft(const char* draft, const char* path) {
     if (std::rename(draft, path) == 0)
         return true;
@@ -117,7 +131,7 @@ bool replaceConfiguration(const char* path, const char* text, size_t length) {
     bool written = writeNew(draft.text, text, length);
     if (written && !takeDraft(draft.text, path))
         return false;
-    if (!written && lackOfRoom(errno))
+    if (!written && lackOfRoom(errno) && !linkedElsewhere(path))
         written = writeInPlace(path, text, length);
     if (written && syncFolderOf(path))
         return true;
@@ -134,7 +148,8 @@ void keepRejected(const char* path) {
     Path kept = besides(path, ".rejected");
     size_t size = 0;
     Text old = readOwn(path, &size);
-    bool copied = old != nullptr && replaceConfiguration(kept.text, old.get(), size);
+    bool copied =
+        old != nullptr && (replaceConfiguration(kept.text, old.get(), size) || linkAs(path, kept.text));
     if (copied || (old == nullptr && std::rename(path, kept.text) == 0 && syncFolderOf(path)))
         logError("%s could not be used whole, it is kept as %s\n", path, kept.text);
     else

@@ -45,8 +45,8 @@ class Intake final : public LineSink {
      * how many lines that has lost. */
     void tellOlderLoss();
     /**
-     * File output is switched off. True when that is the user's wish about a storing that was given up: it is
-     * not full for him any more, and what is not stored from now on is not lost.
+     * File output is switched off. True when that is the user's wish about a storing that was given up:
+     * nobody waits for room any more, and what is not stored from now on is not lost.
      */
     bool forgo() VNLOG_EXCLUDES(LossLock::role);
     /**

@@ -74,6 +74,7 @@ bool LastWords::storeFile(const char* folder, const std::string& name) {
     Path path = entryPath(folder, name.c_str());
     FileDescriptor file = openOwnFile(path.text, O_RDONLY);
     if (!file.valid()) {
+        logError("%s cannot be opened\n", path.text);
         logErrno();
         return false;
     }
@@ -100,8 +101,12 @@ bool LastWords::storeText(int fd) {
     size_t length = 1;
     bool stored = true;
     while (stored && length > 0) {
-        if (!readPiece(fd, splitter.chunk(), splitter.room(), &length))
+        stored = readPiece(fd, splitter.chunk(), splitter.room(), &length);
+        if (!stored) {
+            logError("the text cannot be read\n");
+            logErrno();
             break;
+        }
         splitter.add(static_cast<uint32_t>(length));
         if (length == 0)
             splitter.end();
@@ -109,7 +114,7 @@ bool LastWords::storeText(int fd) {
             stored = line.length <= 1 || put(line.text, line.length);
     }
     buffer.reset(bytes);
-    return stored && length == 0;
+    return stored;
 }
 
 bool LastWords::put(const char* text, size_t length) {

@@ -10,16 +10,16 @@ namespace vnlog {
 
 /**
  * What the platform has kept of the kernel's last words before a crash: the text files dmesg-* and console-*
- * in <system root>/sys/fs/pstore. A start stores them, oldest first, before anything that is read, and
- * removes each there once it is on the medium. What cannot be stored stays for the next start.
+ * in <system root>/sys/fs/pstore. When storing begins they are stored, oldest first, and each is removed
+ * there once it is on the medium. What cannot be stored stays for the next time.
  */
 class LastWords {
   public:
     /** Both must outlive the object. */
     LastWords(LogService& service, ServiceParts& parts) : mService(service), mParts(parts) {}
 
-    /** With the flush thread running and no reader yet; waits until all is on the medium, or that fails,
-     * reported. */
+    /** With the flush thread running, before a reader is started by that; waits until all is on the medium,
+     * or that fails, reported. */
     void store();
 
   private:

@@ -198,8 +198,8 @@ bool Lifecycle::endStoring(const bool* flags) {
     }
     mService.mServiceStarted = anyWorker();
     if (!mService.mServiceStarted) {
+        mParts.intake.reportLost(); // while the memory still tells
         mParts.ring.closeMemory();
-        mParts.intake.reportLost();
     }
     if (mService.mServiceStarted && !flags[LogService::FLUSH_THREAD])
         mParts.comeback.resume(flags);

@@ -74,7 +74,7 @@ class VNLOG_API LogService : public BnLogService,
      * Stops the workers whose flags are set, in good order: the readers take what there is for them to read,
      * the flush thread writes out what is buffered and closes the section, the ring buffer is released. With
      * the flush thread left running nothing is written out and the buffer stays. A reader that does not get
-     * on for 2 seconds is cancelled, and a buffer that does not for 5 is dropped, which is reported, or kept
+     * on for 5 seconds is cancelled, and a buffer that does not for 5 is dropped, which is reported, or kept
      * for the next start where it outlives the process. For the host, on any of its threads; a second stop
      * waits for the first. Takes the command lock once the buffer is written out. 0, or -1 when the service
      * is not started or a step failed (the steps after it are not done).
@@ -83,7 +83,8 @@ class VNLOG_API LogService : public BnLogService,
     int getLogFd() override;
     /** Bytes in the ring buffer that are not yet written out; 0 without a buffer. Any thread, never waits. */
     uint32_t bufferedBytes() const;
-    /** Bytes that the last stop of the flush thread could not write out; 0 from the next start on. */
+    /** Bytes that the last stop of the flush thread could not write out and has thrown away; none where they
+     * outlive the process. 0 from the next start on. */
     uint32_t droppedBytes() const;
 
     // --- Shell and files. Any thread

@@ -2,10 +2,7 @@
 
 #include "base/Diagnostics.h"
 #include "base/KeyValue.h"
-#include "base/Text.h"
 #include "service/Parts.h"
-
-#include <cinttypes>
 
 namespace vnlog {
 
@@ -142,10 +139,12 @@ void Status::addStoring(Lines* lines) {
 }
 
 void Status::addStorage(Lines* lines) {
-    StoreExtent extent = mParts.store.extent();
+    bool busy = !mParts.store.extent(&mExtent); // then what was found the last time is told
+    const StoreExtent& extent = mExtent;
     lines->add("storage.root", mParts.store.root());
     const char* awaited = mParts.store.awaitedRoot();
     lines->add("storage.awaited_root", awaited != nullptr ? awaited : "-");
+    lines->addFlag("storage.busy", busy);
     lines->add("storage.free_bytes", extent.freeBytes);
     lines->add("storage.stored_bytes", extent.bytes);
     lines->add("storage.bound_bytes", extent.bound);

@@ -3,6 +3,7 @@
 #include "binder/StatusSource.h"
 #include "service/LogService.h"
 #include "sources/SourceCounts.h"
+#include "storage/Store.h"
 
 #include <ctime>
 #include <string>
@@ -36,6 +37,7 @@ class Status final : public StatusSource {
     LogService& mService;
     ServiceParts& mParts;
     Storing mStoring VNLOG_GUARDED_BY(CommandLock::role) = Storing::SwitchedOff;
+    StoreExtent mExtent VNLOG_GUARDED_BY(CommandLock::role) = {}; ///< as it was seen last
     time_t mSince VNLOG_GUARDED_BY(CommandLock::role) = 0; ///< wall clock
     time_t mStarted VNLOG_GUARDED_BY(CommandLock::role) = 0;
     timespec mStartUptime VNLOG_GUARDED_BY(CommandLock::role) = {};

@@ -25,7 +25,7 @@ class Workers {
     /** Asks the readers of these flags, as of serviceStop, to finish what is there for them to read. */
     void askToFinish(const bool* flags);
     /**
-     * Waits until a reader that was asked has ended. One that has not come a step further for two seconds,
+     * Waits until a reader that was asked has ended. One that has not come a step further for five seconds,
      * or whose source is switched off, is cancelled. False when it cannot be ended.
      */
     [[nodiscard]] bool endKernelReader();

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <set>
 #include <unistd.h>
 
 namespace vnlog {
@@ -18,7 +20,7 @@ namespace {
 constexpr const char* kKeys[kRunKeys] = {"run",   "event", "time", "uptime", "boot",    "version",
                                          "build", "from",  "step", "how",    "archived"};
 constexpr const char* kEvents[] = {kRunStart, kRunStep, kRunEnd, kRunArchived};
-constexpr off_t kLargest = 262144; ///< bytes; of a larger file the newest half of that is kept
+constexpr off_t kLargest = 65536; ///< bytes; of a larger file the newest half of that is kept
 constexpr int64_t kLeastStep = 61; ///< seconds
 constexpr size_t kLongestWord = 64;
 
@@ -104,7 +106,8 @@ bool parseRunLine(std::string_view text, RunLine* line) {
     std::string whole(text);
     for (size_t at = 0; at <= text.size();) {
         size_t end = std::min(text.find(' ', at), text.size()), sign = std::min(text.find('=', at), end);
-        auto key = static_cast<size_t>(std::find(kKeys, kKeys + kRunKeys, text.substr(at, sign - at)) - kKeys);
+        auto key =
+            static_cast<size_t>(std::find(kKeys, kKeys + kRunKeys, text.substr(at, sign - at)) - kKeys);
         if (key == kRunKeys || sign == end)
             return false;
         line->values[key] = text.substr(sign + 1, end - sign - 1);
@@ -120,46 +123,83 @@ bool parseRunLine(std::string_view text, RunLine* line) {
 struct RunList::Found {
     std::string kept; ///< all but the lines of runs that are gone
     bool whole = true; ///< that is all
+    bool known = true; ///< the file has been read, or there is none
     RunLine last; ///< of the newest run: its last line
 };
 
-/** The lines of one run stand together, the last of them tells its folder. What is no line stays. */
-RunList::Found RunList::read(const char* logs) {
-    Found found;
+namespace {
+
+/** Calls for each line of a text, and for what is behind the last; a line of ours comes parsed. */
+template <typename Visit> void forEachLine(const std::string& text, Visit visit) {
+    for (size_t at = 0; at < text.size();) {
+        size_t end = std::min(text.find('\n', at), text.size());
+        std::string_view line = std::string_view(text).substr(at, end - at);
+        RunLine parsed;
+        bool ours = end < text.size() && parseRunLine(line, &parsed);
+        visit(line, ours ? &parsed : nullptr);
+        at = end + 1;
+    }
+}
+
+} // namespace
+
+/** The newest lines of the file. False when it cannot be read. */
+bool RunList::load(const char* logs, std::string* text, bool* whole) {
     FileDescriptor file = openOwnFile(listPath(logs).text, O_RDONLY);
     struct stat info;
+    if (!file.valid())
+        return errno == ENOENT;
+    if (fstat(file.get(), &info) != 0)
+        return false;
+    *whole = info.st_size <= kLargest;
+    off_t size = *whole ? info.st_size : kLargest / 2;
+    if (!readAll(file.get(), info.st_size - size, text, static_cast<size_t>(size)))
+        return false;
+    if (!*whole)
+        text->erase(0, text->find('\n') + 1);
+    return true;
+}
+
+/** The line about a run's folder tells whether it is gone. What is no line of ours stays. */
+RunList::Found RunList::read(const char* logs) {
+    Found found;
     std::string text;
-    if (!file.valid() || fstat(file.get(), &info) != 0)
-        return found;
-    found.whole = info.st_size <= kLargest;
-    off_t size = found.whole ? info.st_size : kLargest / 2;
-    if (!readAll(file.get(), info.st_size - size, &text, static_cast<size_t>(size)))
-        return found;
-    if (!found.whole)
-        text.erase(0, text.find('\n') + 1);
-    for (size_t at = 0, begin = 0, run = 0, end; at < text.size(); at = end) {
-        end = std::min(text.find('\n', at), text.size());
-        RunLine line;
-        bool ours = end < text.size() && parseRunLine(std::string_view(text).substr(at, end - at), &line);
-        if (ours && line.number(RunKey::Run) != run) {
-            begin = found.kept.size();
-            run = line.number(RunKey::Run);
-        }
-        if (ours && run >= found.last.number(RunKey::Run))
-            found.last = line;
-        found.kept.append(text, at, end - at).append("\n");
-        ++end;
-        uint32_t archived = ours ? line.number(RunKey::Archived) : 0;
-        if (archived == 0 || nameTaken(runFolder(entryPath(logs, kRunName).text, archived).text))
-            continue;
-        found.kept.resize(begin);
-        found.whole = false;
-    }
+    found.known = load(logs, &text, &found.whole);
+    const Path prefix = entryPath(logs, kRunName);
+    std::set<uint32_t> gone;
+    forEachLine(text, [&](std::string_view, const RunLine* line) {
+        if (line == nullptr)
+            return;
+        if (line->number(RunKey::Run) >= found.last.number(RunKey::Run))
+            found.last = *line;
+        uint32_t archived = line->number(RunKey::Archived);
+        if (archived > 0 && !nameTaken(runFolder(prefix.text, archived).text))
+            gone.insert(line->number(RunKey::Run));
+    });
+    found.whole = found.whole && gone.empty();
+    forEachLine(text, [&](std::string_view line, const RunLine* parsed) {
+        if (parsed == nullptr || gone.count(parsed->number(RunKey::Run)) == 0)
+            found.kept.append(line).append("\n");
+    });
     return found;
 }
 
-void RunList::begin(const char* logs, uint32_t newest, uint32_t archived, const char* from) {
+/** Does a piece of work, for which there may be no memory: nothing else is to suffer from that. */
+template <typename Work> void RunList::attempt(Work work) {
     Aside aside;
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        report(kRunListFile, false);
+    }
+}
+
+void RunList::begin(const char* logs, uint32_t newest, uint32_t archived, const char* from) {
+    attempt([&] { writeStart(logs, newest, archived, from); });
+}
+
+void RunList::writeStart(const char* logs, uint32_t newest, uint32_t archived, const char* from) {
     Found found = read(logs);
     std::string text;
     uint32_t last = found.last.number(RunKey::Run);
@@ -174,10 +214,14 @@ void RunList::begin(const char* logs, uint32_t newest, uint32_t archived, const 
     }
     if (from == nullptr)
         describeStart();
-    mStart[RunKey::Run] = std::to_string((last > 0 ? last : newest) + 1);
-    mStart[RunKey::From] = from != nullptr ? from : "";
+    uint32_t before = found.known ? (last > 0 ? last : newest) : std::max(newest, mStart.number(RunKey::Run));
+    mStart[RunKey::Run] = std::to_string(before + 1);
+    if (from == nullptr)
+        mStart[RunKey::From].clear();
+    else if (mStart[RunKey::From].empty())
+        mStart[RunKey::From] = from;
     text += printRunLine(mStart) + "\n";
-    if (found.whole)
+    if (found.whole || !found.known)
         append(logs, text);
     else
         replace(logs, found.kept + text);
@@ -204,11 +248,12 @@ void RunList::describeStart() {
 void RunList::end(const char* logs, const char* how) {
     if (!begun())
         return;
-    Aside aside;
-    watchClock(logs);
-    RunLine line = lineNow(kRunEnd);
-    line[RunKey::How] = how;
-    append(logs, printRunLine(line) + "\n");
+    attempt([&] {
+        watchClock(logs);
+        RunLine line = lineNow(kRunEnd);
+        line[RunKey::How] = how;
+        append(logs, printRunLine(line) + "\n");
+    });
     if (std::strcmp(how, kRunMoved) != 0)
         forget();
 }
@@ -218,17 +263,19 @@ void RunList::watchClock(const char* logs) {
     mOffset = offset;
     if (!begun() || std::abs(step) < kLeastStep)
         return;
-    Aside aside;
-    RunLine line = lineNow(kRunStep);
-    line[RunKey::Step] = std::to_string(step);
-    append(logs, printRunLine(line) + "\n");
+    attempt([&] {
+        RunLine line = lineNow(kRunStep);
+        line[RunKey::Step] = std::to_string(step);
+        append(logs, printRunLine(line) + "\n");
+    });
 }
 
 void RunList::trim(const char* logs) {
-    Aside aside;
-    Found found = read(logs);
-    if (!found.whole)
-        replace(logs, found.kept);
+    attempt([&] {
+        Found found = read(logs);
+        if (!found.whole && found.known)
+            replace(logs, found.kept);
+    });
 }
 
 /** Appends lines, on one of their own where the last was cut off. */

@@ -66,7 +66,10 @@ class RunList {
 
   private:
     struct Found;
+    template <typename Work> void attempt(Work work);
+    void writeStart(const char* logs, uint32_t newest, uint32_t archived, const char* from);
     Found read(const char* logs);
+    static bool load(const char* logs, std::string* text, bool* whole);
     RunLine lineNow(const char* event) const;
     void describeStart();
     void append(const char* logs, const std::string& text);

@@ -14,6 +14,7 @@ namespace vnlog {
 namespace {
 
 constexpr int kSeconds = 60; ///< that a command may take
+constexpr int kMoreLooks = 5; ///< for what has come in the place of a file that was to be copied
 constexpr uint32_t kNearlyFull = 65536; ///< free bytes with which a failure counts as one of space
 
 /** The two files alone decide: gzip also reports mere warnings, and what it may have left out it does not. */
@@ -38,19 +39,21 @@ timespec now() {
 }
 
 /** The commands' results are those of sync, and cp also fails for what has vanished meanwhile: the trees
- * tell. A text that has become an archive is missing in both forms after the first command, but not after
+ * tell. A text that has become an archive while a command ran is missing in both forms, but not after
  * another. */
-bool copyTwice(const char* from, const char* into, const char* copy) {
+bool copyUntilWhole(const char* from, const char* into, const char* copy) {
     const timespec since = now(), never{std::numeric_limits<time_t>::max(), 0};
     if (!runFileCommand(kSeconds, "cp -rf --remove-destination %s/ %s/;sync", from, into))
         return false;
     if (copyHolds(from, copy, since, never))
         return true;
     const timespec made = now();
-    if (!runFileCommand(kSeconds, "cp -rn %s/ %s/;sync", from, into))
-        return false;
-    if (copyHolds(from, copy, since, made))
-        return true;
+    for (int look = 0; look < kMoreLooks; ++look) {
+        if (!runFileCommand(kSeconds, "cp -rn %s/ %s/;sync", from, into))
+            return false;
+        if (copyHolds(from, copy, since, made))
+            return true;
+    }
     int error = errno;
     errno = availableBytes(into) < kNearlyFull ? ENOSPC : error;
     return false;
@@ -85,7 +88,7 @@ bool ShellFileWork::moveFolder(const char* from, const char* to) {
 
 bool ShellFileWork::copyTree(const char* from, const char* into, CopyTotals* totals) {
     Path copy = entryPath(into, lastName(from));
-    bool done = canCopy(from, into) && copyTwice(from, into, copy.text);
+    bool done = canCopy(from, into) && copyUntilWhole(from, into, copy.text);
     int error = errno;
     *totals = {};
     addUpTree(AT_FDCWD, copy.text, totals);

@@ -37,7 +37,7 @@ struct StorageState {
     int32_t mLogFd VNLOG_GUARDED_BY(StorageLock::role) = -1; ///< open section file
     Flag mStorageFull{false}; ///< storing was given up for want of room
 
-    // Set by the configuration, before the workers run.
+    // Set by a start before the workers run, and by a command with the storage lock held as well.
     int32_t mMaxLogSize = 0; ///< bound of the stored log in MiB
     uint32_t mLogSectionSize = 0;
     uint32_t mLogDeleteSize = 0; ///< least amount deleted at a time

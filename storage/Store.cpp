@@ -61,8 +61,6 @@ SaveResult Store::save(uint32_t count) {
     else if (status != SaveStatus::Saved && lackOfRoom(batch.error))
         status = SaveStatus::MediumFull;
     mRootChanged = mRootChanged && mState.mLogFd >= 0;
-    if (status != SaveStatus::Saved && status != SaveStatus::RootMoved)
-        ++mFailures;
     return {status, batch.moved};
 }
 
@@ -554,8 +552,11 @@ CopyStatus Store::copyTo(const char* target, CopyTotals* totals, std::string* re
     return failed(lackOfRoom(errno) ? CopyStatus::NoRoom : CopyStatus::Partial);
 }
 
-StoreExtent Store::extent() {
-    LockGuard<StorageLock> lock(mLock);
+bool Store::extent(StoreExtent* found) VNLOG_UNCHECKED {
+    constexpr int kPatienceMs = 100;
+    PatientLockGuard<StorageLock> lock(mLock, kPatienceMs);
+    if (!lock.held())
+        return false;
     StoreExtent extent{};
     const bool open = mState.mLogFd >= 0 && !mRootChanged; // else it is no part of this root
     extent.bytes =
@@ -576,7 +577,8 @@ StoreExtent Store::extent() {
     (void)lookIntoRun(mState.mCurrentDir, &current, Look::Names); // without a folder there are none
     extent.sections = current.archives + (open ? 1 : 0);
     extent.freeBytes = mState.mSavePath != nullptr ? availableBytes(mState.mSavePath) : 0;
-    return extent;
+    *found = extent;
+    return true;
 }
 
 int Store::openOlderText() {

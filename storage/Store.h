@@ -35,7 +35,6 @@ enum class CopyStatus {
 struct StoreCounts {
     uint32_t cuts; ///< sections that were finished
     uint32_t deletions; ///< sections that were deleted for the bound or for room
-    uint32_t failures; ///< batches that were not saved whole, tries again included
 };
 
 /** How much is stored, and where it ends. */
@@ -109,9 +108,10 @@ class Store final : public BatchTarget {
     /** The root in force; likewise. */
     const char* root() const;
     /**
-     * Changes the limits of StorageState: the bound in MiB, which is kept at once, and the size of a section
-     * in bytes, from the next section on. The least amount deleted at a time follows where it would not fit
-     * them any more. False, reported, when the stored log stays above the bound for now.
+     * Changes the limits of StorageState: the bound in MiB, which is kept at once, or with the next cut where
+     * one is pending or nothing is stored, and the size of a section in bytes, from the next section on. The
+     * least amount deleted at a time follows where it would not fit them any more. False, reported, when the
+     * stored log stays above the bound for now.
      */
     [[nodiscard]] bool setLimits(int32_t maxMiB, uint32_t sectionBytes) VNLOG_EXCLUDES(StorageLock::role);
     /** Whether a folder is the log folder or lies inside it, by way of links as well. */
@@ -130,9 +130,10 @@ class Store final : public BatchTarget {
 
     // --- status, any thread
 
-    StoreCounts counts() const { return {mCuts, mRetention.deletions(), mFailures}; }
-    /** Lists the log folder. */
-    StoreExtent extent() VNLOG_EXCLUDES(StorageLock::role);
+    StoreCounts counts() const { return {mCuts, mRetention.deletions()}; }
+    /** Lists the log folder. False, with nothing found, while a step of the store lasts, as on a medium that
+     * hangs. */
+    [[nodiscard]] bool extent(StoreExtent* found) VNLOG_EXCLUDES(StorageLock::role);
 
     // --- single steps, for whoever drives the store by hand
 
@@ -198,7 +199,7 @@ class Store final : public BatchTarget {
     bool mCompressPending VNLOG_GUARDED_BY(StorageLock::role) = false;
     /// A try to compress the section failed.
     bool mFinishRetried VNLOG_GUARDED_BY(StorageLock::role) = false;
-    std::atomic<uint32_t> mCuts{0}, mFailures{0};
+    std::atomic<uint32_t> mCuts{0};
     /// The bound did not hold after the last cut.
     bool mBoundPending VNLOG_GUARDED_BY(StorageLock::role) = false;
 };

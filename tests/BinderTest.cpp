@@ -75,7 +75,10 @@ TEST_F(BinderTest, ADescriptorIsHandedOver) {
 }
 
 TEST_F(BinderTest, ClientsLearnWhyAndWaitWithoutDescriptors) {
+    const int before = openDescriptors();
     EXPECT_TRUE(reachService("fake") == 0 && reachService("none") == ENOENT);
+    EXPECT_EQ(connect()->pingBinder(), NO_ERROR); // by then the server has taken the connection before it
+    EXPECT_TRUE(eventually([&] { return openDescriptors() == before; }));
     starveOfDescriptors(true);
     sp<IBinder> client = connect(); // takes the last one
     auto answer = std::async(std::launch::async, [&] { return client->pingBinder(); });

@@ -144,8 +144,13 @@ TEST_F(FlusherTest, RequestsAreAnsweredAndUrgentLinesShareASync) {
         put(8);
         EXPECT_EQ(flushed(sync), FlushOutcome::Failed);
         EXPECT_EQ(flushed(false), FlushOutcome::Done);
+        put(40000);
+        EXPECT_TRUE(eventually([&] { return ring.used() == 0; }));
+        EXPECT_EQ(faults.pauses().size(), sync ? 0U : 1U) << "writing goes on without the sync";
     }
     EXPECT_EQ(flusher.counts().failures, 2u);
+    EXPECT_EQ(flushed(true), FlushOutcome::Failed) << "it is not tried again at once";
+    EXPECT_TRUE(eventually([&] { return flushed(true) == FlushOutcome::Done; }));
     onSave = [&](size_t) {
         for (int i = 0; i < 1000 && faults.calls().size() == 1; ++i, ring.flushUrgent())
             put(1);

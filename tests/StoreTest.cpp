@@ -315,7 +315,8 @@ TEST_F(StoreTest, RootChangeLeavesTheOldNumbersBehind) {
     EXPECT_TRUE(copied(home) == CopyStatus::Done && storedText(home + "/log_service") == storedText(logs));
     files.untilError = 0, files.error = EIO;
     EXPECT_TRUE(copied(home) == CopyStatus::Partial && reason == "Input/output error");
-    StoreExtent extent = store->extent();
+    StoreExtent extent{};
+    EXPECT_TRUE(store->extent(&extent));
     EXPECT_TRUE(extent.bytes == storedArchiveBytes(logs) && extent.runs == 1 && store->counts().cuts == 2);
     faults.freeBytes = 99;
     EXPECT_TRUE(copied(home + "/media") == CopyStatus::NoRoom && reason == "No space left on device");

@@ -62,7 +62,10 @@ void sayText(const char* text, size_t length) {
     va_start(args, format);
     int length = std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    sayText(text, std::min(static_cast<size_t>(std::max(length, 0)), sizeof text - 1));
+    size_t whole = static_cast<size_t>(std::max(length, 0)), shown = std::min(whole, sizeof text - 1);
+    if (shown < whole)
+        text[shown - 1] = '\n';
+    sayText(text, shown);
 }
 
 /** Where a developer's machine has no Android log of its own: the diagnostics go to standard error. */

@@ -8,6 +8,7 @@
 #include "tools/Options.h"
 
 #include <algorithm>
+#include <atomic>
 #include <binder/IServiceManager.h>
 #include <cctype>
 #include <ctime>
@@ -76,8 +77,16 @@ struct Answer {
     bool reached = false;
     int error = 0; ///< errno of trying to reach the service
     int result = 0;
+    bool tooOld = false; ///< the service cannot tell what the command is to tell
     std::string text;
 };
+
+/** Whether a service that tells nothing but a number can do what is wanted. */
+bool numberWillDo(const Request& request) {
+    const CommandInfo& command = *request.command;
+    return command.audience == vnlog::Audience::Everybody && command.code != vnlog::CMD_COPY &&
+           command.code != vnlog::CMD_SHOW && (command.code != vnlog::CMD_FLUSH || request.param.empty());
+}
 
 /**
  * Something that may hang because the service does, on a thread of its own. Whoever gives up on it ends the
@@ -100,7 +109,7 @@ class Attempt {
         clock_gettime(CLOCK_MONOTONIC, &end);
         end.tv_sec += seconds;
         while (!mDone) {
-            mDone = sem_clockwait(&mState->done, CLOCK_MONOTONIC, &end) == 0;
+            mDone = sem_clockwait(&mState->done, CLOCK_MONOTONIC, &end) == 0 && mState->finished;
             if (!mDone && errno != EINTR)
                 return false;
         }
@@ -114,10 +123,12 @@ class Attempt {
         }
         std::function<void()> what;
         sem_t done;
+        std::atomic<bool> finished{false};
     };
     static void* run(void* own) {
         std::unique_ptr<std::shared_ptr<State>> state(static_cast<std::shared_ptr<State>*>(own));
         (*state)->what();
+        (*state)->finished = true;
         (void)sem_post(&(*state)->done);
         return nullptr;
     }
@@ -136,9 +147,14 @@ void ask(const Request& request, Answer* answer) {
     answer->error = vnlog::platform::reachService(vnlog::platform::kServiceName);
     auto binder = answer->error == 0 ? findService() : nullptr;
     answer->reached = binder != nullptr;
-    if (answer->reached)
-        answer->result = vnlog::ILogService::asInterface(binder)->logQuery(
-            request.command->code, request.param.c_str(), &answer->text);
+    if (!answer->reached)
+        return;
+    auto service = vnlog::ILogService::asInterface(binder);
+    const int code = request.command->code;
+    answer->result = service->logQuery(code, request.param.c_str(), &answer->text);
+    answer->tooOld = answer->result == android::UNKNOWN_TRANSACTION && !numberWillDo(request);
+    if (answer->result == android::UNKNOWN_TRANSACTION && !answer->tooOld)
+        answer->result = service->logCMD(code, request.param.c_str());
 }
 
 /** Whether the service answers anything within the patience. */
@@ -237,7 +253,7 @@ int report(const Request& request, const Answer& answer) {
     auto works =
         std::find_if(lines.begin(), lines.end(), [](const StatusLine& l) { return l.name == "works"; });
     if (works == lines.end())
-        return fail("the service is too old to tell its status");
+        return fail("the service's answer is no status");
     request.json ? printJson(lines) : printTable(lines);
     int written = finishOutput(kProgram);
     return written != 0 ? written : works->value == "y" ? 0 : kNotWorking;
@@ -255,8 +271,12 @@ int send(const Request& request) {
                         " seconds; whether it has done it is not known");
     if (!answer->reached)
         return unreachable(answer->error);
-    if (answer->result <= kNoTransaction)
+    if (answer->tooOld)
+        return fail(std::string("the service is too old for ") + request.command->name);
+    if (answer->result == android::DEAD_OBJECT)
         return fail("the service has gone while it was asked");
+    if (answer->result <= kNoTransaction)
+        return fail("the service could not be asked, status " + std::to_string(answer->result));
     if (answer->result != 0)
         return fail(std::string(request.command->name) + ": " +
                     (answer->text.empty() ? "refused; the Android log tells why" : answer->text));

@@ -215,6 +215,8 @@ bool BinderServer::serveRequest(const Endpoint& endpoint) {
     Parcel data;
     data.setData(packet.data() + sizeof header, header.size);
     status_t status = endpoint.service->transact(header.code, data, &reply, header.flags);
+    if (reply.dataSize() > kMaxParcel)
+        return sendReply(fd, FAILED_TRANSACTION, Parcel()); // what there is to tell does not fit
     return sendReply(fd, status, reply);
 }
 
