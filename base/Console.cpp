@@ -1,5 +1,6 @@
 #include "base/Console.h"
 
+#include "base/Clock.h"
 #include "base/Diagnostics.h"
 #include "base/Text.h"
 
@@ -51,12 +52,6 @@ class NoPipeSignal {
 
 uint32_t linesIn(const char* text, size_t length) {
     return static_cast<uint32_t>(std::count(text, text + length, '\n'));
-}
-
-int64_t nowMs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
 } // namespace
@@ -209,9 +204,9 @@ ssize_t Console::writePiece(const char* text, size_t length) {
 /** Waits as long as the patience lasts until more is taken. */
 bool Console::room(Patience* patience) {
     pollfd watched{mFd, POLLOUT, 0};
-    int64_t before = nowMs();
+    int64_t before = steadyMilliseconds();
     int ready = poll(&watched, 1, patience->mLeftMs);
-    int64_t waited = std::min<int64_t>(nowMs() - before, patience->mLeftMs);
+    int64_t waited = std::min<int64_t>(steadyMilliseconds() - before, patience->mLeftMs);
     patience->mLeftMs -= static_cast<int>(waited);
     return ready > 0 || (ready < 0 && errno == EINTR && patience->mLeftMs > 0);
 }

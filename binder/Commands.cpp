@@ -154,10 +154,6 @@ void toUpper(std::string& param) {
 
 // --- what is objected to
 
-std::string quoted(const std::string& param) {
-    return "'" + param + "'";
-}
-
 /** To the name of a module, which could not be told from a mode. */
 std::string nameObjection(const std::string& name) {
     for (const char* word : {kAllModules, kNoModule})

@@ -62,6 +62,11 @@ std::string objectionTo(const CommandInfo& command, const char* param);
 constexpr char kWaitWord[] = "--wait";
 constexpr char kSyncWord[] = "--sync";
 
+/** The text in quotes, for a message. */
+inline std::string quoted(const std::string& text) {
+    return "'" + text + "'";
+}
+
 /** Prints the service's usage text. */
 void printUsage(FILE* out);
 

@@ -21,10 +21,6 @@ namespace {
 constexpr int kMutedConsoleLevel = 1;
 constexpr unsigned kFlushPatienceMs = 60000; // a medium that is cut off says so long before
 
-std::string quoted(const char* text) {
-    return "'" + std::string(text) + "'";
-}
-
 std::string totalsText(const CopyTotals& totals) {
     return std::to_string(totals.files) + " files, " + std::to_string(totals.bytes) + " bytes";
 }

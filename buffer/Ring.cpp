@@ -1,5 +1,6 @@
 #include "buffer/Ring.h"
 
+#include "base/Clock.h"
 #include "base/Diagnostics.h"
 #include "base/Handles.h"
 #include "base/Semaphores.h"
@@ -24,7 +25,6 @@ constexpr int kPlaceSecond = 1710;
 
 constexpr uint32_t kWaitReportInterval = 1000; ///< milliseconds between two reports about waiting writers
 constexpr unsigned kPollMs = 3; ///< of those who wait for a flush
-constexpr uint32_t kRequestStep = 2, kSyncTicket = 1;
 
 /** Holds the ring's mutex while in scope. */
 class VNLOG_SCOPED_LOCK RingGuard {
@@ -75,28 +75,9 @@ uint32_t cutBack(int fd, off_t start) {
     return 0;
 }
 
-/** Of the monotonic clock. */
-int64_t steadyMilliseconds() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-/** The same modulo 2^32. */
+/** Of the monotonic clock, modulo 2^32. */
 uint32_t milliseconds() {
     return static_cast<uint32_t>(steadyMilliseconds());
-}
-
-timespec steadyTime(int64_t milliseconds) {
-    timespec time{};
-    time.tv_sec = static_cast<time_t>(milliseconds / 1000);
-    time.tv_nsec = static_cast<long>(milliseconds % 1000 * 1000000);
-    return time;
-}
-
-/** Whether requests up to `last` include this one. */
-bool includes(uint32_t last, uint32_t number) {
-    return static_cast<int32_t>(last - number) >= 0;
 }
 
 /** Copies bytes into the data area from an index on; returns the index behind them. */
@@ -262,8 +243,8 @@ bool Ring::build(const char* folder) {
     }
     useMemory(*record);
     mState.mFlushAll = false;
-    mDrainFailing = mConsumerAwake = mConsumerWorks = mSyncAsked = mGivenUp = false;
-    mFailed = mFlushRequests.load(); // those of the record before that are still waited for
+    mDrainFailing = mConsumerAwake = mConsumerWorks = mGivenUp = false;
+    mRequests.abandon(); // of the record before
     mDroppedBytes = mUnreportedWaits = 0;
     mLastWaitReport = milliseconds() - kWaitReportInterval;
     return true;
@@ -356,7 +337,7 @@ PutResult Ring::put(const void* bytes, uint32_t length) {
 
 bool Ring::drainWanted(const LogBuf& buffer) const {
     uint32_t used = usedBytes(buffer);
-    return mSyncAsked || used > kFlushThreshold ||
+    return mRequests.syncAsked() || used > kFlushThreshold ||
            (used > 0 && (mState.mFlushAll || mState.mFlushSwitch || mWaiters > 0));
 }
 
@@ -556,16 +537,15 @@ uint32_t Ring::requestFlush(bool sync) {
     Use use(*this);
     if (use.buffer() == nullptr)
         return 0;
-    uint32_t number = 0;
+    uint32_t ticket = 0;
     {
         RingGuard lock(*use.buffer());
-        number = mFlushRequests += kRequestStep;
-        mSyncAsked = mSyncAsked || sync;
+        ticket = mRequests.make(sync);
         mState.mFlushAll = true;
     }
     postOrReport(&use.buffer()->sem_read, "flushLogBufAll sem_post failed \n");
     logDebug("flush log buf success!\n");
-    return sync ? number | kSyncTicket : number;
+    return ticket;
 }
 
 void Ring::flushUrgent() {
@@ -574,9 +554,8 @@ void Ring::flushUrgent() {
         return;
     {
         RingGuard lock(*use.buffer());
-        if (mSyncAsked)
+        if (!mRequests.askForSync())
             return; // the drain that does it begins after this
-        mSyncAsked = true;
     }
     if (!mDrainFailing)
         wakeForDrain(*use.buffer());
@@ -586,25 +565,14 @@ FlushOutcome Ring::awaitFlush(uint32_t ticket, unsigned ms) const {
     CancelGuard guard;
     int64_t end = steadyMilliseconds() + ms;
     for (;;) {
-        FlushOutcome now = outcome(ticket);
+        FlushOutcome now = mRequests.outcome(ticket);
+        if (now == FlushOutcome::TimedOut && !mState.mFlushThreadRunning)
+            return FlushOutcome::NotInService;
         if (now != FlushOutcome::TimedOut || steadyMilliseconds() >= end)
             return now;
         timespec pause{0, kPollMs * 1000000L};
         (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr); // a signal only makes it shorter
     }
-}
-
-/** What is known of a request; TimedOut for one that is under way. */
-FlushOutcome Ring::outcome(uint32_t ticket) const {
-    bool sync = (ticket & kSyncTicket) != 0;
-    uint32_t number = ticket - (sync ? kSyncTicket : 0);
-    if (number == 0)
-        return FlushOutcome::NotInService;
-    if (includes(sync ? mSynced : mWritten, number))
-        return FlushOutcome::Done;
-    if (includes(mFailed, number))
-        return FlushOutcome::Failed;
-    return mState.mFlushThreadRunning ? FlushOutcome::TimedOut : FlushOutcome::NotInService;
 }
 
 bool Ring::wakeConsumer() {
@@ -661,25 +629,22 @@ bool Ring::drainWanted() const {
 DrainStart Ring::beginDrain() {
     LogBuf& buffer = *mState.mLogBuf;
     RingGuard lock(buffer);
-    DrainStart start{mFlushRequests, usedBytes(buffer), mSyncAsked, steadyMilliseconds()};
+    DrainStart start{mRequests.last(), usedBytes(buffer), mRequests.takeUp(), steadyMilliseconds()};
     int64_t interval = int64_t{mState.mFlushInterval} * 1000;
     bool waiting = start.used > 0 || mUnsynced;
     start.sync = start.sync || (waiting && (mOverdue || (interval > 0 && start.time - mOldest >= interval)));
-    mSyncAsked = false;
     return start;
 }
 
 void Ring::finishDrain(const DrainStart& drain, SyncOutcome sync) {
     drainWorks();
     RingGuard lock(*mState.mLogBuf);
-    if (mFlushRequests == drain.requests) // one that came in between is not lost
+    if (mRequests.last() == drain.requests) // one that came in between is not lost
         mState.mFlushAll = false;
     mUnsynced = mUnsynced && sync == SyncOutcome::NotTried;
     if (!mUnsynced)
         mOldest = std::max(mOldest, drain.time); // what is there now came after that
-    mWritten = drain.requests;
-    if (sync == SyncOutcome::Done)
-        mSynced = drain.requests;
+    mRequests.served(drain.requests, sync == SyncOutcome::Done);
 }
 
 void Ring::pause(unsigned seconds, uint32_t seen) {
@@ -687,7 +652,7 @@ void Ring::pause(unsigned seconds, uint32_t seen) {
     clock_gettime(CLOCK_MONOTONIC, &end);
     end.tv_sec += static_cast<time_t>(seconds);
     dropPosts(mState.mLogBuf->sem_read); // what they told has been looked at; the next try does so again
-    while (mState.mFlushThreadRunning && mFlushRequests == seen) {
+    while (mState.mFlushThreadRunning && mRequests.last() == seen) {
         if (sem_clockwait(&mState.mLogBuf->sem_read, CLOCK_MONOTONIC, &end) < 0 && errno != EINTR)
             return;
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "buffer/FlushRequests.h"
 #include "buffer/Losses.h"
 #include "buffer/RingMemory.h"
 #include "buffer/RingState.h"
@@ -45,9 +46,6 @@ struct TakeResult {
     uint32_t count = 0; ///< bytes freed; after a failed write those that could not be cut off the file again
     int error = 0; ///< errno of a failed write
 };
-
-/** What became of a request to flush. */
-enum class FlushOutcome { Done, Failed, TimedOut, NotInService };
 
 /** What came of the sync that may end a drain; one that failed is not repeated. */
 enum class SyncOutcome { NotTried, Done, Failed };
@@ -149,8 +147,8 @@ class Ring {
     // --- for the flush thread; there is a ring buffer
 
     /** Waits until there is something to do: at once when there is already, and no longer than until the
-     * oldest byte has waited for the medium for RingState::mFlushInterval. False, reported, when waiting is not
-     * possible. */
+     * oldest byte has waited for the medium for RingState::mFlushInterval. False, reported, when waiting is
+     * not possible. */
     [[nodiscard]] bool waitForWork();
     /** Takes the requests up that have come. */
     DrainStart beginDrain();
@@ -160,7 +158,7 @@ class Ring {
     /** All that a drain had to write is written. */
     void finishDrain(const DrainStart& drain, SyncOutcome sync);
     /** A drain or a sync for the requests up to this one failed. */
-    void requestsFailed(uint32_t requests) { mFailed = requests; }
+    void requestsFailed(uint32_t requests) { mRequests.failed(requests); }
     /** Waits `seconds`; a stop or a request after `seen` ends the wait, other posts do not. */
     void pause(unsigned seconds, uint32_t seen);
     /** Puts the writers on notice: those without space are refused from now on, those that wait get up. With
@@ -198,7 +196,6 @@ class Ring {
     uint32_t equalBytes(int fd, off_t offset, uint32_t most) const;
     bool awaitWork();
     bool oldestTime(int64_t* time) const;
-    FlushOutcome outcome(uint32_t ticket) const;
     bool append(LogBuf& buffer, const char* bytes, uint32_t length) VNLOG_REQUIRES(RingLock::role);
     bool tryCopy(LogBuf& buffer, const void* bytes, uint32_t length);
     bool drainWanted(const LogBuf& buffer) const;
@@ -228,10 +225,7 @@ class Ring {
     Flag mGivenUp{false};
     std::atomic<uint32_t> mArmedInterval{0}; ///< the interval after which the consumer wakes by itself
     bool mOverdue = false; ///< it did so; its own
-    // Requests are numbered in steps of two, a ticket is odd when it wants a sync. The last number, and the
-    // last ones that were written, were synced, and failed.
-    std::atomic<uint32_t> mFlushRequests{0}, mWritten{0}, mSynced{0}, mFailed{0};
-    Flag mSyncAsked{false}; ///< since the last drain began; changes under the lock
+    FlushRequests mRequests;
     std::atomic<uint32_t> mRefusedRecords{0}; ///< since draining began to fail
     Flag mDrainFailing{false}; ///< the last drain failed
     std::atomic<uint32_t> mFailingSince{0};

@@ -1,5 +1,6 @@
 #include "service/Status.h"
 
+#include "base/Clock.h"
 #include "base/Diagnostics.h"
 #include "base/KeyValue.h"
 #include "service/Parts.h"
@@ -8,27 +9,12 @@ namespace vnlog {
 
 namespace {
 
-constexpr char kDateForm[] = "%Y-%m-%dT%H:%M:%S%z";
-
 time_t wallClock() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return now.tv_sec;
-}
-
-timespec uptime() {
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now); // goes on while the device sleeps
-    return now;
+    return static_cast<time_t>(secondsOf(CLOCK_REALTIME));
 }
 
 std::string date(time_t time) {
-    tm parts{};
-    char text[40];
-    if (time == 0 || localtime_r(&time, &parts) == nullptr ||
-        strftime(text, sizeof text, kDateForm, &parts) == 0)
-        return "-";
-    return text;
+    return time != 0 ? localDate(time) : "-";
 }
 
 /** The name of a run's folder; "-" for none. */
@@ -76,7 +62,7 @@ std::string Status::status() {
 
 void Status::beginRun() {
     mStarted = wallClock();
-    mStartUptime = uptime();
+    mStartUptime = secondsOf(CLOCK_BOOTTIME); // which goes on while the device sleeps
     mStoring = storing();
     mSince = mStarted;
 }
@@ -188,7 +174,7 @@ void Status::addWork(Lines* lines) {
     lines->add("error.reports", error.count);
     lines->add("service.version", VNLOG_VERSION);
     lines->add("service.started", date(mStarted));
-    lines->add("service.uptime_seconds", static_cast<uint64_t>(uptime().tv_sec - mStartUptime.tv_sec));
+    lines->add("service.uptime_seconds", static_cast<uint64_t>(secondsOf(CLOCK_BOOTTIME) - mStartUptime));
 }
 
 } // namespace vnlog

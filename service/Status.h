@@ -40,7 +40,7 @@ class Status final : public StatusSource {
     StoreExtent mExtent VNLOG_GUARDED_BY(CommandLock::role) = {}; ///< as it was seen last
     time_t mSince VNLOG_GUARDED_BY(CommandLock::role) = 0; ///< wall clock
     time_t mStarted VNLOG_GUARDED_BY(CommandLock::role) = 0;
-    timespec mStartUptime VNLOG_GUARDED_BY(CommandLock::role) = {};
+    int64_t mStartUptime VNLOG_GUARDED_BY(CommandLock::role) = 0; ///< seconds since boot
 };
 
 } // namespace vnlog

@@ -1,5 +1,6 @@
 #include "storage/RunList.h"
 
+#include "base/Clock.h"
 #include "base/Diagnostics.h"
 #include "base/Files.h"
 #include "base/Handles.h"
@@ -32,24 +33,8 @@ struct Aside {
     ~Aside() { errno = error; }
 };
 
-int64_t secondsOf(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return now.tv_sec;
-}
-
 int64_t clockOffset() {
     return secondsOf(CLOCK_REALTIME) - secondsOf(CLOCK_BOOTTIME);
-}
-
-/** In the form of ISO 8601, with the offset of the zone. */
-std::string localTime() {
-    auto now = static_cast<time_t>(secondsOf(CLOCK_REALTIME));
-    tm parts{};
-    char text[40];
-    localtime_r(&now, &parts);
-    std::string result(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &parts));
-    return result.insert(result.size() - 2, ":");
 }
 
 /** A text as a value: "-" for none. */
@@ -232,7 +217,7 @@ RunLine RunList::lineNow(const char* event) const {
     RunLine line;
     line[RunKey::Run] = mStart[RunKey::Run];
     line[RunKey::Event] = event;
-    line[RunKey::Time] = localTime();
+    line[RunKey::Time] = localDate(static_cast<time_t>(secondsOf(CLOCK_REALTIME)));
     line[RunKey::Uptime] = std::to_string(secondsOf(CLOCK_BOOTTIME));
     return line;
 }
