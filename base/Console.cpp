@@ -54,57 +54,67 @@ uint32_t linesIn(const char* text, size_t length) {
     return static_cast<uint32_t>(std::count(text, text + length, '\n'));
 }
 
+/** Whether a write that failed so may work later. */
+bool mayHaveRoom(int error) {
+    return error == ENOSPC || error == EDQUOT || error == EFBIG;
+}
+
 } // namespace
 
 Shown Console::show(int fd, const char* text, size_t length, Patience* patience) {
     CancelGuard guard; // it does not last, and a text is not to be cut in the middle
     Shown shown;
-    bool givenUp;
+    int unsaid;
     {
         LockGuard<ConsoleLock> lock(mLock);
         shown = showLocked(fd, text, length, patience);
-        givenUp = std::exchange(mUnsaid, false);
+        unsaid = std::exchange(mUnsaid, 0);
     }
-    if (givenUp) // without the lock: the report may itself be shown here
-        logError("+++ LOG: write failed (errno=%d)\n", mError.load());
+    if (unsaid != 0) // without the lock: the report may itself be shown here
+        logError("+++ LOG: write failed (errno=%d)\n", unsaid);
     return shown;
 }
 
 Shown Console::showLocked(int fd, const char* text, size_t length, Patience* patience) {
-    if ((patience->mFresh || mWay == Way::None || fd != mShownOn) && !look(fd))
-        return Shown::Closed;
+    if (patience->mFresh || mWay == Way::None || fd != mShownOn)
+        look(fd);
     patience->mFresh = false;
     if (mError == 0 && tellMissed(patience) && begin(text, length, patience))
         return Shown::Whole;
-    if (mError != 0)
-        return Shown::Closed;
     miss(text, length);
-    return Shown::Dropped;
+    return mError != 0 ? Shown::Closed : Shown::Dropped;
 }
 
 void Console::retry() {
     LockGuard<ConsoleLock> lock(mLock);
     if (mError == 0)
         return;
-    mError = 0;
+    mWay = Way::None;
+    mError = mLastFailure = 0;
+}
+
+void Console::release() {
+    LockGuard<ConsoleLock> lock(mLock);
+    mOwn = FileDescriptor();
     mWay = Way::None;
 }
 
-/** Finds out how to write to what is behind the descriptor now. False when it has been given up. */
-bool Console::look(int fd) {
+/** Finds out what is behind the descriptor now, and how to write to it. */
+void Console::look(int fd) {
     struct stat info {};
     bool there = fstat(fd, &info) == 0;
-    bool known =
-        mWay != Way::None && fd == mShownOn && there && info.st_dev == mDevice && info.st_ino == mInode;
-    if (known || (mError != 0 && !there))
-        return mError == 0;
+    bool same = fd == mShownOn && info.st_dev == mDevice && info.st_ino == mInode;
+    if (same && (mWay != Way::None || mError != 0))
+        return;
+    if (!same) { // nobody is there who has the beginning
+        dropRest();
+        mError = mLastFailure = 0;
+        mStuck = false;
+    }
     mShownOn = fd;
     mDevice = info.st_dev;
     mInode = info.st_ino;
-    mRestLength = 0; // nobody is there who has the beginning
-    mError = 0;
     choose(fd, there ? info.st_mode & S_IFMT : S_IFREG); // of a closed one the write tells
-    return true;
 }
 
 void Console::choose(int fd, mode_t type) {
@@ -169,7 +179,18 @@ void Console::miss(const char* text, size_t length) {
     mMissed += linesIn(text, length);
 }
 
-/** Writes what is taken, and tells how much that is. Gives the descriptor up when it fails. */
+void Console::dropRest() {
+    miss(mRest, mRestLength);
+    mRestLength = 0;
+}
+
+/** Keeps the reason, for one report as long as it stays the same. */
+void Console::fail(int error) {
+    if (mLastFailure.exchange(error) != error)
+        mUnsaid = error;
+}
+
+/** Writes what is taken, and tells how much that is. Gives the descriptor up when it fails for good. */
 size_t Console::write(const char* text, size_t length, Patience* patience) {
     size_t written = 0;
     while (written < length) {
@@ -178,14 +199,18 @@ size_t Console::write(const char* text, size_t length, Patience* patience) {
         ssize_t count = writePiece(text + written, std::min(length - written, mPiece));
         if (count > 0) {
             written += static_cast<size_t>(count);
-        } else if (count < 0 && errno == EAGAIN) {
+            mStuck = false;
+            mLastFailure = 0;
+        } else if (count == 0 || mayHaveRoom(errno)) {
+            fail(count == 0 ? ENOSPC : errno);
+            break;
+        } else if (errno == EAGAIN) {
             if (!room(patience))
                 break;
-        } else if (count == 0 || errno == ENOSPC || errno == EDQUOT || errno == EFBIG) {
-            break; // a file may have room again
         } else if (errno != EINTR) {
+            fail(errno);
             mError = errno;
-            mUnsaid = true;
+            dropRest();
             break;
         }
     }
@@ -201,13 +226,15 @@ ssize_t Console::writePiece(const char* text, size_t length) {
     return ::write(mFd, text, length);
 }
 
-/** Waits as long as the patience lasts until more is taken. */
+/** Waits as long as the patience lasts until more is taken; once that was in vain, nobody waits any more
+ * until then. */
 bool Console::room(Patience* patience) {
     pollfd watched{mFd, POLLOUT, 0};
     int64_t before = steadyMilliseconds();
-    int ready = poll(&watched, 1, patience->mLeftMs);
+    int ready = poll(&watched, 1, mStuck ? 0 : patience->mLeftMs);
     int64_t waited = std::min<int64_t>(steadyMilliseconds() - before, patience->mLeftMs);
     patience->mLeftMs -= static_cast<int>(waited);
+    mStuck = ready == 0;
     return ready > 0 || (ready < 0 && errno == EINTR && patience->mLeftMs > 0);
 }
 

@@ -47,8 +47,14 @@ class Console {
     Shown show(int fd, const char* text, size_t length, Patience* patience) VNLOG_EXCLUDES(ConsoleLock::role);
     /** Tries anew with a descriptor that was given up; without effect on any other. */
     void retry() VNLOG_EXCLUDES(ConsoleLock::role);
+    /** Closes what was opened for showing: whoever waits for the end of a pipe does not wait for this object.
+     */
+    void release() VNLOG_EXCLUDES(ConsoleLock::role);
     /** The errno for which the descriptor was given up; 0 when it was not. */
     int error() const { return mError; }
+    /** The errno of the last write, which may have been one that is tried again; 0 when that worked, or was
+     * only put off. */
+    int lastFailure() const { return mLastFailure; }
 
   private:
     /** How a descriptor is written to without waiting. */
@@ -62,7 +68,7 @@ class Console {
 
     Shown showLocked(int fd, const char* text, size_t length, Patience* patience)
         VNLOG_REQUIRES(ConsoleLock::role);
-    bool look(int fd) VNLOG_REQUIRES(ConsoleLock::role);
+    void look(int fd) VNLOG_REQUIRES(ConsoleLock::role);
     void choose(int fd, mode_t type) VNLOG_REQUIRES(ConsoleLock::role);
     size_t write(const char* text, size_t length, Patience* patience) VNLOG_REQUIRES(ConsoleLock::role);
     ssize_t writePiece(const char* text, size_t length) VNLOG_REQUIRES(ConsoleLock::role);
@@ -70,6 +76,8 @@ class Console {
     bool tellMissed(Patience* patience) VNLOG_REQUIRES(ConsoleLock::role);
     void keepRest(const char* text, size_t length) VNLOG_REQUIRES(ConsoleLock::role);
     void miss(const char* text, size_t length) VNLOG_REQUIRES(ConsoleLock::role);
+    void dropRest() VNLOG_REQUIRES(ConsoleLock::role);
+    void fail(int error) VNLOG_REQUIRES(ConsoleLock::role);
     bool room(Patience* patience) VNLOG_REQUIRES(ConsoleLock::role);
 
     Mutex<ConsoleLock> mLock;
@@ -84,8 +92,9 @@ class Console {
     char mRest[8192] VNLOG_GUARDED_BY(ConsoleLock::role); ///< of a text that has been taken in part
     size_t mRestLength VNLOG_GUARDED_BY(ConsoleLock::role) = 0;
     std::atomic<int> mError{0};
-    bool mUnsaid VNLOG_GUARDED_BY(ConsoleLock::role) =
-        false; ///< it has been given up and nobody has reported that
+    std::atomic<int> mLastFailure{0};
+    int mUnsaid VNLOG_GUARDED_BY(ConsoleLock::role) = 0; ///< a failure that is to be reported
+    bool mStuck VNLOG_GUARDED_BY(ConsoleLock::role) = false; ///< it was waited for in vain
 };
 
 } // namespace vnlog

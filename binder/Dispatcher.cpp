@@ -58,6 +58,8 @@ int Dispatcher::run(int code, const char* param) {
     if (code == CMD_COPY)
         (void)writeOut(false); // what is not written out is not copied; the query says why
     CommandAnswer answer = runLocked(code, param);
+    if (!answer.copied.empty())
+        answer = copy(answer.copied.c_str(), param);
     showReports(answer);
     return answer.result;
 }
@@ -106,13 +108,19 @@ CommandAnswer Dispatcher::answerQuery(int code, const char* param) {
     bool written = code != CMD_COPY || !writeOut(false).undone || mTargets.ring.used() == 0;
     if (code == CMD_FLUSH && *param != '\0')
         return writeOut(std::strstr(param, kSyncWord) != nullptr);
-    LockGuard<CommandLock> lock(mTargets.lock);
-    if (!mTargets.commandState.mServiceStarted) // it may have been stopped meanwhile
-        return failed("the service is not started");
-    CommandAnswer answer = act(*command, param);
+    CommandAnswer answer = actLocked(*command, param);
+    if (!answer.copied.empty())
+        answer = copy(answer.copied.c_str(), param);
     if (written || answer.undone)
         return answer;
     return failed(answer.text + "what is buffered is not in it: it cannot be written out at present");
+}
+
+CommandAnswer Dispatcher::actLocked(const CommandInfo& command, const char* param) {
+    LockGuard<CommandLock> lock(mTargets.lock);
+    if (!mTargets.commandState.mServiceStarted) // it may have been stopped meanwhile
+        return failed("the service is not started");
+    return act(command, param);
 }
 
 CommandAnswer Dispatcher::act(const CommandInfo& command, const char* param) {
@@ -127,7 +135,7 @@ CommandAnswer Dispatcher::writeOut(bool sync) {
     case FlushOutcome::Done:
         return {0};
     case FlushOutcome::Failed:
-        return failed("what is buffered cannot be written out; it is tried again and again");
+        return failed("what is buffered could not be brought to the medium; STATUS tells more");
     case FlushOutcome::TimedOut:
         return failed("what is buffered has not been written out in time; that goes on");
     case FlushOutcome::NotInService:
@@ -148,6 +156,7 @@ void Dispatcher::showHelp() {
     Patience patience;
     if (owned != nullptr) // shown in one piece, so that two reports never mix
         (void)mTargets.console.show(STDOUT_FILENO, text, length, &patience); // counted there
+    mTargets.console.release();
 }
 
 /** The end of every command that changed a setting: saves it and has it shown. */
@@ -179,7 +188,11 @@ CommandAnswer Dispatcher::setFileOutput(const char* param) {
         mTargets.storing.switchOff();
     mState.mKLogToFile = on;
     mState.mALogToFile = on;
-    return saveAndShow();
+    CommandAnswer answer = saveAndShow();
+    if (!on || answer.undone || !mTargets.storing.awaitsStorage())
+        return answer;
+    return failed("it is switched on, but the storage cannot be used; it is tried again now and every minute",
+                  true);
 }
 
 bool Dispatcher::setConsoleLevel(int level, const char* report) {
@@ -329,15 +342,23 @@ CommandAnswer Dispatcher::copyStorage(const char* param) {
         logError("%s dir does not exist,Please check!\n", param);
         return failed(quoted(param) + " does not exist, or its name is too long");
     }
+    CommandAnswer answer{0};
+    answer.copied = mTargets.store.logFolder();
+    return answer;
+}
+
+/** Without the command lock: a copy lasts, and other commands are to be answered meanwhile. One at a time. */
+CommandAnswer Dispatcher::copy(const char* logs, const char* target) {
+    LockGuard<CopyLock> lock(mCopyLock);
     CopyTotals totals;
     std::string reason;
-    CopyStatus status = mTargets.store.copyTo(param, &totals, &reason);
+    CopyStatus status = mTargets.store.copyTo(logs, target, &totals, &reason);
     if (status == CopyStatus::Done) {
         logDebug("log copy success\n");
-        return {0, false, false, totalsText(totals) + " in " + quoted(param) + "\n"};
+        return {0, false, false, totalsText(totals) + " in " + quoted(target) + "\n"};
     }
     logError("fail to copy log files\n");
-    return failed(whyNotCopied(status, param, reason) + "; " + totalsText(totals) + " are there");
+    return failed(whyNotCopied(status, target, reason) + "; " + totalsText(totals) + " are there");
 }
 
 CommandAnswer Dispatcher::flush(const char*) {

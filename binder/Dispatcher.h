@@ -36,6 +36,11 @@ struct CommandTargets {
     StatusSource& status;
 };
 
+/** The role of the lock that lets one copy run at a time. Not taken with the command lock held. */
+struct CopyLock {
+    static LockRole role;
+};
+
 /** What a command answers. */
 struct CommandAnswer {
     int result; ///< of logCMD
@@ -43,6 +48,7 @@ struct CommandAnswer {
     bool usage = false; ///< the usage text is to be shown before it
     std::string text = {}; ///< of logQuery: what was done, or why it was not
     bool undone = false; ///< logQuery fails, although logCMD does not
+    std::string copied = {}; ///< the log folder that is to be copied once the lock is released
 };
 
 /** Runs the commands, one at a time. Any thread; a command is not cut in the middle by a cancellation. */
@@ -86,7 +92,9 @@ class Dispatcher {
     CommandAnswer runLocked(int code, const char* param) VNLOG_EXCLUDES(CommandLock::role);
     CommandAnswer answerQuery(int code, const char* param) VNLOG_EXCLUDES(CommandLock::role);
     CommandAnswer act(const CommandInfo& command, const char* param) VNLOG_REQUIRES(CommandLock::role);
+    CommandAnswer actLocked(const CommandInfo& command, const char* param) VNLOG_EXCLUDES(CommandLock::role);
     CommandAnswer writeOut(bool sync);
+    CommandAnswer copy(const char* logs, const char* target) VNLOG_EXCLUDES(CommandLock::role);
     void showReports(const CommandAnswer& answer);
     CommandAnswer saveAndShow() VNLOG_REQUIRES(CommandLock::role);
     static CommandAnswer levelFailed();
@@ -97,6 +105,7 @@ class Dispatcher {
 
     const CommandTargets mTargets;
     ServiceState& mState;
+    Mutex<CopyLock> mCopyLock;
 };
 
 } // namespace vnlog

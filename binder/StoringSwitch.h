@@ -12,6 +12,8 @@ class StoringSwitch {
      * when that is not possible yet.
      */
     [[nodiscard]] virtual bool switchOn() VNLOG_REQUIRES(CommandLock::role) = 0;
+    /** Whether the storage could not be used so far; a switch-on has it tried once more. */
+    virtual bool awaitsStorage() const VNLOG_REQUIRES(CommandLock::role) = 0;
     /** Storing is switched off: where it was given up, it is not to come back by itself. */
     virtual void switchOff() VNLOG_REQUIRES(CommandLock::role) = 0;
 

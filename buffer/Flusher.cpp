@@ -1,5 +1,6 @@
 #include "buffer/Flusher.h"
 
+#include "base/Clock.h"
 #include "base/Diagnostics.h"
 
 #include <algorithm>
@@ -11,7 +12,28 @@ namespace {
 
 constexpr unsigned kLongestPauseSeconds = 60;
 
+uint32_t now() {
+    return static_cast<uint32_t>(secondsOf(CLOCK_MONOTONIC)) | 1U; // never 0
+}
+
+/** A step of the target, which may last. */
+class Busy {
+  public:
+    explicit Busy(std::atomic<uint32_t>& since) : mSince(since) { mSince = now(); }
+    ~Busy() { mSince = 0; }
+    Busy(const Busy&) = delete;
+    Busy& operator=(const Busy&) = delete;
+
+  private:
+    std::atomic<uint32_t>& mSince;
+};
+
 } // namespace
+
+uint32_t Flusher::busySeconds() const {
+    uint32_t since = mBusySince;
+    return since != 0 ? now() - since : 0;
+}
 
 void Flusher::run() {
     while (mState.mFlushThreadRunning) {
@@ -65,7 +87,11 @@ Flusher::Drain Flusher::drain(bool retry, const DrainStart& start) {
 }
 
 Flusher::Drain Flusher::save(const DrainStart& start) {
-    SaveResult result = mTarget.save(start.used);
+    SaveResult result;
+    {
+        Busy busy(mBusySince);
+        result = mTarget.save(start.used);
+    }
     if (!mState.mFlushThreadRunning)
         return Drain::Done; // a stop came in between; what it left is no failure of the storage
     switch (result.status) {
@@ -106,7 +132,11 @@ Flusher::Drain Flusher::finish(const DrainStart& start, Drain done) {
 SyncOutcome Flusher::trySync(int64_t now) {
     if (now < mNextSync)
         return SyncOutcome::Failed;
-    if (mTarget.sync()) {
+    {
+        Busy busy(mBusySince);
+        mSyncFails = !mTarget.sync();
+    }
+    if (!mSyncFails) {
         mSyncPause = kFirstPauseSeconds;
         return SyncOutcome::Done;
     }

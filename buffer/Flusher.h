@@ -54,6 +54,10 @@ class Flusher {
     void run();
     /** Any thread. */
     FlushCounts counts() const { return {mFlushes, mFailures}; }
+    /** Whether the last sync failed. Any thread. */
+    bool syncFails() const { return mSyncFails; }
+    /** For how many seconds a step of the target has lasted; 0 without one. Any thread. */
+    uint32_t busySeconds() const;
 
   private:
     static constexpr unsigned kFirstPauseSeconds = 1;
@@ -73,6 +77,8 @@ class Flusher {
     unsigned mSyncPause = kFirstPauseSeconds; ///< after the next one that fails
     bool mSyncOwed = false; ///< wanted by a request that no drain has served yet
     std::atomic<uint32_t> mFlushes{0}, mFailures{0};
+    std::atomic<uint32_t> mBusySince{0}; ///< monotonic clock in seconds, 0 when it is not
+    Flag mSyncFails{false};
 };
 
 } // namespace vnlog

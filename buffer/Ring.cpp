@@ -540,6 +540,8 @@ uint32_t Ring::requestFlush(bool sync) {
     uint32_t ticket = 0;
     {
         RingGuard lock(*use.buffer());
+        (void)append(*use.buffer(), nullptr,
+                     0); // lines about losses; without space the next record is behind them
         ticket = mRequests.make(sync);
         mState.mFlushAll = true;
     }
@@ -670,7 +672,8 @@ void Ring::drainFailed(bool mediumFull) {
 }
 
 void Ring::drainWorks() {
-    mDrainFailing = false;
+    if (mDrainFailing.exchange(false))
+        announce();
     reportRefused();
 }
 
@@ -703,7 +706,7 @@ void Ring::dropRest(Loss why) {
     buffer.read_pos = buffer.write_pos;
     buffer.free_size = buffer.size;
     mAdopted = 0;
-    mDroppedBytes = used;
+    mDroppedBytes = why == Loss::Dropped ? used : 0;
 }
 
 } // namespace vnlog

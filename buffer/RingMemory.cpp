@@ -107,7 +107,8 @@ bool RingMemory::openFile(const char* folder) {
 
 /** Maps the open file and looks whether what it holds can be used. */
 bool RingMemory::map(const char* path, int fd) {
-    bool kept = false;
+    struct stat before {};
+    bool kept = false, hadContent = fstat(fd, &before) == 0 && before.st_size > 0;
     if (!setSize(fd, &kept)) {
         reportUnused(path, "cannot be given its size");
         return false;
@@ -119,6 +120,8 @@ bool RingMemory::map(const char* path, int fd) {
     }
     mHeader = static_cast<RingHeader*>(memory);
     mResumed = kept && whole();
+    if (!kept && hadContent)
+        logError("[%s] has another size and is begun anew\n", path);
     if (kept && !mResumed)
         logError("[%s] is damaged and begun anew\n", path);
     if (!mResumed)

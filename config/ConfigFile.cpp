@@ -17,7 +17,6 @@ namespace vnlog {
 namespace {
 
 constexpr mode_t kConfigurationMode = 0555;
-constexpr off_t kMaxConfigurationSize = 1048576;
 
 Path besides(const char* path, const char* end) {
     Path whole;

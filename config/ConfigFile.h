@@ -11,6 +11,8 @@ namespace vnlog {
 
 /** The service's own file, under the system root and the default storage root. */
 constexpr char kConfigurationName[] = "/log.cfg";
+/** Bytes that a file of settings may have. */
+constexpr long kMaxConfigurationSize = 1048576;
 /** The environment variable that names the file to be read when that one is missing or unusable. */
 constexpr char kDefaultConfigurationVariable[] = "LOG_DEFAULT_CFG";
 

@@ -58,6 +58,7 @@ void showConfiguration(const char* path, Console& console) {
     int length = std::snprintf(report.get(), size, "%s%s\n", kTitle, text.get());
     Patience patience;
     (void)console.show(STDOUT_FILENO, report.get(), static_cast<size_t>(length), &patience); // counted there
+    console.release();
 }
 
 } // namespace vnlog

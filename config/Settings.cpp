@@ -101,6 +101,7 @@ void Settings::load() {
     LoggedFindings findings;
     const char* own = mState.mCfgPath;
     Examined found = examine(own, Configuration::Own, findings);
+    mOwnUnread = !found.usable;
     mRejected = found.there && !found.whole;
     mRestored = found.restored;
     if (found.whole)
@@ -221,6 +222,8 @@ Outcome Settings::takeNumber(const Setting& setting, const char* value) {
     Range range = setting.range(mState);
     int read = parseNumber(value);
     Digits digits = digitsOf(value);
+    if (setting.optional && digits != Digits::All)
+        return Outcome::Refused; // these have always been read whole
     bool good = digits != Digits::None && range.holds(read);
     if (!good && !number.adjusted.holds(read))
         return Outcome::Refused;
@@ -413,6 +416,10 @@ bool Settings::save() {
         logError("write error \n");
         return false;
     }
+    if (length > static_cast<size_t>(kMaxConfigurationSize)) { // the next start would not read it
+        logError("log.cfg would be longer than %ld bytes\n", kMaxConfigurationSize);
+        return false;
+    }
     if (mRejected)
         keepRejected(mState.mCfgPath);
     mRejected = false;
@@ -420,8 +427,13 @@ bool Settings::save() {
         return false;
     if (mRestored)
         discardSetAside(mState.mCfgPath);
-    mRestored = false;
+    mRestored = mOwnUnread = false;
     return true;
+}
+
+bool Settings::ownAppeared() const {
+    size_t size = 0;
+    return mOwnUnread && openConfiguration(mState.mCfgPath, Configuration::Own, &size).valid() && size > 0;
 }
 
 /** What log.cfg is to hold, and how long that is; null without memory. */

@@ -52,6 +52,8 @@ class Settings {
         VNLOG_REQUIRES(CommandLock::role);
     /** Prints all settings in one line, as they were read, before the filter is built. */
     void printRead(FILE* out) VNLOG_REQUIRES(CommandLock::role);
+    /** Whether there is a log.cfg now which load has not found or could not read, and no save has made. */
+    bool ownAppeared() const VNLOG_REQUIRES(CommandLock::role);
     /** Whether the settings that were read tell that storing was given up for a full medium; once. */
     [[nodiscard]] bool forgetGivingUp() VNLOG_REQUIRES(CommandLock::role);
     /** Takes the settings from the environment and the built-in defaults. */
@@ -96,6 +98,7 @@ class Settings {
     Text mModuleText VNLOG_GUARDED_BY(CommandLock::role);
     Text mFormatText VNLOG_GUARDED_BY(CommandLock::role);
     unsigned mOptionalSet VNLOG_GUARDED_BY(CommandLock::role) = 0; ///< a bit for each row of the table
+    bool mOwnUnread VNLOG_GUARDED_BY(CommandLock::role) = false; ///< log.cfg was not there, or not to be read
     bool mRejected VNLOG_GUARDED_BY(CommandLock::role) = false; ///< log.cfg is to be kept before a save
     bool mRestored VNLOG_GUARDED_BY(CommandLock::role) = false; ///< the one set aside is not needed after it
     bool mGaveUp VNLOG_GUARDED_BY(CommandLock::role) = false;

@@ -159,6 +159,7 @@ bool Comeback::moveToAwaited() {
     formatText(before.text, "%s", mParts.store.root());
     if (mParts.store.changeRoot(root.text) != RootChangeStatus::Done)
         return false;
+    mParts.store.closeSection(); // of the root before: nobody has chosen that one
     logDebug("[%s] can be used now; what was stored meanwhile stays under [%s]\n", root.text, before.text);
     return true;
 }
@@ -166,6 +167,8 @@ bool Comeback::moveToAwaited() {
 /** What the start could not do. */
 bool Comeback::prepareAgain() {
     const bool storing[] = {mFlags[LogService::FLUSH_THREAD], mFlags[LogService::KERNEL_READER], false};
+    if (mParts.settings.ownAppeared() && !mParts.lifecycle.readSettingsAgain())
+        return false;
     if (!mParts.lifecycle.makeRing() || !mParts.lifecycle.prepareStore())
         return false;
     if (!mParts.lifecycle.startWorkers(storing, true)) {
@@ -214,6 +217,8 @@ bool Comeback::stopStoring() {
 }
 
 bool Comeback::switchOn() {
+    if (mWanted && mCause == Cause::NotPrepared)
+        post(&mWake); // the user may have made it usable
     if (!mParts.intake.givenUp())
         return true;
     if (!roomAgain(true) || !storeAgain())

@@ -36,8 +36,9 @@ class Comeback final : public StoringSwitch {
     /** Storing was given up and stopped: begins to wait for room, unless the user has switched it off. */
     void awaitRoom() VNLOG_REQUIRES(CommandLock::role);
 
-    /** Whether the storage could not be prepared so far. */
-    bool awaitsStorage() const VNLOG_REQUIRES(CommandLock::role) { return mCause == Cause::NotPrepared; }
+    bool awaitsStorage() const override VNLOG_REQUIRES(CommandLock::role) {
+        return mCause == Cause::NotPrepared;
+    }
 
     bool switchOn() override VNLOG_REQUIRES(CommandLock::role);
     void switchOff() override VNLOG_REQUIRES(CommandLock::role);

@@ -20,6 +20,7 @@ constexpr char kCompressedEnd[] = ".enc.z"; // what the kernel could not unpack 
 constexpr uint32_t kTextSize = 8192; // bytes of text held at a time
 constexpr uint32_t kLongestLine = 65536;
 constexpr unsigned kPatienceMs = 30000;
+constexpr unsigned kSettleMs = 1000; ///< of somebody who wants something else
 
 bool beginsWith(const std::string& name, const char* beginning) {
     return name.compare(0, std::strlen(beginning), beginning) == 0;
@@ -80,14 +81,32 @@ bool LastWords::storeFile(const char* folder, const std::string& name) {
     }
     char title[320];
     formatText(title, "--------- the last words of the kernel, kept in %s/%s\n", kPstore, name.c_str());
-    if (!put(title, std::strlen(title)) || !storeText(file.get()) ||
-        mParts.ring.awaitFlush(mParts.ring.requestFlush(true), kPatienceMs) != FlushOutcome::Done)
+    if (!put(title, std::strlen(title)) || !storeText(file.get()))
         return false;
-    if (unlink(path.text) == 0)
-        return true;
-    logError("%s is stored, but cannot be removed: the next start stores it again\n", path.text);
-    logErrno();
+    if (mParts.ring.awaitFlush(mParts.ring.requestFlush(true), kPatienceMs) != FlushOutcome::Done) {
+        mPending = path.text;
+        return false;
+    }
+    remove(path.text);
     return true;
+}
+
+void LastWords::settle() {
+    if (mPending.empty() || mParts.ring.used() > 0 || mParts.ring.failingSince() != 0)
+        return;
+    if (mParts.ring.awaitFlush(mParts.ring.requestFlush(true), kSettleMs) != FlushOutcome::Done)
+        return;
+    Losses& losses = mParts.ring.losses();
+    if (losses.total(Loss::StorageFull) + losses.total(Loss::Dropped) == 0) // with which a part may have gone
+        remove(mPending.c_str());
+    mPending.clear();
+}
+
+void LastWords::remove(const char* path) {
+    if (unlink(path) == 0)
+        return;
+    logError("%s is stored, but cannot be removed: the next start stores it again\n", path);
+    logErrno();
 }
 
 /** Stores the lines of a text, whatever their level. */

@@ -21,6 +21,8 @@ class LastWords {
     /** With the flush thread running, before a reader is started by that; waits until all is on the medium,
      * or that fails, reported. */
     void store();
+    /** Removes a file whose text has come to the medium since. */
+    void settle();
 
   private:
     struct File {
@@ -30,11 +32,13 @@ class LastWords {
 
     std::vector<File> find(const char* folder) const;
     bool storeFile(const char* folder, const std::string& name);
+    static void remove(const char* path);
     bool storeText(int fd);
     bool put(const char* text, size_t length);
 
     LogService& mService;
     ServiceParts& mParts;
+    std::string mPending; ///< path of a file whose text is buffered, empty without one
 };
 
 } // namespace vnlog

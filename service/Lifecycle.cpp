@@ -101,6 +101,14 @@ bool Lifecycle::beginStoring() {
     return prepareStore();
 }
 
+bool Lifecycle::readSettingsAgain() {
+    logDebug("[%s] is there now, its settings are used\n", mService.mCfgPath);
+    mParts.settings.load();
+    bool usable = mParts.store.resolveRoot() && applyFilter();
+    mParts.settings.releaseTexts();
+    return usable;
+}
+
 bool Lifecycle::prepareStore() {
     mParts.store.settleRing(); // before sections are moved
     if (!mParts.store.prepare())
@@ -159,8 +167,10 @@ bool Lifecycle::stop(const bool* flags) {
     logDebug("Thread stopped \n");
     if (!endReaders(flags))
         return false;
-    if (flags[LogService::FLUSH_THREAD])
+    if (flags[LogService::FLUSH_THREAD]) {
         mParts.workers.drain();
+        mParts.lastWords.settle();
+    }
     return endStoring(flags);
 }
 

@@ -31,6 +31,11 @@ class Lifecycle {
      */
     [[nodiscard]] bool prepareStore() VNLOG_REQUIRES(CommandLock::role);
     /**
+     * Reads the settings once more as a start does, for a log.cfg that was not there then, before anything is
+     * stored. False when they cannot be used.
+     */
+    [[nodiscard]] bool readSettingsAgain() VNLOG_REQUIRES(CommandLock::role);
+    /**
      * Starts the workers of these flags; without `storing` neither flush thread nor kernel reader. After a
      * run that had given storing up, the first line tells that. False when there is no thread for one: those
      * before it run.

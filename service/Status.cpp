@@ -5,9 +5,13 @@
 #include "base/KeyValue.h"
 #include "service/Parts.h"
 
+#include <cstring>
+
 namespace vnlog {
 
 namespace {
+
+constexpr uint32_t kLongStep = 5; ///< seconds after which a step of the store is no usual one
 
 time_t wallClock() {
     return static_cast<time_t>(secondsOf(CLOCK_REALTIME));
@@ -68,6 +72,7 @@ void Status::beginRun() {
 }
 
 void Status::look() {
+    mParts.lastWords.settle();
     Storing now = storing();
     if (now != mStoring)
         mSince = now == Storing::NotWritable ? static_cast<time_t>(mParts.ring.failingSince()) : wallClock();
@@ -106,14 +111,22 @@ const char* Status::text(Storing storing) {
 void Status::addProblems(Lines* lines) {
     if (mStoring != Storing::Works && mStoring != Storing::SwitchedOff)
         lines->addProblem("nothing is stored: " + std::string(text(mStoring)));
+    if (uint32_t seconds = mParts.flusher.busySeconds(); seconds >= kLongStep)
+        lines->addProblem("the medium has not answered for " + std::to_string(seconds) + " seconds");
+    if (mParts.flusher.syncFails())
+        lines->addProblem("the medium cannot be synced");
     if (const char* root = mParts.store.awaitedRoot())
         lines->addProblem("the configured storage root " + std::string(root) + " cannot be opened");
     if (mService.mKLogOutput && mService.mKLogThreadRunning && !mParts.kernelReader.counts().reading())
         lines->addProblem("the kernel's log is not read");
     if (mService.mALogOutput && mService.mLogcatThreadRunning && !mParts.androidLine.counts().reading())
         lines->addProblem("Android's log is not read");
-    if (mService.mALogToUart && mParts.console.error() != 0)
-        lines->addProblem("the console is closed");
+    int failure = mParts.console.lastFailure();
+    if (mService.mALogToUart && failure != 0) {
+        char reason[128];
+        lines->addProblem(std::string("the console takes nothing: ") +
+                          strerror_r(failure, reason, sizeof reason));
+    }
 }
 
 void Status::addStoring(Lines* lines) {

@@ -128,7 +128,7 @@ AndroidLine::LineResult AndroidLine::put(const char* line, uint32_t length, cons
     }
     if (mSink.put(line, length, entry.priority))
         return {true, static_cast<int>(length), Fate::Stored};
-    if (!isOwnReport(entry))
+    if (!isOwnReport(entry) && mReports.due())
         logError("write log buf error\n");
     return {true, -1, Fate::Refused};
 }
@@ -137,16 +137,17 @@ void AndroidLine::announce(const char* device) {
     char banner[1024];
     formatText(banner, "--------- beginning of %s\n", device);
     bool given = mConsole.error() != 0; // up before: it is not tried again
-    if (mConsole.show(mState.mALogOutFd, banner, std::strlen(banner), &mPatience) != Shown::Closed || given)
+    bool shown = mConsole.show(mState.mALogOutFd, banner, std::strlen(banner), &mPatience) == Shown::Whole;
+    if (shown || given || mConsole.lastFailure() == 0)
         return;
-    errno = mConsole.error();
+    errno = mConsole.lastFailure();
     logError("output error");
     logErrno();
     endProcess(kExitOutputError);
 }
 
 void AndroidLine::lost(uint32_t entries) {
-    if (mState.mALogToFile)
+    if (mState.mALogToFile && entries > 0)
         mSink.lost(Loss::Unread, entries);
 }
 

@@ -24,6 +24,8 @@ class AndroidLine {
 
     /** The lines that follow may keep their caller waiting for the console for 10 ms in all. */
     void beginCycle() { mPatience = Patience(); }
+    /** No lines follow for now. */
+    void endCycle() { mConsole.release(); }
     /** Parses, filters and outputs an entry that lies in a log_entry_node_t; its header is used up by that.
      * Tells what the store has of it.
      */
@@ -61,6 +63,7 @@ class AndroidLine {
     Console& mConsole;
     Patience mPatience;
     SourceCounts mCounts;
+    ReportLimit mReports;
 };
 
 constexpr int kExitReadError = 1;

@@ -190,7 +190,7 @@ void AndroidReader::readLines(log_device_t* list) {
         Pass pass{mFinish.made(), asleep};
         if (!readPass(list, &pass))
             continue;
-        if (!mState.mALogOutput && !waitOrReport(&mState.mALogSem, " readLogLines sem_wait failed\n"))
+        if (!mState.mALogOutput && !awaitOutput(list))
             return;
         finishBytes += pass.finishing ? pass.bytes : 0;
         bool last = pass.finishing && (pass.quiet || finishBytes >= FinishRequest::kMostBytes);
@@ -201,6 +201,28 @@ void AndroidReader::readLines(log_device_t* list) {
             return;
         asleep = pass.quiet;
     }
+}
+
+/** Waits until the output may have been switched on. False, reported, when that is not possible. */
+bool AndroidReader::awaitOutput(log_device_t* list) {
+    if (!waitOrReport(&mState.mALogSem, " readLogLines sem_wait failed\n"))
+        return false;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    mOnSince = static_cast<int32_t>(now.tv_sec);
+    for (log_device_t* device = list; device != nullptr; device = device->next)
+        device->unwanted = true;
+    return true;
+}
+
+/** The driver has dropped entries in front of this one; of those from when the output was off nobody misses
+ * any. */
+void AndroidReader::tellLost(log_device_t* device, const logger_entry& entry) {
+    constexpr uint32_t kMostTold = 65535; // with more, the rest comes with the next entry
+    if (!device->unwanted)
+        mLine.lost(entry.padding);
+    else if (entry.seconds - mOnSince >= 0 && entry.padding < kMostTold)
+        device->unwanted = false;
 }
 
 /**
@@ -296,13 +318,16 @@ void AndroidReader::printReady(log_device_t* list, bool everything) {
         printFirst(device);
         mFinish.step();
     }
+    mLine.endCycle();
+    for (log_device_t* device = list; everything && device != nullptr; device = device->next)
+        device->unwanted = false;
 }
 
 void AndroidReader::printFirst(log_device_t* device) {
     announce(device);
     logger_entry* entry = device->queue->entry();
-    if (device->batches && entry->padding > 0) // in which the stand-in tells it
-        mLine.lost(entry->padding);
+    if (device->batches && (entry->padding > 0 || device->unwanted)) // in which the stand-in tells it
+        tellLost(device, *entry);
     Fate fate = mLine.process(device, entry);
     mLine.counts().settle(fate);
     skipFirst(device);

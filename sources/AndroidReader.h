@@ -54,6 +54,8 @@ class AndroidReader {
     uint32_t queueEntries(log_device_t* device, size_t length);
     int waitForData(const log_device_t* list, Pass* pass, fd_set* ready) const;
     void printReady(log_device_t* list, bool everything);
+    bool awaitOutput(log_device_t* list);
+    void tellLost(log_device_t* device, const logger_entry& entry);
 
     AndroidState& mState;
     const platform::SystemRoot& mSystemRoot;
@@ -61,6 +63,7 @@ class AndroidReader {
     EntryPool mPool;
     char mBatch[platform::kMaxLoggerBatch]; ///< what the last read returned
     FinishRequest mFinish;
+    int32_t mOnSince = 0; ///< wall clock in seconds at which the output was switched on last
 };
 
 /**

@@ -153,7 +153,8 @@ Fate KernelReader::store(const KernelLine& line) {
     }
     if (mSink.put(line.text, line.length, rankOf(line.priority)))
         return Fate::Stored;
-    logError("kernelLogReader logBufWrite failed\n");
+    if (mReports.due())
+        logError("kernelLogReader logBufWrite failed\n");
     return Fate::Refused;
 }
 

@@ -45,6 +45,7 @@ class KernelReader {
     LineSink& mSink;
     FinishRequest mFinish;
     SourceCounts mCounts;
+    ReportLimit mReports;
 };
 
 } // namespace vnlog

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Clock.h"
 #include "base/Flag.h"
 #include "buffer/Losses.h"
 
@@ -12,6 +13,22 @@ enum class Wish {
     Stored,
     NotStored, ///< the user does not want that
     Missed, ///< the user would like that, but the storage is full
+};
+
+/** Lets a report about a line that was not taken through once a second: each line may be one of a flood, and
+ * lines that are lost are counted in any case. One thread at a time. */
+class ReportLimit {
+  public:
+    bool due() {
+        int64_t now = steadyMilliseconds();
+        if (now < mNext)
+            return false;
+        mNext = now + 1000;
+        return true;
+    }
+
+  private:
+    int64_t mNext = INT64_MIN;
 };
 
 /** Where the readers put the lines that are to be stored. On the reader's thread, which may be cancelled

@@ -40,6 +40,8 @@ struct log_device_t {
     bool batches = false; ///< a read returns several entries one behind the other, see kMostBatched
     log_entry_node_t* newest = nullptr; ///< the last of the queue while that is not empty
     uint32_t queued = 0; ///< entries in the queue
+    bool unwanted =
+        false; ///< what comes for now is from when the output was off: nobody misses what is missing
 };
 
 } // namespace vnlog

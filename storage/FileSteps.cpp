@@ -106,6 +106,22 @@ void addUpTree(int parent, const char* name, CopyTotals* totals) {
     }
 }
 
+void addUpCopied(int parent, const char* name, int copyParent, const char* copyName, CopyTotals* totals) {
+    Folder source(openEntry(parent, name, O_RDONLY | O_DIRECTORY));
+    FileDescriptor copy = openEntry(copyParent, copyName, O_RDONLY | O_DIRECTORY);
+    struct stat info;
+    while (const dirent* entry = source.valid() && copy.valid() ? source.next() : nullptr) {
+        if (fstatat(copy.get(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0)
+            continue;
+        if (S_ISDIR(info.st_mode))
+            addUpCopied(source.descriptor(), entry->d_name, copy.get(), entry->d_name, totals);
+        if (!S_ISREG(info.st_mode))
+            continue;
+        ++totals->files;
+        totals->bytes += static_cast<uint64_t>(info.st_size);
+    }
+}
+
 bool copyHolds(const char* from, const char* copy, timespec since, timespec made) {
     struct stat info;
     return lstat(copy, &info) == 0 && CopyCheck(info, since, made).folder(AT_FDCWD, from, AT_FDCWD, copy);

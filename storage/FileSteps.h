@@ -45,6 +45,8 @@ bool same(const struct stat& one, const struct stat& other);
 
 /** Adds up a tree; what cannot be looked at is left out. */
 void addUpTree(int parent, const char* name, CopyTotals* totals);
+/** Adds up the regular files of a tree that a copy of it has, with their sizes there. */
+void addUpCopied(int parent, const char* name, int copyParent, const char* copyName, CopyTotals* totals);
 
 /**
  * Whether `copy` has all files and links of the tree `from`, itself left out, that were last changed before

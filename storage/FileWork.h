@@ -51,7 +51,7 @@ class FileWork {
      * Copies the folder `from` into the folder `into`, which may be a link to one, and waits until the medium
      * has it. Files that are there already are replaced, links copied as links. What vanishes from `from`
      * meanwhile is left out, but not what takes its place; after a failure all that can be copied is.
-     * `totals` tells what lies in the copy afterwards, in any case.
+     * `totals` tells what of it the copy has afterwards, in any case.
      */
     virtual bool copyTree(const char* from, const char* into, CopyTotals* totals) = 0;
     /** Whether the two paths are short enough for that. */

@@ -202,7 +202,7 @@ bool ProcessFileWork::copyTree(const char* from, const char* into, CopyTotals* t
         copy.copyMissing(); // a text that has become an archive meanwhile
         steps.add(copy.folder(AT_FDCWD, from, target.get(), lastName(from)));
         steps.add(syncfs(target.get()) == 0);
-        addUpTree(target.get(), lastName(from), totals);
+        addUpCopied(AT_FDCWD, from, target.get(), lastName(from), totals);
     }
     return reported(steps.done(), "copy", from);
 }

@@ -91,7 +91,7 @@ bool ShellFileWork::copyTree(const char* from, const char* into, CopyTotals* tot
     bool done = canCopy(from, into) && copyUntilWhole(from, into, copy.text);
     int error = errno;
     *totals = {};
-    addUpTree(AT_FDCWD, copy.text, totals);
+    addUpCopied(AT_FDCWD, from, AT_FDCWD, copy.text, totals);
     errno = error;
     return reported(done, "copy", from);
 }

@@ -18,6 +18,14 @@ namespace vnlog {
 
 namespace {
 
+/** Whether a folder is the outer one or lies inside it, by way of links as well. */
+bool liesIn(const char* outerFolder, const char* folder) {
+    Text inner(realpath(folder, nullptr)), outer(realpath(outerFolder, nullptr));
+    size_t length = outer != nullptr ? std::strlen(outer.get()) : 0;
+    return inner != nullptr && length > 0 && std::strncmp(inner.get(), outer.get(), length) == 0 &&
+           (inner.get()[length] == '/' || inner.get()[length] == '\0');
+}
+
 void reportSync(const char* path) {
     logError("fail to sync [%s]\n", path);
     logErrno();
@@ -517,17 +525,14 @@ const char* Store::logFolder() const VNLOG_UNCHECKED {
 }
 
 bool Store::contains(const char* folder) const {
-    Text inner(realpath(folder, nullptr)), outer(realpath(logFolder(), nullptr));
-    size_t length = outer != nullptr ? std::strlen(outer.get()) : 0;
-    return inner != nullptr && length > 0 && std::strncmp(inner.get(), outer.get(), length) == 0 &&
-           (inner.get()[length] == '/' || inner.get()[length] == '\0');
+    return liesIn(logFolder(), folder);
 }
 
 bool Store::copyTargetUsable(const char* target) const {
     return shellSafe(target) && mFiles.copyFits(logFolder(), target);
 }
 
-CopyStatus Store::copyTo(const char* target, CopyTotals* totals, std::string* reason) {
+CopyStatus Store::copyTo(const char* logs, const char* target, CopyTotals* totals, std::string* reason) {
     *totals = {};
     auto failed = [&](CopyStatus status) {
         char text[128];
@@ -539,15 +544,15 @@ CopyStatus Store::copyTo(const char* target, CopyTotals* totals, std::string* re
         return failed(CopyStatus::NoFolder);
     Path copy = entryPath(target, kLogFolder);
     errno = EINVAL;
-    if (contains(target) || contains(copy.text))
+    if (liesIn(logs, target) || liesIn(logs, copy.text))
         return failed(CopyStatus::Inside);
     CopyTotals stored, replaced;
-    addUpTree(AT_FDCWD, logFolder(), &stored);
+    addUpTree(AT_FDCWD, logs, &stored);
     addUpTree(AT_FDCWD, copy.text, &replaced);
     errno = ENOSPC;
     if (stored.bytes > availableBytes(target) + replaced.bytes)
         return failed(CopyStatus::NoRoom);
-    if (mFiles.copyTree(logFolder(), target, totals))
+    if (mFiles.copyTree(logs, target, totals))
         return CopyStatus::Done;
     return failed(lackOfRoom(errno) ? CopyStatus::NoRoom : CopyStatus::Partial);
 }

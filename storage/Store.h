@@ -107,6 +107,8 @@ class Store final : public BatchTarget {
     const char* awaitedRoot() const;
     /** The root in force; likewise. */
     const char* root() const;
+    /** Its log folder; likewise. */
+    const char* logFolder() const;
     /**
      * Changes the limits of StorageState: the bound in MiB, which is kept at once, or with the next cut where
      * one is pending or nothing is stored, and the size of a section in bytes, from the next section on. The
@@ -120,11 +122,12 @@ class Store final : public BatchTarget {
      * call them, change the root. */
     bool copyTargetUsable(const char* target) const;
     /**
-     * Copies the log folder into the folder `target`; the flush thread goes on meanwhile. Done: the medium
-     * has it. Else `reason` tells why, and what was begun is left. `totals` tells what lies in the copy
-     * afterwards, 0 where nothing was begun.
+     * Copies the log folder `logs` into the folder `target`; the flush thread goes on meanwhile. Done: the
+     * medium has it. Else `reason` tells why, and what was begun is left. `totals` tells what of the log
+     * folder the copy has, 0 where nothing was begun.
      */
-    [[nodiscard]] CopyStatus copyTo(const char* target, CopyTotals* totals, std::string* reason);
+    [[nodiscard]] CopyStatus copyTo(const char* logs, const char* target, CopyTotals* totals,
+                                    std::string* reason);
     /** Opens the current run's log of the older form, read-only; -1 when there is none. */
     int openOlderText() VNLOG_EXCLUDES(StorageLock::role);
 
@@ -171,7 +174,6 @@ class Store final : public BatchTarget {
     RootChangeStatus renameRoot(const char* root) VNLOG_REQUIRES(StorageLock::role);
     void moveLock(RootLock* taken) VNLOG_REQUIRES(StorageLock::role);
     void lookAgain() VNLOG_REQUIRES(StorageLock::role);
-    const char* logFolder() const;
 
     StorageState& mState;
     Mutex<StorageLock>& mLock;

@@ -167,8 +167,10 @@ TEST_F(FileWorkTest, ACopyHasAllThatIsThereAndTellsWhatItLacks) {
         cuts.join();
         for (int i = 0; i < 400; ++i)
             EXPECT_TRUE(exists(section("o/s/c", i)) || exists(section("o/s/c", i) + ".gz")) << i;
-        EXPECT_EQ(std::to_string(totals.files) + "\n", ::runCommand("find o -type f | wc -l"));
-        EXPECT_EQ(std::to_string(totals.bytes) + "\n", ::runCommand("find o -type f -exec cat {} + | wc -c"));
+        writeFile("p/s/other", "not of the copy");
+        EXPECT_TRUE(form->copyTree("s", "p", &totals));
+        EXPECT_EQ(std::to_string(totals.files) + "\n", ::runCommand("find s -type f | wc -l"));
+        EXPECT_EQ(std::to_string(totals.bytes) + "\n", ::runCommand("find s -type f -exec cat {} + | wc -c"));
     }
 }
 

@@ -307,7 +307,9 @@ TEST_F(StoreTest, RootChangeLeavesTheOldNumbersBehind) {
     EXPECT_FALSE(store->copyTargetUsable((longest + "x").c_str()) || store->copyTargetUsable("/two words"));
     CopyTotals totals;
     std::string reason;
-    auto copied = [&](const std::string& to) { return store->copyTo(to.c_str(), &totals, &reason); };
+    auto copied = [&](const std::string& to) {
+        return store->copyTo(store->logFolder(), to.c_str(), &totals, &reason);
+    };
     EXPECT_TRUE(store->copyTargetUsable(longest.c_str()) && copied(data()) == CopyStatus::NoFolder);
     EXPECT_TRUE(copied(first) == CopyStatus::Inside && copied(at("c")) == CopyStatus::Inside);
     files.untilError = 0, files.error = ENOSPC;

@@ -123,6 +123,16 @@ for wrong in "ALOG_LEVEL debug" "ALOG_ADD_MODULE ALL_MODULE" "ALOG_ADD_MODULE a:
 done
 $logset alog_level W && saved ALOG_LEVEL=w
 $logset FLUSH_INTERVAL 1 && saved FLUSH_INTERVAL=1
+writers=()
+for i in 1 2 3; do # more than the driver holds
+    seq -f 'flood %g of lines that nobody waits for' 50000 | $logwrite -t flood -p w &
+    writers+=($!)
+done
+wait "${writers[@]}"
+told() { # every line is stored, or a line tells that it is not
+    $logset FLUSH --wait && stored_text | awk '/^flood / { ++n } /^---.* lines lost here: the driver dropped them/ { n += $2 } END { exit n != 150000 }'
+}
+wait_for told
 $logset MAX_LOG_SIZE 1 && saved MAX_LOG_SIZE=1
 $logset LOG_SECTION_SIZE 128 && saved LOG_DELETE_SIZE=128
 $logwrite -t late -p w "written out by itself"

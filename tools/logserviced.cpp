@@ -118,23 +118,27 @@ int prepareSystemRoot(const std::string& root) {
         const char* path;
         mode_t mode;
         bool own; ///< must not be a link: it would lead to the machine's own
-    } folders[] = {{"/dev", 0755, false},
-                   {"/media", 0755, false},
-                   {"/media/flash", 0755, false},
-                   {"/media/flash/nvm", 0755, false},
-                   {"/proc", 0755, true},
-                   {"/proc/sys", 0755, true},
-                   {"/proc/sys/kernel", 0755, true},
-                   {"/run", 0755, true},
-                   {"/run/vnlog", 0700, true}};
+        bool needed; ///< without it the service does not start
+    } folders[] = {{"/dev", 0755, false, true},
+                   {"/media", 0755, false, true},
+                   {"/media/flash", 0755, false, true},
+                   {"/media/flash/nvm", 0755, false, true},
+                   {"/proc", 0755, true, true},
+                   {"/proc/sys", 0755, true, true},
+                   {"/proc/sys/kernel", 0755, true, true},
+                   {"/run", 0755, true, false},
+                   {"/run/vnlog", 0700, true, false}};
     for (const auto& folder : folders) {
         std::string path = root + folder.path;
-        if (mkdir(path.c_str(), folder.mode) != 0 && errno != EEXIST)
-            return fail("cannot create", path);
         struct stat info;
-        if (folder.own && (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))) {
+        int made = mkdir(path.c_str(), folder.mode);
+        if (made != 0 && errno != EEXIST) {
+            if (folder.needed)
+                return fail("cannot create", path);
+        } else if (folder.own && (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))) {
             errno = ENOTDIR;
-            return fail("cannot use (a link is not followed)", path);
+            if (folder.needed)
+                return fail("cannot use (a link is not followed)", path);
         }
     }
     return makeConsoleLevel(root + "/proc/sys/kernel/printk");
@@ -188,10 +192,7 @@ std::string storageRoot(const vnlog::LogService& service) VNLOG_UNCHECKED {
     return service.mSavePath;
 }
 
-int serve(const std::string& root) {
-    // Blocked before any thread exists, so that every thread leaves the signals to sigwait.
-    const sigset_t signals = signalsToWaitFor();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+int serve(const std::string& root, const sigset_t& signals) {
     std::signal(SIGPIPE, SIG_IGN); // a console that goes away is reported by its write
     std::signal(SIGXFSZ, SIG_IGN); // so is a file that must not grow any more
 
@@ -248,6 +249,9 @@ int main(int argc, char** argv) {
     }
     if (status != kGoOn)
         return status;
+    // Blocked before any thread exists, so that every thread leaves the signals to sigwait.
+    const sigset_t signals = signalsToWaitFor();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     if (optind != argc) {
         std::fprintf(stderr, "%s: unexpected argument '%s'\n", kProgram, argv[optind]);
         return hintAtHelp(kProgram);
@@ -265,5 +269,5 @@ int main(int argc, char** argv) {
         if (prepareSystemRoot(root.path) != 0)
             return kFailure;
     }
-    return serve(root.path);
+    return serve(root.path, signals);
 }

@@ -21,6 +21,7 @@
 #include <semaphore.h>
 #include <sstream>
 #include <string>
+#include <strings.h>
 #include <unistd.h>
 #include <vector>
 
@@ -31,7 +32,10 @@ namespace {
 constexpr char kProgram[] = "logset";
 constexpr char kJsonWord[] = "--json";
 constexpr int kNotWorking = 3; ///< STATUS: something that is switched on does not work
-constexpr int kPatienceSeconds = 5; ///< for a sign of life
+constexpr int kPatienceSeconds = 5; ///< for an answer, or, of a command that may last, for a sign of life
+constexpr int kSignSeconds = 3; ///< of it, from when the service is asked for one
+constexpr int kMostSeconds = 120; ///< for a command that may last
+constexpr int kMostOfACopy = 3600;
 constexpr int kNoTransaction = -2; ///< and below: the transaction itself failed
 
 void printUsageLine(FILE* out, const CommandInfo& command) {
@@ -157,14 +161,20 @@ void ask(const Request& request, Answer* answer) {
         answer->result = service->logCMD(code, request.param.c_str());
 }
 
-/** Whether the service answers anything within the patience. */
+time_t now() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec;
+}
+
+/** Whether the service answers anything at all. */
 bool givesSignOfLife() {
     auto alive = std::make_shared<bool>(false);
     Attempt ping([alive] {
         auto binder = findService();
         *alive = binder != nullptr && binder->pingBinder() == android::NO_ERROR;
     });
-    return ping.started() && ping.await(kPatienceSeconds) && *alive;
+    return ping.started() && ping.await(kSignSeconds) && *alive;
 }
 
 int fail(const std::string& what) {
@@ -265,9 +275,14 @@ int send(const Request& request) {
     Attempt attempt([request, answer] { ask(request, answer.get()); });
     if (!attempt.started())
         return fail("there is no thread to ask the service with");
-    while (!attempt.await(kPatienceSeconds))
-        if (!request.command->slow || !givesSignOfLife())
-            return fail("the service has not answered within " + std::to_string(kPatienceSeconds) +
+    const bool slow = request.command->slow;
+    const int most = !slow                                      ? kPatienceSeconds
+                     : request.command->code == vnlog::CMD_COPY ? kMostOfACopy
+                                                                : kMostSeconds;
+    for (time_t begin = now(); !attempt.await(slow ? kPatienceSeconds - kSignSeconds : kPatienceSeconds);)
+        if (now() - begin >= most || !givesSignOfLife())
+            return fail("the service has not answered within " +
+                        std::to_string(std::max<time_t>(now() - begin, 1)) +
                         " seconds; whether it has done it is not known");
     if (!answer->reached)
         return unreachable(answer->error);
@@ -287,7 +302,7 @@ int send(const Request& request) {
 int takeParameter(Request* request, char** words, int count) {
     const CommandInfo& command = *request->command;
     bool several = command.code == vnlog::CMD_FLUSH;
-    if (command.code == vnlog::CMD_STATUS && count > 0 && std::string(words[0]) == kJsonWord) {
+    if (command.code == vnlog::CMD_STATUS && count > 0 && strcasecmp(words[0], kJsonWord) == 0) {
         request->json = true;
         ++words;
         --count;
