@@ -38,8 +38,8 @@ constexpr char kHelp[] =
     "  --check FILE   tell what is wrong with FILE as a log.cfg, and what a start would\n"
     "                 make of it; status 0: nothing wrong, 3: not used whole,\n"
     "                 1: cannot be used. Starts nothing, changes nothing\n"
-    "  --help         show this text\n"
-    "  --version      show the version\n"
+    "  -h, --help     show this text\n"
+    "  -V, --version  show the version\n"
     "\n"
     "SIGUSR1 writes out what is buffered. SIGTERM, SIGINT and SIGHUP end the service:\n"
     "what has been logged by then is stored first.\n";
@@ -239,7 +239,7 @@ int main(int argc, char** argv) {
                               kEndOfOptions};
     int status = kGoOn;
     const char* checked = nullptr;
-    for (int choice; status == kGoOn && (choice = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
+    for (int choice; status == kGoOn && (choice = getopt_long(argc, argv, "hV", options, nullptr)) != -1;) {
         if (choice == 'k')
             checked = optarg;
         else if (choice == 'c')

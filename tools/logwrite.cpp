@@ -37,8 +37,8 @@ constexpr char kHelp[] =
     "  --year YYYY      the year of its stamps (the current one)\n"
     "  --lossless       wait while a reader would lose an entry\n"
     "  --sysroot DIR    the system root that the service was started with (VNLOG_SYSROOT)\n"
-    "  --help           show this text\n"
-    "  --version        show the version\n";
+    "  -h, --help       show this text\n"
+    "  -V, --version    show the version\n";
 
 constexpr char kPriorityLetters[] = "vdiwef";
 /** Bytes that tag and text have together: without the header, the priority and the end of each. */
@@ -378,7 +378,8 @@ int main(int argc, char** argv) {
                               {"lossless", no_argument, nullptr, 'l'},
                               kEndOfOptions};
     int status = kGoOn;
-    for (int choice; status == kGoOn && (choice = getopt_long(argc, argv, "b:p:t:", options, nullptr)) != -1;)
+    for (int choice;
+         status == kGoOn && (choice = getopt_long(argc, argv, "b:p:t:hV", options, nullptr)) != -1;)
         status = takeOption(choice, &arguments);
     if (status != kGoOn)
         return status;
