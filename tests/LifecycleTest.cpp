@@ -41,6 +41,11 @@ class LifecycleTest : public ServiceTest {
         EXPECT_EQ(service.logBufWrite("x", 1), flags[0] ? 1 : -1);
         EXPECT_TRUE(eventually([&] { return threads() == workers; })) << threads() << " for " << workers;
     }
+    std::string status() {
+        std::string answer;
+        EXPECT_EQ(service().logQuery(CMD_STATUS, "", &answer), 0);
+        return answer;
+    }
     /** From here on nothing is free on the medium, nothing is there to be deleted, and the ring is full. */
     static void fill(LogService& service) {
         faults.freeBytes = 0;
@@ -275,9 +280,56 @@ TEST_F(LifecycleTest, SlowMediumHoldsUpNobodyButTheWriterOfAFullRing) {
                                    {CMD_SHOW, ""},
                                    {CMD_FLUSH_SWITCH, "y"}})
         EXPECT_EQ(service().logCMD(code, parameter), 0) << code;
+    EXPECT_NE(status().find("\nstorage.busy=y\n"), std::string::npos) << "and is not waited for";
     EXPECT_EQ(faults.calls()[0], "fsync log_1.txt.gz.new") << "which still lasts";
     faults.archivesWait = false;
     writer.join();
     stop();
     EXPECT_EQ(stored(), expected);
+}
+
+TEST_F(LifecycleTest, LastWordsOfTheKernelAreKeptUntilTheyAreOnTheMedium) {
+    const std::string words = home + "/sys/fs/pstore/dmesg-ramoops-0";
+    const std::string line =
+        "--------- the last words of the kernel, kept in /sys/fs/pstore/dmesg-ramoops-0\n";
+    configure("KLOG_PSTORE=n");
+    writeFile(words, "<0>panic\n");
+    start(true, false, false);
+    stop();
+    configure("NAND_FILE_OUTPUT=n");
+    start(true, false, false);
+    stop();
+    EXPECT_TRUE(exists(words) && stored().empty());
+    configure();
+    faults.writesUntilError = 1; // of the numbers
+    faults.writeError = EIO;
+    faults.sectionsOnly = true;
+    start(true, false, false);
+    EXPECT_TRUE(exists(words) && logged("dmesg-ramoops-0 cannot be stored now and stay there\n"));
+    EXPECT_NE(status().find("\nproblem.1=nothing is stored: the storage cannot be written\n"),
+              std::string::npos);
+    faults.writeError = 0;
+    EXPECT_TRUE(flush());
+    EXPECT_EQ(status().find("works=y\n"), 0U);
+    EXPECT_TRUE(eventually([&] { return status().empty() || !exists(words); })) << "once it is stored";
+    stop();
+    start(true, false, false);
+    stop();
+    EXPECT_EQ(stored(), line + "panic\n");
+}
+
+/** A start without them has to do with the defaults, which are not to take their place. */
+TEST_F(LifecycleTest, SettingsThatComeBackWithTheirMediumAreUsedAndKept) {
+    configure("MAX_LOG_SIZE=7\nALOG_LEVEL=w\nFLUSH_INTERVAL=5");
+    fs::rename(root, home + "/unplugged");
+    writeFile(root, "no folder");
+    faults.skipPauses = true;
+    start(true, true, false);
+    EXPECT_TRUE(eventually([] { return faults.pauses().size() > 2; }) && !service().mFlushThreadRunning);
+    fs::remove(root);
+    fs::rename(home + "/unplugged", root);
+    ASSERT_TRUE(eventually([&] { return service().mFlushThreadRunning.load(); }));
+    stop();
+    for (const char* kept : {"MAX_LOG_SIZE=7\n", "ALOG_LEVEL=w\n", "FLUSH_INTERVAL=5\n"})
+        EXPECT_NE(readFile(cfg).find(kept), std::string::npos) << kept;
 }
