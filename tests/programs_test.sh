@@ -177,6 +177,7 @@ $logwrite -t load -p w --lossless <"$home/android"
 wait $kernel
 all_stored() { $logset FLUSH && [ "$(stored_text | wc -l)" = "$((entries + entries / 5))" ]; }
 wait_for all_stored
+balanced android && balanced kernel && [ "$(status_of kernel stored)" = "$((entries / 5))" ] || fail "$($logset STATUS)"
 : >"$home/done"
 stop_host
 wait # for the clients
