@@ -100,5 +100,6 @@ TEST_F(ConsoleTest, ClosedOneIsReportedOnceAndTriedAgainWhenThatMakesSense) {
     EXPECT_EQ(show("no room\n"), Shown::Dropped);
     faults.writeError = 0;
     EXPECT_EQ(show("again\n"), Shown::Whole);
-    EXPECT_EQ(readFile(home + "/console"), "--------- 8 lines not shown\ntaken\n--------- 1 lines not shown\nagain\n");
+    EXPECT_EQ(readFile(home + "/console"),
+              "--------- 8 lines not shown\ntaken\n--------- 1 lines not shown\nagain\n");
 }
