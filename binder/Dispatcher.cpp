@@ -108,12 +108,20 @@ CommandAnswer Dispatcher::answerQuery(int code, const char* param) {
     bool written = code != CMD_COPY || !writeOut(false).undone || mTargets.ring.used() == 0;
     if (code == CMD_FLUSH && *param != '\0')
         return writeOut(std::strstr(param, kSyncWord) != nullptr);
-    CommandAnswer answer = actLocked(*command, param);
+    CommandAnswer answer = code == CMD_STATUS ? askStatus() : actLocked(*command, param);
     if (!answer.copied.empty())
         answer = copy(answer.copied.c_str(), param);
     if (written || answer.undone)
         return answer;
     return failed(answer.text + "what is buffered is not in it: it cannot be written out at present");
+}
+
+/** The status is wanted most when a command hangs, as on a medium that does. */
+CommandAnswer Dispatcher::askStatus() VNLOG_UNCHECKED {
+    constexpr int kPatienceMs = 1000;
+    PatientLockGuard<CommandLock> lock(mTargets.lock, kPatienceMs);
+    return lock.held() ? tellStatus(nullptr)
+                       : CommandAnswer{0, false, false, mTargets.status.statusMeanwhile()};
 }
 
 CommandAnswer Dispatcher::actLocked(const CommandInfo& command, const char* param) {
@@ -189,10 +197,11 @@ CommandAnswer Dispatcher::setFileOutput(const char* param) {
     mState.mKLogToFile = on;
     mState.mALogToFile = on;
     CommandAnswer answer = saveAndShow();
-    if (!on || answer.undone || !mTargets.storing.awaitsStorage())
+    if (!on || !mTargets.storing.awaitsStorage())
         return answer;
-    return failed("it is switched on, but the storage cannot be used; it is tried again now and every minute",
-                  true);
+    answer.text = "it is switched on, but the storage cannot be used; that is tried again every minute";
+    answer.undone = true;
+    return answer;
 }
 
 bool Dispatcher::setConsoleLevel(int level, const char* report) {

@@ -93,6 +93,7 @@ class Dispatcher {
     CommandAnswer answerQuery(int code, const char* param) VNLOG_EXCLUDES(CommandLock::role);
     CommandAnswer act(const CommandInfo& command, const char* param) VNLOG_REQUIRES(CommandLock::role);
     CommandAnswer actLocked(const CommandInfo& command, const char* param) VNLOG_EXCLUDES(CommandLock::role);
+    CommandAnswer askStatus() VNLOG_EXCLUDES(CommandLock::role);
     CommandAnswer writeOut(bool sync);
     CommandAnswer copy(const char* logs, const char* target) VNLOG_EXCLUDES(CommandLock::role);
     void showReports(const CommandAnswer& answer);

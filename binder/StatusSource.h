@@ -14,6 +14,8 @@ class StatusSource {
      * "works=n" tells whether all that is switched on works.
      */
     virtual std::string status() VNLOG_REQUIRES(CommandLock::role) = 0;
+    /** What can be told of it while a command lasts, which is a problem. Any thread. */
+    virtual std::string statusMeanwhile() = 0;
     /** Something may have changed about storing: notes since when. */
     virtual void look() VNLOG_REQUIRES(CommandLock::role) = 0;
 

@@ -20,6 +20,7 @@ class FlushRequests {
     uint32_t make(bool sync) {
         uint32_t number = mLast += kStep;
         mSyncAsked = mSyncAsked || sync;
+        mSyncWaitedFor = mSyncWaitedFor || sync;
         return sync ? number | kSyncMark : number;
     }
     /** Asks for a sync without a number; false when one is asked for and not begun. */
@@ -28,8 +29,12 @@ class FlushRequests {
     bool syncAsked() const { return mSyncAsked; }
     /** The number of the last one. */
     uint32_t last() const { return mLast; }
-    /** A drain begins: it serves all up to the last one. Whether it is to sync. */
-    bool takeUp() { return mSyncAsked.exchange(false); }
+    /** A drain begins: it serves all up to the last one. Whether it is to sync, and whether somebody waits
+     * for that. */
+    bool takeUp(bool* waitedFor) {
+        *waitedFor = mSyncWaitedFor.exchange(false);
+        return mSyncAsked.exchange(false);
+    }
 
     /** All up to this number are written, and synced if so. */
     void served(uint32_t number, bool synced) {
@@ -41,7 +46,7 @@ class FlushRequests {
     void failed(uint32_t number) { mFailed = number; }
     /** Gives up all that are not served. */
     void abandon() {
-        mSyncAsked = false;
+        mSyncAsked = mSyncWaitedFor = false;
         mFailed = mLast.load();
     }
     /** What is known of a ticket; TimedOut for one that is under way, NotInService for 0. */
@@ -51,7 +56,7 @@ class FlushRequests {
     static constexpr uint32_t kStep = 2, kSyncMark = 1;
 
     std::atomic<uint32_t> mLast{0}, mWritten{0}, mSynced{0}, mFailed{0};
-    Flag mSyncAsked{false};
+    Flag mSyncAsked{false}, mSyncWaitedFor{false};
 };
 
 } // namespace vnlog

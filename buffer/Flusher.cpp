@@ -37,7 +37,7 @@ uint32_t Flusher::busySeconds() const {
 
 void Flusher::run() {
     while (mState.mFlushThreadRunning) {
-        if (!mRing.waitForWork())
+        if (!mRing.waitForWork(mSyncOwed ? mNextSync : 0))
             return;
         drainUntilDone();
     }
@@ -78,7 +78,7 @@ void Flusher::drainUntilDone() {
 Flusher::Drain Flusher::drain(bool retry, const DrainStart& start) {
     if (start.used == 0)
         return finish(start, Drain::Idle);
-    if (!retry && !mSyncOwed && !mRing.drainWanted())
+    if (!retry && !syncDue(start) && !mRing.drainWanted())
         return Drain::Idle;
     Drain outcome = save(start);
     if (outcome == Drain::Failed || outcome == Drain::Full)
@@ -114,10 +114,18 @@ Flusher::Drain Flusher::save(const DrainStart& start) {
     return Drain::Failed;
 }
 
+/** Whether a sync is owed, and has not been put off or is waited for. */
+bool Flusher::syncDue(const DrainStart& start) const {
+    return mSyncOwed && (start.waitedFor || start.time >= mNextSync);
+}
+
 /** What was buffered is in the section; syncs that if it is wanted. */
 Flusher::Drain Flusher::finish(const DrainStart& start, Drain done) {
-    bool owed = std::exchange(mSyncOwed, false);
-    SyncOutcome sync = owed ? trySync(start.time) : SyncOutcome::NotTried;
+    if (mAfresh.exchange(false)) {
+        mNextSync = 0;
+        mSyncPause = kFirstPauseSeconds;
+    }
+    SyncOutcome sync = syncDue(start) ? trySync() : SyncOutcome::NotTried;
     mRing.finishDrain(start, sync);
     if (sync == SyncOutcome::Failed)
         mRing.requestsFailed(start.requests);
@@ -125,23 +133,23 @@ Flusher::Drain Flusher::finish(const DrainStart& start, Drain done) {
 }
 
 /**
- * A sync that fails is not repeated: what the medium has lost by that, it does not tell a second time. The
- * next one has its pause, in which writing goes on; each would be reported, and a report can ask for the
- * next.
+ * A sync that fails is not repeated: what the medium has lost by that, it does not tell a second time. One
+ * that nobody waits for has its pause after that, in which writing goes on; each would be reported, and a
+ * report can ask for the next.
  */
-SyncOutcome Flusher::trySync(int64_t now) {
-    if (now < mNextSync)
-        return SyncOutcome::Failed;
+SyncOutcome Flusher::trySync() {
+    mSyncOwed = false;
     {
         Busy busy(mBusySince);
         mSyncFails = !mTarget.sync();
     }
     if (!mSyncFails) {
         mSyncPause = kFirstPauseSeconds;
+        mNextSync = 0;
         return SyncOutcome::Done;
     }
     ++mFailures;
-    mNextSync = now + int64_t{mSyncPause} * 1000;
+    mNextSync = steadyMilliseconds() + int64_t{mSyncPause} * 1000;
     mSyncPause = std::min(mSyncPause * 2, kLongestPauseSeconds);
     return SyncOutcome::Failed;
 }

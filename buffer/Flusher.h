@@ -56,6 +56,11 @@ class Flusher {
     FlushCounts counts() const { return {mFlushes, mFailures}; }
     /** Whether the last sync failed. Any thread. */
     bool syncFails() const { return mSyncFails; }
+    /** The target is another medium: what is known of its syncs does not hold any more. Any thread. */
+    void beginAfresh() {
+        mSyncFails = false;
+        mAfresh = true;
+    }
     /** For how many seconds a step of the target has lasted; 0 without one. Any thread. */
     uint32_t busySeconds() const;
 
@@ -68,7 +73,8 @@ class Flusher {
     Drain drain(bool retry, const DrainStart& start);
     Drain save(const DrainStart& start);
     Drain finish(const DrainStart& start, Drain done);
-    SyncOutcome trySync(int64_t now);
+    bool syncDue(const DrainStart& start) const;
+    SyncOutcome trySync();
 
     const RingState& mState;
     Ring& mRing;
@@ -78,7 +84,7 @@ class Flusher {
     bool mSyncOwed = false; ///< wanted by a request that no drain has served yet
     std::atomic<uint32_t> mFlushes{0}, mFailures{0};
     std::atomic<uint32_t> mBusySince{0}; ///< monotonic clock in seconds, 0 when it is not
-    Flag mSyncFails{false};
+    Flag mSyncFails{false}, mAfresh{false};
 };
 
 } // namespace vnlog

@@ -581,7 +581,7 @@ bool Ring::wakeConsumer() {
     return sem_post(&mState.mLogBuf->sem_read) == 0;
 }
 
-bool Ring::waitForWork() {
+bool Ring::waitForWork(int64_t notBefore) {
     mOverdue = false;
     mArmedInterval = 0;
     if (mConsumerWorks) {
@@ -589,20 +589,23 @@ bool Ring::waitForWork() {
         if (drainWanted() && !mConsumerAwake.exchange(true))
             return true;
     }
-    mConsumerWorks = awaitWork();
+    mConsumerWorks = awaitWork(notBefore);
     mConsumerAwake = true;
     return mConsumerWorks;
 }
 
 /** Waits for a post; when there are bytes that are to be on the medium without one, until then at most. */
-bool Ring::awaitWork() {
+bool Ring::awaitWork(int64_t notBefore) {
     constexpr char kReport[] = "logBufFlush sem_wait failed\n";
     uint32_t interval = mState.mFlushInterval;
-    int64_t oldest = 0;
-    if (interval == 0 || !oldestTime(&oldest))
+    int64_t oldest = 0, end = notBefore;
+    if (interval > 0 && oldestTime(&oldest)) {
+        mArmedInterval = interval;
+        end = std::max(end, oldest + int64_t{interval} * 1000);
+    }
+    if (end == 0)
         return waitOrReport(&mState.mLogBuf->sem_read, kReport);
-    mArmedInterval = interval;
-    timespec due = steadyTime(oldest + int64_t{interval} * 1000);
+    timespec due = steadyTime(end);
     while (sem_clockwait(&mState.mLogBuf->sem_read, CLOCK_MONOTONIC, &due) < 0) {
         mOverdue = errno == ETIMEDOUT;
         if (mOverdue)
@@ -631,7 +634,8 @@ bool Ring::drainWanted() const {
 DrainStart Ring::beginDrain() {
     LogBuf& buffer = *mState.mLogBuf;
     RingGuard lock(buffer);
-    DrainStart start{mRequests.last(), usedBytes(buffer), mRequests.takeUp(), steadyMilliseconds()};
+    bool waitedFor = false, sync = mRequests.takeUp(&waitedFor);
+    DrainStart start{mRequests.last(), usedBytes(buffer), sync, waitedFor, steadyMilliseconds()};
     int64_t interval = int64_t{mState.mFlushInterval} * 1000;
     bool waiting = start.used > 0 || mUnsynced;
     start.sync = start.sync || (waiting && (mOverdue || (interval > 0 && start.time - mOldest >= interval)));

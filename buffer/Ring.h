@@ -55,6 +55,7 @@ struct DrainStart {
     uint32_t requests; ///< the last request that it serves
     uint32_t used; ///< bytes in the ring
     bool sync; ///< a request since the last drain wants the section synced, or the flush interval is over
+    bool waitedFor; ///< somebody waits for that sync
     int64_t time; ///< milliseconds of the monotonic clock
 };
 
@@ -149,7 +150,7 @@ class Ring {
     /** Waits until there is something to do: at once when there is already, and no longer than until the
      * oldest byte has waited for the medium for RingState::mFlushInterval. False, reported, when waiting is
      * not possible. */
-    [[nodiscard]] bool waitForWork();
+    [[nodiscard]] bool waitForWork(int64_t notBefore = 0);
     /** Takes the requests up that have come. */
     DrainStart beginDrain();
     /** Whether what is buffered is to be written out: more than the threshold, or less that is wanted or has
@@ -194,7 +195,7 @@ class Ring {
     void destroy(Built built);
     void cutUnfinishedLine();
     uint32_t equalBytes(int fd, off_t offset, uint32_t most) const;
-    bool awaitWork();
+    bool awaitWork(int64_t notBefore);
     bool oldestTime(int64_t* time) const;
     bool append(LogBuf& buffer, const char* bytes, uint32_t length) VNLOG_REQUIRES(RingLock::role);
     bool tryCopy(LogBuf& buffer, const void* bytes, uint32_t length);

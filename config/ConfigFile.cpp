@@ -89,7 +89,12 @@ bool linkedElsewhere(const char* path) {
 
 /** Gives the file another name, which needs no room, on a file system that has such names. */
 bool linkAs(const char* path, const char* other) {
-    return clearAway(other) && link(path, other) == 0 && syncFolderOf(path);
+    Path draft = draftOf(other);
+    bool linked = clearAway(draft.text) && link(path, draft.text) == 0;
+    bool named = linked && std::rename(draft.text, other) == 0;
+    if (linked)
+        (void)unlink(draft.text); // it is still there where both are this file already
+    return named && syncFolderOf(path);
 }
 
 bool takeDraft(const char* draft, const char* path) {

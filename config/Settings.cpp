@@ -101,7 +101,8 @@ void Settings::load() {
     LoggedFindings findings;
     const char* own = mState.mCfgPath;
     Examined found = examine(own, Configuration::Own, findings);
-    mOwnUnread = !found.usable;
+    size_t size = 0;
+    mOwnUnread = !openConfiguration(own, Configuration::Own, &size).valid();
     mRejected = found.there && !found.whole;
     mRestored = found.restored;
     if (found.whole)
@@ -418,6 +419,10 @@ bool Settings::save() {
     }
     if (length > static_cast<size_t>(kMaxConfigurationSize)) { // the next start would not read it
         logError("log.cfg would be longer than %ld bytes\n", kMaxConfigurationSize);
+        return false;
+    }
+    if (ownAppeared()) {
+        logError("%s is there now and is read before it is written\n", mState.mCfgPath);
         return false;
     }
     if (mRejected)

@@ -120,10 +120,12 @@ void Comeback::run() {
         pause();
         LockGuard<CommandLock> lock(mParts.commandLock);
         // First the root: it may be where there is room.
-        bool missing = mAllowed && rootMissed() && !moveToAwaited();
-        missing = (mAllowed && mWanted && !tryAgain()) || missing;
+        if (mAllowed && rootMissed())
+            (void)moveToAwaited();
+        if (mAllowed && mWanted)
+            (void)tryAgain();
         mParts.status.look();
-        if (missing)
+        if (mAllowed && (mWanted || rootMissed()))
             continue;
         mAlive = false;
         return;
@@ -218,7 +220,7 @@ bool Comeback::stopStoring() {
 
 bool Comeback::switchOn() {
     if (mWanted && mCause == Cause::NotPrepared)
-        post(&mWake); // the user may have made it usable
+        (void)prepareAgain(); // the user may have made it usable
     if (!mParts.intake.givenUp())
         return true;
     if (!roomAgain(true) || !storeAgain())

@@ -2,6 +2,7 @@
 
 #include "base/Diagnostics.h"
 #include "base/Handles.h"
+#include "base/Semaphores.h"
 #include "base/Text.h"
 #include "config/ConfigFile.h"
 #include "platform/klog/ConsoleLevel.h"
@@ -103,7 +104,10 @@ bool Lifecycle::beginStoring() {
 
 bool Lifecycle::readSettingsAgain() {
     logDebug("[%s] is there now, its settings are used\n", mService.mCfgPath);
+    const bool wasOff = !mService.mALogOutput;
     mParts.settings.load();
+    if (wasOff && mService.mALogOutput)
+        postOrReport(&mService.mALogSem, "Cmd A_LOG_OUTPUT sem_post failed \n"); // its reader waits already
     bool usable = mParts.store.resolveRoot() && applyFilter();
     mParts.settings.releaseTexts();
     return usable;

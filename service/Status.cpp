@@ -55,13 +55,30 @@ std::string Status::status() {
     addProblems(&problems);
     addStoring(&lines);
     addStorage(&lines);
-    addSource(&lines, "kernel", mParts.kernelReader.counts().totals(), mService.mKLogOutput);
-    addSource(&lines, "android", mParts.androidLine.counts().totals(), mService.mALogOutput);
-    addLosses(&lines);
-    addWork(&lines);
+    addCounts(&lines);
+    addService(&lines);
     Lines works;
     works.addFlag("works", !problems.problems());
     return works.text() + problems.text() + lines.text();
+}
+
+std::string Status::statusMeanwhile() {
+    Lines lines;
+    lines.addFlag("works", false);
+    lines.addProblem("a command that was given before does not come to its end");
+    addMedium(&lines);
+    addCounts(&lines);
+    return lines.text();
+}
+
+/** What is known without the command lock. */
+void Status::addCounts(Lines* lines) {
+    lines->add("buffer.bytes", mParts.ring.used());
+    lines->addFlag("buffer.survives_a_crash", mParts.ring.persistent());
+    addSource(lines, "kernel", mParts.kernelReader.counts().totals(), mService.mKLogOutput);
+    addSource(lines, "android", mParts.androidLine.counts().totals(), mService.mALogOutput);
+    addLosses(lines);
+    addWork(lines);
 }
 
 void Status::beginRun() {
@@ -72,6 +89,11 @@ void Status::beginRun() {
 }
 
 void Status::look() {
+    if (mRoot != mParts.store.root()) {
+        mRoot = mParts.store.root();
+        mExtentSeen = false;
+        mParts.flusher.beginAfresh();
+    }
     mParts.lastWords.settle();
     Storing now = storing();
     if (now != mStoring)
@@ -111,10 +133,7 @@ const char* Status::text(Storing storing) {
 void Status::addProblems(Lines* lines) {
     if (mStoring != Storing::Works && mStoring != Storing::SwitchedOff)
         lines->addProblem("nothing is stored: " + std::string(text(mStoring)));
-    if (uint32_t seconds = mParts.flusher.busySeconds(); seconds >= kLongStep)
-        lines->addProblem("the medium has not answered for " + std::to_string(seconds) + " seconds");
-    if (mParts.flusher.syncFails())
-        lines->addProblem("the medium cannot be synced");
+    addMedium(lines);
     if (const char* root = mParts.store.awaitedRoot())
         lines->addProblem("the configured storage root " + std::string(root) + " cannot be opened");
     if (mService.mKLogOutput && mService.mKLogThreadRunning && !mParts.kernelReader.counts().reading())
@@ -129,28 +148,37 @@ void Status::addProblems(Lines* lines) {
     }
 }
 
+/** What is wrong with the medium. */
+void Status::addMedium(Lines* lines) {
+    if (uint32_t seconds = mParts.flusher.busySeconds(); seconds >= kLongStep)
+        lines->addProblem("the medium has not answered for " + std::to_string(seconds) + " seconds");
+    if (mParts.flusher.syncFails())
+        lines->addProblem("the medium cannot be synced");
+}
+
 void Status::addStoring(Lines* lines) {
     lines->addFlag("storing.works", mStoring == Storing::Works);
     lines->add("storing.state", text(mStoring));
     lines->add("storing.since", date(mSince));
-    lines->add("buffer.bytes", mParts.ring.used());
-    lines->addFlag("buffer.survives_a_crash", mParts.ring.persistent());
 }
 
 void Status::addStorage(Lines* lines) {
-    bool busy = !mParts.store.extent(&mExtent); // then what was found the last time is told
+    bool fresh = mParts.store.extent(&mExtent); // else what was found the last time is told
+    mExtentSeen = mExtentSeen || fresh;
     const StoreExtent& extent = mExtent;
-    lines->add("storage.root", mParts.store.root());
+    lines->add("storage.root", mRoot);
     const char* awaited = mParts.store.awaitedRoot();
     lines->add("storage.awaited_root", awaited != nullptr ? awaited : "-");
-    lines->addFlag("storage.busy", busy);
-    lines->add("storage.free_bytes", extent.freeBytes);
-    lines->add("storage.stored_bytes", extent.bytes);
-    lines->add("storage.bound_bytes", extent.bound);
-    lines->add("storage.runs", extent.runs);
-    lines->add("storage.oldest_run", run(extent.oldestRun, extent.runs));
-    lines->add("storage.newest_run", run(extent.newestRun, extent.runs));
-    lines->add("storage.sections_of_this_run", extent.sections);
+    lines->addFlag("storage.busy", !fresh);
+    const std::pair<const char*, uint64_t> numbers[] = {{"free_bytes", extent.freeBytes},
+                                                        {"stored_bytes", extent.bytes},
+                                                        {"bound_bytes", extent.bound},
+                                                        {"runs", extent.runs},
+                                                        {"sections_of_this_run", extent.sections}};
+    for (const auto& [name, number] : numbers)
+        lines->add(std::string("storage.") + name, mExtentSeen ? std::to_string(number) : "-");
+    lines->add("storage.oldest_run", run(extent.oldestRun, mExtentSeen ? extent.runs : 0));
+    lines->add("storage.newest_run", run(extent.newestRun, mExtentSeen ? extent.runs : 0));
 }
 
 void Status::addSource(Lines* lines, const char* group, const SourceTotals& totals, bool reading) {
@@ -185,6 +213,9 @@ void Status::addWork(Lines* lines) {
     lines->add("error.last", error.text.empty() ? "-" : error.text);
     lines->add("error.time", date(error.time));
     lines->add("error.reports", error.count);
+}
+
+void Status::addService(Lines* lines) {
     lines->add("service.version", VNLOG_VERSION);
     lines->add("service.started", date(mStarted));
     lines->add("service.uptime_seconds", static_cast<uint64_t>(secondsOf(CLOCK_BOOTTIME) - mStartUptime));

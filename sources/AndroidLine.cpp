@@ -137,10 +137,9 @@ void AndroidLine::announce(const char* device) {
     char banner[1024];
     formatText(banner, "--------- beginning of %s\n", device);
     bool given = mConsole.error() != 0; // up before: it is not tried again
-    bool shown = mConsole.show(mState.mALogOutFd, banner, std::strlen(banner), &mPatience) == Shown::Whole;
-    if (shown || given || mConsole.lastFailure() == 0)
+    if (mConsole.show(mState.mALogOutFd, banner, std::strlen(banner), &mPatience) != Shown::Closed || given)
         return;
-    errno = mConsole.lastFailure();
+    errno = mConsole.error();
     logError("output error");
     logErrno();
     endProcess(kExitOutputError);

@@ -117,6 +117,12 @@ bool makeReadable(const log_device_t* list) {
     return open;
 }
 
+/** Whether an entry was written at this time of the wall clock or later. */
+bool isSince(const logger_entry& entry, const timespec& time) {
+    auto seconds = static_cast<int32_t>(time.tv_sec);
+    return entry.seconds != seconds ? entry.seconds - seconds > 0 : entry.nanoseconds >= time.tv_nsec;
+}
+
 bool isReady(const log_device_t* device, const fd_set& ready) {
     return device->fd >= 0 && FD_ISSET(device->fd, &ready);
 }
@@ -209,7 +215,7 @@ bool AndroidReader::awaitOutput(log_device_t* list) {
         return false;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    mOnSince = static_cast<int32_t>(now.tv_sec);
+    mOnSince = now;
     for (log_device_t* device = list; device != nullptr; device = device->next)
         device->unwanted = true;
     return true;
@@ -221,7 +227,7 @@ void AndroidReader::tellLost(log_device_t* device, const logger_entry& entry) {
     constexpr uint32_t kMostTold = 65535; // with more, the rest comes with the next entry
     if (!device->unwanted)
         mLine.lost(entry.padding);
-    else if (entry.seconds - mOnSince >= 0 && entry.padding < kMostTold)
+    else if (entry.padding < kMostTold && isSince(entry, mOnSince))
         device->unwanted = false;
 }
 
@@ -319,8 +325,6 @@ void AndroidReader::printReady(log_device_t* list, bool everything) {
         mFinish.step();
     }
     mLine.endCycle();
-    for (log_device_t* device = list; everything && device != nullptr; device = device->next)
-        device->unwanted = false;
 }
 
 void AndroidReader::printFirst(log_device_t* device) {

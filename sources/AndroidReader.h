@@ -63,7 +63,7 @@ class AndroidReader {
     EntryPool mPool;
     char mBatch[platform::kMaxLoggerBatch]; ///< what the last read returned
     FinishRequest mFinish;
-    int32_t mOnSince = 0; ///< wall clock in seconds at which the output was switched on last
+    timespec mOnSince{}; ///< wall clock at which the output was switched on last
 };
 
 /**
