@@ -227,9 +227,9 @@ std::string rootObjection(const std::string& param) {
     return unsafe.empty() ? missingObjection(param) : unsafe;
 }
 
+/** Whether the target can take a copy is the service's to tell. */
 std::string copyObjection(const std::string& param) {
-    std::string unsafe = unsafeObjection(param);
-    return unsafe.empty() ? missingObjection(param) : unsafe;
+    return unsafeObjection(param);
 }
 
 constexpr ParameterRule kNothing = {nullptr, anything, nullptr, nullptr};

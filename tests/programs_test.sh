@@ -112,7 +112,7 @@ expect_status 0 $logset COPY "$home/target"
 files=$(find "$home/target" -type f | wc -l) bytes=$(cat $(find "$home/target" -type f) | wc -c)
 expect_output "$files files, $bytes bytes in '$home/target'" "$home/out"
 grep -q '^unread 20000$' "$home/target/log_service/current"/log_*.txt || fail "the copy lacks what was buffered"
-for wrong in "COPY $home/log.cfg" "COPY $store/current" "STORAGE_PATH /proc" "ALOG_DEL_MODULE unknown"; do
+for wrong in "COPY $home/log.cfg" "COPY $home/none" "COPY $store/current" "STORAGE_PATH /proc" "ALOG_DEL_MODULE unknown"; do
     expect_status 1 $logset $wrong
     [ -s "$home/err" ] || fail "'logset $wrong' says nothing"
 done
