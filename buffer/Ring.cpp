@@ -413,10 +413,10 @@ bool Ring::freeWritten(int fd) {
         logError("a section went on otherwise than with what is buffered, which is stored once more\n");
         there = 0;
     }
-    mMemory.clearMark();
     LogBuf& buffer = *mState.mLogBuf;
     RingGuard lock(buffer);
-    mMemory.publishRead(mMemory.readPosition() + there);
+    mMemory.publishRead(mMemory.readPosition() + there); // first: with it the mark does not count any more
+    mMemory.clearMark();
     buffer.read_pos = mMemory.readPosition() % buffer.size;
     buffer.free_size += there;
     mAdopted -= there;
