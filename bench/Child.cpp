@@ -202,8 +202,9 @@ bool isInstalled(const std::string& program) {
 }
 
 std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream text; // what a process that has just ended tells no more is left out
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
 
 } // namespace vnlog::bench
