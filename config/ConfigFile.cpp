@@ -4,6 +4,7 @@
 #include "base/Files.h"
 #include "base/Handles.h"
 #include "base/Text.h"
+#include "storage/Layout.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -22,11 +23,6 @@ Path besides(const char* path, const char* end) {
     Path whole;
     formatText(whole.text, "%s%s", path, end);
     return whole;
-}
-
-/** Where a file is written before it takes its place. */
-Path draftOf(const char* path) {
-    return besides(path, ".new");
 }
 
 void reportRemoval() {

@@ -17,8 +17,6 @@ namespace {
 
 constexpr char kPstore[] = "/sys/fs/pstore";
 constexpr char kCompressedEnd[] = ".enc.z"; // what the kernel could not unpack itself
-constexpr uint32_t kTextSize = 8192; // bytes of text held at a time
-constexpr uint32_t kLongestLine = 65536;
 constexpr unsigned kPatienceMs = 30000;
 constexpr unsigned kSettleMs = 1000; ///< of somebody who wants something else
 
@@ -111,11 +109,11 @@ void LastWords::remove(const char* path) {
 
 /** Stores the lines of a text, whatever their level. */
 bool LastWords::storeText(int fd) {
-    Text buffer = allocateText(kTextSize);
+    Text buffer = allocateText(kKernelTextSize);
     if (buffer == nullptr)
         return false;
     char* bytes = buffer.release();
-    KernelSplitter splitter(&bytes, kTextSize, kLongestLine);
+    KernelSplitter splitter(&bytes, kKernelTextSize, kLongestKernelLine);
     KernelLine line;
     size_t length = 1;
     bool stored = true;

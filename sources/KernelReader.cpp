@@ -17,8 +17,6 @@ namespace vnlog {
 namespace {
 
 constexpr char kKernelLog[] = "/proc/kmsg";
-constexpr uint32_t kTextSize = 8192; // bytes of kernel text held at a time
-constexpr uint32_t kLongestLine = 65536; // and at most, for a line that does not fit that
 constexpr uint32_t kHeldSize = 127; // and while the output is off, which are stored when it comes on again
 constexpr int kReadPlace = 2011; // part of the message's fixed text
 constexpr int kEndOfFilePauseMs = 100;
@@ -67,7 +65,7 @@ void KernelReader::run() {
     FileDescriptor file = open();
     if (!file.valid())
         return;
-    char* log_buffer = allocateText(kTextSize).release();
+    char* log_buffer = allocateText(kKernelTextSize).release();
     if (log_buffer == nullptr) {
         logError("fail to malloc log_buffer!\n");
         logErrno();
@@ -87,7 +85,7 @@ void KernelReader::run() {
 
 /** Reads and stores lines until the thread is to end. False when its wait for output failed. */
 bool KernelReader::readLines(int fd, char** buffer) {
-    KernelSplitter splitter(buffer, kTextSize, kLongestLine);
+    KernelSplitter splitter(buffer, kKernelTextSize, kLongestKernelLine);
     SourceCounts::Run run(mCounts);
     uint32_t finishBytes = 0;
     while (mState.mKLogThreadRunning) {

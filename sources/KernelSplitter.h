@@ -11,6 +11,11 @@ struct KernelLine {
     int priority; ///< 7 for a line that states none
 };
 
+// For those who split the kernel's text: bytes held at a time, and at most, for a line that does not fit
+// that.
+constexpr uint32_t kKernelTextSize = 8192;
+constexpr uint32_t kLongestKernelLine = 65536;
+
 /**
  * Splits what is read from the kernel's log into lines, in the reader's own buffer: nothing is copied but the
  * unfinished end of a chunk, and nothing allocated but for a line that is longer than the buffer, which grows
