@@ -15,11 +15,13 @@ TEST_F(LoggerDriverTest, WhoSaysNothingGivesWayAndWhoHasNoDescriptorWaits) {
     EXPECT_TRUE(!LoggerDriver().start({home + "/log"}) && errno == EAGAIN && !exists(home + "/log"));
     LoggerDriver driver;
     ASSERT_TRUE(driver.start({home + "/log"}));
+    const int before = openDescriptors();
     auto reader = open(LoggerAccess::Read);
+    ASSERT_TRUE(eventually([&] { return openDescriptors() == before + 2; })); // the driver has its end, too
     starveOfDescriptors(true);
     auto writer = open(LoggerAccess::Write); // takes the last one
     LoggerHeader entry{}; // without a payload
-    EXPECT_TRUE(vnlog::writeAll(writer.get(), &entry, sizeof entry));
+    ASSERT_TRUE(vnlog::writeAll(writer.get(), &entry, sizeof entry));
     starveOfDescriptors(false);
     EXPECT_EQ(read(reader.get(), &entry, sizeof entry), ssize_t{sizeof entry});
     auto answered = [&] { return controlLogger(writer.get(), kRequestSize) > 0; };
