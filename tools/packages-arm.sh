@@ -5,7 +5,9 @@
 need_arm_packages() {
     need_packages g++-arm-linux-gnueabihf qemu-user
     local root=build/arm-root apt=$PWD/build/arm-apt package
-    [ ! -e $root/.complete ] || return 0
+    local libraries="zlib1g-dev libdeflate-dev android-liblog-dev android-libutils-dev libgtest-dev libstdc++-12-dev
+        nlohmann-json3-dev libpcre2-dev libarchive-dev"
+    [ "$(cat $root/.complete 2>/dev/null)" != "$libraries" ] || return 0
     echo "Unpacking the libraries for 32-bit ARM"
     rm -rf $root "$apt"
     mkdir -p $root "$apt/lists/partial" "$apt/cache/archives/partial" "$apt/state"
@@ -14,13 +16,13 @@ need_arm_packages() {
         -o Dir::State="$apt/state" -o Dir::State::status="$apt/state/status" \
         -o Dir::State::lists="$apt/lists" -o Dir::Cache="$apt/cache"
     apt-get "$@" update >"$apt/log" 2>&1 || true # the download below tells whether a list is missing
-    apt-get "$@" install -y --no-install-recommends --download-only zlib1g-dev libdeflate-dev android-liblog-dev \
-        android-libutils-dev libgtest-dev libstdc++-12-dev nlohmann-json3-dev >>"$apt/log" 2>&1 || {
+    # shellcheck disable=SC2086 # a list of words
+    apt-get "$@" install -y --no-install-recommends --download-only $libraries >>"$apt/log" 2>&1 || {
         cat "$apt/log" >&2
         exit 1
     }
     for package in "$apt"/cache/archives/*.deb; do
         dpkg -x "$package" $root
     done
-    touch $root/.complete
+    echo "$libraries" >$root/.complete
 }

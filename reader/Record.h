@@ -1,0 +1,45 @@
+#pragma once
+
+#include "lines/LineClock.h"
+#include "lines/LogLine.h"
+
+#include <cstdint>
+#include <string_view>
+
+/* What the parts of the reader hand on to each other: one line, and whoever takes lines. */
+namespace vnlog {
+
+/** Stands for the run that is under way. */
+constexpr uint32_t kCurrentRun = 0;
+
+/** Where a line is stored. */
+struct LinePlace {
+    uint32_t run = kCurrentRun; ///< M of last_M
+    uint32_t section = 0; ///< 0 is a log of the form before there were sections
+    uint32_t line = 0; ///< from 1 in each section; a line belongs to the section in which it begins
+};
+
+/** One line. What the views point to is valid until the next one is asked for. */
+struct Record {
+    std::string_view bytes; ///< without the newline
+    LinePlace place;
+    bool ended = true; ///< its newline is stored, too; without it more may come, or was lost
+    bool context = false; ///< shown only for its neighbour
+    LogLine line;
+    LineTime time;
+};
+
+/** Takes the lines that were asked for, in the order in which they are to be shown. */
+class RecordSink {
+  public:
+    virtual ~RecordSink() = default;
+    virtual void put(const Record& record) = 0;
+    /** Lines were left out between the last one and the next, which are both in a group with context. */
+    virtual void separate() {}
+    /** Whether it looks at more of a record than its bytes, place and end. */
+    virtual bool wantsFields() const { return true; }
+    /** No more lines come. */
+    virtual void finish() {}
+};
+
+} // namespace vnlog

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "lines/LineClock.h"
+#include "reader/Record.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+/* What the list of runs tells of a store's runs. */
+namespace vnlog {
+
+/** One run, as far as it is told; what is not is empty or 0. */
+struct RunStory {
+    uint32_t number = 0; ///< in the list of runs
+    int64_t start = 0, end = 0; ///< seconds since the epoch
+    bool zoneKnown = false;
+    int32_t zone = 0; ///< seconds by which local time is ahead of UTC
+    std::vector<ClockPoint> points; ///< to the second
+    std::string boot, version, build;
+    std::string how; ///< "stopped", "moved", "no_end"; empty for unknown, and for the run under way
+    uint32_t steps = 0; ///< of the wall clock
+};
+
+class RunHistory {
+  public:
+    /** Reads <logs>/runs.txt, of which at most the newest 1 MiB; a file that is missing or damaged tells
+     * less. */
+    void read(const std::string& logs);
+    /** Of last_<run>, or kCurrentRun. Null when nothing is told. */
+    const RunStory* find(uint32_t run) const;
+
+  private:
+    std::map<uint32_t, RunStory> mStories;
+};
+
+} // namespace vnlog
