@@ -46,7 +46,7 @@ struct LocalStamp {
 struct LogLine {
     LineSource source = LineSource::Unknown;
     LineForm form = LineForm::Raw;
-    int8_t priority = 0; ///< as Android's: 2 verbose to 7 fatal; 0 where the line does not tell
+    int8_t priority = 0; ///< as Android's: 2 verbose to 7 fatal (and "S"); 0 where the line does not tell
     int8_t level = -1; ///< kernel: 0 to 7; -1 where the line does not tell
     bool heading = false; ///< the first line of an entry in the long form, which has no text
     bool inside = false; ///< another line of such an entry: it has the fields of the heading
@@ -66,6 +66,14 @@ int8_t priorityOfLevel(int level);
 /**
  * Takes lines apart, one after the other as they are stored: those of an entry in the long form depend on the
  * ones before. One thread at a time; never fails, whatever the bytes are.
+ *
+ * A tag may hold whatever the forms put around it. A line that two readings explain is decided by these
+ * rules: a tag ends at the first ": " behind its first 8 characters, in the form Time at the first "(pid): ";
+ * an end of "(pid)" there is the form Brief and not Tag; a tag in the form Process begins behind the last "
+ * (". Blanks at the end of a tag are taken for what fills it up. Whatever is written like a line of the
+ * kernel or the service is one. An entry in the long form goes from its heading to its first empty line,
+ * whatever is in between; behind that, to the next heading, line with a time, or line of the kernel or the
+ * service. The lines below a heading have 256 characters of its tag at most.
  */
 class LineParser {
   public:
@@ -78,7 +86,7 @@ class LineParser {
     /** Where an entry in the long form stands. */
     enum class Entry : uint8_t { None, Text, AfterEmptyLine };
 
-    void parseAlone(std::string_view line, LogLine* parsed);
+    void openEntry(const LogLine& heading);
 
     Entry mOpen = Entry::None;
     LogLine mHeading; ///< of the entry; its tag lies in mTag
