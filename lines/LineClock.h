@@ -10,7 +10,7 @@ namespace vnlog {
 
 /** How far the wall clock is ahead of the kernel's, from a time of the latter on. Milliseconds. */
 struct ClockPoint {
-    int64_t since = 0; ///< of the kernel's clock
+    int64_t since = 0; ///< of the kernel's log clock
     int64_t offset = 0; ///< wall clock less kernel's clock
 };
 
@@ -37,18 +37,38 @@ struct LineTime {
     TimeBasis basis = TimeBasis::None;
 };
 
-/** Dates the lines of one section after the other, each in its order. Writer and reader use the same, so that
- * what the one has noted of a section holds for the lines that the other dates. */
+/**
+ * Dates the lines of one section after the other, each in its order. Writer and reader use the same, so that
+ * what the one has noted of a section holds for the lines that the other dates. One thread at a time.
+ *
+ * A stamp's year is the one in which its day is nearest to `reference`; without that to the last dated line
+ * of the section or to `begin`; without all of them the line is not dated. Times are at most of the year
+ * 2223.
+ */
 class LineClock {
   public:
     void beginSection(const ClockFacts& facts);
     LineTime timeOf(const LogLine& line);
 
   private:
+    /** The environment's zone in a quarter of an hour: no zone changes its offset within one. */
+    struct Quarter {
+        int64_t number = INT64_MIN;
+        int32_t zone = 0;
+    };
+
+    LineTime atStamp(const LocalStamp& stamp);
+    LineTime atKernelTime(int64_t microseconds);
+    bool findDay(const LocalStamp& stamp);
+    int32_t zoneAt(int64_t seconds);
+    int32_t zoneOfLocal(int64_t local);
+
     ClockFacts mFacts;
     LineTime mLast;
-    int32_t mYear = 0; ///< of the month below, 0 before there was one
-    int8_t mMonth = 0;
+    int8_t mMonth = 0; ///< of the stamp before, 0 without one
+    int8_t mDayOfMonth = 0;
+    int64_t mDay = 0; ///< days from the epoch to it
+    Quarter mUniversal, mLocal; ///< looked up last
 };
 
 } // namespace vnlog

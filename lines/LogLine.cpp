@@ -14,7 +14,7 @@ constexpr size_t kTagWidth = 8; ///< to which the Android forms fill a tag up
 constexpr size_t kIdWidth = 5; ///< and the number of a process or thread
 constexpr size_t kStampLength = 18; ///< "11-23 14:40:55.123"
 constexpr size_t kLongestId = 10; ///< digits of one
-constexpr size_t kLongestSeconds = 12; ///< digits of the kernel's seconds: their microseconds fit 64 bits
+constexpr size_t kLongestSeconds = 9; ///< digits of the kernel's seconds: their nanoseconds fit 64 bits
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
