@@ -131,6 +131,7 @@ const Setting kSettings[kSettingCount] = {
     optional(number(kFlushIntervalKey, kFlushInterval)),
     optional(priority(kFlushPriorityKey, "f", kFlushPriority)),
     optional(onOff("KLOG_PSTORE=", kYes, &S::mKLogPstore)),
+    optional(onOff("KLOG_PREFIX=", kNo, &S::mKLogPrefix)),
 };
 
 size_t nameLength(const Setting& setting) {

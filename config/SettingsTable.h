@@ -80,7 +80,7 @@ struct Setting {
     }
 };
 
-constexpr size_t kSettingCount = 17;
+constexpr size_t kSettingCount = 18;
 /** All settings, in the order in which they are read and written. */
 extern const Setting kSettings[kSettingCount];
 

@@ -350,7 +350,7 @@ int8_t priorityOfLevel(int level) {
 }
 
 void LineParser::parse(std::string_view line, LogLine* parsed) {
-    if (mOpen != Entry::Text) {
+    if (mOpen != Entry::Open) {
         parseAlone(line, parsed);
         const bool ends =
             parsed->heading || parsed->stamp.month != 0 || parsed->source != LineSource::Android;
@@ -377,7 +377,7 @@ void LineParser::openEntry(const LogLine& heading) {
     mHeading.tag = std::string_view(mTag, length);
     mHeading.heading = false;
     mHeading.inside = true;
-    mOpen = Entry::Text;
+    mOpen = Entry::Open;
 }
 
 } // namespace vnlog

@@ -84,7 +84,7 @@ class LineParser {
 
   private:
     /** Where an entry in the long form stands. */
-    enum class Entry : uint8_t { None, Text, AfterEmptyLine };
+    enum class Entry : uint8_t { None, Open, AfterEmptyLine };
 
     void openEntry(const LogLine& heading);
 

@@ -141,7 +141,10 @@ void KernelReader::storeLines(KernelSplitter& splitter) {
 Fate KernelReader::store(const KernelLine& line) {
     if (line.length <= 1 || line.priority > mState.mKLogLevel)
         return Fate::Filtered;
-    switch (mSink.wish(mState.mKLogToFile, line.text, line.length)) {
+    const uint32_t prefix = mState.mKLogPrefix ? line.prefix : 0;
+    const char* text = line.text - prefix;
+    const uint32_t length = line.length + prefix;
+    switch (mSink.wish(mState.mKLogToFile, text, length)) {
     case Wish::NotStored:
         return Fate::Filtered;
     case Wish::Missed:
@@ -149,7 +152,7 @@ Fate KernelReader::store(const KernelLine& line) {
     case Wish::Stored:
         break;
     }
-    if (mSink.put(line.text, line.length, rankOf(line.priority)))
+    if (mSink.put(text, length, rankOf(line.priority)))
         return Fate::Stored;
     if (mReports.due())
         logError("kernelLogReader logBufWrite failed\n");

@@ -76,9 +76,11 @@ bool KernelSplitter::resize(uint32_t size) {
 
 /** Makes a line of the text before `newline`. */
 void KernelSplitter::takeLine(const char* start, const char* newline, KernelLine* line) {
+    const char* whole = start;
     if (!mWithin)
         mPriority = takePriority(&start, newline);
     line->priority = mPriority;
+    line->prefix = static_cast<uint32_t>(start - whole);
     line->text = start;
     line->length = static_cast<uint32_t>(newline + 1 - start);
 }

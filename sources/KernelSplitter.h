@@ -9,6 +9,7 @@ struct KernelLine {
     const char* text;
     uint32_t length; ///< bytes with the newline
     int priority; ///< 7 for a line that states none
+    uint32_t prefix; ///< bytes of the priority prefix, which stands before the text
 };
 
 // For those who split the kernel's text: bytes held at a time, and at most, for a line that does not fit

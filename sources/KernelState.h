@@ -14,6 +14,7 @@ struct KernelState {
     Flag mKLogToUart{false}; ///< the kernel prints on its console
     Flag mKLogToFile{false}; ///< its lines are stored
     Flag mKLogPstore{true}; ///< a start stores what the platform has kept of the kernel's last words
+    Flag mKLogPrefix{false}; ///< stored lines keep the "<N>" that the kernel puts in front
     sem_t mKLogSem; ///< wakes the kernel reader when its output is switched on
     Flag mKLogThreadRunning{false}; ///< started and not stopped yet; it may have ended by itself
 };

@@ -1,10 +1,14 @@
 #include "storage/Archive.h"
 
+#include "storage/SectionFacts.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <libdeflate.h>
+#include <new>
+#include <unistd.h>
 #include <zlib.h>
 
 namespace vnlog {
@@ -13,7 +17,8 @@ namespace {
 
 constexpr size_t kPiece = 16384; ///< bytes that are decoded and compared at a time
 constexpr size_t kMemberText = 262144; ///< of text in a member of an archive; an ordinary section is shorter
-constexpr size_t kMemberRest = 10 + NAME_MAX + 1 + 8; ///< bytes of a member around the compressed ones
+constexpr size_t kMemberRest =
+    10 + 2 + kLargestFacts + NAME_MAX + 1 + 8; ///< bytes of a member around the compressed ones
 constexpr int kGzipWindow = 15 + 16; ///< the largest window; 16 asks zlib for gzip's header and trailer
 // Of libdeflate: a third of the time of gzip's level 6, in archives that are at most some 5 % larger.
 constexpr int kLevel = 4;
@@ -144,18 +149,22 @@ Compressor::~Compressor() {
     libdeflate_free_compressor(mState);
 }
 
-bool Compressor::write(int text, const struct stat& info, int archive, const char* name) {
+bool Compressor::write(int text, const struct stat& info, int archive, const char* name,
+                       SectionSummary* summary) {
     if (!getMemory())
         return outOfMemory();
     bool fits = info.st_mtime > 0 && static_cast<uint64_t>(info.st_mtime) <= UINT32_MAX;
     uint32_t time = fits ? static_cast<uint32_t>(info.st_mtime) : 0; // 0 says that none is known
     size_t count = 0;
+    std::string facts;
     for (bool begun = false;; begun = true) {
         if (!readPiece(text, mIn.get(), kMemberText, &count))
             return false;
         if (count == 0 && begun)
             return true;
-        if (!writeMember(count, time, archive, name))
+        if (!begun && summary != nullptr && !sumUp(text, count, summary, &facts))
+            return false;
+        if (!writeMember(count, time, archive, name, begun ? std::string() : facts))
             return false;
         if (count < kMemberText)
             return true;
@@ -173,13 +182,41 @@ bool Compressor::getMemory() {
     return mOut != nullptr;
 }
 
+/**
+ * Sums the text up, of which the first piece has been read: the rest of one that has more is read for that
+ * and left to be read again. Without the memory for it there are no facts. False with errno set.
+ */
+bool Compressor::sumUp(int text, size_t first, SectionSummary* summary, std::string* facts) {
+    const off_t rest = lseek(text, 0, SEEK_CUR);
+    try {
+        summary->add({mIn.get(), first});
+        for (size_t count = first; count == kMemberText;) {
+            if (!readPiece(text, mOut.get(), kMemberText, &count))
+                return false;
+            summary->add({mOut.get(), count});
+        }
+        *facts = encodeFacts(summary->end());
+    } catch (const std::bad_alloc&) {
+        facts->clear();
+    }
+    return first < kMemberText || (rest >= 0 && lseek(text, rest, SEEK_SET) == rest);
+}
+
 /** Writes the member of the text that has been read. */
-bool Compressor::writeMember(size_t length, uint32_t time, int archive, const char* name) {
-    constexpr char kStart[] = {'\x1f', '\x8b', 8, 8}; // the format's mark, deflate, a name follows
+bool Compressor::writeMember(size_t length, uint32_t time, int archive, const char* name,
+                             const std::string& facts) {
+    constexpr char kNameFollows = 8, kExtraFollows = 4;
+    constexpr char kStart[] = {'\x1f', '\x8b', 8}; // the format's mark, deflate
     char* next = std::copy_n(kStart, sizeof kStart, mOut.get());
+    *next++ = facts.empty() ? kNameFollows : kNameFollows | kExtraFollows;
     next = putNumber(next, time);
     *next++ = 0; // nothing is said of the effort
     *next++ = kUnix;
+    if (!facts.empty()) {
+        *next++ = static_cast<char>(facts.size());
+        *next++ = static_cast<char>(facts.size() >> 8);
+        next = std::copy(facts.begin(), facts.end(), next);
+    }
     next = std::copy_n(name, std::min<size_t>(std::strlen(name), NAME_MAX), next);
     *next++ = '\0';
     size_t packed = libdeflate_deflate_compress(mState, mIn.get(), length, next, mOutSize);

@@ -4,12 +4,15 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <sys/stat.h>
 
 struct libdeflate_compressor;
 
 /* The gzip form of a text, written and compared. Any thread that is not cancelled meanwhile. */
 namespace vnlog {
+
+class SectionSummary;
 
 /**
  * Writes archives, one after the other, with memory that it gets for the first one and keeps: 1.2 MiB of
@@ -26,14 +29,17 @@ class Compressor {
     /**
      * Compresses what `text` holds from where it stands to its end into `archive`, as one gzip member for
      * each 256 KiB, which is one for a section; each carries `name`, of at most 255 characters, and from
-     * `info` of the text its time of change. Both are open descriptors and stay open; nothing is synced.
-     * False with errno set, ENOMEM for memory; a part may have been written then.
+     * `info` of the text its time of change. `summary`, which has begun, is given all of the text, and the
+     * first member carries its facts; null leaves them out. Both are open descriptors and stay open; nothing
+     * is synced. False with errno set, ENOMEM for memory; a part may have been written then.
      */
-    [[nodiscard]] bool write(int text, const struct stat& info, int archive, const char* name);
+    [[nodiscard]] bool write(int text, const struct stat& info, int archive, const char* name,
+                             SectionSummary* summary);
 
   private:
     bool getMemory();
-    bool writeMember(size_t length, uint32_t time, int archive, const char* name);
+    bool sumUp(int text, size_t first, SectionSummary* summary, std::string* facts);
+    bool writeMember(size_t length, uint32_t time, int archive, const char* name, const std::string& facts);
 
     libdeflate_compressor* mState = nullptr;
     Text mIn, mOut;

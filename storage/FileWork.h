@@ -1,5 +1,7 @@
 #pragma once
 
+#include "storage/SectionFacts.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -35,9 +37,10 @@ class FileWork {
      * Puts the gzip archive `<text>.gz` in the place of the text; one that is there already is replaced. The
      * archive is written beside under its draft's name and is on the medium, name and all, before the text
      * goes. Where it fails, the text is as it was, the archive is the older one or the whole new one,
-     * and the draft is gone.
+     * and the draft is gone. An archive that is written in the process tells what its section holds, and of
+     * its run what `origin` does.
      */
-    virtual bool compress(const char* text) = 0;
+    virtual bool compress(const char* text, const SectionOrigin& origin) = 0;
     /** Removes a file; done as well when there is none. */
     virtual bool removeFile(const char* path) = 0;
     /** Removes a folder with all that it holds; done as well when there is none. */

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,6 +32,39 @@ class Steps {
   private:
     int mError = 0;
 };
+
+// --- Compressing
+
+/** Reads what the section before one of this number tells, which may know nothing or be gone. */
+bool readFactsBefore(const Draft& draft, uint32_t number, SectionFacts* facts) {
+    if (number <= 1)
+        return false;
+    Path run;
+    formatText(run.text, "%.*s", static_cast<int>(lastName(draft.textPath) - draft.textPath - 1),
+               draft.textPath);
+    FileDescriptor archive = openOwnFile(sectionArchive(run.text, number - 1).text, O_RDONLY);
+    return archive.valid() && readFacts(archive.get(), facts);
+}
+
+/** Begins the summary of a section's text. False for any other text, and without memory: there are no facts
+ * then. */
+bool beginSummary(const Draft& draft, const SectionOrigin& origin, SectionSummary* summary) {
+    const ParsedName name = parseName(lastName(draft.textPath));
+    if (name.kind != NameKind::PlainText)
+        return false;
+    const int64_t modified = int64_t{draft.info.st_mtim.tv_sec} * 1000 + draft.info.st_mtim.tv_nsec / 1000000;
+    try {
+        SectionFacts before;
+        bool known = readFactsBefore(draft, name.number, &before) && before.origin.run == origin.run;
+        SectionOrigin best = origin;
+        if (known && origin.rough && !before.origin.points.empty())
+            best.points = before.origin.points;
+        summary->begin(best, name.number, known ? &before : nullptr, modified);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
 
 // --- Removing
 
@@ -160,9 +194,12 @@ class TreeCopy {
 
 } // namespace
 
-bool ProcessFileWork::compress(const char* text) {
-    return compressByDraft(text, [this](const Draft& draft) {
-        return mCompressor.write(draft.text, draft.info, draft.file, lastName(draft.textPath));
+bool ProcessFileWork::compress(const char* text, const SectionOrigin& origin) {
+    return compressByDraft(text, [&](const Draft& draft) {
+        SectionSummary summary;
+        const bool begun = beginSummary(draft, origin, &summary);
+        return mCompressor.write(draft.text, draft.info, draft.file, lastName(draft.textPath),
+                                 begun ? &summary : nullptr);
     });
 }
 

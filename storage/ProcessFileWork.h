@@ -8,7 +8,7 @@ namespace vnlog {
 /** File work by the system's own calls, in this process. */
 class ProcessFileWork final : public FileWork {
   public:
-    bool compress(const char* text) override;
+    bool compress(const char* text, const SectionOrigin& origin) override;
     bool removeFile(const char* path) override;
     bool removeTree(const char* path) override;
     bool removeAll(const char* beginning) override;

@@ -4,10 +4,12 @@
 #include "base/Diagnostics.h"
 #include "base/Files.h"
 #include "base/Handles.h"
+#include "storage/FileSteps.h"
 #include "storage/Layout.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -35,6 +37,13 @@ struct Aside {
 
 int64_t clockOffset() {
     return secondsOf(CLOCK_REALTIME) - secondsOf(CLOCK_BOOTTIME);
+}
+
+/** Milliseconds of a clock of the system. */
+int64_t millisecondsOf(clockid_t clock) {
+    timespec now{};
+    (void)clock_gettime(clock, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 /** A text as a value: "-" for none. */
@@ -169,6 +178,84 @@ RunList::Found RunList::read(const char* logs) {
     return found;
 }
 
+namespace {
+
+/** The number in the list of the run in a folder of that name, 0 when the list does not tell. */
+uint32_t wantedRun(const std::string& text, const ParsedName& folder) {
+    uint32_t newest = 0, wanted = 0;
+    forEachLine(text, [&](std::string_view, const RunLine* line) {
+        if (line == nullptr)
+            return;
+        const uint32_t run = line->number(RunKey::Run);
+        const bool archived = (*line)[RunKey::Event] == kRunArchived;
+        if (folder.kind == NameKind::Run)
+            wanted = archived && line->number(RunKey::Archived) == folder.number ? run : wanted;
+        else if (folder.kind == NameKind::Current && run >= newest)
+            wanted = archived ? 0 : run; // what is archived is there no more
+        newest = std::max(newest, run);
+    });
+    return wanted;
+}
+
+/** Reads a time as localDate writes it. */
+bool readDate(const std::string& text, int64_t* seconds, int32_t* zone) {
+    struct tm date {};
+    char sign = 0;
+    int hours = 0, minutes = 0;
+    if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &date.tm_year, &date.tm_mon,
+                    &date.tm_mday, &date.tm_hour, &date.tm_min, &date.tm_sec, &sign, &hours, &minutes) != 9)
+        return false;
+    date.tm_year -= 1900;
+    --date.tm_mon;
+    *zone = (hours * 60 + minutes) * 60 * (sign == '-' ? -1 : 1);
+    *seconds = int64_t{timegm(&date)} - *zone;
+    return *seconds > 0;
+}
+
+/** Takes from a line about a run what it tells of the run's clock. */
+void takeClock(const RunLine& line, SectionOrigin* origin) {
+    const std::string& event = line[RunKey::Event];
+    int64_t seconds = 0;
+    int32_t zone = 0;
+    if (!readDate(line[RunKey::Time], &seconds, &zone))
+        return;
+    origin->zone = zone;
+    origin->zoneKnown = true;
+    const int64_t uptime = line.number(RunKey::Uptime);
+    if (event == kRunStart)
+        origin->points = {{0, (seconds - uptime) * 1000}};
+    else if (event == kRunStep)
+        origin->points.push_back({uptime * 1000, (seconds - uptime) * 1000});
+    if (origin->points.size() > kMostPoints)
+        origin->points.erase(origin->points.begin());
+}
+
+} // namespace
+
+SectionOrigin recordedOrigin(const char* logs, const char* run) {
+    Aside aside;
+    SectionOrigin origin;
+    try {
+        std::string text;
+        bool whole = true;
+        if (!RunList::load(logs, &text, &whole))
+            return {};
+        const uint32_t wanted = wantedRun(text, parseName(lastName(run)));
+        forEachLine(text, [&](std::string_view, const RunLine* line) {
+            if (line == nullptr || wanted == 0 || line->number(RunKey::Run) != wanted)
+                return;
+            origin.run = wanted;
+            if ((*line)[RunKey::Event] == kRunStart)
+                origin.boot = (*line)[RunKey::Boot] == "-" ? "" : (*line)[RunKey::Boot];
+            takeClock(*line, &origin);
+        });
+        origin.rough = origin.points.size() == 1;
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+    return origin;
+}
+
 /** Does a piece of work, for which there may be no memory: nothing else is to suffer from that. */
 template <typename Work> void RunList::attempt(Work work) {
     Aside aside;
@@ -224,6 +311,8 @@ RunLine RunList::lineNow(const char* event) const {
 
 void RunList::describeStart() {
     mOffset = clockOffset();
+    mPoints.clear();
+    watchKernelClock();
     mStart = lineNow(kRunStart);
     mStart[RunKey::Boot] = bootId(mSystemRoot.path);
     mStart[RunKey::Version] = VNLOG_VERSION;
@@ -243,7 +332,39 @@ void RunList::end(const char* logs, const char* how) {
         forget();
 }
 
+/**
+ * Follows the clock that stamps the kernel's lines, which stands still while the system sleeps: a sleep puts
+ * the wall clock ahead of it as a step does. What it drifts moves the newest point.
+ */
+void RunList::watchKernelClock() {
+    constexpr int64_t kLeastDifference = 1000;
+    const int64_t since = millisecondsOf(CLOCK_MONOTONIC), offset = millisecondsOf(CLOCK_REALTIME) - since;
+    if (!mPoints.empty() && std::abs(mPoints.back().offset - offset) < kLeastDifference) {
+        mPoints.back().offset = offset;
+        return;
+    }
+    if (mPoints.size() == kMostPoints)
+        mPoints.erase(mPoints.begin());
+    mPoints.push_back({mPoints.empty() ? 0 : since, offset});
+}
+
+SectionOrigin RunList::origin() {
+    SectionOrigin origin;
+    if (!begun())
+        return origin;
+    attempt([&] {
+        watchKernelClock();
+        origin.run = mStart.number(RunKey::Run);
+        if (mStart[RunKey::Boot] != "-")
+            origin.boot = mStart[RunKey::Boot];
+        origin.points = mPoints;
+    });
+    return origin; // the zone is that of the environment
+}
+
 void RunList::watchClock(const char* logs) {
+    if (begun())
+        attempt([&] { watchKernelClock(); });
     int64_t offset = clockOffset(), step = offset - mOffset;
     mOffset = offset;
     if (!begun() || std::abs(step) < kLeastStep)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/sysroot/SystemRoot.h"
+#include "storage/SectionFacts.h"
 
 #include <array>
 #include <cstdint>
@@ -41,6 +42,12 @@ std::string printRunLine(const RunLine& line);
 [[nodiscard]] bool parseRunLine(std::string_view text, RunLine* line);
 
 /**
+ * What the list tells of the run in a folder, current or last_M, of a service that is not there any more: its
+ * clock to the second. Empty when it tells nothing. Any thread.
+ */
+SectionOrigin recordedOrigin(const char* logs, const char* run);
+
+/**
  * Writes the list. It is never needed: what is missing, damaged or cannot be written is reported once at most
  * and changes nothing else. `logs` is the log folder. Any thread, one at a time; keeps errno.
  */
@@ -60,6 +67,10 @@ class RunList {
     void watchClock(const char* logs);
     /** Removes the lines of runs that are gone. */
     void trim(const char* logs);
+    /** What is known of the present run, its clock to the millisecond as of now. Empty without one. */
+    SectionOrigin origin();
+    /** The newest lines of the list. `whole` tells whether that is all. False when it cannot be read. */
+    [[nodiscard]] static bool load(const char* logs, std::string* text, bool* whole);
     bool begun() const { return mStart.number(RunKey::Run) > 0; }
     /** Forgets the run: it ended unseen. */
     void forget() { mStart = {}; }
@@ -69,9 +80,9 @@ class RunList {
     template <typename Work> void attempt(Work work);
     void writeStart(const char* logs, uint32_t newest, uint32_t archived, const char* from);
     Found read(const char* logs);
-    static bool load(const char* logs, std::string* text, bool* whole);
     RunLine lineNow(const char* event) const;
     void describeStart();
+    void watchKernelClock();
     void append(const char* logs, const std::string& text);
     void replace(const char* logs, const std::string& text);
     void report(const char* path, bool done);
@@ -79,6 +90,7 @@ class RunList {
     const platform::SystemRoot& mSystemRoot;
     RunLine mStart; ///< of the present run, empty without one
     int64_t mOffset = 0; ///< of the wall clock from the time since boot, in seconds
+    std::vector<ClockPoint> mPoints; ///< of the run, the newest
     bool mReported = false;
 };
 

@@ -2,6 +2,7 @@
 
 #include "base/Diagnostics.h"
 #include "base/Files.h"
+#include "storage/RunList.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -78,9 +79,10 @@ bool RunMender::closeTexts(const char* run, RoomMaker* room) {
 
 void RunMender::closeText(const char* run, const StoredEntry& entry, const char* text, RoomMaker* room) {
     uint32_t number = entry.number;
+    const SectionOrigin origin = recordedOrigin(mState.mLogServiceDir, run);
     for (;;) {
-        bool done =
-            entry.kind == NameKind::PlainText ? mSections.finish(run, &number) : mSections.finishOther(text);
+        bool done = entry.kind == NameKind::PlainText ? mSections.finish(run, &number, origin)
+                                                      : mSections.finishOther(text);
         if (done)
             return;
         if (!lackOfRoom(errno) || room == nullptr || !room->freeOldest())

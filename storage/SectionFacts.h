@@ -13,13 +13,17 @@
  * docs/on-disk-format.md shows it byte by byte. */
 namespace vnlog {
 
+constexpr size_t kMostPoints = 4; ///< of a section's clock
+
 /** What the writer knows of a run and its clocks and cannot see in the text. */
 struct SectionOrigin {
     uint32_t run = 0; ///< its number in the list of runs, 0 for unknown
     std::string boot; ///< the kernel's boot id, empty for unknown
-    std::vector<ClockPoint> points; ///< the newest four at most
+    std::vector<ClockPoint> points; ///< the newest kMostPoints
     bool zoneKnown = false;
     int32_t zone = 0; ///< seconds
+    bool rough =
+        false; ///< the one point is to the second; what the section before tells is better. Not stored
 };
 
 struct SectionFacts {
@@ -41,9 +45,11 @@ struct SectionFacts {
     ClockFacts clock() const;
 };
 
-/** The bytes of the extra field, with the header's length in front left out. At most 1 KiB. */
+/** The bytes of the extra field, with the header's length in front left out. At most kLargestFacts. */
+constexpr size_t kLargestFacts = 1024;
 std::string encodeFacts(const SectionFacts& facts);
-/** The inverse; unknown parts are passed over. False when it holds no facts of ours, or damaged ones. */
+/** The inverse, of a field that may hold what others have put there, too; unknown parts are passed over.
+ * False when it holds no facts of ours, or damaged ones. */
 [[nodiscard]] bool decodeFacts(std::string_view extra, SectionFacts* facts);
 
 /** Reads the facts from the beginning of an archive, leaving the descriptor's position alone. False when it
@@ -51,9 +57,9 @@ std::string encodeFacts(const SectionFacts& facts);
 [[nodiscard]] bool readFacts(int archive, SectionFacts* facts);
 
 /**
- * Sums a text up while it is compressed. `before` are the facts of the run's section before it, null where
- * that has none; `number` is the section's own, `modified` the time of the text's last change, in ms since
- * the epoch.
+ * Sums a text up while it is compressed. Throws nothing but what the want of memory does. `before` are the
+ * facts of the run's section before it, null where that has none; `number` is the section's own, `modified`
+ * the time of the text's last change, in ms since the epoch.
  */
 class SectionSummary {
   public:
@@ -64,12 +70,19 @@ class SectionSummary {
 
   private:
     void takeLine(std::string_view line);
+    bool takeTime(const LogLine& line);
+    void takeOpenLine();
+    void takeEnvironmentZone();
 
     SectionFacts mFacts;
     LineParser mParser;
     LineClock mClock;
     std::string mRest; ///< of a line that goes on in what comes next, its beginning alone
-    bool mFirst = true;
+    bool mWithin = false; ///< the next line is the rest of one that began in the section before
+    bool mDated = false; ///< a line has told its time
+    bool mUndatedFirst = false; ///< a line before the first of these has not
+    int64_t mBefore = 0; ///< time of the last line before the section, ms, 0 for unknown
+    int64_t mEarliest = 0; ///< time of the first line that may go on in it, likewise
 };
 
 } // namespace vnlog

@@ -44,14 +44,14 @@ uint32_t freeSection(const char* run, uint32_t least) {
 }
 
 /** Compresses the text unless an archive has it already. */
-SectionFiles::Settled SectionFiles::settle(const char* text) {
+SectionFiles::Settled SectionFiles::settle(const char* text, const SectionOrigin& origin) {
     Path archive = archiveOf(text);
     struct stat info;
     bool taken = lstat(archive.text, &info) == 0;
     if ((taken && !S_ISREG(info.st_mode)) || isOdd(draftOf(archive.text).text))
         return Settled::NameTaken;
     if (!taken)
-        return mFiles.compress(text) ? Settled::Done : Settled::Failed;
+        return mFiles.compress(text, origin) ? Settled::Done : Settled::Failed;
     logDebug("[%s] is compared with [%s]\n", archive.text, text);
     bool done = false;
     switch (comparePair(archive.text, text)) {
@@ -60,7 +60,7 @@ SectionFiles::Settled SectionFiles::settle(const char* text) {
         break;
     case PairKind::Damaged:
     case PairKind::Continued:
-        done = mFiles.compress(text);
+        done = mFiles.compress(text, origin);
         break;
     case PairKind::Different:
         return Settled::NameTaken;
@@ -73,8 +73,8 @@ SectionFiles::Settled SectionFiles::settle(const char* text) {
     return done ? Settled::Done : Settled::Failed;
 }
 
-bool SectionFiles::finish(const char* run, uint32_t* number) {
-    Settled settled = settle(sectionText(run, *number).text);
+bool SectionFiles::finish(const char* run, uint32_t* number, const SectionOrigin& origin) {
+    Settled settled = settle(sectionText(run, *number).text, origin);
     if (settled != Settled::NameTaken)
         return settled == Settled::Done;
     uint32_t free = freeSection(run, *number + 1);
@@ -83,11 +83,11 @@ bool SectionFiles::finish(const char* run, uint32_t* number) {
     if (std::rename(sectionText(run, *number).text, moved.text) != 0)
         return false;
     *number = free;
-    return syncFolderOf(moved.text) && mFiles.compress(moved.text);
+    return syncFolderOf(moved.text) && mFiles.compress(moved.text, origin);
 }
 
 bool SectionFiles::finishOther(const char* text) {
-    Settled settled = settle(text);
+    Settled settled = settle(text, {});
     if (settled == Settled::NameTaken)
         errno = EEXIST;
     return settled == Settled::Done;

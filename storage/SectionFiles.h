@@ -17,9 +17,10 @@ class SectionFiles {
 
     /**
      * Makes an archive of the text of a section. `number` becomes that of the archive, or after a failure of
-     * the text: another one where the section's own names are taken by something else.
+     * the text: another one where the section's own names are taken by something else. `origin` is what is
+     * known of the run.
      */
-    [[nodiscard]] bool finish(const char* run, uint32_t* number);
+    [[nodiscard]] bool finish(const char* run, uint32_t* number, const SectionOrigin& origin);
     /** Does so with any other text of a run; one whose archive's name is taken by something else stays. */
     [[nodiscard]] bool finishOther(const char* text);
     /** Gives a log of the older form, compressed or not, the number of a section: 1, or the next that is
@@ -28,7 +29,7 @@ class SectionFiles {
 
   private:
     enum class Settled { Done, Failed, NameTaken };
-    Settled settle(const char* text);
+    Settled settle(const char* text, const SectionOrigin& origin);
 
     FileWork& mFiles;
 };

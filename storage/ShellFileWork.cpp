@@ -61,7 +61,7 @@ bool copyUntilWhole(const char* from, const char* into, const char* copy) {
 
 } // namespace
 
-bool ShellFileWork::compress(const char* text) {
+bool ShellFileWork::compress(const char* text, const SectionOrigin&) {
     return compressByDraft(text, fillByGzip);
 }
 

@@ -7,7 +7,7 @@ namespace vnlog {
 /** File work by the shell's gzip, rm, mv, cp and sync. What takes longer than a minute has failed. */
 class ShellFileWork final : public FileWork {
   public:
-    bool compress(const char* text) override;
+    bool compress(const char* text, const SectionOrigin& origin) override;
     bool removeFile(const char* path) override;
     bool removeTree(const char* path) override;
     bool removeAll(const char* beginning) override;

@@ -250,7 +250,7 @@ bool Store::finishSection() {
         mCompressPending = false;
         return true;
     }
-    if (!mSections.finish(mState.mCurrentDir, &mState.mSliceNum)) {
+    if (!mSections.finish(mState.mCurrentDir, &mState.mSliceNum, mRuns.origin())) {
         logError("fail to Compress log files %d log!\n", static_cast<int>(mState.mSliceNum));
         mWatch.forget(); // how far it came is found out by the next try
         mFinishRetried = true;

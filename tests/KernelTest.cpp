@@ -89,7 +89,8 @@ TEST_F(KernelReaderTest, LinesPassAsLevelAndSwitchesAreAtEachOfThem) {
     state.mKLogLevel = 6;
     sink.door = [this](std::string_view line) {
         state.mKLogLevel = line == "stricter\n" ? 3 : state.mKLogLevel.load();
-        state.mKLogToFile = line != "off\n";
+        state.mKLogToFile = line != "<3>off\n";
+        state.mKLogPrefix = state.mKLogPrefix || line.size() > 60000;
         return line != "refused\n";
     };
     faults.interruptedReads = 3;
@@ -101,7 +102,7 @@ TEST_F(KernelReaderTest, LinesPassAsLevelAndSwitchesAreAtEachOfThem) {
     switchOn(state.mKLogOutput, state.mKLogSem);
     feed("<3>" + longest + "\n<3>off\n<3>not stored\n");
     EXPECT_TRUE(sink.holds("disk\nlimit\nstricter\nthree\n" + exact + "\n" + full + "\n" + full + rest +
-                           "\n" + longest.substr(0, 65532) + "\n" + longest.substr(65532) + "\noff\n"));
+                           "\n" + longest.substr(0, 65532) + "\n" + longest.substr(65532) + "\n<3>off\n"));
     EXPECT_EQ(loggedTimes("kernelLogReader logBufWrite failed\n"), 1) << sink.text();
     EXPECT_LE(faults.allocations, 8U) << "the buffer and its growth, and nothing per line";
 }

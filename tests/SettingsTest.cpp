@@ -35,6 +35,7 @@ constexpr Key kKeys[] = {
     {"FLUSH_INTERVAL", "-", "-", "0>0,3600>3600,3601>-,-1>-,soon>-,$5>-"},
     {"FLUSH_PRIORITY", "-", "-", "v>v,warn>w,s>s,x>-,>-,$w>-"},
     {"KLOG_PSTORE", "-", "-", "y>y,no>n,N>-,$n>-"},
+    {"KLOG_PREFIX", "-", "-", "y>y,n>n,Y>-,$y>-"},
 };
 enum { UART, NAND, ROOT = 3, BOUND = 5, SECTION_SIZE, DELETE_SIZE, LEVEL = 9, MODULE = 12, FORMAT, LAST };
 
@@ -245,7 +246,7 @@ TEST_F(SettingsTest, CheckTellsEveryFindingAndABadValueCostsItsKeyOnly) {
         const std::string name = kKeys[c.key].name, line = ":" + std::to_string(c.key + 1) + ": ";
         const std::string wrong = line + name + "=" + c.value + " is not " + c.expected;
         Texts file = usual, used = usual;
-        std::copy_n(Texts{"30", "f", "y"}.begin(), 3, used.begin() + LAST);
+        std::copy_n(Texts{"30", "f", "y", "n"}.begin(), 4, used.begin() + LAST);
         file[c.key] = c.value;
         used[c.key] = c.used;
         std::string told = "2" + cfg + (*c.value != '-' ? wrong : ": " + name + " is missing");

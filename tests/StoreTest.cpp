@@ -16,14 +16,14 @@ class FakeFiles final : public FileWork {
     bool lying = false; ///< nothing is removed, but said to be
     size_t archiveSize = 0; ///< of the archives to come, unless 0
 
-    bool compress(const char* text) override {
+    bool compress(const char* text, const SectionOrigin& origin) override {
         std::string archive = std::string(text) + ".gz";
         if (!works()) {
             writeFile(archive + ".new", "torn");
             return false;
         }
         if (archiveSize == 0 || !fs::is_regular_file(text))
-            return real.compress(text);
+            return real.compress(text, origin);
         writeFile(archive, std::string(archiveSize, 'x'));
         return fs::remove(text);
     }
@@ -375,7 +375,7 @@ TEST_F(StoreTest, TextAndArchiveOfOneNumberAreSettled) {
             lay("c/");
             std::string section = at(std::string(folder) + "1t");
             writeFile(section, row[0]);
-            ASSERT_TRUE(files.compress(section.c_str()));
+            ASSERT_TRUE(files.compress(section.c_str(), {}));
             writeFile(section, row[1]);
             ASSERT_TRUE(start());
             EXPECT_EQ(tree(), row[3].empty() ? "1/1 c/" : "1/1 1/2 c/");
