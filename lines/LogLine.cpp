@@ -16,6 +16,13 @@ constexpr size_t kStampLength = 18; ///< "11-23 14:40:55.123"
 constexpr size_t kLongestId = 10; ///< digits of one
 constexpr size_t kLongestSeconds = 9; ///< digits of the kernel's seconds: their nanoseconds fit 64 bits
 
+constexpr LogLine blankLine() {
+    LogLine line;
+    line.source = LineSource::Android;
+    return line;
+}
+constexpr LogLine kNothingKnown = blankLine(); // to copy a constant is quick, to build it anew is not
+
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
@@ -116,23 +123,23 @@ class Scan {
         if (left() <= kStampLength || at[2] != '-' || at[5] != ' ' || at[8] != ':' || at[11] != ':' ||
             at[14] != '.' || at[18] != ' ')
             return false;
-        constexpr uint8_t kPlaces[] = {0, 3, 6, 9, 12, 15};
-        int values[sizeof kPlaces];
-        for (size_t i = 0; i < sizeof kPlaces; ++i) {
-            const char* digits = at + kPlaces[i];
-            if (!isDigit(digits[0]) || !isDigit(digits[1]))
-                return false;
-            values[i] = (digits[0] - '0') * 10 + (digits[1] - '0');
-        }
-        if (!isDigit(at[17]) || values[0] < 1 || values[0] > 12 || values[1] < 1 || values[1] > 31 ||
-            values[2] > 23 || values[3] > 59 || values[4] > 60)
+        unsigned wrong = 0; // one branch for all the digits, which are hardly ever wrong
+        auto digit = [&](int place) {
+            const auto value = static_cast<unsigned>(at[place] - '0');
+            wrong |= value > 9 ? 1U : 0U;
+            return value;
+        };
+        auto two = [&](int place) { return digit(place) * 10 + digit(place + 1); };
+        const unsigned month = two(0), day = two(3), hour = two(6), minute = two(9), second = two(12),
+                       millisecond = two(15) * 10 + digit(17);
+        if (wrong != 0 || month - 1 > 11 || day - 1 > 30 || hour > 23 || minute > 59 || second > 60)
             return false;
-        stamp->month = static_cast<int8_t>(values[0]);
-        stamp->day = static_cast<int8_t>(values[1]);
-        stamp->hour = static_cast<int8_t>(values[2]);
-        stamp->minute = static_cast<int8_t>(values[3]);
-        stamp->second = static_cast<int8_t>(values[4]);
-        stamp->millisecond = static_cast<int16_t>(values[5] * 10 + (at[17] - '0'));
+        stamp->month = static_cast<int8_t>(month);
+        stamp->day = static_cast<int8_t>(day);
+        stamp->hour = static_cast<int8_t>(hour);
+        stamp->minute = static_cast<int8_t>(minute);
+        stamp->second = static_cast<int8_t>(second);
+        stamp->millisecond = static_cast<int16_t>(millisecond);
         mNext += kStampLength + 1;
         return true;
     }
@@ -319,7 +326,7 @@ bool parseByStart(std::string_view line, LogLine* parsed) {
     case '[':
         if (parseHeading(line, parsed))
             return true;
-        *parsed = LogLine(); // which a heading that is none may have filled in
+        *parsed = kNothingKnown; // which a heading that is none may have filled in
         return parseKernel(line, parsed);
     case '<':
         return parseKernel(line, parsed);
@@ -333,12 +340,10 @@ bool parseByStart(std::string_view line, LogLine* parsed) {
 
 /** Takes apart a line that belongs to no entry. */
 void parseAlone(std::string_view line, LogLine* parsed) {
-    *parsed = LogLine();
-    parsed->source = LineSource::Android;
+    *parsed = kNothingKnown;
     if (parseByStart(line, parsed))
         return;
-    *parsed = LogLine();
-    parsed->source = LineSource::Android;
+    *parsed = kNothingKnown;
     parsed->text = line;
 }
 
