@@ -151,6 +151,7 @@ TEST(LineParser, OtherLinesAndBytesOfAnyKind) {
 
 TEST_F(LineTest, LinesAreDatedByWhatIsKnown) {
     setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
     Random random(2);
     LineClock clock;
     LogLine stamp, kernel;
