@@ -1,7 +1,8 @@
 set(VNLOG_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vnlog)
 
 install(TARGETS logservice vnlog_binder EXPORT vnlogTargets)
-install(TARGETS logserviced logset logwrite)
+install(TARGETS logserviced logset logwrite logview)
+install(FILES completions/logview.bash DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions RENAME logview)
 foreach(
   header
   base/Export.h
@@ -33,6 +34,8 @@ if(NOT VNLOG_PLATFORM_BINDER)
 else()
   set(VNLOG_PC_BINDER_LIBS "-lbinder")
 endif()
+
+install(FILES share/lnav/vnlog.json DESTINATION ${CMAKE_INSTALL_DATADIR}/vnlog/lnav)
 
 install(EXPORT vnlogTargets NAMESPACE vnlog:: DESTINATION ${VNLOG_CMAKE_DIR})
 configure_package_config_file(cmake/vnlogConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/vnlogConfig.cmake

@@ -22,8 +22,12 @@ class Follower {
     Follower(const Follower&) = delete;
     Follower& operator=(const Follower&) = delete;
 
-    /** Begins behind the last line of `after` (its section 0: at the beginning of the run under way). False
-     * with errno set. */
+    /**
+     * Begins behind the line `after` (its section 0: at the beginning of the run under way). Whoever has held
+     * a line back that had no newline yet gives the line before it, with number 0 where that is none, and
+     * gets it whole; of one that was shown, what was stored of it by now does not come again. A store that
+     * is not there yet is waited for. False with errno set: the run or the section is gone.
+     */
     [[nodiscard]] bool begin(const LinePlace& after);
     /** Waits for the next line, at most so long (-1: for ever), or until `wakeUp` can be read (-1: none). */
     [[nodiscard]] bool next(Record* record, int timeoutMs, int wakeUp);

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "base/Handles.h"
 #include "reader/StoreFolder.h"
 #include "reader/TextOut.h"
 
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace vnlog {
@@ -28,15 +30,23 @@ struct BundleTotals {
     uint32_t changed = 0; ///< files that went or shrank while they were read
 };
 
+/** Name of a bundle that is made now, without an ending: vnlog-bundle-<host>-<time in UTC>. */
+std::string bundleName();
+
 /**
  * Writes the store with its bookkeeping, log.cfg (`config`, empty for none) and the texts as a .tar.gz, with
- * SHA256SUMS of all. `file` is replaced only by a whole one. False with `error` set.
+ * SHA256SUMS of all. Of the store it takes what has a name of the store's. A store in use is taken as it is
+ * found: a file that grows in its length at that moment, one that has become an archive as that. `file`,
+ * which may not lie in the log folder, is replaced only by a whole one, of mode 0600. False with `error` set.
  */
 [[nodiscard]] bool writeBundle(const StoreFolder& folder, const std::string& config,
                                const std::vector<BundleText>& texts, const std::string& file,
                                BundleTotals* totals, std::string* error);
 
-/** A bundle that is open: unpacked into a folder of its own, which goes with the object. */
+/**
+ * A bundle that is open: unpacked into a folder of its own under TMPDIR. A process of its own removes that
+ * when this one ends, in whatever way, or the object goes: nothing has to be done in a signal handler.
+ */
 class OpenBundle {
   public:
     OpenBundle() = default;
@@ -44,14 +54,23 @@ class OpenBundle {
     OpenBundle(const OpenBundle&) = delete;
     OpenBundle& operator=(const OpenBundle&) = delete;
 
-    /** False with `error` set. A bundle that is cut off or damaged gives what could be unpacked, and `damage`
-     * tells why that is not all. */
+    /**
+     * Once. False with `error` set. Only files and folders that a bundle can hold are unpacked, none of more
+     * than 4 GiB, and so much that 64 MiB are left on the file system. A bundle that is cut off, damaged or
+     * holds anything else gives what could be unpacked, and `damage` tells why that is not all.
+     */
     [[nodiscard]] bool open(const std::string& file, std::string* error);
+    /** What StoreFolder::open takes. */
     const std::string& folder() const { return mFolder; }
+    /** Empty when all is as it was when the bundle was made. */
     const std::string& damage() const { return mDamage; }
 
   private:
+    bool makeFolder(std::string* error);
+
     std::string mFolder, mDamage;
+    FileDescriptor mAlive; ///< the remover waits for the end of this pipe
+    pid_t mRemover = -1;
 };
 
 } // namespace vnlog

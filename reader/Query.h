@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vnlog {
@@ -13,7 +14,7 @@ namespace vnlog {
 struct QueryOptions {
     bool kernel = false; ///< the kernel's lines; with android both; neither: all sources
     bool android = false;
-    int priority = 0; ///< lowest, 2 to 7; 0: any
+    int priority = 0; ///< lowest, 2 to 7; 0: any; 8: none
     std::vector<std::string> tags; ///< one of them, as the shell's patterns (fnmatch)
     std::vector<std::string> patterns; ///< one of them, as PCRE2, anywhere in the line as stored
     enum class Case { Smart, Sensitive, Insensitive } letters = Case::Smart; ///< smart: without capitals
@@ -23,7 +24,13 @@ struct QueryOptions {
     int64_t until = INT64_MAX;
 };
 
-/** Tells whether a line is asked for. One thread. */
+/** Finds a lowest priority by its word: Android's, syslog's, or a letter, in any case. */
+[[nodiscard]] bool findPriority(std::string_view word, int* priority);
+
+/**
+ * Tells whether a line is asked for. Conditions of different kinds must all hold. Lines of the service and
+ * the reader need to meet those of pattern and time alone, for what was lost concerns everybody. One thread.
+ */
 class Query {
   public:
     Query();
@@ -36,6 +43,9 @@ class Query {
     /** Whether it looks at more of a record than its bytes. */
     bool wantsFields() const;
     [[nodiscard]] bool matches(const Record& record);
+    /** Lines so far in which the search for a pattern was given up, for it took too many steps. They count
+     * as lines without the pattern. */
+    uint32_t givenUp() const;
 
   private:
     class Work;

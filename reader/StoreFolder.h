@@ -38,9 +38,26 @@ class StoreFolder {
     std::string runPath(uint32_t run) const;
     /** Its sections that are there now, ascending. False with errno set. */
     [[nodiscard]] bool listSections(uint32_t run, std::vector<StoredSection>* sections) const;
+    /** Opens a run's folder, which may be no link. It goes on to be that run's when the run is archived. Not
+     * valid with errno set. */
+    [[nodiscard]] FileDescriptor openRun(uint32_t run) const;
 
   private:
     std::string mLogs, mRoot;
 };
+
+/** The sections in a run's folder, as of StoreFolder. */
+[[nodiscard]] bool listSections(int run, std::vector<StoredSection>* sections);
+
+/** Opens an entry of a folder for reading: a regular file of any owner, no link, without waiting. Not valid
+ * with errno set, EPERM for what is no such file. */
+[[nodiscard]] FileDescriptor openStored(int folder, const char* name);
+
+/** Names of a section's two files, in its run's folder. */
+Path textName(uint32_t section);
+Path archiveName(uint32_t section);
+
+/** A section's file as users are told of it: last_3/log_2.txt.gz. */
+Path shownName(uint32_t run, const Path& name);
 
 } // namespace vnlog

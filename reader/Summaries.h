@@ -25,7 +25,9 @@ namespace vnlog {
 std::unique_ptr<RecordSink> makeStatistics(const StoreFolder& folder, const RunHistory& history,
                                            TextOut& out);
 
-/** Writes the lines that it is given as one HTML page that needs nothing else. `title` names the store. */
-std::unique_ptr<RecordSink> makeReport(const std::string& title, const RunHistory& history, TextOut& out);
+/** Writes the lines that it is given as one HTML page that needs nothing else. `title` names the store,
+ * `selection` tells which of its lines were asked for; empty for all. `history` and `out` must outlive it. */
+std::unique_ptr<RecordSink> makeReport(const std::string& title, const RunHistory& history, TextOut& out,
+                                       const std::string& selection = {});
 
 } // namespace vnlog

@@ -133,14 +133,18 @@ PairKind decode(int archive, TextSide* text, bool* equal) {
     }
 }
 
+PairKind compareOpen(int archive, int text, bool* equal) {
+    Text buffer = allocateText(kPiece);
+    if (buffer == nullptr)
+        return PairKind::Unreadable;
+    TextSide side(text, buffer.get());
+    return decode(archive, &side, equal);
+}
+
 PairKind compare(const char* archive, const char* text, bool* equal) {
     FileDescriptor packed = openOwnFile(archive, O_RDONLY);
     FileDescriptor plain = packed.valid() ? openOwnFile(text, O_RDONLY) : FileDescriptor();
-    Text buffer = plain.valid() ? allocateText(kPiece) : nullptr;
-    if (buffer == nullptr)
-        return PairKind::Unreadable;
-    TextSide side(plain.get(), buffer.get());
-    return decode(packed.get(), &side, equal);
+    return plain.valid() ? compareOpen(packed.get(), plain.get(), equal) : PairKind::Unreadable;
 }
 
 } // namespace
@@ -232,6 +236,11 @@ bool Compressor::writeMember(size_t length, uint32_t time, int archive, const ch
 PairKind comparePair(const char* archive, const char* text) {
     bool equal = false;
     return compare(archive, text, &equal);
+}
+
+PairKind comparePair(int archive, int text) {
+    bool equal = false;
+    return compareOpen(archive, text, &equal);
 }
 
 bool archiveHolds(const char* archive, const char* text) {

@@ -57,6 +57,8 @@ enum class PairKind {
 
 /** Reads both files as far as that matters and tells what they are to each other, with 100 KiB of memory. */
 [[nodiscard]] PairKind comparePair(const char* archive, const char* text);
+/** The same for two descriptors, from where they stand. */
+[[nodiscard]] PairKind comparePair(int archive, int text);
 
 /** Whether the archive is whole and its content is the text, no more and no less. */
 [[nodiscard]] bool archiveHolds(const char* archive, const char* text);

@@ -53,8 +53,7 @@ bool sizeOf(FILE* file, size_t* size) {
 }
 
 /** The significant lines of the file; null, reported, when they cannot be read. */
-Text readBookkeeping(const char* path) {
-    FileDescriptor own = openOwnFile(path, O_RDONLY);
+Text readBookkeeping(FileDescriptor own) {
     Stream file(own.valid() ? fdopen(own.get(), "r") : nullptr);
     if (file == nullptr) {
         logError("[logStorageDataParse] fail to open storage data file !\n");
@@ -110,7 +109,11 @@ bool Bookkeeping::save() {
 }
 
 bool Bookkeeping::parse() {
-    Text text = readBookkeeping(mState.mStorageDataFile);
+    return parse(openOwnFile(mState.mStorageDataFile, O_RDONLY));
+}
+
+bool Bookkeeping::parse(FileDescriptor file) {
+    Text text = readBookkeeping(std::move(file));
     if (text == nullptr)
         return false;
     for (const Number& number : kNumbers) {
@@ -192,6 +195,17 @@ void Bookkeeping::take(const Stock& stock, uint32_t lastRun) {
 }
 
 bool Bookkeeping::takeStock() {
+    bool differs = false;
+    if (!recount(&differs))
+        return false;
+    if (differs && !save()) { // the next start takes stock again
+        logError("[%s] failed to save !\n", mState.mStorageDataFile);
+        logErrno();
+    }
+    return true;
+}
+
+bool Bookkeeping::recount(bool* differs) {
     Stock stock;
     if (look(&stock) != RebuildStatus::Done) {
         logError("[%s] cannot be counted\n", mState.mLogServiceDir);
@@ -201,15 +215,12 @@ bool Bookkeeping::takeStock() {
     mState.mCurrentTotalSize = stock.current.archiveBytes;
     mOnMedium = stock.runs.onMedium + stock.current.onMedium;
     bool asRead = std::exchange(mAsRead, false);
-    if (matches(stock))
+    *differs = !matches(stock);
+    if (!*differs)
         return true;
     if (asRead)
         logError("the storage data contradicts the folders and is rebuilt\n");
     take(stock, mState.mHeadFolderNum); // the next run is to have a higher number than the last one had
-    if (!save()) { // the next start takes stock again
-        logError("[%s] failed to save !\n", mState.mStorageDataFile);
-        logErrno();
-    }
     return true;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/Handles.h"
 #include "storage/StorageState.h"
 
 #include <algorithm>
@@ -31,6 +32,8 @@ class Bookkeeping {
     [[nodiscard]] bool save() VNLOG_REQUIRES(StorageLock::role);
     /** Reads them. False when file or number is missing or out of range; numbers before that are taken. */
     [[nodiscard]] bool parse() VNLOG_REQUIRES(StorageLock::role);
+    /** The same from an open file. */
+    [[nodiscard]] bool parse(FileDescriptor file) VNLOG_REQUIRES(StorageLock::role);
     /** The numbers of a root without archived runs. */
     void reset() VNLOG_REQUIRES(StorageLock::role);
     /**
@@ -44,6 +47,8 @@ class Bookkeeping {
      * with errno set: the folders cannot be listed, nothing is changed.
      */
     [[nodiscard]] bool takeStock() VNLOG_REQUIRES(StorageLock::role);
+    /** The same without saving anything; `differs` tells whether the numbers were other ones. */
+    [[nodiscard]] bool recount(bool* differs) VNLOG_REQUIRES(StorageLock::role);
     /** Goes on with what others have counted for a state of their own. */
     void continueFrom(const Bookkeeping& other) {
         mOnMedium = other.mOnMedium;

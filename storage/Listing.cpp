@@ -57,6 +57,8 @@ EntryType typeOf(const Folder& folder, const dirent& entry) {
 
 Listing::Listing(const char* folder) : mPath(folder), mFolder(folder, Links::Refused) {}
 
+Listing::Listing(FileDescriptor folder) : mPath("."), mFolder(std::move(folder)) {}
+
 bool Listing::next(StoredEntry* entry) {
     const dirent* found = mFolder.next();
     if (found == nullptr)

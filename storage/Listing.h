@@ -29,6 +29,8 @@ struct StoredEntry {
 class Listing {
   public:
     explicit Listing(const char* folder);
+    /** Lists what the descriptor, which it takes, is open on; paths are names alone then. */
+    explicit Listing(FileDescriptor folder);
 
     /** False, with errno set, when the folder cannot be opened. */
     [[nodiscard]] bool valid() const { return mFolder.valid(); }

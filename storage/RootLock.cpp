@@ -70,4 +70,12 @@ bool RootLock::isAt(const char* root) const {
            here.st_dev == locked.st_dev && here.st_ino == locked.st_ino;
 }
 
+int RootLock::holderAt(const char* root) {
+    FileDescriptor folder = openFile(root, O_RDONLY | O_DIRECTORY);
+    int holder = folder.valid() ? holderOf(folder.get()) : 0;
+    // A folder of another file system may have the same number: only one that is locked refuses.
+    bool locked = holder != 0 && flock(folder.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    return locked ? holder : 0;
+}
+
 } // namespace vnlog

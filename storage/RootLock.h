@@ -25,6 +25,9 @@ class RootLock {
     [[nodiscard]] bool held() const { return mRoot.valid(); }
     /** Whether the folder at `root` is the one that is locked, and not another that has come to its place. */
     [[nodiscard]] bool isAt(const char* root) const;
+    /** The process of a service that has the root locked, 0 for none, without getting in its way. Not where
+     * the kernel's list of locks cannot be read. */
+    static int holderAt(const char* root);
 
   private:
     FileDescriptor mRoot;

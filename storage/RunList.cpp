@@ -121,22 +121,6 @@ struct RunList::Found {
     RunLine last; ///< of the newest run: its last line
 };
 
-namespace {
-
-/** Calls for each line of a text, and for what is behind the last; a line of ours comes parsed. */
-template <typename Visit> void forEachLine(const std::string& text, Visit visit) {
-    for (size_t at = 0; at < text.size();) {
-        size_t end = std::min(text.find('\n', at), text.size());
-        std::string_view line = std::string_view(text).substr(at, end - at);
-        RunLine parsed;
-        bool ours = end < text.size() && parseRunLine(line, &parsed);
-        visit(line, ours ? &parsed : nullptr);
-        at = end + 1;
-    }
-}
-
-} // namespace
-
 /** The newest lines of the file. False when it cannot be read. */
 bool RunList::load(const char* logs, std::string* text, bool* whole) {
     FileDescriptor file = openOwnFile(listPath(logs).text, O_RDONLY);
@@ -161,7 +145,7 @@ RunList::Found RunList::read(const char* logs) {
     found.known = load(logs, &text, &found.whole);
     const Path prefix = entryPath(logs, kRunName);
     std::set<uint32_t> gone;
-    forEachLine(text, [&](std::string_view, const RunLine* line) {
+    forEachRunLine(text, [&](std::string_view, const RunLine* line) {
         if (line == nullptr)
             return;
         if (line->number(RunKey::Run) >= found.last.number(RunKey::Run))
@@ -171,7 +155,7 @@ RunList::Found RunList::read(const char* logs) {
             gone.insert(line->number(RunKey::Run));
     });
     found.whole = found.whole && gone.empty();
-    forEachLine(text, [&](std::string_view line, const RunLine* parsed) {
+    forEachRunLine(text, [&](std::string_view line, const RunLine* parsed) {
         if (parsed == nullptr || gone.count(parsed->number(RunKey::Run)) == 0)
             found.kept.append(line).append("\n");
     });
@@ -183,7 +167,7 @@ namespace {
 /** The number in the list of the run in a folder of that name, 0 when the list does not tell. */
 uint32_t wantedRun(const std::string& text, const ParsedName& folder) {
     uint32_t newest = 0, wanted = 0;
-    forEachLine(text, [&](std::string_view, const RunLine* line) {
+    forEachRunLine(text, [&](std::string_view, const RunLine* line) {
         if (line == nullptr)
             return;
         const uint32_t run = line->number(RunKey::Run);
@@ -241,7 +225,7 @@ SectionOrigin recordedOrigin(const char* logs, const char* run) {
         if (!RunList::load(logs, &text, &whole))
             return {};
         const uint32_t wanted = wantedRun(text, parseName(lastName(run)));
-        forEachLine(text, [&](std::string_view, const RunLine* line) {
+        forEachRunLine(text, [&](std::string_view, const RunLine* line) {
             if (line == nullptr || wanted == 0 || line->number(RunKey::Run) != wanted)
                 return;
             origin.run = wanted;

@@ -3,6 +3,7 @@
 #include "platform/sysroot/SystemRoot.h"
 #include "storage/SectionFacts.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <ctime>
@@ -40,6 +41,19 @@ struct RunLine {
 std::string printRunLine(const RunLine& line);
 /** The inverse. False for what is no whole line of ours. */
 [[nodiscard]] bool parseRunLine(std::string_view text, RunLine* line);
+
+/** Calls visit(text, line) for each line of a list, and for what is behind the last: `line` is what it says,
+ * null for what is no whole line of ours. */
+template <typename Visit> void forEachRunLine(std::string_view list, Visit visit) {
+    for (size_t at = 0; at < list.size();) {
+        size_t end = std::min(list.find('\n', at), list.size());
+        std::string_view text = list.substr(at, end - at);
+        RunLine line;
+        bool ours = end < list.size() && parseRunLine(text, &line);
+        visit(text, ours ? &line : nullptr);
+        at = end + 1;
+    }
+}
 
 /**
  * What the list tells of the run in a folder, current or last_M, of a service that is not there any more: its

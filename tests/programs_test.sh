@@ -25,7 +25,7 @@ for wrong in "" "NOPE" "KLOG_LEVEL" "UART_OUTPUT yes" "ALOG_ADD_MODULE a++b" "AL
     expect_status 2 $logset $wrong
     [ -s "$home/err" ] || fail "'logset $wrong' says nothing"
 done
-expect_status 2 $logset KLOG_LEVEL 8
+expect_status 2 $logset BUNDLE && expect_status 2 $logset KLOG_LEVEL 8
 expect_output "1~7" "$home/err"
 for wrong in "" "text" "-t tag -p x text" "-t tag -b radio text" "--replay x -t y" "--replay x --year 1" "-t $(printf %05100d 0) x"; do
     expect_status 2 $logwrite $wrong
@@ -112,7 +112,10 @@ expect_status 0 $logset COPY "$home/target"
 files=$(find "$home/target" -type f | wc -l) bytes=$(cat $(find "$home/target" -type f) | wc -c)
 expect_output "$files files, $bytes bytes in '$home/target'" "$home/out"
 grep -q '^unread 20000$' "$home/target/log_service/current"/log_*.txt || fail "the copy lacks what was buffered"
-for wrong in "COPY $home/log.cfg" "COPY $home/none" "COPY $store/current" "STORAGE_PATH /proc" "ALOG_DEL_MODULE unknown"; do
+expect_status 0 $logset bundle "$home/target"
+(cd "$home/target" && tar xzf vnlog-bundle-*.tar.gz && cd vnlog-bundle-*/ && sha256sum -c --quiet SHA256SUMS &&
+    grep -q '^works=' status.txt && grep -q '^unread 20000$' log_service/current/log_*.txt) || fail "$(ls "$home/target"/*) $(cat "$home/out")"
+for wrong in "BUNDLE $home/none" "BUNDLE $store/current" "COPY $home/log.cfg" "COPY $home/none" "COPY $store/current" "STORAGE_PATH /proc" "ALOG_DEL_MODULE unknown"; do
     expect_status 1 $logset $wrong
     [ -s "$home/err" ] || fail "'logset $wrong' says nothing"
 done

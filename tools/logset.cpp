@@ -2,23 +2,18 @@
  * The command-line client: checks a command by the service's own rules, sends it and says what came of it.
  */
 #include "binder/Commands.h"
-#include "binder/ILogService.h"
-#include "platform/binder/Host.h"
 #include "platform/sysroot/SystemRoot.h"
+#include "reader/FindStore.h"
+#include "reader/Inspection.h"
+#include "reader/SystemFacts.h"
+#include "tools/Conversation.h"
 #include "tools/Options.h"
 
 #include <algorithm>
-#include <atomic>
-#include <binder/IServiceManager.h>
 #include <cctype>
-#include <ctime>
-#include <functional>
 #include <iomanip>
 #include <iostream>
-#include <memory>
 #include <nlohmann/json.hpp>
-#include <pthread.h>
-#include <semaphore.h>
 #include <sstream>
 #include <string>
 #include <strings.h>
@@ -31,12 +26,10 @@ namespace {
 
 constexpr char kProgram[] = "logset";
 constexpr char kJsonWord[] = "--json";
+constexpr char kBundle[] = "BUNDLE"; ///< a command that is done here, with or without the service
+constexpr char kBundleEnd[] = ".tar.gz";
+constexpr char kBundleUsage[] = "<folder>: store, settings, status and facts of the system as one file there";
 constexpr int kNotWorking = 3; ///< STATUS: something that is switched on does not work
-constexpr int kPatienceSeconds = 5; ///< for an answer, or, of a command that may last, for a sign of life
-constexpr int kSignSeconds = 3; ///< of it, from when the service is asked for one
-constexpr int kMostSeconds = 120; ///< for a command that may last
-constexpr int kMostOfACopy = 3600;
-constexpr int kNoTransaction = -2; ///< and below: the transaction itself failed
 
 void printUsageLine(FILE* out, const CommandInfo& command) {
     std::fprintf(out, "  %-16s ", command.name);
@@ -53,6 +46,7 @@ int printHelp() {
               "  cmd_type         cmd_param");
     for (const CommandInfo& command : vnlog::CommandTable())
         printUsageLine(stdout, command);
+    std::printf("  %-16s %s\n", kBundle, kBundleUsage);
     std::puts(
         "\nKLOG_... concerns the kernel's log, ALOG_... Android's.\n\n"
         "  --sysroot DIR    the system root that the service was started with (VNLOG_SYSROOT)\n"
@@ -63,133 +57,20 @@ int printHelp() {
     return finishOutput(kProgram);
 }
 
+/** What the user wants. */
+struct Order : Request {
+    bool json = false;
+};
+
 int wrongParameter(const CommandInfo& command, const std::string& what) {
     std::fprintf(stderr, "%s: %s: %s\n", kProgram, command.name, what.c_str());
     printUsageLine(stderr, command);
     return kWrongUsage;
 }
 
-/** What the user wants. */
-struct Request {
-    const CommandInfo* command = nullptr;
-    std::string param;
-    bool json = false;
-};
-
-/** What the service made of it. */
-struct Answer {
-    bool reached = false;
-    int error = 0; ///< errno of trying to reach the service
-    int result = 0;
-    bool tooOld = false; ///< the service cannot tell what the command is to tell
-    std::string text;
-};
-
-/** Whether a service that tells nothing but a number can do what is wanted. */
-bool numberWillDo(const Request& request) {
-    const CommandInfo& command = *request.command;
-    return command.audience == vnlog::Audience::Everybody && command.code != vnlog::CMD_COPY &&
-           command.code != vnlog::CMD_SHOW && (command.code != vnlog::CMD_FLUSH || request.param.empty());
-}
-
-/**
- * Something that may hang because the service does, on a thread of its own. Whoever gives up on it ends the
- * process: the thread cannot be ended.
- */
-class Attempt {
-  public:
-    explicit Attempt(std::function<void()> what) : mState(std::make_shared<State>(std::move(what))) {
-        auto* own = new std::shared_ptr<State>(mState);
-        mStarted = pthread_create(&mThread, nullptr, run, own) == 0;
-        if (!mStarted)
-            delete own;
-        else
-            (void)pthread_detach(mThread);
-    }
-    bool started() const { return mStarted; }
-    /** Whether it is done, now or within so many seconds. */
-    bool await(int seconds) {
-        timespec end{};
-        clock_gettime(CLOCK_MONOTONIC, &end);
-        end.tv_sec += seconds;
-        while (!mDone) {
-            mDone = sem_clockwait(&mState->done, CLOCK_MONOTONIC, &end) == 0 && mState->finished;
-            if (!mDone && errno != EINTR)
-                return false;
-        }
-        return true;
-    }
-
-  private:
-    struct State {
-        explicit State(std::function<void()> todo) : what(std::move(todo)) {
-            (void)sem_init(&done, 0, 0); // cannot fail for a private semaphore of count 0
-        }
-        std::function<void()> what;
-        sem_t done;
-        std::atomic<bool> finished{false};
-    };
-    static void* run(void* own) {
-        std::unique_ptr<std::shared_ptr<State>> state(static_cast<std::shared_ptr<State>*>(own));
-        (*state)->what();
-        (*state)->finished = true;
-        (void)sem_post(&(*state)->done);
-        return nullptr;
-    }
-
-    std::shared_ptr<State> mState;
-    pthread_t mThread;
-    bool mStarted;
-    bool mDone = false;
-};
-
-android::sp<android::IBinder> findService() {
-    return android::defaultServiceManager()->checkService(android::String16(vnlog::platform::kServiceName));
-}
-
-void ask(const Request& request, Answer* answer) {
-    answer->error = vnlog::platform::reachService(vnlog::platform::kServiceName);
-    auto binder = answer->error == 0 ? findService() : nullptr;
-    answer->reached = binder != nullptr;
-    if (!answer->reached)
-        return;
-    auto service = vnlog::ILogService::asInterface(binder);
-    const int code = request.command->code;
-    answer->result = service->logQuery(code, request.param.c_str(), &answer->text);
-    answer->tooOld = answer->result == android::UNKNOWN_TRANSACTION && !numberWillDo(request);
-    if (answer->result == android::UNKNOWN_TRANSACTION && !answer->tooOld)
-        answer->result = service->logCMD(code, request.param.c_str());
-}
-
-time_t now() {
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return time.tv_sec;
-}
-
-/** Whether the service answers anything at all. */
-bool givesSignOfLife() {
-    auto alive = std::make_shared<bool>(false);
-    Attempt ping([alive] {
-        auto binder = findService();
-        *alive = binder != nullptr && binder->pingBinder() == android::NO_ERROR;
-    });
-    return ping.started() && ping.await(kSignSeconds) && *alive;
-}
-
 int fail(const std::string& what) {
     std::fprintf(stderr, "%s: %s\n", kProgram, what.c_str());
     return kFailure;
-}
-
-int unreachable(int error) {
-    std::string place = vnlog::platform::servicePlace(vnlog::platform::kServiceName);
-    if (error == EACCES || error == EPERM)
-        return fail("no permission to reach the service at " + place +
-                    "; it takes the user that runs it, or root");
-    if (error == EAGAIN)
-        return fail("the service at " + place + " does not answer");
-    return fail("cannot reach the service at " + place + "; is logserviced running, with this system root?");
 }
 
 /** The names of a status line, "group.name=value". */
@@ -254,7 +135,7 @@ void printTable(const std::vector<StatusLine>& lines) {
     std::cout << '\n';
 }
 
-int report(const Request& request, const Answer& answer) {
+int report(const Order& request, const Answer& answer) {
     if (request.command->code != vnlog::CMD_STATUS) {
         std::cout << answer.text;
         return finishOutput(kProgram);
@@ -269,37 +150,46 @@ int report(const Request& request, const Answer& answer) {
     return written != 0 ? written : works->value == "y" ? 0 : kNotWorking;
 }
 
-/** Sends the command and waits for the answer, as long as the service gives a sign of life. */
-int send(const Request& request) {
-    auto answer = std::make_shared<Answer>();
-    Attempt attempt([request, answer] { ask(request, answer.get()); });
-    if (!attempt.started())
-        return fail("there is no thread to ask the service with");
-    const bool slow = request.command->slow;
-    const int most = !slow                                      ? kPatienceSeconds
-                     : request.command->code == vnlog::CMD_COPY ? kMostOfACopy
-                                                                : kMostSeconds;
-    for (time_t begin = now(); !attempt.await(slow ? kPatienceSeconds - kSignSeconds : kPatienceSeconds);)
-        if (now() - begin >= most || !givesSignOfLife())
-            return fail("the service has not answered within " +
-                        std::to_string(std::max<time_t>(now() - begin, 1)) +
-                        " seconds; whether it has done it is not known");
-    if (!answer->reached)
-        return unreachable(answer->error);
-    if (answer->tooOld)
-        return fail(std::string("the service is too old for ") + request.command->name);
-    if (answer->result == android::DEAD_OBJECT)
-        return fail("the service has gone while it was asked");
-    if (answer->result <= kNoTransaction)
-        return fail("the service could not be asked, status " + std::to_string(answer->result));
-    if (answer->result != 0)
-        return fail(std::string(request.command->name) + ": " +
-                    (answer->text.empty() ? "refused; the Android log tells why" : answer->text));
-    return report(request, *answer);
+int send(const Order& request) {
+    Answer answer;
+    std::string trouble = converse(request, &answer);
+    return trouble.empty() ? report(request, answer) : fail(trouble);
+}
+
+/** Makes a bundle of the system's store in a folder. */
+int makeBundle(const std::string& into) {
+    struct stat info;
+    if (stat(into.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+        return fail("'" + into + "' is no folder");
+    std::string status = statusForBundle(), error;
+    std::string root = vnlog::storeOfSystem(&error), config = vnlog::configurationOfSystem(&error);
+    if (root.empty())
+        return fail(error);
+    vnlog::StoreFolder store;
+    if (!store.open(root.c_str()))
+        return fail("there is no store in '" + root + "': " + std::strerror(errno));
+    std::string file = into + "/" + vnlog::bundleName() + kBundleEnd;
+    vnlog::BundleTotals totals;
+    if (!vnlog::writeBundle(store, config, {{"status.txt", status}, {"system.txt", vnlog::systemFacts(root)}},
+                            file, &totals, &error))
+        return fail("'" + file + "' cannot be made: " + error);
+    std::cout << totals.files << " files, " << totals.bytes << " bytes in '" << file << "'\n";
+    if (totals.changed > 0)
+        std::cout << totals.changed << " files went or shrank meanwhile\n";
+    return finishOutput(kProgram);
+}
+
+/** What is behind BUNDLE on the command line. */
+int bundle(char** words, int count) {
+    if (count == 1 && *words[0] != '\0')
+        return makeBundle(words[0]);
+    std::fprintf(stderr, "%s: %s: %s\n  %-16s %s\n", kProgram, kBundle,
+                 count > 1 ? "too many parameters" : "the folder is missing", kBundle, kBundleUsage);
+    return kWrongUsage;
 }
 
 /** Takes the words behind the command. kGoOn or the status. */
-int takeParameter(Request* request, char** words, int count) {
+int takeParameter(Order* request, char** words, int count) {
     const CommandInfo& command = *request->command;
     bool several = command.code == vnlog::CMD_FLUSH;
     if (command.code == vnlog::CMD_STATUS && count > 0 && strcasecmp(words[0], kJsonWord) == 0) {
@@ -333,7 +223,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: no command\n", kProgram);
         return hintAtHelp(kProgram);
     }
-    Request request;
+    if (strcasecmp(argv[optind], kBundle) == 0)
+        _exit(bundle(argv + optind + 1, argc - optind - 1)); // as below
+    Order request;
     request.command = vnlog::findCommand(argv[optind]);
     if (request.command == nullptr) {
         std::fprintf(stderr, "%s: there is no command '%s'\n", kProgram, argv[optind]);

@@ -1,0 +1,406 @@
+#include "reader/Follower.h"
+
+#include "reader/Fragments.h"
+#include "reader/RunHistory.h"
+#include "reader/RunTail.h"
+#include "reader/StoreFolder.h"
+#include "reader/StreamParts.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <time.h>
+#include <unistd.h>
+#include <utility>
+
+namespace vnlog {
+
+namespace {
+
+constexpr int kLookMs = 50; ///< the longest time between two looks
+
+int64_t nowMs() {
+    struct timespec now {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+bool holdsSections(int run) {
+    std::vector<StoredSection> sections;
+    return listSections(run, &sections) && !sections.empty();
+}
+
+} // namespace
+
+class Follower::Work {
+  public:
+    explicit Work(Locate locate) : mLocate(std::move(locate)) {}
+
+    bool begin(const LinePlace& after);
+    bool next(Record* record, int timeoutMs, int wakeUp);
+
+  private:
+    /** Where text goes on behind what was read. */
+    struct Onward {
+        enum class Kind : uint8_t { Nowhere, Section, Root, Run } kind = Kind::Nowhere;
+        uint32_t section = 0;
+        uint32_t run = 0;
+        FileDescriptor folder; ///< of the run
+        StoreFolder store; ///< of the root
+    };
+
+    bool openStore(const std::string& logs);
+    void openRun(uint32_t run, FileDescriptor folder);
+    bool goBehind(const LinePlace& after);
+
+    bool takeLine(Record* record);
+    void startLine();
+    bool give(std::string_view bytes, bool ended, Record* record);
+    bool giveHeld(Record* record);
+    void passShown();
+    void beginClock();
+
+    Onward lookOnward();
+    bool findRoot(Onward* onward);
+    bool findRun(Onward* onward);
+    uint32_t numberOfRun(const std::vector<uint32_t>& runs) const;
+    void goOnward(Onward onward);
+    void enterSection(uint32_t section, bool joins);
+
+    void askWhere();
+    bool wait(int64_t until, int wakeUp);
+
+    Locate mLocate;
+    std::string mLocated; ///< the last answer
+    int64_t mAsked = 0; ///< when that came
+    std::deque<std::string> mRoots; ///< log folders that storing has moved to, oldest first
+    StoreFolder mStore;
+    FileDescriptor mLogs; ///< its log folder
+    uint32_t mNewest = 0; ///< archived run when the run that is read was begun
+    RunTail mTail;
+    FileDescriptor mEvents; ///< of that run's folder
+
+    RunHistory mHistory;
+    LineParser mParser;
+    LineClock mClock;
+    bool mClockDue = false; ///< the clock is still that of the section before
+    std::string_view mPiece; ///< of the text, what is left of it
+    uint32_t mLines = 0; ///< that have begun in the section
+    bool mRestFirst = false; ///< what comes first in it is no line of it
+    bool mInLine = false; ///< a line has begun
+    LinePlace mPlace; ///< of that
+    std::string mHeld; ///< what there is of it
+    bool mFlush = false; ///< nothing more comes of it
+    std::string mRemark;
+    std::string mGiven; ///< what the last record points to
+    LinePlace mAfter; ///< lines of its section up to it are passed over
+    bool mPassing = false;
+};
+
+bool Follower::Work::begin(const LinePlace& after) {
+    mLocated = mLocate();
+    mAsked = nowMs();
+    mTail.open(kCurrentRun, FileDescriptor());
+    mHeld.clear();
+    mPiece = {};
+    mPassing = mFlush = mInLine = mRestFirst = false;
+    if (!openStore(mLocated))
+        return true; // it may come
+    if (after.section != 0)
+        return goBehind(after);
+    FileDescriptor current = mStore.openRun(kCurrentRun);
+    if (current.valid())
+        openRun(kCurrentRun, std::move(current));
+    return true;
+}
+
+bool Follower::Work::openStore(const std::string& logs) {
+    if (logs.empty() || !mStore.open(logs.c_str()))
+        return false;
+    mLogs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
+    return mLogs.valid();
+}
+
+void Follower::Work::openRun(uint32_t run, FileDescriptor folder) {
+    constexpr uint32_t kChanges = IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_MOVE_SELF;
+    mTail.open(run, std::move(folder));
+    std::vector<uint32_t> runs;
+    bool current = false;
+    mNewest = mStore.listRuns(&runs, &current) && !runs.empty() ? runs.back() : 0;
+    // Without the kernel's events looking now and then is enough.
+    mEvents = FileDescriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    const std::string path = "/proc/self/fd/" + std::to_string(mTail.folder());
+    if (mEvents.valid())
+        (void)inotify_add_watch(mEvents.get(), path.c_str(), kChanges);
+}
+
+bool Follower::Work::goBehind(const LinePlace& after) {
+    std::string text;
+    StreamParts parts(mStore, mHistory);
+    Scope scope{{after.run}};
+    scope.fields = false;
+    parts.begin(scope);
+    if (!parts.openRun(after.run, &text))
+        return false;
+    const auto& sections = parts.sections.sections();
+    const auto at = std::find_if(sections.begin(), sections.end(),
+                                 [&](const StoredSection& s) { return s.number == after.section; });
+    errno = ENOENT;
+    if (at == sections.end())
+        return false;
+    const auto index = static_cast<size_t>(at - sections.begin());
+    const bool rest =
+        parts.beginsWithin(index, &text) || parts.sections.start(index) == RunSections::Start::Rest;
+    openRun(after.run, FileDescriptor(dup(parts.sections.folder())));
+    enterSection(after.section, false);
+    mRestFirst = rest;
+    mAfter = after;
+    mPassing = true;
+    return true;
+}
+
+bool Follower::Work::next(Record* record, int timeoutMs, int wakeUp) {
+    const int64_t until = timeoutMs < 0 ? INT64_MAX : nowMs() + timeoutMs;
+    for (;;) {
+        if (mFlush && giveHeld(record))
+            return true;
+        if (!mRemark.empty()) {
+            mGiven = std::exchange(mRemark, std::string());
+            StreamParts::describeRemark(mGiven, mPlace, record);
+            return true;
+        }
+        if (takeLine(record))
+            return true;
+        if (mTail.read(&mPiece))
+            continue;
+        // What lies onward is looked for before the end is, so that nothing can come in between.
+        Onward onward = lookOnward();
+        if (mTail.read(&mPiece))
+            continue;
+        passShown();
+        if (onward.kind != Onward::Kind::Nowhere)
+            goOnward(std::move(onward));
+        else if (!wait(until, wakeUp))
+            return false;
+    }
+}
+
+/** Takes the next line of the piece. False when it has no end there. */
+bool Follower::Work::takeLine(Record* record) {
+    while (!mPiece.empty()) {
+        if (!mInLine)
+            startLine();
+        const size_t newline = mPiece.find('\n');
+        const size_t length = std::min(newline, mPiece.size());
+        const size_t taken = std::min(length, Fragments::kLongest - mHeld.size());
+        const bool ended = taken == length && newline != std::string_view::npos;
+        mHeld.append(mPiece.substr(0, taken));
+        mPiece.remove_prefix(taken + (ended ? 1 : 0));
+        if (!ended && mHeld.size() < Fragments::kLongest)
+            continue;
+        mInLine = false;
+        mGiven = std::exchange(mHeld, std::string());
+        if (give(mGiven, ended, record))
+            return true;
+    }
+    return false;
+}
+
+void Follower::Work::startLine() {
+    mInLine = true;
+    if (mClockDue)
+        beginClock();
+    mLines += mRestFirst ? 0 : 1;
+    mPlace = {mTail.run(), mTail.section(), mRestFirst ? kRestLine : mLines};
+    mRestFirst = false;
+}
+
+/** Fills in a record. False for a line that is passed over. */
+bool Follower::Work::give(std::string_view bytes, bool ended, Record* record) {
+    record->bytes = bytes;
+    record->place = mPlace;
+    record->ended = ended;
+    record->context = false;
+    mParser.parse(bytes, &record->line);
+    record->time = mClock.timeOf(record->line);
+    return !mPassing || mPlace.run != mAfter.run || mPlace.section != mAfter.section ||
+           mPlace.line > mAfter.line;
+}
+
+/** Gives a line that will not be ended, if there is one. */
+bool Follower::Work::giveHeld(Record* record) {
+    mFlush = false;
+    const bool given = std::exchange(mInLine, false) && !mHeld.empty();
+    mGiven = std::exchange(mHeld, std::string());
+    const bool wanted = given && give(mGiven, false, record);
+    mParser.reset();
+    return wanted;
+}
+
+/** Drops what was stored of the last line that is passed over when following began. */
+void Follower::Work::passShown() {
+    if (mPassing && mInLine && mPlace.section == mAfter.section && mPlace.line == mAfter.line)
+        mHeld.clear();
+    mPassing = false;
+}
+
+void Follower::Work::beginClock() {
+    mClockDue = false;
+    SectionFacts told;
+    if (mTail.archive() >= 0 && readFacts(mTail.archive(), &told)) {
+        mClock.beginSection(told.clock());
+        return;
+    }
+    mHistory.read(mStore.logs());
+    mClock.beginSection(clockFacts(mHistory.find(mTail.run()), mTail.modified()));
+}
+
+/** Looks where text goes on behind the section that is read. */
+Follower::Work::Onward Follower::Work::lookOnward() {
+    Onward onward;
+    if (!findRoot(&onward))
+        (void)findRun(&onward);
+    // A run that has ended has all its sections by now.
+    uint32_t section = 0;
+    if (mTail.findNext(&section)) {
+        onward.kind = Onward::Kind::Section;
+        onward.section = section;
+    }
+    return onward;
+}
+
+/** Finds out whether storing has gone on under another root. */
+bool Follower::Work::findRoot(Onward* onward) {
+    for (; !mRoots.empty(); mRoots.pop_front()) {
+        StoreFolder& store = onward->store;
+        const bool there = store.open(mRoots.front().c_str());
+        FileDescriptor logs =
+            there ? openFile(store.logs().c_str(), O_RDONLY | O_DIRECTORY) : FileDescriptor();
+        if (logs.valid() && identityOf(logs.get()) == identityOf(mLogs.get())) {
+            mStore = store; // it has another path, or storing has come back
+            continue;
+        }
+        onward->folder = there ? store.openRun(kCurrentRun) : FileDescriptor();
+        if (onward->folder.valid() && holdsSections(onward->folder.get())) {
+            onward->kind = Onward::Kind::Root;
+            return true;
+        }
+        if (mRoots.size() == 1)
+            return false;
+    }
+    return false;
+}
+
+/** Finds out whether the run has ended and another one has begun. */
+bool Follower::Work::findRun(Onward* onward) {
+    if (!mLogs.valid())
+        return false;
+    FileDescriptor current = mStore.openRun(kCurrentRun);
+    const bool under = mTail.isOpen() && mTail.run() == kCurrentRun;
+    if (under && current.valid() && identityOf(current.get()) == identityOf(mTail.folder()))
+        return false;
+    std::vector<uint32_t> runs;
+    bool hasCurrent = false;
+    if (mTail.isOpen() && mStore.listRuns(&runs, &hasCurrent)) {
+        const uint32_t number = under ? numberOfRun(runs) : mTail.run();
+        FileDescriptor logs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
+        const bool anew = logs.valid() && identityOf(logs.get()) != identityOf(mLogs.get());
+        const auto behind = std::upper_bound(runs.begin(), runs.end(), anew ? 0 : number);
+        onward->folder = behind != runs.end() ? mStore.openRun(*behind) : FileDescriptor();
+        onward->run = onward->folder.valid() ? *behind : kCurrentRun;
+    }
+    if (!onward->folder.valid())
+        onward->folder = std::move(current); // opened before the runs were listed: none is left out
+    onward->kind = onward->folder.valid() ? Onward::Kind::Run : Onward::Kind::Nowhere;
+    return onward->folder.valid();
+}
+
+/** The number under which the run that is read was archived, or that of the newest before it. */
+uint32_t Follower::Work::numberOfRun(const std::vector<uint32_t>& runs) const {
+    const FileIdentity own = identityOf(mTail.folder());
+    const auto found = std::find_if(runs.rbegin(), runs.rend(), [&](uint32_t run) {
+        return identityOf(mStore.openRun(run).get()) == own;
+    });
+    return found != runs.rend() ? *found : mNewest;
+}
+
+void Follower::Work::goOnward(Onward onward) {
+    const uint32_t before = mTail.section();
+    uint32_t section = 0;
+    switch (onward.kind) {
+    case Onward::Kind::Nowhere:
+        break;
+    case Onward::Kind::Section:
+        enterSection(onward.section, onward.section == before + 1);
+        break;
+    case Onward::Kind::Root:
+        mRoots.pop_front();
+        mStore = onward.store;
+        mLogs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
+        openRun(kCurrentRun, std::move(onward.folder));
+        if (mTail.findNext(&section)) // sections are numbered on where the run goes on
+            enterSection(section, section >= before);
+        break;
+    case Onward::Kind::Run:
+        mFlush = true;
+        mLogs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
+        openRun(onward.run, std::move(onward.folder));
+        break;
+    }
+}
+
+/** Goes to a section, which goes on with the line that is held, or does not. */
+void Follower::Work::enterSection(uint32_t section, bool joins) {
+    constexpr char kRemarkStart[] = "--------- logview: ";
+    if (!mTail.finding().empty())
+        mRemark = kRemarkStart + mTail.finding();
+    mFlush = mFlush || !joins || !mRemark.empty();
+    if (!mTail.enter(section)) {
+        mFlush = true;
+        mRemark = kRemarkStart + mTail.finding();
+    }
+    mLines = 0;
+    mClockDue = true;
+}
+
+void Follower::Work::askWhere() {
+    mAsked = nowMs();
+    std::string answer = mLocate();
+    if (!answer.empty() && answer != mLocated) {
+        mLocated = answer;
+        if (mLogs.valid())
+            mRoots.push_back(std::move(answer));
+    }
+    if (!mLogs.valid())
+        (void)openStore(mLocated);
+}
+
+/** Waits until something may have come. False: the time is over, or the other descriptor can be read. */
+bool Follower::Work::wait(int64_t until, int wakeUp) {
+    const int64_t left = until - nowMs();
+    pollfd waited[] = {{mEvents.get(), POLLIN, 0}, {wakeUp, POLLIN, 0}};
+    (void)poll(waited, 2, static_cast<int>(std::clamp<int64_t>(left, 0, kLookMs)));
+    char events[4096];
+    while (waited[0].revents != 0 && read(mEvents.get(), events, sizeof events) > 0) {
+    }
+    if (nowMs() - mAsked >= kLookMs)
+        askWhere();
+    return waited[1].revents == 0 && left > 0;
+}
+
+Follower::Follower(Locate locate) : mWork(std::make_unique<Work>(std::move(locate))) {}
+
+Follower::~Follower() = default;
+
+bool Follower::begin(const LinePlace& after) {
+    return mWork->begin(after);
+}
+
+bool Follower::next(Record* record, int timeoutMs, int wakeUp) {
+    return mWork->next(record, timeoutMs, wakeUp);
+}
+
+} // namespace vnlog

@@ -1,0 +1,207 @@
+#include "reader/StreamParts.h"
+
+#include "storage/Layout.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+namespace vnlog {
+
+namespace {
+
+constexpr char kOwnStart[] = "--------- ";
+constexpr char kRemarkStart[] = "--------- logview: ";
+constexpr size_t kLookBack = 4; ///< sections in which an entry may have begun that goes on
+
+constexpr uint32_t bitOf(LineForm form) {
+    return 1U << static_cast<unsigned>(form);
+}
+constexpr uint32_t kLongForm = bitOf(LineForm::Long);
+/// With a line of these no entry in the long form goes on.
+constexpr uint32_t kSettlingForms = bitOf(LineForm::Time) | bitOf(LineForm::ThreadTime) |
+                                    bitOf(LineForm::Kernel) | bitOf(LineForm::KernelLevel) |
+                                    bitOf(LineForm::Own);
+
+} // namespace
+
+ClockFacts clockFacts(const RunStory* story, int64_t modified) {
+    ClockFacts facts;
+    facts.reference = modified;
+    if (story == nullptr)
+        return facts;
+    facts.points = story->points;
+    facts.zoneKnown = story->zoneKnown;
+    facts.zone = story->zone;
+    return facts;
+}
+
+void StreamParts::begin(const Scope& asked) {
+    scope = asked;
+    counts = {};
+    fragments.close();
+    sections.close();
+    parser.reset();
+    mCurrent = FileDescriptor();
+    if (std::find(scope.runs.begin(), scope.runs.end(), kCurrentRun) != scope.runs.end())
+        mCurrent = mFolder.openRun(kCurrentRun);
+}
+
+bool StreamParts::openRun(uint32_t run, std::string* remark) {
+    fragments.close();
+    errno = ENOENT;
+    FileDescriptor folder = run != kCurrentRun ? mFolder.openRun(run)
+                            : mCurrent.valid() ? FileDescriptor(dup(mCurrent.get()))
+                                               : FileDescriptor();
+    if (folder.valid() ? sections.open(run, std::move(folder)) : (sections.close(), false))
+        return true;
+    if (errno == ENOENT)
+        return false;
+    char reason[128];
+    const Path name = runFolder(kRunName, run);
+    *remark = std::string(kRemarkStart) + (run == kCurrentRun ? kCurrentFolder : name.text) +
+              " cannot be read: " + strerror_r(errno, reason, sizeof reason);
+    ++counts.unreadable;
+    sections.close();
+    return false;
+}
+
+bool StreamParts::openSection(size_t index) {
+    const bool open = fragments.open(sections.folder(), sections.run(), sections.sections()[index]);
+    counts.opened += open ? 1 : 0;
+    return open;
+}
+
+std::string StreamParts::countFinding() {
+    switch (fragments.text().state()) {
+    case TextState::Whole:
+        return {};
+    case TextState::Damaged:
+        ++counts.damaged;
+        break;
+    case TextState::Vanished:
+        ++counts.vanished;
+        break;
+    case TextState::Unreadable:
+        ++counts.unreadable;
+        break;
+    }
+    return kRemarkStart + fragments.text().finding();
+}
+
+bool StreamParts::beginsWithin(size_t index, std::string* cutLine) {
+    parser.reset();
+    cutLine->clear();
+    if (!sections.follows(index))
+        return false;
+    const RunSections::Start start = sections.start(index);
+    if (start != RunSections::Start::Unknown && !mayBeInEntry(index))
+        return start == RunSections::Start::Rest;
+    bool open = false, settled = false;
+    for (size_t back = 1; back <= kLookBack && !settled; ++back) {
+        open = parseBefore(index - back, index, cutLine, &settled);
+        settled = settled || !scope.fields || !sections.follows(index - back);
+    }
+    return open;
+}
+
+/** Whether the facts leave it open that a section begins within an entry in the long form. They do not tell
+ * of a heading that is cut at a section's end, where the section has no other. */
+bool StreamParts::mayBeInEntry(size_t index) {
+    if (!scope.fields)
+        return false;
+    for (size_t back = 1; back <= kLookBack && sections.follows(index - back + 1); ++back) {
+        const SectionFacts* before = sections.facts(index - back);
+        if (before == nullptr || (before->forms & kLongForm) != 0)
+            return true;
+        if ((before->forms & kSettlingForms) != 0)
+            return false;
+    }
+    return false;
+}
+
+/**
+ * Parses the sections from `first` up to `end` and tells whether the last ends within a line, `cutLine`.
+ * `settled` becomes whether the first one holds a line with which no entry from before goes on.
+ */
+bool StreamParts::parseBefore(size_t first, size_t end, std::string* cutLine, bool* settled) {
+    bool rest = sections.start(first) == RunSections::Start::Rest;
+    parser.reset();
+    cutLine->clear();
+    for (size_t index = first; index < end; ++index) {
+        Fragment fragment;
+        LogLine line;
+        const bool open = fragments.open(sections.folder(), sections.run(), sections.sections()[index]);
+        while (open && fragments.next(&fragment)) {
+            if (cutLine->size() < Fragments::kLongest)
+                cutLine->append(fragment.bytes);
+            if (!fragment.ended && !fragment.cut)
+                break;
+            if (!rest && scope.fields)
+                parser.parse(*cutLine, &line);
+            const bool settles = line.heading || line.stamp.month != 0 || line.source == LineSource::Kernel ||
+                                 line.source == LineSource::Service;
+            *settled = *settled || (index == first && !rest && settles);
+            rest = false;
+            cutLine->clear();
+        }
+        if (!open || fragments.text().state() != TextState::Whole) {
+            parser.reset();
+            cutLine->clear();
+            rest = index + 1 < end && sections.start(index + 1) == RunSections::Start::Rest;
+        }
+    }
+    return !cutLine->empty();
+}
+
+void StreamParts::beginClock() {
+    if (!scope.fields)
+        return;
+    SectionFacts told;
+    const SectionText& text = fragments.text();
+    if (text.archive() >= 0 && readFacts(text.archive(), &told)) {
+        mClock.beginSection(told.clock());
+        return;
+    }
+    mClock.beginSection(clockFacts(mHistory.find(sections.run()), text.modified()));
+}
+
+void StreamParts::plain(std::string_view bytes, const LinePlace& place, bool ended, Record* record) const {
+    record->bytes = bytes;
+    record->place = place;
+    record->ended = ended;
+    record->context = false;
+    if (!scope.fields && record->line.source != LineSource::Unknown) {
+        record->line = LogLine();
+        record->time = LineTime();
+    }
+}
+
+void StreamParts::describe(LineParser& by, std::string_view bytes, const LinePlace& place, bool ended,
+                           Record* record) {
+    plain(bytes, place, ended, record);
+    if (!scope.fields)
+        return;
+    by.parse(bytes, &record->line);
+    record->time = mClock.timeOf(record->line);
+}
+
+void StreamParts::describeRest(std::string_view bytes, const LinePlace& place, bool ended, Record* record) {
+    plain(bytes, place, ended, record);
+    record->line = LogLine();
+    record->line.text = bytes;
+    if (scope.fields)
+        record->time = mClock.timeOf(record->line);
+}
+
+void StreamParts::describeRemark(const std::string& remark, const LinePlace& place, Record* record) {
+    *record = Record();
+    record->bytes = remark;
+    record->place = place;
+    record->line.source = LineSource::Reader;
+    record->line.form = LineForm::Own;
+    record->line.text = record->bytes.substr(sizeof kOwnStart - 1);
+}
+
+} // namespace vnlog

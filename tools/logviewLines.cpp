@@ -1,0 +1,175 @@
+#include "tools/logviewLines.h"
+
+#include <algorithm>
+
+using vnlog::LinePlace;
+using vnlog::LineSource;
+using vnlog::Record;
+
+namespace {
+
+constexpr size_t kMostKept = size_t{2} * 1024 * 1024; ///< bytes of lines that may become context
+
+} // namespace
+
+bool reached(const LinePlace& place, const LinePlace& wanted) {
+    auto age = [](const LinePlace& p) { return p.run == vnlog::kCurrentRun ? UINT32_MAX : p.run; };
+    if (age(place) != age(wanted))
+        return age(place) > age(wanted);
+    return place.section != wanted.section ? place.section > wanted.section : place.line >= wanted.line;
+}
+
+Selection::Kept::Kept(const Record& whole)
+    : record(whole), bytes(whole.bytes), tag(whole.line.tag), text(whole.line.text) {}
+
+void Selection::beginWith(const LinePlace& place) {
+    mWaiting = true;
+    mFirst = place;
+}
+
+bool Selection::wants(const Record& record) {
+    if (mWaiting && reached(record.place, mFirst))
+        mWaiting = false;
+    return !mWaiting && mWanted < mMost && mQuery.matches(record);
+}
+
+void Selection::take(const Record& record) {
+    if (wants(record)) {
+        mWanted += record.line.source != LineSource::Reader ? 1 : 0;
+        showKept();
+        show(record, false);
+        mFollowing = mAfter;
+    } else if (mFollowing > 0) {
+        --mFollowing;
+        show(record, true);
+    } else if (mBefore > 0) {
+        keep(record);
+    } else {
+        mSkipped = true;
+    }
+}
+
+void Selection::keep(const Record& record) {
+    mKept.emplace_back(record);
+    mKeptBytes += mKept.back().bytes.size() + mKept.back().text.size();
+    while (mKept.size() > mBefore || (mKeptBytes > kMostKept && mKept.size() > 1)) {
+        mDropped += mKept.size() > mBefore ? 0 : 1;
+        mKeptBytes -= mKept.front().bytes.size() + mKept.front().text.size();
+        mKept.pop_front();
+        mSkipped = true;
+    }
+}
+
+/** Tells of neighbours that could not be kept. */
+void Selection::showDropped() {
+    auto room = static_cast<uint32_t>(mBefore - mKept.size());
+    if (uint32_t missing = std::min(mDropped, room)) {
+        std::string text = "--------- logview: " + std::to_string(missing) +
+                           " lines of context are left out here, for they are too long";
+        Record remark;
+        remark.bytes = text;
+        remark.line.source = LineSource::Reader;
+        remark.line.form = vnlog::LineForm::Own;
+        remark.line.text = text;
+        show(remark, true);
+    }
+    mDropped = 0;
+}
+
+void Selection::showKept() {
+    showDropped();
+    for (Kept& kept : mKept) {
+        kept.record.bytes = kept.bytes;
+        kept.record.line.tag = kept.tag;
+        kept.record.line.text = kept.text;
+        show(kept.record, true);
+    }
+    mKept.clear();
+    mKeptBytes = 0;
+}
+
+void Selection::show(const Record& record, bool context) {
+    if (mSkipped && mShown && (mBefore > 0 || mAfter > 0))
+        mSink.separate();
+    mSkipped = false;
+    mShown = true;
+    if (!context)
+        return mSink.put(record);
+    Record neighbour = record;
+    neighbour.context = true;
+    mSink.put(neighbour);
+}
+
+bool goesOn(const View& view) {
+    return view.out.error() == 0 && view.query.givenUp() < kMostGivenUp;
+}
+
+Tail findTail(const View& view, uint32_t lines) {
+    vnlog::Scope scope = view.scope;
+    scope.fields = view.query.wantsFields();
+    vnlog::LineStream stream(view.store.folder, view.history);
+    stream.beginBackward(scope);
+    Tail tail;
+    Record record;
+    uint32_t wanted = 0, before = 0;
+    while (goesOn(view) && (wanted < lines || before < view.options.before) && stream.next(&record)) {
+        if (record.line.source == LineSource::Reader)
+            continue;
+        if (wanted < lines && view.query.matches(record)) {
+            ++wanted;
+            before = 0;
+            tail.any = true;
+            tail.first = tail.context = record.place;
+        } else if (tail.any && before < view.options.before) {
+            ++before;
+            tail.context = record.place;
+        }
+    }
+    tail.counts = stream.counts();
+    return tail;
+}
+
+namespace {
+
+/** Shows what the stream, which stands at its beginning, gives. */
+void drain(View& view, vnlog::LineStream& stream, Selection& selection) {
+    Record record;
+    while (goesOn(view) && !selection.done() && stream.next(&record))
+        selection.take(record);
+}
+
+Viewed showReverse(View& view) {
+    vnlog::LineStream stream(view.store.folder, view.history);
+    Selection selection(view.query, view.sink, view.options.after, view.options.before);
+    selection.limit(view.options.lines.value_or(UINT32_MAX));
+    stream.beginBackward(view.scope);
+    drain(view, stream, selection);
+    return {selection.wanted(), stream.counts()};
+}
+
+Viewed showForward(View& view) {
+    vnlog::LineStream stream(view.store.folder, view.history);
+    Selection selection(view.query, view.sink, view.options.before, view.options.after);
+    if (view.options.lines.has_value()) {
+        Tail tail = findTail(view, *view.options.lines);
+        if (!tail.any)
+            return {0, tail.counts};
+        selection.limit(*view.options.lines);
+        selection.beginWith(tail.first);
+        stream.beginAt(view.scope, tail.context);
+    } else {
+        stream.begin(view.scope);
+    }
+    drain(view, stream, selection);
+    return {selection.wanted(), stream.counts()};
+}
+
+} // namespace
+
+Viewed showLines(View& view) {
+    Viewed viewed = view.options.follow    ? followLines(view)
+                    : view.options.reverse ? showReverse(view)
+                                           : showForward(view);
+    view.sink.finish();
+    return viewed;
+}
