@@ -357,13 +357,11 @@ int8_t priorityOfLevel(int level) {
 void LineParser::parse(std::string_view line, LogLine* parsed) {
     if (mOpen != Entry::Open) {
         parseAlone(line, parsed);
-        const bool ends =
-            parsed->heading || parsed->stamp.month != 0 || parsed->source != LineSource::Android;
         if (parsed->heading) {
             openEntry(*parsed);
             return;
         }
-        if (mOpen == Entry::None || ends) {
+        if (mOpen == Entry::None || parsed->form != LineForm::Raw) {
             mOpen = Entry::None;
             return;
         }

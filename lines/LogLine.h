@@ -72,8 +72,8 @@ int8_t priorityOfLevel(int level);
  * an end of "(pid)" there is the form Brief and not Tag; a tag in the form Process begins behind the last "
  * (". Blanks at the end of a tag are taken for what fills it up. Whatever is written like a line of the
  * kernel or the service is one. An entry in the long form goes from its heading to its first empty line,
- * whatever is in between; behind that, to the next heading, line with a time, or line of the kernel or the
- * service. The lines below a heading have 256 characters of its tag at most.
+ * whatever is in between; behind that, to the next line that has a form of its own.
+ * The lines below a heading have 256 characters of its tag at most.
  */
 class LineParser {
   public:

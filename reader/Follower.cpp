@@ -49,7 +49,14 @@ class Follower::Work {
         uint32_t section = 0;
         uint32_t run = 0;
         FileDescriptor folder; ///< of the run
-        StoreFolder store; ///< of the root
+    };
+    /** A log folder that storing has moved to, as it was then. */
+    struct MovedTo {
+        std::string path;
+        StoreFolder store;
+        FileDescriptor logs, current; ///< none as long as they are not there
+
+        bool open();
     };
 
     bool openStore(const std::string& logs);
@@ -76,7 +83,7 @@ class Follower::Work {
     Locate mLocate;
     std::string mLocated; ///< the last answer
     int64_t mAsked = 0; ///< when that came
-    std::deque<std::string> mRoots; ///< log folders that storing has moved to, oldest first
+    std::deque<MovedTo> mRoots; ///< oldest first
     StoreFolder mStore;
     FileDescriptor mLogs; ///< its log folder
     uint32_t mNewest = 0; ///< archived run when the run that is read was begun
@@ -107,13 +114,20 @@ bool Follower::Work::begin(const LinePlace& after) {
     mHeld.clear();
     mPiece = {};
     mPassing = mFlush = mInLine = mRestFirst = false;
+    mNewest = 0;
+    mLogs = FileDescriptor();
+    mRoots.clear();
     if (!openStore(mLocated))
         return true; // it may come
     if (after.section != 0)
         return goBehind(after);
+    std::vector<uint32_t> runs;
+    bool hasCurrent = false;
     FileDescriptor current = mStore.openRun(kCurrentRun);
     if (current.valid())
         openRun(kCurrentRun, std::move(current));
+    else if (mStore.listRuns(&runs, &hasCurrent) && !runs.empty())
+        mNewest = runs.back();
     return true;
 }
 
@@ -272,19 +286,26 @@ Follower::Work::Onward Follower::Work::lookOnward() {
     return onward;
 }
 
+/** Whether its run is there. It is held, for it may be archived before the section under the root before is
+ * full. */
+bool Follower::Work::MovedTo::open() {
+    if (!logs.valid() && store.open(path.c_str()))
+        logs = openFile(store.logs().c_str(), O_RDONLY | O_DIRECTORY);
+    if (logs.valid() && !current.valid())
+        current = store.openRun(kCurrentRun);
+    return current.valid();
+}
+
 /** Finds out whether storing has gone on under another root. */
 bool Follower::Work::findRoot(Onward* onward) {
     for (; !mRoots.empty(); mRoots.pop_front()) {
-        StoreFolder& store = onward->store;
-        const bool there = store.open(mRoots.front().c_str());
-        FileDescriptor logs =
-            there ? openFile(store.logs().c_str(), O_RDONLY | O_DIRECTORY) : FileDescriptor();
-        if (logs.valid() && identityOf(logs.get()) == identityOf(mLogs.get())) {
-            mStore = store; // it has another path, or storing has come back
+        MovedTo& root = mRoots.front();
+        const bool there = root.open();
+        if (root.logs.valid() && identityOf(root.logs.get()) == identityOf(mLogs.get())) {
+            mStore = root.store; // it has another path, or storing has come back
             continue;
         }
-        onward->folder = there ? store.openRun(kCurrentRun) : FileDescriptor();
-        if (onward->folder.valid() && holdsSections(onward->folder.get())) {
+        if (there && holdsSections(root.current.get())) {
             onward->kind = Onward::Kind::Root;
             return true;
         }
@@ -304,8 +325,8 @@ bool Follower::Work::findRun(Onward* onward) {
         return false;
     std::vector<uint32_t> runs;
     bool hasCurrent = false;
-    if (mTail.isOpen() && mStore.listRuns(&runs, &hasCurrent)) {
-        const uint32_t number = under ? numberOfRun(runs) : mTail.run();
+    if (mStore.listRuns(&runs, &hasCurrent)) {
+        const uint32_t number = !mTail.isOpen() ? mNewest : under ? numberOfRun(runs) : mTail.run();
         FileDescriptor logs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
         const bool anew = logs.valid() && identityOf(logs.get()) != identityOf(mLogs.get());
         const auto behind = std::upper_bound(runs.begin(), runs.end(), anew ? 0 : number);
@@ -337,10 +358,10 @@ void Follower::Work::goOnward(Onward onward) {
         enterSection(onward.section, onward.section == before + 1);
         break;
     case Onward::Kind::Root:
+        mStore = mRoots.front().store;
+        mLogs = std::move(mRoots.front().logs);
+        openRun(kCurrentRun, std::move(mRoots.front().current));
         mRoots.pop_front();
-        mStore = onward.store;
-        mLogs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
-        openRun(kCurrentRun, std::move(onward.folder));
         if (mTail.findNext(&section)) // sections are numbered on where the run goes on
             enterSection(section, section >= before);
         break;
@@ -371,8 +392,11 @@ void Follower::Work::askWhere() {
     std::string answer = mLocate();
     if (!answer.empty() && answer != mLocated) {
         mLocated = answer;
-        if (mLogs.valid())
-            mRoots.push_back(std::move(answer));
+        if (mLogs.valid()) {
+            mRoots.emplace_back();
+            mRoots.back().path = answer;
+            (void)mRoots.back().open(); // it may come
+        }
     }
     if (!mLogs.valid())
         (void)openStore(mLocated);

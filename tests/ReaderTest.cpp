@@ -400,6 +400,7 @@ class Followed : public FolderTest, protected StoreParts {
     }
     void live() {
         restart();
+        ASSERT_TRUE(eventually([&] { return asked > 2; })); // the first root is seen
         for (int step = 0; step < 600; ++step) {
             const uint32_t kind = step < 500 ? below(50) : 9;
             kind == 0 ? restart() : kind == 1 ? move() : write();
