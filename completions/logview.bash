@@ -9,7 +9,7 @@ _logview_runs() {
         --sysroot) store=(--sysroot "${COMP_WORDS[i + 1]}") ;;
         esac
     done
-    logview "${store[@]}" --no-pager --list-runs 2>/dev/null | awk '$1 ~ /^[0-9]+$/ { print $1 }'
+    logview "${store[@]}" --no-pager --list-runs 2>/dev/null | awk '$1 ~ /^[1-9][0-9]*$/ { print $1 }'
 }
 
 _logview_options() {

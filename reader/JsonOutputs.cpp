@@ -106,7 +106,8 @@ void writeAttributes(const Record& record, bool whole, Attributes attributes) {
         (void)attributes.text("vnlog.time_basis", basisWord(record.time.basis));
     (void)attributes.text("vnlog.run", runName(record.place.run));
     attributes.number("vnlog.section", record.place.section);
-    attributes.number("vnlog.line", record.place.line);
+    if (record.place.line > 0)
+        attributes.number("vnlog.line", record.place.line);
     if (!whole)
         attributes.bytes("log.record.original", record.bytes);
 }
@@ -158,7 +159,7 @@ class OtlpOutput : public RecordSink {
         if (isFrame(record.line))
             return;
         if (mRecords == kMostRecords || mBytes > kManyBytes || record.place.run != mRun)
-            finish();
+            pause();
         if (mRecords == 0)
             begin(record.place.run);
         mOut.write(mRecords > 0 ? "," : "");
@@ -166,12 +167,13 @@ class OtlpOutput : public RecordSink {
         ++mRecords;
         mBytes += record.bytes.size();
     }
-    void finish() override {
+    void pause() override {
         if (mRecords > 0)
             mOut.write("]}]}]}\n");
         mRecords = 0;
         mBytes = 0;
     }
+    void finish() override { pause(); }
 
   private:
     static constexpr uint32_t kMostRecords = 256;

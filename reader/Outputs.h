@@ -26,8 +26,7 @@ struct OutputStyle {
     bool escape = false; ///< control bytes, and bytes that are no UTF-8, as \xNN: for a terminal
 };
 
-/** The sink for a form. All arguments must outlive it. Its finish() may be followed by more lines: it hands
- * out what is gathered, of which Otlp alone has any, up to 256 lines. */
+/** The sink for a form. All arguments must outlive it. Otlp alone gathers lines, up to 256. */
 std::unique_ptr<RecordSink> makeOutput(OutputForm form, const OutputStyle& style, const RunHistory& history,
                                        TextOut& out);
 

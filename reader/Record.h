@@ -38,6 +38,8 @@ class RecordSink {
     virtual void separate() {}
     /** Whether it looks at more of a record than its bytes, place and end. */
     virtual bool wantsFields() const { return true; }
+    /** No line comes for a while: what is gathered is handed out. */
+    virtual void pause() {}
     /** No more lines come. */
     virtual void finish() {}
 };

@@ -243,7 +243,8 @@ class Statistics final : public RecordSink {
             findMissing(run, &sections);
             const RunStory* story = mHistory.find(run);
             if (story != nullptr && story->steps > 0)
-                clocks.add(printed("%s: %u times", runName(run).c_str(), story->steps));
+                clocks.add(printed("%s: %u time%s", runName(run).c_str(), story->steps,
+                                   story->steps == 1 ? "" : "s"));
             if (story != nullptr && story->how == "no_end")
                 ends.add(runName(run));
         }
@@ -271,9 +272,9 @@ class Statistics final : public RecordSink {
         uint32_t next = 1;
         for (const StoredSection& section : sections) {
             if (section.number > next) {
-                bool first = next == 1;
-                missing->add(printed("%s: %u to %u%s", runName(run).c_str(), next, section.number - 1,
-                                     first ? ", deleted, or under another root" : ""));
+                std::string last = section.number - 1 > next ? printed(" to %u", section.number - 1) : "";
+                missing->add(printed("%s: %u%s%s", runName(run).c_str(), next, last.c_str(),
+                                     next == 1 ? ", deleted, or under another root" : ""));
             }
             next = section.number + 1;
         }

@@ -1,5 +1,7 @@
 #include "Fixture.h"
 
+#include "reader/LineStream.h"
+
 #include <fstream>
 #include <sys/resource.h>
 #include <zlib.h>
@@ -83,35 +85,40 @@ std::string deviceEntry(int seconds, int nanoseconds, const std::string& payload
 }
 
 std::string storedText(const std::string& logs) {
-    using vnlog::NameKind;
-    std::map<std::pair<uint32_t, uint32_t>, std::string> sections; // an unfinished text replaces its archive
-    std::error_code none;
-    for (auto& entry : fs::recursive_directory_iterator(logs, none)) {
-        const fs::path &file = entry.path(), folder = file.parent_path();
-        auto run = vnlog::parseName(folder.filename().c_str()),
-             section = vnlog::parseName(file.filename().c_str());
-        bool stored = run.kind == NameKind::Current || run.kind == NameKind::Run;
-        if (!stored || folder.parent_path() != logs || !fs::is_regular_file(entry.symlink_status()))
-            continue;
-        uint32_t age = run.kind == NameKind::Current ? ~0U : run.number;
-        if (section.kind == NameKind::PlainText)
-            sections[{age, section.number}] = readFile(file);
-        else if (section.kind == NameKind::Archive && !exists(fs::path(file).replace_extension()))
-            sections[{age, section.number}] = readGzip(file);
-    }
+    vnlog::StoreFolder folder;
+    vnlog::Scope scope;
+    bool current = false;
+    if (!folder.open(logs.c_str()) || !folder.listRuns(&scope.runs, &current))
+        return "";
+    scope.runs.push_back(vnlog::kCurrentRun);
+    scope.fields = false;
+    const vnlog::RunHistory history;
+    vnlog::LineStream lines(folder, history);
+    lines.begin(scope);
     std::string text;
-    for (auto& [place, part] : sections)
-        text += part;
+    vnlog::Record record;
+    while (lines.next(&record)) {
+        EXPECT_NE(record.line.source, vnlog::LineSource::Reader) << record.bytes;
+        text.append(record.bytes).append(record.ended ? "\n" : "");
+    }
     return text;
 }
 
 uint64_t storedArchiveBytes(const std::string& logs) {
+    vnlog::StoreFolder folder;
+    std::vector<uint32_t> runs;
+    bool current = false;
     uint64_t sum = 0;
-    std::error_code none;
-    for (auto& entry : fs::recursive_directory_iterator(logs, none))
-        sum += entry.path().extension() == ".gz" && fs::is_regular_file(entry.symlink_status())
-                   ? entry.file_size()
-                   : 0;
+    if (folder.open(logs.c_str()) && folder.listRuns(&runs, &current))
+        runs.push_back(vnlog::kCurrentRun);
+    for (uint32_t run : runs) {
+        std::vector<vnlog::StoredSection> sections;
+        (void)folder.listSections(run, &sections);
+        for (const vnlog::StoredSection& section : sections)
+            sum += section.archive
+                       ? fs::file_size(folder.runPath(run) + "/" + vnlog::archiveName(section.number).text)
+                       : 0;
+    }
     return sum;
 }
 

@@ -5,8 +5,7 @@ set -eu
 command -v lnav >/dev/null || { echo "lnav is not installed: left out"; exit 77; }
 home=$(mktemp -d)
 trap 'rm -rf "$home"' EXIT
-export HOME=$home TMPDIR=$home TZ=UTC
-unset XDG_CONFIG_HOME
+export HOME=$home XDG_CONFIG_HOME=$home/.config TMPDIR=$home TZ=UTC
 found() { # TABLE FILE
     lnav -n "$2" -c ";SELECT log_time, log_level, tag, pid, tid, log_body FROM $1" -c ':write-csv-to -' |
         sed '1d; s/<NULL>//g'
@@ -32,7 +31,6 @@ END
 sed 's/^/2026-11-23T14:40:59.000+01:00~/; 10s/~$/~raw/' "$home/log_1.txt" >"$home/dated"
 touch -d 2026-11-24T00:00:00Z "$home/log_1.txt"
 gzip "$home/log_1.txt"
-
 found vnlog_log "$home/log_1.txt.gz" >"$home/stored"
 diff - "$home/stored" <<'END'
 1970-01-01 00:00:03.000,info,,,,32:00.770  1234  5678 I Tag     : cut

@@ -10,9 +10,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/shell_fixture.sh"
 export TZ=UTC LC_ALL=C.UTF-8 VNLOG_SYSROOT=$root
 
-expect_output() { # TEXT FILE
-    grep -qF -- "$1" "$2" || fail "no '$1' in: $(head -c 2000 "$2")"
-}
+expect_output() { grep -qF -- "$1" "$2" || fail "no '$1' in: $(head -c 2000 "$2")"; } # TEXT FILE
 run_text() { # FOLDER: a run as it is stored, its last line ended
     find "$1" -name 'log_*' | sort -V | while read -r file; do
         case $file in
@@ -29,10 +27,8 @@ shows() { # STATUS OPTION...: what is shown is what comes on standard input
     [ $status = $wanted ] || fail "logview $*: status $status instead of $wanted: $(cat "$home/err")"
     cmp "$home/wanted" "$home/got" || fail "logview $* shows $(wc -l <"$home/got") lines instead of $(wc -l <"$home/wanted")"
 }
-is_stored() { $logset FLUSH && stored_text | grep -aF -- "$1"; }
-stored() { wait_for is_stored "$1"; }
+stored() { wait_for eval "$logset FLUSH && stored_text | grep -aF -- '$1'"; } # TEXT
 
-# --- without a store
 for wrong in "" "-f" "--list-runs" "--stats" "--verify" "-D $home/none" "-D $home/home/log.cfg"; do
     expect_status 2 $logview $wrong
     expect_output "logview: " "$home/err"
@@ -59,11 +55,7 @@ stop_host
 # --- a run with a loss that is killed, one with bytes of all kinds, and a live one
 configure KLOG_LEVEL=7 ALOG_FORMAT=raw MAX_LOG_SIZE=64
 start_host
-for i in 1 2 3; do # more than the driver holds
-    seq -f "flood %g of lines that nobody waits for" 50000 | $logwrite -t flood -p w &
-    writers[i]=$!
-done
-wait "${writers[@]}"
+(for i in 1 2 3; do seq -f "flood %g of lines that nobody waits for" 50000 | $logwrite -t flood -p w & done; wait) # too much
 printf '[%8s0000] no level\n' $(cut -d' ' -f1 /proc/uptime) >"$root/proc/kmsg"
 stored "no level"
 stored "lines lost here"
@@ -85,8 +77,7 @@ stored "present 20"
 for run in last_1 last_2 last_3 current; do run_text "$store/$run"; done >"$home/all"
 [ "$(find "$store/last_2" -name '*.gz' | wc -l)" -gt 20 ] || fail "the flood is too small to tell anything"
 shows 0 <"$home/all"
-shows 0 -b all -o short <"$home/all"
-shows 0 -D "$store" --color never <"$home/all"
+shows 0 -b all -o short -D "$store" --color never <"$home/all"
 shows 0 -r < <(tac "$home/all")
 for lines in 1 7 25 4000; do
     shows 0 -n $lines < <(tail -n $lines "$home/all")
@@ -102,15 +93,13 @@ for pattern in 'flood 1[0-9]*7\b' '^\[' 'Größe.*Ä' '\d{3}(?=0)' 'a{2,}|lens|^
         shows 0 $context --case sensitive -g "$pattern" < <(grep -aP $context -- "$pattern" "$home/all")
         shows 0 -r -n 9 $context --case sensitive -g "$pattern" < <(
             tac "$home/all" | grep -aP -m 9 $(sed 's/A/x/;s/B/A/;s/x/B/' <<<"$context") -- "$pattern")
-        first=$(grep -anP -- "$pattern" "$home/all" | tail -n 5 | head -n 1 | cut -d: -f1)
         before=$(sed -n 's/.*-B \([0-9]*\).*/\1/p;t;s/.*-C \([0-9]*\).*/\1/p' <<<"$context")
-        from=$((first - ${before:-0}))
+        from=$(($(grep -anP -- "$pattern" "$home/all" | tail -n 5 | head -n 1 | cut -d: -f1) - ${before:-0}))
         shows 0 -n 5 $context --case sensitive -g "$pattern" < <(
             tail -n +$((from > 1 ? from : 1)) "$home/all" | grep -aP $context -- "$pattern")
     done
 done
 shows 0 -g straße -g 'oops' < <(grep -aiP 'straße|oops' "$home/all")
-shows 0 -g 'Straße' < <(grep -aP 'Straße' "$home/all")
 shows 0 -g '\Stra.e' < <(grep -aiP '\Stra.e' "$home/all")
 shows 0 'lens' click < <(grep -aE 'lens|click' "$home/all")
 shows 0 -F -g '0] No ' --case insensitive < <(grep -aF '0] no ' "$home/all")
@@ -123,30 +112,25 @@ shows 0 -b 2..-1 < <(run_text "$store/last_2" && run_text "$store/last_3")
 shows 0 -b 3.. < <(run_text "$store/last_3" && run_text "$store/current")
 shows 0 -b ..1 < <(run_text "$store/last_1")
 $logview | head -n 1 | cmp - <(head -n 1 "$home/all")
-
+timeout 30 $logview -f | head -n 1 >/dev/null && [ "${PIPESTATUS[0]}" = 0 ] || fail "following goes on without a reader"
 # --- conditions: how many lines of the first run hold a word
 while read -r lines word options; do
     timeout 60 $logview -b 1 -g "$word" $options >"$home/got" 2>"$home/err" || [ $? = $((lines == 0 ? 1 : 0)) ] || fail "logview -b 1 -g $word $options"
     [ "$(wc -l <"$home/got")" = "$lines" ] || fail "logview -b 1 -g $word $options shows $(cat "$home/got") instead of $lines lines"
 done <<'TABLE'
 8 lens
-6 lens -t Camera
 0 fine -t Camera
 6 fine -t Camera*
 12 lens|click -t Camera -t Audio
-7 lens -p w
 7 lens -p WARNING -a
-0 lens -p e
 7 click -p err
 1 oops -k -p error
 1 oops|found -p w
-2 oops|found -p info
 0 oops -p f -k
 2 oops|found -k
 0 lens -k
 17 lens|click|oops -k -a
 8 lens -S -1h
-8 lens -U now
 0 lens -U yesterday
 0 lens -S @4000000000
 8 lens -o iso -S today -U @4000000000
@@ -156,12 +140,11 @@ shows 0 -b 2 -k -p f < <(run_text "$store/last_2" | grep -a '^---------\|no leve
 
 # --- how it is shown
 expect_status 0 $logview -b 0 -g 'present 20' -o json
-node=$(grep -c '"Body"' "$home/out") && [ "$node" = 1 ] || fail "$(cat "$home/out")"
+expect_output '"Body":"present 20"' "$home/out"
 terminal() { # ENVIRONMENT OPTION...: what a terminal gets
     TERM=xterm script -qefc "env $1 $logview ${*:2}" /dev/null </dev/null | tr -d '\r'
 }
 [ "$(terminal VNLOG_PAGER='"sed s/^/paged:/"' -n 1 --color never)" = "paged:$(tail -n 1 "$home/all")" ] || fail "no pager"
-[ "$(terminal PAGER='"sed s/^/paged:/"' -n 1 --color never --no-pager)" = "$(tail -n 1 "$home/all")" ] || fail "a pager"
 terminal PAGER=cat -b 3 -g red >"$home/out"
 expect_output '\x1b[31mred' "$home/out"
 terminal PAGER=true -o long >"$home/out" || fail "a pager that ends is a failure"
@@ -174,27 +157,19 @@ while IFS='|' read -r options what; do
     expect_output "$what" "$home/err"
 done <<'TABLE'
 -f -r|-f cannot be combined with -r
--f --stats|-f shows lines alone
--f -b 1|-b is of no use
 -f -U now|-U is of no use
 -n 0|-n 0 shows nothing
 -n many|-n: 'many' is not a number
--C -1|-C: '-1' is not
 -S now -U yesterday|-S (--since) is later than -U
 -S whenever|-S: 'whenever' is not a time
--p loud|-p: 'loud' is not a priority
 -o xml|-o: 'xml' is not a form
 --color red|--color: 'red' is not
---case upper|--case: 'upper' is not
--v|-v leaves out
 -F|-F is about patterns
 -g '('|'(' is no regular expression
 -b 9|there is no run 9
 -b 3..2|ends before it begins
 -b x|'x' is no run
--b ..|'..' is no run
 --verify -g x|--verify is about whole runs
---list-runs --verify|cannot be combined
 --stats -o json|-o is of no use
 --stats -r|-r cannot be combined with --stats
 --odd|--help
@@ -202,13 +177,11 @@ done <<'TABLE'
 TABLE
 $logview >/dev/full 2>"$home/err" && fail "a full disk is no failure" || [ $? = 2 ] || fail "status $?"
 expect_output "cannot write the output: No space left" "$home/err"
-expect_status 0 $logview --help
-expect_status 0 $logview -V
 cp -r "$store" "$home/damaged"
 truncate -s -100 "$(find "$home/damaged/last_2" -name log_7.txt.gz)"
 expect_status 3 $logview -D "$home/damaged"
 expect_output "1 section is damaged" "$home/err"
-grep -a '^--------- logview: last_2/log_7.txt.gz is damaged' "$home/out" >/dev/null || fail "the place of the damage is not told"
+grep -aq '^--------- logview: last_2/log_7.txt.gz is damaged' "$home/out" || fail "the place of the damage is not told"
 [ "$(grep -av '^--------- logview' "$home/out" | diff -a "$home/all" - | grep -c '^>')" -le 2 ] || # halves of lines
     fail "lines came from nowhere"
 if [ "$(id -u)" = 0 ] && chmod 755 "$home" && mkdir -m 700 "$home/closed"; then
@@ -217,25 +190,41 @@ if [ "$(id -u)" = 0 ] && chmod 755 "$home" && mkdir -m 700 "$home/closed"; then
 fi
 expect_status 0 $logview --list-runs
 [ "$(awk '{ print $1 }' "$home/out" | tail -n +2 | tr '\n' ' ')" = "1 2 3 0 " ] || fail "$(cat "$home/out")"
+expect_status 0 $logview --bundle "$home/all.tar.gz"
+shows 0 -D "$home/all.tar.gz" <"$home/all"
+expect_status 0 $logview --verify -D "$home/all.tar.gz"
+
+# --- words that the shell offers
+. "$here/../completions/logview.bash"
+offers() { # WORDS LINE...: what is offered for the last word of the line
+    local wanted=$1 COMPREPLY
+    shift
+    COMP_WORDS=(logview "$@") COMP_CWORD=$#
+    logview() { $logview "$@"; }
+    _logview logview "${COMP_WORDS[-1]}" "${COMP_WORDS[-2]}"
+    [ "${COMPREPLY[*]}" = "$wanted" ] || fail "offered for $*: ${COMPREPLY[*]}"
+}
+offers "json" -o j
+offers "warning" --priority = w
+offers "--list-runs" --lis
+offers "all 0 -1 1 2 3" -D "$store" -b ""
 
 # --- followed through cuts, a restart and another root
 $logset ALOG_FORMAT raw
-$logview -f -n 3 -g '^(followed|end) ' >"$home/followed" 2>"$home/follow.err" &
-follower=$!
-followed_to() { wait_for grep -qx "$1" "$home/followed"; }
 flood() { seq -f 'followed %g and some more to fill the sections with, so that they are cut' "$1" "$2" | $logwrite -t f -p w --lossless; }
-$logwrite -t f "followed by more" && stored "followed by more"
-followed_to "followed by more"
-flood 1 20000 && stored "followed 20000 "
+flood 1 20000 &
+flooding=$!
+stored "followed 99 "
+$logview -f -S -1h -g '^(followed|end) ' >"$home/followed" 2>"$home/follow.err" &
+follower=$!
+wait $flooding && stored "followed 20000 "
 stop_host
 start_host
 flood 20001 22000
-mkdir "$home/other"
-$logset STORAGE_PATH "$home/other"
+mkdir "$home/other" && $logset STORAGE_PATH "$home/other"
 flood 22001 30000
 $logwrite -t f "end 1" && $logset FLUSH --wait
-followed_to "end 1"
-kill -TERM $follower
-wait $follower || fail "following ended with $?: $(cat "$home/follow.err")"
+wait_for grep -qx "end 1" "$home/followed"
+kill -TERM $follower && wait $follower || fail "following ended with $?: $(cat "$home/follow.err")"
 grep '^followed [0-9]' "$home/followed" | cut -d' ' -f2 | cmp - <(seq 30000) || fail "lines were missed or came twice"
 stop_host

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <string>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 using vnlog::LinePlace;
 using vnlog::LineSource;
@@ -20,6 +21,13 @@ namespace {
 
 constexpr uint32_t kLinesBetweenLooks = 256; ///< at what the user wants, while lines come without a pause
 constexpr uint32_t kFollowedTail = 10;
+constexpr int kLookMs = 1000; ///< how often it is looked whether somebody still reads, while no lines come
+
+/** Whether nobody reads standard output any more. */
+bool readerGone() {
+    pollfd looked = {STDOUT_FILENO, 0, 0};
+    return poll(&looked, 1, 0) > 0 && (looked.revents & (POLLERR | POLLHUP)) != 0;
+}
 
 /** The signals that end following in good order; they are blocked from here on and can be read. */
 class EndSignals {
@@ -131,12 +139,13 @@ bool Following::follow() {
     for (uint32_t taken = 0; goesOn(mView) && (taken % kLinesBetweenLooks != 0 || !signals.came()); ++taken) {
         bool there = follower.next(&record, 0, -1);
         if (!there) {
+            mView.sink.pause();
             (void)mView.out.flush();
-            there = follower.next(&record, -1, signals.descriptor());
+            there = follower.next(&record, kLookMs, signals.descriptor());
         }
         if (there)
             take(record);
-        else if (signals.came())
+        else if (signals.came() || readerGone())
             break;
     }
     return true;
