@@ -1,5 +1,7 @@
 #include "lines/LineClock.h"
 
+#include "base/Calendar.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
@@ -12,19 +14,6 @@ constexpr int64_t kLatest = 8000000000000; ///< ms; what is built on it fits 64 
 constexpr int32_t kFarthestZone = 26 * 3600;
 constexpr int64_t kDay = 86400, kQuarter = 900; ///< seconds
 constexpr int64_t kMillisecond = 1000000, kSecond = 1000000000; ///< nanoseconds
-
-/** Days from the epoch to a day of the Gregorian calendar; days behind a month's end are of the next. */
-int64_t daysTo(int32_t year, int month, int day) {
-    constexpr int64_t kEraDays = 146097, kToEpoch = 719468; // 400 years; from March 1 of the year 0
-    const int32_t marchYear = year - (month <= 2 ? 1 : 0); // the leap day is its last
-    const int32_t era = marchYear / 400, yearOfEra = marchYear % 400;
-    const int32_t dayOfYear = (153 * ((month + 9) % 12) + 2) / 5 + day - 1;
-    return era * kEraDays + yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear - kToEpoch;
-}
-
-bool leapYear(int32_t year) {
-    return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
-}
 
 /** Offset of the environment's zone at a time in seconds since the epoch, 0 when that cannot be told. */
 int32_t environmentZone(int64_t seconds) {
@@ -93,9 +82,9 @@ bool LineClock::findDay(const LocalStamp& stamp) {
     const bool leapDay = stamp.month == 2 && stamp.day == 29;
     int64_t least = INT64_MAX;
     for (int32_t year = guess - kAround; year <= guess + kAround; ++year) {
-        const int64_t day = daysTo(year, stamp.month, stamp.day);
+        const int64_t day = secondsAt({year, stamp.month, stamp.day}) / kDay;
         const int64_t distance = std::abs(day - nearDay);
-        if ((leapDay && !leapYear(year)) || distance >= least)
+        if ((leapDay && daysOfMonth(year, 2) < 29) || distance >= least)
             continue;
         least = distance;
         mDay = day;

@@ -1,6 +1,6 @@
 #include "reader/Figures.h"
 
-#include "reader/Calendar.h"
+#include "base/Calendar.h"
 
 #include <algorithm>
 #include <cstdarg>

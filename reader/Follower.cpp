@@ -269,7 +269,7 @@ void Follower::Work::beginClock() {
         return;
     }
     mHistory.read(mStore.logs());
-    mClock.beginSection(clockFacts(mHistory.find(mTail.run()), mTail.modified()));
+    mClock.beginSection(clockFacts(mHistory.find(mTail.run()), mTail.modified(), 0));
 }
 
 /** Looks where text goes on behind the section that is read. */

@@ -1,7 +1,7 @@
 #include "reader/LineWords.h"
 
+#include "base/Calendar.h"
 #include "base/Text.h"
-#include "reader/Calendar.h"
 #include "storage/Layout.h"
 
 #include <cstdlib>

@@ -1,7 +1,7 @@
 #include "reader/RunHistory.h"
 
+#include "base/Clock.h"
 #include "base/Handles.h"
-#include "reader/TimeExpression.h"
 #include "storage/Layout.h"
 #include "storage/RunList.h"
 
@@ -48,7 +48,7 @@ void takeLine(const RunLine& line, ListedRun* run) {
         *run = {};
     story.number = line.number(RunKey::Run);
     int64_t time = 0;
-    if (parseZonedTime(line[RunKey::Time], &time, &story.zone)) {
+    if (readLocalDate(line[RunKey::Time], &time, &story.zone)) {
         story.zoneKnown = true;
         addPoint(line, time, &story.points);
         if (event == kRunStart)

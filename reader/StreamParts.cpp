@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <unistd.h>
 
@@ -26,9 +27,12 @@ constexpr uint32_t kSettlingForms = bitOf(LineForm::Time) | bitOf(LineForm::Thre
 
 } // namespace
 
-ClockFacts clockFacts(const RunStory* story, int64_t modified) {
+ClockFacts clockFacts(const RunStory* story, int64_t modified, int64_t before) {
+    constexpr int64_t kHalfYear = int64_t{183} * 86400 * 1000;
     ClockFacts facts;
-    facts.reference = modified;
+    if (before == 0 && story != nullptr)
+        before = std::max(story->start, story->end) * 1000;
+    facts.reference = before > 0 && std::abs(modified - before) > kHalfYear ? before : modified;
     if (story == nullptr)
         return facts;
     facts.points = story->points;
@@ -68,6 +72,7 @@ bool StreamParts::openRun(uint32_t run, std::string* remark) {
 }
 
 bool StreamParts::openSection(size_t index) {
+    mIndex = index;
     const bool open = fragments.open(sections.folder(), sections.run(), sections.sections()[index]);
     counts.opened += open ? 1 : 0;
     return open;
@@ -164,7 +169,9 @@ void StreamParts::beginClock() {
         mClock.beginSection(told.clock());
         return;
     }
-    mClock.beginSection(clockFacts(mHistory.find(sections.run()), text.modified()));
+    const SectionFacts* before = sections.follows(mIndex) ? sections.facts(mIndex - 1) : nullptr;
+    mClock.beginSection(
+        clockFacts(mHistory.find(sections.run()), text.modified(), before != nullptr ? before->lastTime : 0));
 }
 
 void StreamParts::plain(std::string_view bytes, const LinePlace& place, bool ended, Record* record) const {

@@ -15,8 +15,9 @@ namespace vnlog {
 constexpr uint32_t kRestLine = 0;
 
 /** What dates the lines of a section that tells nothing itself: what the list of runs tells of its run, null
- * for nothing, and when it was changed last, in ms since the epoch. */
-ClockFacts clockFacts(const RunStory* story, int64_t modified);
+ * for nothing, and when it was changed last, in ms since the epoch. A copy may have been changed, so to say,
+ * long after it was written: `before` is the last time in the section before it, 0 for unknown. */
+ClockFacts clockFacts(const RunStory* story, int64_t modified, int64_t before);
 
 /** What the directions of a LineStream have in common: the section that is read, and what a line is told by.
  * One thread at a time. */
@@ -61,6 +62,7 @@ class StreamParts {
     bool parseBefore(size_t first, size_t end, std::string* cutLine, bool* settled);
     void plain(std::string_view bytes, const LinePlace& place, bool ended, Record* record) const;
 
+    size_t mIndex = 0; ///< of the section that is open
     const StoreFolder& mFolder;
     const RunHistory& mHistory;
     FileDescriptor mCurrent; ///< folder of the run that was under way at the beginning

@@ -1,6 +1,6 @@
 #include "reader/TimeExpression.h"
 
-#include "reader/Calendar.h"
+#include "base/Calendar.h"
 
 #include <algorithm>
 
@@ -207,15 +207,6 @@ bool parseTime(std::string_view text, time_t now, int64_t* nanoseconds) {
     return parseWord(text, now, nanoseconds) || parseAge(text, now, nanoseconds) ||
            parseEpoch(text, nanoseconds) || parseTimeOfDay(text, now, nanoseconds) ||
            parseDated(text, nanoseconds) || parseLogDate(text, now, nanoseconds);
-}
-
-bool parseZonedTime(std::string_view text, int64_t* seconds, int32_t* zone) {
-    WrittenTime time;
-    if (!readDated(text, &time) || !time.zoned)
-        return false;
-    *zone = time.zone;
-    *seconds = secondsAt(time.civil) - time.zone;
-    return true;
 }
 
 } // namespace vnlog

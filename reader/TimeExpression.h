@@ -16,8 +16,4 @@ namespace vnlog {
  */
 [[nodiscard]] bool parseTime(std::string_view text, time_t now, int64_t* nanoseconds);
 
-/** Reads a time with date, time of day and zone, as in the list of runs: seconds since the epoch, and those
- * by which local time is ahead of UTC. False for anything else. */
-[[nodiscard]] bool parseZonedTime(std::string_view text, int64_t* seconds, int32_t* zone);
-
 } // namespace vnlog

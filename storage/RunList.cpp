@@ -181,27 +181,12 @@ uint32_t wantedRun(const std::string& text, const ParsedName& folder) {
     return wanted;
 }
 
-/** Reads a time as localDate writes it. */
-bool readDate(const std::string& text, int64_t* seconds, int32_t* zone) {
-    struct tm date {};
-    char sign = 0;
-    int hours = 0, minutes = 0;
-    if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d", &date.tm_year, &date.tm_mon,
-                    &date.tm_mday, &date.tm_hour, &date.tm_min, &date.tm_sec, &sign, &hours, &minutes) != 9)
-        return false;
-    date.tm_year -= 1900;
-    --date.tm_mon;
-    *zone = (hours * 60 + minutes) * 60 * (sign == '-' ? -1 : 1);
-    *seconds = int64_t{timegm(&date)} - *zone;
-    return *seconds > 0;
-}
-
 /** Takes from a line about a run what it tells of the run's clock. */
 void takeClock(const RunLine& line, SectionOrigin* origin) {
     const std::string& event = line[RunKey::Event];
     int64_t seconds = 0;
     int32_t zone = 0;
-    if (!readDate(line[RunKey::Time], &seconds, &zone))
+    if (!readLocalDate(line[RunKey::Time], &seconds, &zone))
         return;
     origin->zone = zone;
     origin->zoneKnown = true;

@@ -1,4 +1,4 @@
-#include "reader/Calendar.h"
+#include "base/Calendar.h"
 
 namespace vnlog {
 
