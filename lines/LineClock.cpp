@@ -13,6 +13,7 @@ namespace {
 constexpr int64_t kLatest = 8000000000000; ///< ms; what is built on it fits 64 bits in nanoseconds
 constexpr int32_t kFarthestZone = 26 * 3600;
 constexpr int64_t kDay = 86400, kQuarter = 900; ///< seconds
+constexpr std::string_view kLastWords = "the last words of the kernel";
 constexpr int64_t kMillisecond = 1000000, kSecond = 1000000000; ///< nanoseconds
 
 /** Offset of the environment's zone at a time in seconds since the epoch, 0 when that cannot be told. */
@@ -41,6 +42,7 @@ void LineClock::beginSection(const ClockFacts& facts) {
         tzset(); // localtime_r need not
     mMonth = mDayOfMonth = 0;
     mUniversal = mLocal = {};
+    mInLastWords = false;
     mLast = {};
     if (mFacts.begin > 0)
         mLast = {mFacts.begin * kMillisecond, zoneAt(mFacts.begin / 1000), TimeBasis::Near};
@@ -50,13 +52,31 @@ LineTime LineClock::timeOf(const LogLine& line) {
     LineTime time;
     if (line.stamp.month != 0)
         time = atStamp(line.stamp);
-    else if (line.kernelTime >= 0)
+    else if (line.kernelTime >= 0 && !isOfEarlierBoot(line))
         time = atKernelTime(line.kernelTime);
+    watchLastWords(line);
     if (time.basis != TimeBasis::None)
         return mLast = time;
     time = mLast;
     time.basis = mLast.basis != TimeBasis::None ? TimeBasis::Near : TimeBasis::None;
     return time;
+}
+
+/** The kernel's last words are stored at a start, in front of all that this boot has to say: they end where
+ * the kernel's clock goes back, or with an entry or a remark. */
+void LineClock::watchLastWords(const LogLine& line) {
+    if (line.source == LineSource::Service) {
+        mInLastWords = line.text.substr(0, kLastWords.size()) == kLastWords;
+        mWordsTime = 0;
+    } else if (line.kernelTime >= 0 ? !isOfEarlierBoot(line) : line.form != LineForm::Raw) {
+        mInLastWords = false;
+    } else {
+        mWordsTime = std::max(mWordsTime, line.kernelTime);
+    }
+}
+
+bool LineClock::isOfEarlierBoot(const LogLine& line) const {
+    return mInLastWords && line.kernelTime >= mWordsTime;
 }
 
 LineTime LineClock::atStamp(const LocalStamp& stamp) {

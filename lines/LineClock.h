@@ -43,7 +43,8 @@ struct LineTime {
  *
  * A stamp's year is the one in which its day is nearest to `reference`; without that to the last dated line
  * of the section or to `begin`; without all of them the line is not dated. Times are at most of the year
- * 2223.
+ * 2223. The kernel's last words, stored behind a line of the service that says so, count by the clock of an
+ * earlier boot, of which nothing is known: they are Near.
  */
 class LineClock {
   public:
@@ -57,6 +58,8 @@ class LineClock {
         int32_t zone = 0;
     };
 
+    void watchLastWords(const LogLine& line);
+    bool isOfEarlierBoot(const LogLine& line) const;
     LineTime atStamp(const LocalStamp& stamp);
     LineTime atKernelTime(int64_t microseconds);
     bool findDay(const LocalStamp& stamp);
@@ -69,6 +72,8 @@ class LineClock {
     int8_t mDayOfMonth = 0;
     int64_t mDay = 0; ///< days from the epoch to it
     Quarter mUniversal, mLocal; ///< looked up last
+    bool mInLastWords = false;
+    int64_t mWordsTime = 0; ///< of the newest line of these, in microseconds
 };
 
 } // namespace vnlog

@@ -113,7 +113,7 @@ class Minutes {
             out.write(block(at->second, highest) + "\n");
         }
         if (mUndated > 0)
-            out.write(printed("  %llu lines without a time\n", static_cast<unsigned long long>(mUndated)));
+            out.write(printed("  without a time: %llu\n", static_cast<unsigned long long>(mUndated)));
     }
 
   private:

@@ -31,8 +31,9 @@ ClockFacts clockFacts(const RunStory* story, int64_t modified, int64_t before) {
     constexpr int64_t kHalfYear = int64_t{183} * 86400 * 1000;
     ClockFacts facts;
     if (before == 0 && story != nullptr)
-        before = std::max(story->start, story->end) * 1000;
+        before = story->start * 1000;
     facts.reference = before > 0 && std::abs(modified - before) > kHalfYear ? before : modified;
+    facts.begin = before;
     if (story == nullptr)
         return facts;
     facts.points = story->points;

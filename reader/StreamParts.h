@@ -16,7 +16,8 @@ constexpr uint32_t kRestLine = 0;
 
 /** What dates the lines of a section that tells nothing itself: what the list of runs tells of its run, null
  * for nothing, and when it was changed last, in ms since the epoch. A copy may have been changed, so to say,
- * long after it was written: `before` is the last time in the section before it, 0 for unknown. */
+ * long after it was written: `before` is the last time in the section before it, 0 for unknown; the run's
+ * start is taken then. */
 ClockFacts clockFacts(const RunStory* story, int64_t modified, int64_t before);
 
 /** What the directions of a LineStream have in common: the section that is read, and what a line is told by.

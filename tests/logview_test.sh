@@ -56,6 +56,7 @@ stop_host
 configure KLOG_LEVEL=7 ALOG_FORMAT=raw MAX_LOG_SIZE=64
 start_host
 (for i in 1 2 3; do seq -f "flood %g of lines that nobody waits for" 50000 | $logwrite -t flood -p w & done; wait) # too much
+seq -f "flood %g, for which the writer waits" 40000 | $logwrite -t flood -p w --lossless
 printf '[%8s0000] no level\n' $(cut -d' ' -f1 /proc/uptime) >"$root/proc/kmsg"
 stored "no level"
 stored "lines lost here"

@@ -19,6 +19,7 @@
 
 #include <android/log.h>
 #include <cinttypes>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <unistd.h>
@@ -60,6 +61,13 @@ int reportGivenUp(const vnlog::Query& query) {
     return kWrongUsage;
 }
 
+/** The store's place, whole: whoever opens the report may be elsewhere. */
+std::string reportTitle(const ViewOptions& options, const OpenStore& store) {
+    const std::string& given = options.store.empty() ? store.root : options.store;
+    std::unique_ptr<char, decltype(&std::free)> whole(realpath(given.c_str(), nullptr), std::free);
+    return whole != nullptr ? whole.get() : given;
+}
+
 std::unique_ptr<vnlog::RecordSink> makeSink(const ViewOptions& options, const OpenStore& store,
                                             const vnlog::RunHistory& history, const ViewOutput& output,
                                             vnlog::TextOut& out) {
@@ -67,7 +75,7 @@ std::unique_ptr<vnlog::RecordSink> makeSink(const ViewOptions& options, const Op
     case Task::Statistics:
         return vnlog::makeStatistics(store.folder, history, out);
     case Task::Report:
-        return vnlog::makeReport(options.store.empty() ? store.root : options.store, history, out);
+        return vnlog::makeReport(reportTitle(options, store), history, out, options.selection);
     case Task::Lines:
     case Task::Runs:
     case Task::Verify:

@@ -209,6 +209,17 @@ int takeLineOption(int choice, ViewOptions* options, Context* context) {
     }
 }
 
+/** Notes an option that chooses lines, for whoever is to know later what was chosen. */
+void noteSelection(int choice, std::string* selection) {
+    constexpr std::string_view kChoosing = "bSUptkagvFn";
+    if (choice > 0x7f || kChoosing.find(static_cast<char>(choice)) == kChoosing.npos)
+        return;
+    *selection += selection->empty() ? "-" : " -";
+    *selection += static_cast<char>(choice);
+    if (optarg != nullptr)
+        *selection += std::string(" '") + optarg + "'";
+}
+
 int takeOption(int choice, ViewOptions* options, Context* context) {
     switch (choice) {
     case 'D':
@@ -317,11 +328,15 @@ int readCommandLine(int argc, char** argv, ViewOptions* options) {
     Context context;
     int status = kGoOn;
     for (int choice;
-         status == kGoOn && (choice = getopt_long(argc, argv, kLetters, kOptions, nullptr)) != -1;)
+         status == kGoOn && (choice = getopt_long(argc, argv, kLetters, kOptions, nullptr)) != -1;) {
         status = takeOption(choice, options, &context);
+        noteSelection(choice, &options->selection);
+    }
     if (status != kGoOn)
         return status == kFailure ? kWrongUsage : status;
     options->query.patterns.insert(options->query.patterns.end(), argv + optind, argv + argc);
+    for (int i = optind; i < argc; ++i)
+        options->selection += std::string(options->selection.empty() ? "'" : " '") + argv[i] + "'";
     options->before = context.before.value_or(context.around.value_or(0));
     options->after = context.after.value_or(context.around.value_or(0));
     std::string objection = objectionTo(*options);

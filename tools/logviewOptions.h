@@ -29,6 +29,7 @@ struct ViewOptions {
     std::string store; ///< a folder or a bundle; empty for that of the service
     std::string bundle; ///< the file to be made
     std::string runs; ///< as given, empty for all
+    std::string selection; ///< the options and patterns that choose lines, as given; empty for all
     vnlog::QueryOptions query;
     vnlog::OutputForm form = vnlog::OutputForm::Short;
     bool formGiven = false;
