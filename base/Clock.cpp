@@ -2,7 +2,7 @@
 
 #include "base/Calendar.h"
 
-#include <cstdio>
+#include <algorithm>
 
 namespace vnlog {
 
@@ -35,20 +35,20 @@ std::string localDate(time_t time) {
 }
 
 bool readLocalDate(std::string_view text, int64_t* seconds, int32_t* zone) {
-    CivilTime date;
-    char sign = 0;
-    int hours = 0, minutes = 0, end = 0;
-    const std::string whole(text);
-    if (std::sscanf(whole.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c%2d:%2d%n", &date.year, &date.month, &date.day,
-                    &date.hour, &date.minute, &date.second, &sign, &hours, &minutes, &end) != 9)
+    constexpr std::string_view kForm = "0000-00-00T00:00:00+00:00"; // digits, and what stands between them
+    auto fits = [](char c, char form) {
+        return form == '0' ? c >= '0' && c <= '9' : c == form || (form == '+' && c == '-');
+    };
+    if (text.size() != kForm.size() || !std::equal(text.begin(), text.end(), kForm.begin(), fits))
         return false;
-    auto within = [](int number, int most) { return number >= 0 && number <= most; };
-    if (static_cast<size_t>(end) != whole.size() || date.year < 1970 || date.month < 1 || date.month > 12 ||
-        date.day < 1 || date.day > daysOfMonth(date.year, date.month) || !within(date.hour, 23) ||
-        !within(date.minute, 59) || !within(date.second, 60) || (sign != '+' && sign != '-') ||
-        !within(hours, 23) || !within(minutes, 59))
+    auto pair = [&](size_t at) { return (text[at] - '0') * 10 + (text[at + 1] - '0'); };
+    const CivilTime date{pair(0) * 100 + pair(2), pair(5), pair(8), pair(11), pair(14), pair(17)};
+    const int hours = pair(20), minutes = pair(23);
+    if (date.year < 1970 || date.month < 1 || date.month > 12 || date.day < 1 ||
+        date.day > daysOfMonth(date.year, date.month) || date.hour > 23 || date.minute > 59 ||
+        date.second > 60 || hours > 23 || minutes > 59)
         return false;
-    *zone = (hours * 60 + minutes) * 60 * (sign == '-' ? -1 : 1);
+    *zone = (hours * 60 + minutes) * 60 * (text[19] == '-' ? -1 : 1);
     *seconds = secondsAt(date) - *zone;
     return *seconds >= 0;
 }

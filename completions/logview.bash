@@ -2,11 +2,15 @@
 
 # The runs of the store that the line so far names.
 _logview_runs() {
-    local i store=()
+    local i path store=()
     for ((i = 1; i < COMP_CWORD; i++)); do
+        path=${COMP_WORDS[i + 1]}
+        [ "$path" != = ] || path=${COMP_WORDS[i + 2]} # --option=path is three words here
+        path=${path/#~\//$HOME/}
         case ${COMP_WORDS[i]} in
-        -D | --directory) store=(-D "${COMP_WORDS[i + 1]}") ;;
-        --sysroot) store=(--sysroot "${COMP_WORDS[i + 1]}") ;;
+        -D | --directory) store=(-D "$path") ;;
+        -D?*) store=(-D "${COMP_WORDS[i]#-D}") ;;
+        --sysroot) store=(--sysroot "$path") ;;
         esac
     done
     logview "${store[@]}" --no-pager --list-runs 2>/dev/null | awk '$1 ~ /^[1-9][0-9]*$/ { print $1 }'

@@ -225,7 +225,7 @@ uint32_t checkSums(const std::string& folder, Damage* damage) {
         if (!file.valid() || !sumOf(file.get(), &sum))
             damage->add("'" + name + "' is missing");
         else if (sum != text.substr(0, blank))
-            damage->add("'" + name + "' is not as its sum in SHA256SUMS says");
+            damage->add("'" + std::move(name) + "' is not as its sum in SHA256SUMS says");
         else
             ++right;
     }

@@ -2,7 +2,9 @@
 
 #include "base/Handles.h"
 #include "reader/Figures.h"
+#include "storage/Archive.h"
 #include "storage/Layout.h"
+#include "storage/RunList.h"
 #include "storage/SectionFacts.h"
 
 #include <algorithm>
@@ -15,7 +17,6 @@ namespace vnlog {
 
 namespace {
 
-constexpr uint32_t kMemberText = 262144; ///< most text in one member of an archive of ours
 constexpr uint32_t kMemberBytes = kMemberText + 2048; ///< and most bytes that such a member takes
 constexpr uint32_t kBestRatio = 1032; ///< deflate makes no more text than that of a byte
 constexpr std::string_view kMemberBegin = "\x1F\x8B\x08";
@@ -146,9 +147,10 @@ void RunAdder::readSections(uint32_t run, uint32_t first, uint32_t last, RunSum*
 std::string endOf(uint32_t run, const RunStory* story) {
     if (run == kCurrentRun)
         return "under way";
-    if (story == nullptr || story->how.empty())
-        return "unknown";
-    return story->how == "no_end" ? "crash or power cut" : story->how;
+    const std::string how = story != nullptr ? story->how : "";
+    if (how == kRunMoved)
+        return "moved to another root";
+    return how == kRunStopped ? "stopped" : how == kRunNoEnd ? "crash or power cut" : "unknown";
 }
 
 /** A time of the lines, or else of the list of runs; "-" without either. */

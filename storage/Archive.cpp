@@ -16,7 +16,6 @@ namespace vnlog {
 namespace {
 
 constexpr size_t kPiece = 16384; ///< bytes that are decoded and compared at a time
-constexpr size_t kMemberText = 262144; ///< of text in a member of an archive; an ordinary section is shorter
 constexpr size_t kMemberRest =
     10 + 2 + kLargestFacts + NAME_MAX + 1 + 8; ///< bytes of a member around the compressed ones
 constexpr int kGzipWindow = 15 + 16; ///< the largest window; 16 asks zlib for gzip's header and trailer

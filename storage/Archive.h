@@ -12,6 +12,9 @@ struct libdeflate_compressor;
 /* The gzip form of a text, written and compared. Any thread that is not cancelled meanwhile. */
 namespace vnlog {
 
+/** Bytes of text in a member of an archive, but for the last; an ordinary section is shorter. */
+constexpr uint32_t kMemberText = 262144;
+
 class SectionSummary;
 
 /**

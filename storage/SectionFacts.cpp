@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 #include <unistd.h>
+#include <zlib.h>
 
 namespace vnlog {
 
@@ -35,7 +36,8 @@ constexpr uint8_t kLostKnown = 1, kContinues = 2, kContinuesKnown = 4, kOpenEnd 
 // Bytes of what a part has, or has several of.
 constexpr size_t kNumberSize = 4, kPointSize = 16, kTimesSize = 24, kLinesSize = 9, kCountSize = 5,
                  kLossesSize = 8;
-static_assert(kLineSources * kPriorities * kCountSize <= UINT8_MAX, "a part's length is one byte");
+constexpr size_t kPayloadStart = 1 + kNumberSize; ///< version and checksum
+static_assert(size_t{kLineSources} * kPriorities * kCountSize <= UINT8_MAX, "a part's length is one byte");
 
 void put(std::string* to, uint64_t value, size_t bytes) {
     for (size_t i = 0; i < bytes; ++i)
@@ -171,10 +173,17 @@ bool takePart(uint8_t part, std::string_view content, SectionFacts* facts) {
     }
 }
 
+/** Of the parts: whoever trusts the facts passes whole sections over. */
+uint32_t checksum(std::string_view parts) {
+    return static_cast<uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef*>(parts.data()), static_cast<uInt>(parts.size())));
+}
+
 /** Reads the payload. It has each part once at most, and those that a reader cannot be without. */
 bool takePayload(std::string_view payload, SectionFacts* facts) {
     Bytes bytes(payload);
-    if (bytes.takeNumber(1) != kVersion)
+    if (payload.size() < kPayloadStart || bytes.takeNumber(1) != kVersion ||
+        bytes.takeSmall() != checksum(payload.substr(kPayloadStart)))
         return false;
     uint32_t seen = 0;
     while (bytes.left() > 0) {
@@ -227,9 +236,8 @@ std::string encodePoints(const std::vector<ClockPoint>& points) {
     return text;
 }
 
-std::string encodePayload(const SectionFacts& facts) {
+std::string encodeParts(const SectionFacts& facts) {
     std::string payload, run, zone, times, losses;
-    put(&payload, kVersion, 1);
     if (facts.origin.run > 0)
         put(&run, facts.origin.run, kNumberSize);
     putPart(&payload, kRun, run);
@@ -271,10 +279,12 @@ ClockFacts SectionFacts::clock() const {
 }
 
 std::string encodeFacts(const SectionFacts& facts) {
-    const std::string payload = encodePayload(facts);
+    const std::string parts = encodeParts(facts);
     std::string extra(kIdentity, sizeof kIdentity);
-    put(&extra, payload.size(), 2);
-    return extra + payload;
+    put(&extra, kPayloadStart + parts.size(), 2);
+    put(&extra, kVersion, 1);
+    put(&extra, checksum(parts), kNumberSize);
+    return extra + parts;
 }
 
 bool decodeFacts(std::string_view extra, SectionFacts* facts) {

@@ -25,7 +25,7 @@ std::string capturedText() {
 } // namespace
 
 bool eventually(const std::function<bool()>& condition) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end)
             return false;

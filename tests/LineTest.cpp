@@ -6,6 +6,7 @@
 #include "storage/SectionFacts.h"
 
 #include <log/logprint.h>
+#include <zlib.h>
 
 using namespace vnlog;
 using namespace std::string_literals;
@@ -187,13 +188,14 @@ TEST_F(LineTest, LinesAreDatedByWhatIsKnown) {
 /** The example of docs/on-disk-format.md, and whatever else is written. */
 TEST_F(LineTest, FactsAreReadAsTheyAreWrittenAndDamagedOnesCostNothing) {
     const std::string example(
-        "VL\x85\0\x01\x01\x04\x07\0\0\0\x02\x24"
+        "VL\x89\0\x01\x69\xfb\x83\x75"
+        "\x01\x04\x07\0\0\0\x02\x24"
         "0a1e5d7c-33cb-4f0e-9a51-6d3e1c7f2b90"
         "\x03\x10\0\0\0\0\0\0\0\0\x72\x34\xa3\x08\xa2\x01\0\0\x04\x04\x10\x0e\0\0"
         "\x05\x18\x20\x12\xa4\x08\xa2\x01\0\0\xd3\x62\xa3\x08\xa2\x01\0\0\x2c\x10\xa4\x08\xa2\x01\0\0"
         "\x06\x09\x04\0\0\0\x20\x05\0\0\x0d\x07\x0f\x04\x02\0\0\0\x08\x01\0\0\0\x10\x01\0\0\0"
         "\x08\x08\0\0\0\0\x0c\0\0\0",
-        137);
+        141);
     SectionFacts told, read;
     ASSERT_TRUE(decodeFacts(example, &told) && encodeFacts(told) == example);
     EXPECT_TRUE(told.origin.run == 7 && told.origin.boot[7] == 'c' && told.lines == 4 && told.forms == 0x520);
@@ -212,9 +214,20 @@ TEST_F(LineTest, FactsAreReadAsTheyAreWrittenAndDamagedOnesCostNothing) {
         ASSERT_TRUE(field.size() <= kLargestFacts && !decodeFacts(field.substr(0, field.size() - 1), &read));
         std::string hit = field + "\x09\x01!"; // a part of a later version
         hit[2] = char(hit.size() - 4), hit[3] = char((hit.size() - 4) >> 8);
+        auto seal = [&] {
+            const auto sum =
+                uint32_t(crc32(0, reinterpret_cast<const Bytef*>(&hit[9]), uInt(hit.size() - 9)));
+            for (int byte = 0; byte < 4; ++byte)
+                hit[5 + byte] = char(sum >> 8 * byte);
+        };
+        seal();
         ASSERT_TRUE(decodeFacts(hit, &read) && encodeFacts(read) == field);
-        for (size_t hits = 1 + random() % 3; hits > 0; --hits)
+        hit[9 + random() % (hit.size() - 9)] ^= char(1 << random() % 8);
+        ASSERT_FALSE(decodeFacts(hit, &read));
+        for (size_t hits = random() % 3; hits > 0; --hits)
             hit[random() % hit.size()] = char(random());
+        if (random() % 8 > 0)
+            seal();
         const std::string size{char(hit.size()), char(hit.size() >> 8)};
         writeFile(home + "/a", "\x1f\x8b\x08\x04......" + size + hit.substr(random() % 9 / 8));
         const bool facts = readFacts(openFile((home + "/a").c_str(), O_RDONLY).get(), &read);

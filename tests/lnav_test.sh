@@ -14,7 +14,7 @@ lnav -i "$1" >/dev/null
 lnav -C
 cat >"$home/log_1.txt" <<'END'
 32:00.770  1234  5678 I Tag     : cut
-<4>[   12.345678] level
+<12>[   12.345678] level
 --------- 12 lines lost here: full
 11-23 14:40:55.123  1234  5678 E Cam era : a: (2): b
 [   13.345678] none

@@ -209,6 +209,7 @@ offers "json" -o j
 offers "warning" --priority = w
 offers "--list-runs" --lis
 offers "all 0 -1 1 2 3" -D "$store" -b ""
+offers "all 0 -1 1 2 3" --directory = "$store" -b ""
 
 # --- followed through cuts, a restart and another root
 $logset ALOG_FORMAT raw
