@@ -367,6 +367,7 @@ void LineParser::parse(std::string_view line, LogLine* parsed) {
         }
     }
     *parsed = mHeading;
+    parsed->tag = std::string_view(mTag, mTagLength);
     parsed->text = line;
     if (line.empty())
         mOpen = Entry::AfterEmptyLine;
@@ -374,10 +375,10 @@ void LineParser::parse(std::string_view line, LogLine* parsed) {
 
 /** Keeps the fields of a heading for the lines below it. */
 void LineParser::openEntry(const LogLine& heading) {
-    size_t length = std::min(heading.tag.size(), sizeof mTag);
-    std::copy_n(heading.tag.data(), length, mTag);
+    mTagLength = std::min(heading.tag.size(), sizeof mTag);
+    std::copy_n(heading.tag.data(), mTagLength, mTag);
     mHeading = heading;
-    mHeading.tag = std::string_view(mTag, length);
+    mHeading.tag = {};
     mHeading.heading = false;
     mHeading.inside = true;
     mOpen = Entry::Open;

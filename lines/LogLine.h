@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -89,8 +90,9 @@ class LineParser {
     void openEntry(const LogLine& heading);
 
     Entry mOpen = Entry::None;
-    LogLine mHeading; ///< of the entry; its tag lies in mTag
+    LogLine mHeading; ///< of the entry, without the tag, for a copy has its own
     char mTag[256] = {};
+    size_t mTagLength = 0;
 };
 
 } // namespace vnlog

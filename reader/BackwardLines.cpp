@@ -96,10 +96,8 @@ void BackwardLines::readWindow(uint32_t wanted) {
     mLines.clear();
     mTags.clear();
     const bool last = wanted == kLastWindow;
-    const StoredSection& section = mParts.sections.sections()[mLeft];
     std::string fragment;
-    if (last ? mParts.openSection(mLeft)
-             : mParts.fragments.open(mParts.sections.folder(), mParts.sections.run(), section)) {
+    if (last ? mParts.openSection(mLeft) : mParts.reopenSection(mLeft)) {
         mParts.beginClock();
         if (!keepAll(wanted, &fragment))
             return;
@@ -107,7 +105,18 @@ void BackwardLines::readWindow(uint32_t wanted) {
     if (last)
         finishSection(std::move(fragment), wanted);
     else
-        mWindow = wanted; // the text is shorter than it was
+        tellShorter(wanted);
+}
+
+/** Deals with a section of which less can be read than the first time. */
+void BackwardLines::tellShorter(uint32_t wanted) {
+    if (mWindow < wanted)
+        mLines.clear(); // they have their turn
+    const TextState state = mParts.fragments.text().state();
+    mWindow = state == TextState::Whole || state == TextState::Damaged ? wanted : 0;
+    const std::string finding = mParts.countFinding();
+    if (!finding.empty())
+        mExtra.push_back({finding, place(mLeft, mLine), true, true});
 }
 
 /** Keeps the lines that are wanted; `last` becomes one without an end. False when more follow those. */

@@ -42,6 +42,7 @@ class BackwardLines {
     bool goBack();
     void enter();
     void readWindow(uint32_t wanted);
+    void tellShorter(uint32_t wanted);
     bool keepAll(uint32_t wanted, std::string* last);
     void takeHead(const Fragment& fragment, uint32_t wanted);
     bool keep(std::string_view bytes, bool ended, bool rest, uint32_t wanted);

@@ -5,11 +5,20 @@
 
 namespace vnlog {
 
-bool Fragments::open(int run, uint32_t name, const StoredSection& section) {
+void Fragments::forget() {
     mPiece = {};
     mCarry.clear();
     mGiven = false;
+}
+
+bool Fragments::open(int run, uint32_t name, const StoredSection& section) {
+    forget();
     return mText.open(run, name, section);
+}
+
+bool Fragments::rewind() {
+    forget();
+    return mText.rewind();
 }
 
 bool Fragments::next(Fragment* fragment) {

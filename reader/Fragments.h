@@ -19,16 +19,19 @@ struct Fragment {
 class Fragments {
   public:
     /** Of a line. */
-    static constexpr size_t kLongest = 1048576;
+    static constexpr size_t kLongest = 262144;
 
     /** Goes to the beginning of a section, see SectionText::open. */
     [[nodiscard]] bool open(int run, uint32_t name, const StoredSection& section);
+    /** Goes back to its beginning, see SectionText::rewind. */
+    [[nodiscard]] bool rewind();
     /** The next fragment, valid until the next call. One without an end or a cut is the section's last. */
     [[nodiscard]] bool next(Fragment* fragment);
     const SectionText& text() const { return mText; }
     void close() { mText.close(); }
 
   private:
+    void forget();
     bool join(size_t length, Fragment* fragment);
 
     SectionText mText;

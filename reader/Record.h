@@ -12,6 +12,9 @@ namespace vnlog {
 /** Stands for the run that is under way. */
 constexpr uint32_t kCurrentRun = 0;
 
+/// How remarks of the reader begin.
+constexpr char kReaderStart[] = "--------- logview: ";
+
 /** Where a line is stored. */
 struct LinePlace {
     uint32_t run = kCurrentRun; ///< M of last_M

@@ -49,14 +49,20 @@ bool SectionText::open(int run, uint32_t name, const StoredSection& section) {
         return false;
     if (mArchive.valid() && mPlain.valid())
         settlePair();
-    if (mArchive.valid())
-        return beginArchive();
-    mSource = Source::Plain;
+    return rewind();
+}
+
+bool SectionText::rewind() {
+    mState = TextState::Whole;
+    mFinding.clear();
+    mStream = nullptr;
+    mAtText = mPlain.valid();
     struct stat info {};
-    if (fstat(mPlain.get(), &info) != 0)
+    if (mPlain.valid() && (fstat(mPlain.get(), &info) != 0 || lseek(mPlain.get(), 0, SEEK_SET) < 0))
         return failed(errno);
     mPlainLeft = static_cast<uint64_t>(info.st_size);
-    return true;
+    mSource = Source::Plain;
+    return !mArchive.valid() || beginArchive();
 }
 
 /** Opens what there is of the two files now. */
@@ -66,10 +72,13 @@ bool SectionText::openFiles(int run, const StoredSection& section) {
         mPlain = openStored(run, textName(mNumber).text);
         error = mPlain.valid() ? 0 : errno;
     }
+    mAtText = section.text && (error != ENOENT || !section.archive);
     if (section.archive || error == ENOENT) {
         mArchive = openStored(run, archiveName(mNumber).text);
-        if (!mArchive.valid() && !mPlain.valid() && (errno != ENOENT || error == ENOENT))
+        if (!mArchive.valid() && !mPlain.valid() && errno != ENOENT) {
             error = errno;
+            mAtText = false;
+        }
     }
     return mPlain.valid() || mArchive.valid() || failed(error);
 }
@@ -81,13 +90,6 @@ void SectionText::settlePair() {
         mPlain = FileDescriptor();
     else if (kind != PairKind::Different)
         mArchive = FileDescriptor();
-    if (mArchive.valid())
-        (void)lseek(mArchive.get(), 0, SEEK_SET);
-    if (!mPlain.valid())
-        return;
-    (void)lseek(mPlain.get(), 0, SEEK_SET);
-    struct stat info {};
-    mPlainLeft = fstat(mPlain.get(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
 }
 
 bool SectionText::getMemory() {
@@ -102,7 +104,8 @@ bool SectionText::getMemory() {
 
 bool SectionText::beginArchive() {
     struct stat info {};
-    if (fstat(mArchive.get(), &info) != 0)
+    mAtText = false;
+    if (fstat(mArchive.get(), &info) != 0 || lseek(mArchive.get(), 0, SEEK_SET) < 0)
         return failed(errno);
     if (!getMemory())
         return failed(ENOMEM);
@@ -216,7 +219,8 @@ SectionText::Step SectionText::inflatePiece(std::string_view* piece) {
 
 /** Goes on with a text that is another than its archive, if there is one. */
 SectionText::Step SectionText::endArchive() {
-    mSource = mPlain.valid() ? Source::Plain : Source::None;
+    mAtText = mPlain.valid();
+    mSource = mAtText ? Source::Plain : Source::None;
     return Step::Again;
 }
 
@@ -254,8 +258,7 @@ bool SectionText::failed(int error) {
 }
 
 std::string SectionText::shown() const {
-    const bool plain = mPlain.valid() && !mArchive.valid();
-    return shownName(mRun, plain ? textName(mNumber) : archiveName(mNumber)).text;
+    return shownName(mRun, mAtText ? textName(mNumber) : archiveName(mNumber)).text;
 }
 
 int64_t SectionText::modified() const {

@@ -37,6 +37,9 @@ class SectionText {
     /** Goes to the beginning of a section of the run whose folder is open as `run`, known by number `name`. A
      * text that has become an archive since it was listed is read as one. False: see state(). */
     [[nodiscard]] bool open(int run, uint32_t name, const StoredSection& section);
+    /** Goes back to the beginning of the section that is open, which may have been deleted since. False: see
+     * state(). */
+    [[nodiscard]] bool rewind();
     /** The next bytes, valid until the next call; never none. False at the end: see state(). */
     [[nodiscard]] bool read(std::string_view* piece);
     void close();
@@ -46,6 +49,8 @@ class SectionText {
     const std::string& finding() const { return mFinding; }
     /** The archive, where one is read, -1 otherwise. */
     int archive() const { return mArchive.get(); }
+    /** Of the section that was opened last. */
+    uint32_t number() const { return mNumber; }
     /** When the section was changed last, in ms since the epoch. */
     int64_t modified() const;
 
@@ -72,6 +77,7 @@ class SectionText {
 
     FileDescriptor mArchive, mPlain;
     uint32_t mRun = 0, mNumber = 0;
+    bool mAtText = false; ///< the text is what is looked at, and not the archive
     TextState mState = TextState::Whole;
     std::string mFinding;
     enum class Source : uint8_t { None, Members, Inflated, Plain } mSource = Source::None;

@@ -13,7 +13,6 @@ namespace vnlog {
 namespace {
 
 constexpr char kOwnStart[] = "--------- ";
-constexpr char kRemarkStart[] = "--------- logview: ";
 constexpr size_t kLookBack = 4; ///< sections in which an entry may have begun that goes on
 
 constexpr uint32_t bitOf(LineForm form) {
@@ -65,7 +64,7 @@ bool StreamParts::openRun(uint32_t run, std::string* remark) {
         return false;
     char reason[128];
     const Path name = runFolder(kRunName, run);
-    *remark = std::string(kRemarkStart) + (run == kCurrentRun ? kCurrentFolder : name.text) +
+    *remark = std::string(kReaderStart) + (run == kCurrentRun ? kCurrentFolder : name.text) +
               " cannot be read: " + strerror_r(errno, reason, sizeof reason);
     ++counts.unreadable;
     sections.close();
@@ -77,6 +76,13 @@ bool StreamParts::openSection(size_t index) {
     const bool open = fragments.open(sections.folder(), sections.run(), sections.sections()[index]);
     counts.opened += open ? 1 : 0;
     return open;
+}
+
+bool StreamParts::reopenSection(size_t index) {
+    const StoredSection& section = sections.sections()[index];
+    return fragments.text().number() == section.number
+               ? fragments.rewind()
+               : fragments.open(sections.folder(), sections.run(), section);
 }
 
 std::string StreamParts::countFinding() {
@@ -93,7 +99,7 @@ std::string StreamParts::countFinding() {
         ++counts.unreadable;
         break;
     }
-    return kRemarkStart + fragments.text().finding();
+    return kReaderStart + fragments.text().finding();
 }
 
 bool StreamParts::beginsWithin(size_t index, std::string* cutLine) {

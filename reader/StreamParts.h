@@ -33,6 +33,9 @@ class StreamParts {
     [[nodiscard]] bool openRun(uint32_t run, std::string* remark);
     /** Goes to a section. False: it cannot be read, see countFinding. */
     [[nodiscard]] bool openSection(size_t index);
+    /** Goes back to the beginning of such a section, of which nothing is lost when it was deleted since and
+     * no other was read. False: it cannot be read, see countFinding. */
+    [[nodiscard]] bool reopenSection(size_t index);
     /** Counts what is wrong with the section that is open and gives it as a remark, empty when nothing is. */
     std::string countFinding();
     bool outside(size_t index) { return sections.outside(index, scope.since, scope.until); }
