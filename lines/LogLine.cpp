@@ -14,6 +14,7 @@ constexpr size_t kTagWidth = 8; ///< to which the Android forms fill a tag up
 constexpr size_t kIdWidth = 5; ///< and the number of a process or thread
 constexpr size_t kStampLength = 18; ///< "11-23 14:40:55.123"
 constexpr size_t kLongestId = 10; ///< digits of one
+constexpr size_t kLongestEntry = 5120; ///< bytes of text that the logger driver takes
 constexpr size_t kLongestSeconds = 9; ///< digits of the kernel's seconds: their nanoseconds fit 64 bits
 
 constexpr LogLine blankLine() {
@@ -355,6 +356,9 @@ int8_t priorityOfLevel(int level) {
 }
 
 void LineParser::parse(std::string_view line, LogLine* parsed) {
+    mEntryBytes += line.size() + 1;
+    if (mEntryBytes > kLongestEntry)
+        mOpen = Entry::None;
     if (mOpen != Entry::Open) {
         parseAlone(line, parsed);
         if (parsed->heading) {
@@ -382,6 +386,7 @@ void LineParser::openEntry(const LogLine& heading) {
     mHeading.heading = false;
     mHeading.inside = true;
     mOpen = Entry::Open;
+    mEntryBytes = 0;
 }
 
 } // namespace vnlog

@@ -73,7 +73,8 @@ int8_t priorityOfLevel(int level);
  * an end of "(pid)" there is the form Brief and not Tag; a tag in the form Process begins behind the last "
  * (". Blanks at the end of a tag are taken for what fills it up. Whatever is written like a line of the
  * kernel or the service is one. An entry in the long form goes from its heading to its first empty line,
- * whatever is in between; behind that, to the next line that has a form of its own.
+ * whatever is in between; behind that, to the next line that has a form of its own; it has no
+ * more than 5,120 bytes, so that what only looks like a heading does not take in what follows.
  * The lines below a heading have 256 characters of its tag at most.
  */
 class LineParser {
@@ -93,6 +94,7 @@ class LineParser {
     LogLine mHeading; ///< of the entry, without the tag, for a copy has its own
     char mTag[256] = {};
     size_t mTagLength = 0;
+    size_t mEntryBytes = 0; ///< of its text so far
 };
 
 } // namespace vnlog

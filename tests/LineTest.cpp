@@ -129,6 +129,9 @@ TEST(LineParser, OtherLinesAndBytesOfAnyKind) {
         seen += std::to_string(int(found.form)) + (found.inside ? "i " : " ");
     }
     EXPECT_EQ(seen, "4 4 4 4 4 4 4 4 4 4 4 4 4 4 7 7i 7i 7i 0 9 4 ");
+    parser.parse("[ 01-02 03:04:05.006     7:    8 I/Tag      ]", &found); // in the text of another form
+    for (size_t bytes = 0; bytes < 5120; bytes += 512)
+        parser.parse(std::string(511, 'x'), &found);
     for (auto& [line, fields] : table) {
         parser.parse(lines.emplace_back(line), &found);
         EXPECT_EQ(fieldsOf(found), std::regex_replace(fields, std::regex("\\$"), "-1 -1 0 0 0 0 0.0"));
