@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -211,7 +212,7 @@ class Unpacking {
 uint32_t checkSums(const std::string& folder, Damage* damage) {
     Stream sums = openForReading((folder + "/" + kSumsName).c_str());
     char line[1024];
-    uint32_t right = 0;
+    std::set<std::string> right;
     while (sums != nullptr && std::fgets(line, sizeof line, sums.get()) != nullptr) {
         std::string_view text(line, std::strcspn(line, "\n"));
         size_t blank = text.find("  ");
@@ -219,7 +220,7 @@ uint32_t checkSums(const std::string& folder, Damage* damage) {
         std::string sum;
         if (blank == std::string_view::npos || bundleEntry(name) != BundleEntry::File) {
             damage->add("SHA256SUMS is damaged");
-            return right;
+            return static_cast<uint32_t>(right.size());
         }
         FileDescriptor file = openFile((folder + "/" + name).c_str(), O_RDONLY | O_NOFOLLOW);
         if (!file.valid() || !sumOf(file.get(), &sum))
@@ -227,9 +228,9 @@ uint32_t checkSums(const std::string& folder, Damage* damage) {
         else if (sum != text.substr(0, blank))
             damage->add("'" + std::move(name) + "' is not as its sum in SHA256SUMS says");
         else
-            ++right;
+            right.insert(std::move(name));
     }
-    return right;
+    return static_cast<uint32_t>(right.size());
 }
 
 /** The process that removes a folder when nobody has the other end of the pipe any more. */
@@ -259,7 +260,9 @@ Reader openArchive(int fd, std::string* error) {
     if (begun && archive_read_open_fd(in.get(), fd, kPiece) >= ARCHIVE_WARN)
         return in;
     const char* told = begun ? archive_error_string(in.get()) : nullptr;
-    *error = "it is no bundle: " + (told != nullptr ? shown(told) : reasonOf(ENOMEM));
+    *error = "it is no bundle: " + (!begun            ? reasonOf(ENOMEM)
+                                    : told != nullptr ? shown(told)
+                                                      : "it is cut off");
     return nullptr;
 }
 

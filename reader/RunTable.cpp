@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <set>
 #include <unistd.h>
+#include <vector>
 
 namespace vnlog {
 
@@ -55,7 +55,7 @@ class RunAdder {
     const StoreFolder& mFolder;
     LineStream mStream;
     std::string mArchive; ///< the bytes of one
-    std::set<uint32_t> mMeasured; ///< sections of the run whose plain size is in the sum
+    std::vector<uint32_t> mMeasured; ///< sections of the run whose plain size is in the sum, ascending
     bool mDamaged = false;
 };
 
@@ -95,7 +95,7 @@ bool RunAdder::takeTold(const std::string& run, const StoredSection& section, bo
         archive = openFile(packed.text, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     if (section.archive && !(archive.valid() && textSize(archive.get(), archiveBytes, &size)))
         return false;
-    mMeasured.insert(section.number);
+    mMeasured.push_back(section.number);
     sum->plain += section.archive ? size : textBytes;
     if (!section.archive || !readFacts(archive.get(), &facts) || !facts.continuesKnown || size < facts.lines)
         return false;
@@ -132,7 +132,7 @@ void RunAdder::readSections(uint32_t run, uint32_t first, uint32_t last, RunSum*
         if (record.line.source == LineSource::Reader)
             continue;
         sum->lines++;
-        if (mMeasured.count(record.place.section) == 0)
+        if (!std::binary_search(mMeasured.begin(), mMeasured.end(), record.place.section))
             sum->plain += record.bytes.size() + (record.ended ? 1 : 0);
         if (record.time.basis == TimeBasis::None)
             continue;

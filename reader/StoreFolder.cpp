@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
 
 namespace vnlog {
 
@@ -53,16 +52,30 @@ bool isLogFolder(const std::string& path) {
     return holdsRuns(path) || (name == kLogFolder && openFolder(AT_FDCWD, path.c_str(), 0).valid());
 }
 
-void addSection(const StoredEntry& entry, std::map<uint32_t, StoredSection>* found) {
+void addSection(const StoredEntry& entry, std::vector<StoredSection>* found) {
     const bool older = entry.kind == NameKind::OlderArchive || entry.kind == NameKind::OlderText;
     const bool archive = entry.kind == NameKind::Archive || entry.kind == NameKind::OlderArchive;
     const bool text = entry.kind == NameKind::PlainText || entry.kind == NameKind::OlderText;
     if (entry.type != EntryType::File || (!archive && !text) || (entry.number == 0 && !older))
         return;
-    StoredSection& section = (*found)[entry.number];
-    section.number = entry.number;
-    section.archive = section.archive || archive;
-    section.text = section.text || text;
+    found->push_back({entry.number, archive, text});
+}
+
+/** Sorts what was found, one file at a time and maybe more than once, by the number of the section. */
+void joinForms(std::vector<StoredSection>* found) {
+    std::sort(found->begin(), found->end(),
+              [](const StoredSection& a, const StoredSection& b) { return a.number < b.number; });
+    size_t last = 0;
+    for (size_t next = 1; next < found->size(); ++next) {
+        StoredSection &known = (*found)[last], &more = (*found)[next];
+        if (more.number != known.number) {
+            (*found)[++last] = more;
+            continue;
+        }
+        known.archive = known.archive || more.archive;
+        known.text = known.text || more.text;
+    }
+    found->resize(found->empty() ? 0 : last + 1);
 }
 
 /** Tells whether names have come to a folder or gone from it since the object was made. */
@@ -132,7 +145,6 @@ FileDescriptor StoreFolder::openRun(uint32_t run) const {
 
 bool listSections(int run, std::vector<StoredSection>* sections) {
     sections->clear();
-    std::map<uint32_t, StoredSection> found;
     // A section whose archive takes the place of its text while the folder is listed may be in neither form.
     for (int left = kListingTries; left > 0; --left) {
         FolderStamp stamp(run);
@@ -141,15 +153,13 @@ bool listSections(int run, std::vector<StoredSection>* sections) {
         if (!listing.valid())
             return false;
         while (listing.next(&entry))
-            addSection(entry, &found);
+            addSection(entry, sections);
         if (listing.failed())
             return false;
         if (!stamp.changed())
             break;
     }
-    sections->reserve(found.size());
-    for (const auto& [number, section] : found)
-        sections->push_back(section);
+    joinForms(sections);
     return true;
 }
 
