@@ -465,6 +465,8 @@ void Verification::checkArchive(int folder, uint32_t run, const StoredSection& s
     const bool same = sum.lines == facts.lines && sum.forms == facts.forms &&
                       sum.lostHere == facts.lostHere && sum.openEnd == facts.openEnd &&
                       std::memcmp(sum.counts, facts.counts, sizeof sum.counts) == 0;
+    if (archive.valid() && hasDamagedFacts(archive.get()))
+        finding(name + " has damaged facts about its lines", kLeaves);
     if (told && !same)
         finding(name + " says something else of its lines than its text", kLeaves);
 }

@@ -287,32 +287,56 @@ std::string encodeFacts(const SectionFacts& facts) {
     return extra + parts;
 }
 
-bool decodeFacts(std::string_view extra, SectionFacts* facts) {
+namespace {
+
+/** Finds the payload in an extra field. */
+bool findPayload(std::string_view extra, std::string_view* payload) {
     Bytes bytes(extra);
     while (bytes.left() >= sizeof kIdentity + 2) {
         const std::string_view identity = bytes.take(sizeof kIdentity);
         const auto size = static_cast<size_t>(bytes.takeNumber(2));
         if (bytes.left() < size)
             return false;
-        const std::string_view payload = bytes.take(size);
-        if (identity != std::string_view(kIdentity, sizeof kIdentity))
-            continue;
-        *facts = {};
-        return takePayload(payload, facts);
+        *payload = bytes.take(size);
+        if (identity == std::string_view(kIdentity, sizeof kIdentity))
+            return true;
     }
     return false;
 }
 
-bool readFacts(int archive, SectionFacts* facts) {
+/** Reads the extra field of an archive's first header. */
+bool readExtra(int archive, std::string* extra) {
     constexpr char kStart[] = {'\x1f', '\x8b', 8}; // the format's mark, deflate
     constexpr uint8_t kExtraFollows = 4, kReserved = 0xe0;
     char header[12];
     if (!preadAll(archive, header, sizeof header, 0) || std::memcmp(header, kStart, sizeof kStart) != 0 ||
         (header[3] & kExtraFollows) == 0 || (header[3] & kReserved) != 0)
         return false;
-    const auto size = static_cast<size_t>(Bytes(std::string_view(header + 10, 2)).takeNumber(2));
-    std::string extra(size, '\0');
-    return preadAll(archive, extra.data(), size, sizeof header) && decodeFacts(extra, facts);
+    extra->resize(static_cast<size_t>(Bytes(std::string_view(header + 10, 2)).takeNumber(2)));
+    return preadAll(archive, extra->data(), extra->size(), sizeof header);
+}
+
+} // namespace
+
+bool decodeFacts(std::string_view extra, SectionFacts* facts) {
+    std::string_view payload;
+    if (!findPayload(extra, &payload))
+        return false;
+    *facts = {};
+    return takePayload(payload, facts);
+}
+
+bool readFacts(int archive, SectionFacts* facts) {
+    std::string extra;
+    return readExtra(archive, &extra) && decodeFacts(extra, facts);
+}
+
+bool hasDamagedFacts(int archive) {
+    std::string extra;
+    std::string_view payload;
+    SectionFacts facts;
+    return readExtra(archive, &extra) && findPayload(extra, &payload) && !payload.empty() &&
+           payload[0] == kVersion && !takePayload(payload, &facts);
 }
 
 // --- Summing up

@@ -55,6 +55,8 @@ std::string encodeFacts(const SectionFacts& facts);
 /** Reads the facts from the beginning of an archive, leaving the descriptor's position alone. False when it
  * has none. Any thread. */
 [[nodiscard]] bool readFacts(int archive, SectionFacts* facts);
+/** Whether an archive has facts of a version that we know, which are damaged. Any thread. */
+[[nodiscard]] bool hasDamagedFacts(int archive);
 
 /**
  * Sums a text up while it is compressed. Throws nothing but what the want of memory does. `before` are the

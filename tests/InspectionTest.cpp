@@ -65,7 +65,7 @@ const std::tuple<const char*, uint32_t, const char*> kStates[] = {
     {"truncate -s 40 $L/last_1/log_2.txt.gz", 2, "last_1/log_2.txt.gz is damaged behind its first 40"},
     {"f=$L/last_1/log_2.txt.gz; truncate -s -4 $f; printf zero >>$f", 1, "log_2.txt.gz is damaged behind"},
     {"printf '\\0' >>$L/last_1/log_2.txt.gz", 2, "last_1/log_2.txt.gz has something behind its end"},
-    {"printf x | dd of=$L/last_1/log_2.txt.gz bs=1 seek=51 conv=notrunc 2>&-", 1, "says something else"},
+    {"printf x | dd of=$L/last_1/log_2.txt.gz bs=1 seek=51 conv=notrunc 2>&-", 1, "has damaged facts"},
     {"rm -r $L/last_2", 2, "run 2 is missing"},
     {"mv $L/last_3/log_1.txt.gz $L/last_3/log_4.txt.gz", 1, "last_3: sections 1 to 3 are missing"},
     {"zcat $L/last_1/log_2.txt.gz >$L/last_1/log_2.txt", 2, "will remove the text"},
