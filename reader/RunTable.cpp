@@ -4,6 +4,7 @@
 #include "reader/Figures.h"
 #include "storage/Archive.h"
 #include "storage/Layout.h"
+#include "storage/RootLock.h"
 #include "storage/RunList.h"
 #include "storage/SectionFacts.h"
 
@@ -17,6 +18,7 @@ namespace vnlog {
 
 namespace {
 
+constexpr int64_t kSecond = 1000000000; ///< nanoseconds
 constexpr uint32_t kMemberBytes = kMemberText + 2048; ///< and most bytes that such a member takes
 constexpr uint32_t kBestRatio = 1032; ///< deflate makes no more text than that of a byte
 constexpr std::string_view kMemberBegin = "\x1F\x8B\x08";
@@ -34,6 +36,10 @@ struct RunSum {
         first = dated ? std::min(first, begin) : begin;
         last = dated ? std::max(last, end) : end;
         dated = true;
+    }
+    /** Whether no line can be within the times of a scope. */
+    bool outside(const Scope& scope) const {
+        return dated && (last < wholeParts(scope.since, kSecond) || first > wholeParts(scope.until, kSecond));
     }
 };
 
@@ -136,7 +142,7 @@ void RunAdder::readSections(uint32_t run, uint32_t first, uint32_t last, RunSum*
             sum->plain += record.bytes.size() + (record.ended ? 1 : 0);
         if (record.time.basis == TimeBasis::None)
             continue;
-        int64_t second = wholeParts(record.time.nanoseconds, 1000000000);
+        int64_t second = wholeParts(record.time.nanoseconds, kSecond);
         sum->date(second, second);
         sum->zone = record.time.zone;
     }
@@ -144,13 +150,18 @@ void RunAdder::readSections(uint32_t run, uint32_t first, uint32_t last, RunSum*
     mDamaged = mDamaged || counts.damaged > 0 || counts.unreadable > 0;
 }
 
-std::string endOf(uint32_t run, const RunStory* story) {
-    if (run == kCurrentRun)
+/** `used` tells whether a service is at work on the store. */
+std::string endOf(uint32_t run, const RunStory* story, bool used) {
+    if (run == kCurrentRun && used)
         return "under way";
     const std::string how = story != nullptr ? story->how : "";
     if (how == kRunMoved)
         return "moved to another root";
-    return how == kRunStopped ? "stopped" : how == kRunNoEnd ? "crash or power cut" : "unknown";
+    if (how == kRunStopped)
+        return "stopped";
+    if (how == kRunNoEnd)
+        return "crash or power cut";
+    return run == kCurrentRun ? "no end is told" : "unknown";
 }
 
 /** A time of the lines, or else of the list of runs; "-" without either. */
@@ -158,14 +169,14 @@ std::string timeOf(const RunSum& sum, int64_t second, int64_t listed, int32_t zo
     return !sum.dated && listed == 0 ? "-" : printedDate(sum.dated ? second : listed, zone);
 }
 
-std::string rowOf(uint32_t run, const RunStory* story, const RunSum& sum) {
+std::string rowOf(uint32_t run, const RunStory* story, const RunSum& sum, bool used) {
     bool listed = story != nullptr && story->zoneKnown;
     int32_t zone = listed ? story->zone : sum.zone;
     std::string first = timeOf(sum, sum.first, story == nullptr ? 0 : story->start, zone);
     std::string last = timeOf(sum, sum.last, story == nullptr ? 0 : story->end, zone);
     return printed("%9u  %-25s  %-25s %9llu %8u %11s %11s  %s\n", run, first.c_str(), last.c_str(),
                    static_cast<unsigned long long>(sum.lines), sum.sections, printedSize(sum.stored).c_str(),
-                   printedSize(sum.plain).c_str(), endOf(run, story).c_str());
+                   printedSize(sum.plain).c_str(), endOf(run, story, used).c_str());
 }
 
 } // namespace
@@ -174,11 +185,13 @@ bool printRuns(const StoreFolder& folder, const RunHistory& history, const Scope
     out.write(printed("%9s  %-25s  %-25s %9s %8s %11s %11s  %s\n", "run", "first", "last", "lines",
                       "sections", "stored", "plain", "end"));
     RunAdder adder(folder, history);
+    const bool used = RootLock::holderAt(folder.root().c_str()) != 0;
     bool whole = true;
     for (uint32_t run : scope.runs) {
         RunSum sum;
         if (adder.add(run, &sum)) {
-            out.write(rowOf(run, history.find(run), sum));
+            if (!sum.outside(scope))
+                out.write(rowOf(run, history.find(run), sum, used));
         } else if (errno != ENOENT) { // one that is gone is none
             out.write(printed("%9u  cannot be read: %s\n", run, std::strerror(errno)));
             whole = false;

@@ -14,8 +14,8 @@ namespace vnlog {
 
 /**
  * Prints a line for each run of the scope: number, first and last time, lines, sections, stored and plain
- * size, how it ended. Reads the text only of sections that do not tell that themselves. False when a section
- * is damaged.
+ * size, how it ended; runs outside the scope's times are left out. Reads the text only of sections that do
+ * not tell that themselves. False when a section is damaged.
  */
 [[nodiscard]] bool printRuns(const StoreFolder& folder, const RunHistory& history, const Scope& scope,
                              TextOut& out);

@@ -95,7 +95,7 @@ class Verification {
     void checkArchive(int folder, uint32_t run, const StoredSection& section);
     void checkPair(int folder, const StoredSection& section, const std::string& name);
     void checkText(int folder, uint32_t run, const StoredSection& section, bool newest);
-    bool readText(int folder, uint32_t run, const StoredSection& section, SectionSummary* summary);
+    bool readText(int folder, uint32_t run, const StoredSection& section, SectionSummary* archive);
     bool mayBeginLater(uint32_t run) const;
 
     const StoreFolder& mFolder;
@@ -429,21 +429,23 @@ void Verification::checkSection(int folder, uint32_t run, const StoredSection& s
         checkText(folder, run, section, newest);
 }
 
-/** Reads a section's text to its end. False, told, when that cannot be done. */
-bool Verification::readText(int folder, uint32_t run, const StoredSection& section, SectionSummary* summary) {
+/** Reads a section's text to its end, with `archive` that of its archive, which is summed up there. False,
+ * told, when that cannot be done. */
+bool Verification::readText(int folder, uint32_t run, const StoredSection& section, SectionSummary* archive) {
     std::string_view piece;
-    if (mText.open(folder, run, section))
+    const StoredSection form = {section.number, section.archive, section.text && archive == nullptr};
+    if (mText.open(folder, run, form))
         while (mText.read(&piece)) {
             mChecked += piece.size();
-            if (summary != nullptr)
-                summary->add(piece);
+            if (archive != nullptr)
+                archive->add(piece);
         }
     if (mText.state() == TextState::Whole)
         return true;
     if (mText.state() == TextState::Vanished && mService != 0)
         note(mText.finding());
     else
-        finding(mText.finding(), section.archive && section.text ? "decide by the text beside it" : kLeaves);
+        finding(mText.finding(), section.text ? "decide by the text beside it" : kLeaves);
     return false;
 }
 
@@ -455,7 +457,7 @@ void Verification::checkArchive(int folder, uint32_t run, const StoredSection& s
     before.openEnd = facts.continues; // all that matters of the section before for what is compared
     SectionSummary summary;
     summary.begin(facts.origin, section.number, facts.continuesKnown ? &before : nullptr, facts.reference);
-    if (!readText(folder, run, {section.number, true, false}, told ? &summary : nullptr))
+    if (!readText(folder, run, section, &summary))
         return;
     // The service takes only what has nothing behind it, not even zeros.
     FileDescriptor nothing = openFile("/dev/null", O_RDONLY);

@@ -21,7 +21,7 @@ expect_status() { # STATUS COMMAND...
     [ "$status" -eq "$wanted" ] || fail "$*: status $status instead of $wanted: $(cat "$home/err")"
 }
 wait_for() { # COMMAND...
-    local tries=600
+    local tries=2400
     until "$@" >/dev/null 2>&1; do
         tries=$((tries - 1))
         [ "$tries" -gt 0 ] || fail "never came: $*"

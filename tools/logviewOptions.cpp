@@ -226,6 +226,8 @@ int takeOption(int choice, ViewOptions* options, Context* context) {
         options->store = optarg;
         return *optarg != '\0' ? kGoOn : wrongWord("-D", "a path");
     case 'b':
+        if (!options->runs.empty())
+            return wrongUsage("-b is given twice; A..B names several runs");
         options->runs = optarg;
         return *optarg != '\0' ? kGoOn : wrongWord("-b", "a run");
     case 'o':

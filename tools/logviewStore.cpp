@@ -22,7 +22,7 @@ int cannotOpen(const OpenStore& store, int error) {
     if (error == EACCES || error == EPERM)
         return noStore("no permission to read " + store.root +
                        "; it takes the user that the service runs as, or root");
-    if (error != ENOENT && error != ENOTDIR)
+    if (error != 0 && error != ENOENT && error != ENOTDIR)
         return noStore("cannot read " + store.root + ": " + std::strerror(error));
     if (store.ofService)
         return noStore("there is no store under " + store.root +
