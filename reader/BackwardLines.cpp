@@ -28,10 +28,12 @@ bool BackwardLines::next(Record* record) {
         if (!mExtra.empty()) {
             mGiven = std::move(mExtra.front());
             mExtra.pop_front();
-            if (mGiven.remark)
+            if (mGiven.remark) {
                 mParts.describeRemark(mGiven.text, mGiven.place, record);
-            else
+            } else {
                 mParts.describeRest(mGiven.text, mGiven.place, mGiven.ended, record);
+                record->time = mGiven.time; // the clock is that of another section by now
+            }
             return true;
         }
         if (!mLines.empty()) {
@@ -64,7 +66,7 @@ bool BackwardLines::goBack() {
     std::string remark;
     const uint32_t run = mParts.scope.runs[--mRunsLeft];
     if (!mParts.openRun(run, &remark) && !remark.empty())
-        mExtra.push_back({remark, {run, 0, 0}, true, true});
+        mExtra.push_back({remark, {run, 0, 0}, true, true, {}});
     mLeft = mParts.sections.sections().size();
     mBehindLeftOut = false;
     return true;
@@ -116,7 +118,7 @@ void BackwardLines::tellShorter(uint32_t wanted) {
     mWindow = state == TextState::Whole || state == TextState::Damaged ? wanted : 0;
     const std::string finding = mParts.countFinding();
     if (!finding.empty())
-        mExtra.push_back({finding, place(mLeft, mLine), true, true});
+        mExtra.push_back({finding, place(mLeft, mLine), true, true, {}});
 }
 
 /** Keeps the lines that are wanted; `last` becomes one without an end. False when more follow those. */
@@ -143,6 +145,9 @@ void BackwardLines::takeHead(const Fragment& fragment, uint32_t wanted) {
     mHead.ended = fragment.ended;
     mHead.open = !fragment.ended && !fragment.cut;
     mHead.bytes.assign(fragment.bytes);
+    Record alone;
+    mParts.describeRest(mHead.bytes, place(mLeft, kRestLine), mHead.ended, &alone);
+    mHead.time = alone.time;
     if (mCutLine.empty() || !mParts.scope.fields)
         return;
     LogLine line;
@@ -193,7 +198,7 @@ void BackwardLines::finishSection(std::string last, uint32_t wanted) {
     if (!joins)
         giveRestUp();
     if (!finding.empty())
-        mExtra.push_back({finding, place(mLeft, mLine), true, true});
+        mExtra.push_back({finding, place(mLeft, mLine), true, true, {}});
     if (mHead.open) {
         mHead.bytes += mBehind.bytes;
         mHead.ended = mBehind.ended;
@@ -223,7 +228,7 @@ void BackwardLines::fetchRest() {
 /** Gives the rest of a line whose beginning cannot be read as a line of its own. */
 void BackwardLines::giveRestUp() {
     if (mBehind.there && !mBehindLeftOut)
-        mExtra.push_back({mBehind.bytes, place(mLeft + 1, kRestLine), false, mBehind.ended});
+        mExtra.push_back({mBehind.bytes, place(mLeft + 1, kRestLine), false, mBehind.ended, mBehind.time});
     mBehind = Rest();
 }
 

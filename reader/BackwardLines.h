@@ -29,6 +29,7 @@ class BackwardLines {
         bool ended = false;
         bool open = false; ///< it is all of the section
         std::string bytes;
+        LineTime time; ///< as a line of its own in its section
     };
 
     /** A record that is no line of a section. */
@@ -37,6 +38,7 @@ class BackwardLines {
         LinePlace place;
         bool remark = false;
         bool ended = true;
+        LineTime time; ///< unless it is a remark
     };
 
     bool goBack();

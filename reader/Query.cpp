@@ -17,6 +17,7 @@ constexpr uint32_t kMostSteps = 1000000; ///< of a search from one place in a li
 constexpr uint32_t kMostHeapKiB = 4096; ///< of a search without the just-in-time compiler
 constexpr size_t kLeastStack = size_t{32} * 1024; ///< of a search with it
 constexpr size_t kMostStack = size_t{1024} * 1024;
+constexpr uint32_t kMostGivenUp = 100; ///< lines of a pass, after which going on would take too long
 constexpr int kSilent = 8;
 
 struct Releaser {
@@ -195,7 +196,10 @@ class Query::Work {
     bool compile(const QueryOptions& options, std::string* error);
     bool matches(const Record& record);
     bool wantsFields() const { return mWantsFields; }
-    uint32_t givenUp() const { return mGivenUp; }
+    uint32_t givenUp() const { return mEarlier + mGivenUp - std::min(mAgain, mGivenUp); }
+    bool tooSlow() const { return mGivenUp >= kMostGivenUp; }
+    bool wasTooSlow() const { return mWasTooSlow; }
+    void beginPass(uint32_t again);
 
   private:
     bool dated(const LineTime& time) const;
@@ -208,7 +212,10 @@ class Query::Work {
     bool mWantsFields = false;
     std::vector<Pattern> mPatterns;
     Searcher mSearcher;
-    uint32_t mGivenUp = 0;
+    uint32_t mGivenUp = 0; ///< lines of this pass
+    uint32_t mAgain = 0; ///< of them, those that count already, at most
+    uint32_t mEarlier = 0; ///< lines of the passes before
+    bool mWasTooSlow = false;
     std::string mTag; ///< that was looked at last
     bool mTagMatches = false;
 };
@@ -216,7 +223,8 @@ class Query::Work {
 bool Query::Work::compile(const QueryOptions& options, std::string* error) {
     mOptions = options;
     mPatterns.clear();
-    mGivenUp = 0;
+    mGivenUp = mAgain = mEarlier = 0;
+    mWasTooSlow = false;
     mTag.clear();
     mTagMatches = false;
     mWantsFields = options.kernel || options.android || options.priority != 0 || !options.tags.empty() ||
@@ -283,15 +291,23 @@ bool Query::Work::tagged(std::string_view tag) {
 bool Query::Work::holdsPattern(std::string_view text) {
     if (mPatterns.empty())
         return true;
-    bool found = false;
+    bool found = false, givenUp = false;
     for (const Pattern& pattern : mPatterns) {
         Searcher::Found result = mSearcher.search(pattern, text);
-        mGivenUp += result == Searcher::Found::GivenUp ? 1 : 0;
+        givenUp = givenUp || result == Searcher::Found::GivenUp;
         found = result == Searcher::Found::Yes;
         if (found)
             break;
     }
+    mGivenUp += givenUp ? 1 : 0;
     return found != mOptions.invert;
+}
+
+void Query::Work::beginPass(uint32_t again) {
+    mWasTooSlow = mWasTooSlow || tooSlow();
+    mEarlier = givenUp();
+    mAgain = again;
+    mGivenUp = 0;
 }
 
 Query::Query() : mWork(std::make_unique<Work>()) {}
@@ -311,6 +327,18 @@ bool Query::matches(const Record& record) {
 
 uint32_t Query::givenUp() const {
     return mWork->givenUp();
+}
+
+bool Query::tooSlow() const {
+    return mWork->tooSlow();
+}
+
+bool Query::wasTooSlow() const {
+    return mWork->wasTooSlow();
+}
+
+void Query::beginPass(uint32_t again) {
+    mWork->beginPass(again);
 }
 
 } // namespace vnlog

@@ -46,6 +46,13 @@ class Query {
     /** Lines so far in which the search for a pattern was given up, for it took too many steps. They count
      * as lines without the pattern. */
     uint32_t givenUp() const;
+    /** Whether they are so many in this pass that going on would take too long. */
+    bool tooSlow() const;
+    /** Whether that was so in a pass before this one. */
+    bool wasTooSlow() const;
+    /** Begins another pass over lines, in which those that were given up come again: so many at most, and
+     * before all others that are. */
+    void beginPass(uint32_t again);
 
   private:
     class Work;

@@ -1,6 +1,7 @@
 #include "StoreParts.h"
 
 #include "reader/Follower.h"
+#include "reader/Fragments.h"
 #include "reader/LineStream.h"
 #include "reader/SectionText.h"
 #include "storage/ChosenFileWork.h"
@@ -75,6 +76,22 @@ class StoredLines : public FolderTest {
         return kind < 5 ? lines[kind]
                         : stamp + ("  1234  5678 I Tag     : " + std::to_string(random()) + "\n");
     }
+    std::string noise(size_t size) {
+        std::string bytes(size, '\0');
+        for (char& byte : bytes)
+            byte = static_cast<char>(random() | 128);
+        return bytes;
+    }
+    /** More than a reader takes at a time: of lines, of bytes of an archive, of bytes of a line. */
+    std::string muchText() {
+        const uint32_t kind = below(3);
+        if (kind == 0)
+            return noise(Fragments::kLongest * 3 / 2 + below(1000)) + '\n' + someLine();
+        std::string text;
+        for (int line = 0; line < (kind == 1 ? 9000 : 20000); ++line)
+            text += (kind == 1 ? std::to_string(line) : noise(90)) + '\n';
+        return text;
+    }
     /** Writes a section in one of its forms. */
     void writeSection(const std::string& run, uint32_t number, const std::string& text,
                       const std::string& extra) {
@@ -101,6 +118,9 @@ class StoredLines : public FolderTest {
         std::string text;
         for (uint32_t lines = below(120); lines > 0; --lines)
             text += someLine();
+        const bool much = below(8) == 0;
+        if (much)
+            text += muchText();
         if (below(3) == 0 && !text.empty())
             text.pop_back();
         makeFolder(run);
@@ -110,7 +130,8 @@ class StoredLines : public FolderTest {
         uint32_t previous = UINT32_MAX - 1;
         const bool told = below(2) == 0;
         for (uint32_t section = below(2), at = 0, count = 0; at < text.size(); at += count, ++section) {
-            count = 300 + below(600);
+            const auto half = static_cast<uint32_t>(text.size() / 2);
+            count = much ? half + 1 + below(half) : 300 + below(600);
             // Facts do not tell of a heading that is cut where the section has no other.
             const size_t line = at + count < text.size() ? text.rfind('\n', at + count - 1) + 1 : 0;
             if (text.compare(line, 2, "[ ") == 0)
@@ -138,15 +159,20 @@ class StoredLines : public FolderTest {
         uint32_t number = 0;
         std::string bytes;
         for (bool first = true; std::getline(lines, bytes); first = false) {
-            if (first && joins && open) {
-                expected.back().first += bytes;
-            } else {
-                number += first && rest ? 0 : 1;
-                expected.push_back({bytes, Record()});
-                expected.back().second.place = {run, section, number};
+            constexpr size_t kLongest = Fragments::kLongest;
+            for (size_t at = 0; at == 0 || at < bytes.size(); at += kLongest) {
+                const std::string piece = bytes.substr(at, kLongest);
+                const bool goesOn = first && at == 0 && joins && open;
+                if (goesOn && expected.back().first.size() + piece.size() <= kLongest) {
+                    expected.back().first += piece;
+                } else {
+                    number += at == 0 && ((first && rest) || goesOn) ? 0 : 1;
+                    expected.push_back({piece, Record()});
+                    expected.back().second.place = {run, section, number};
+                }
+                open = at + kLongest < bytes.size() || lines.eof();
+                expected.back().second.ended = !open;
             }
-            open = lines.eof();
-            expected.back().second.ended = !open;
         }
     }
     std::string modelled() {
@@ -214,20 +240,20 @@ TEST_F(StoredLines, AreTheSameInEveryDirectionAndScope) {
         Scope scope{all};
         scope.fields = false;
         stream.begin(scope);
-        ASSERT_EQ(joined(take(stream, false)), modelled());
+        ASSERT_TRUE(joined(take(stream, false)) == modelled());
         scope.fields = true;
         stream.begin(scope);
         std::vector<Record> records;
         const Lines forward = take(stream, true, false, &records);
         stream.beginBackward(scope);
-        EXPECT_EQ(joined(take(stream, true, true)), joined(forward));
+        EXPECT_TRUE(joined(take(stream, true, true)) == joined(forward));
         EXPECT_EQ(stream.counts().damaged + stream.counts().vanished + stream.counts().unreadable, 0U);
         if (records.empty())
             continue;
 
         const uint32_t count = static_cast<uint32_t>(records.size()), from = below(count);
         stream.beginAt(scope, records[from].place);
-        EXPECT_EQ(joined(take(stream, true)), joined(Lines(forward.begin() + int(from), forward.end())));
+        EXPECT_TRUE(joined(take(stream, true)) == joined(Lines(forward.begin() + int(from), forward.end())));
         scope.since = records[from].time.nanoseconds;
         scope.until = std::max(records[from + below(count - from)].time.nanoseconds, scope.since);
         for (bool reverse : {false, true}) {
@@ -265,6 +291,14 @@ TEST_F(FolderTest, DamagedSectionsGiveWhatZlibCanRead) {
         EXPECT_EQ(given, expected);
         EXPECT_TRUE((section.state() == TextState::Whole) == whole && section.finding().empty() == whole);
     };
+    // One that is read in pieces, and has its first member end with the bytes that would be read whole.
+    std::string much(1000000, '\0');
+    for (char& byte : much)
+        byte = static_cast<char>(random());
+    const size_t room = 1048576 - packed(much).size();
+    const std::string large = packed(much, std::string(room, 'e')) + packed(text) + packed(much);
+    for (size_t length : {large.size(), large.size() - 1, size_t{1048576}, size_t{1500000}})
+        check(large.substr(0, length));
     const std::string both = packed(text.substr(0, 900)) + packed(text.substr(900));
     for (size_t length = 0; length <= both.size() && !HasFailure(); ++length)
         check(both.substr(0, length));

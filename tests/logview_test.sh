@@ -152,6 +152,17 @@ terminal PAGER=true -o long >"$home/out" || fail "a pager that ends is a failure
 expect_status 0 $logview -n 1 --color always -t Camera -p w
 grep -q $'\e\\[' "$home/out" || fail "no colour"
 
+# --- short lines that become context, as many as memory is taken for; a pattern that is slow
+bulk=$home/bulk/log_service/current/log_1.txt
+mkdir -p "${bulk%/*}" && { yes x | head -n 30000 && echo zzz; } >"$bulk"
+expect_status 0 $logview -D "$home/bulk" -B 29999 -g zzz
+[ $(($(head -n 1 "$home/out" | sed -n 's/^--------- logview: \([0-9]*\) lines of context are left out.*/\1/p') + $(wc -l <"$home/out"))) = 30001 ] || fail "$(head -n 1 "$home/out")"
+slow=$(seq -f "$(printf 'a%.0s' {1..41})!%g" 60)
+{ echo "$slow" && seq -f '%gb' 20 && echo "$slow"; } >"$bulk"
+expect_status 2 $logview -D "$home/bulk" -n 30 -g '(a+)+$|(b)$' -g 'never'
+seq -f '%gb' 20 | cmp - "$home/out"
+expect_output "in 100 lines; older lines were not searched" "$home/err"
+
 # --- what is wrong
 while IFS='|' read -r options what; do
     eval "expect_status 2 $logview $options"

@@ -51,13 +51,15 @@ int reportDamage(const vnlog::StreamCounts& counts, const OpenStore& store) {
 }
 
 /** Tells of patterns that took too long. kGoOn or kWrongUsage. */
-int reportGivenUp(const vnlog::Query& query) {
+int reportGivenUp(const ViewOptions& options, const vnlog::Query& query) {
     if (query.givenUp() == 0)
         return kGoOn;
+    const bool newer = query.tooSlow() && !options.reverse;
+    const char* missing = newer                                   ? "; newer lines were not searched"
+                          : query.tooSlow() || query.wasTooSlow() ? "; older lines were not searched"
+                                                                  : ", which may be missing";
     std::fprintf(stderr, "%s: the search for a pattern took too many steps in %s%s\n", kViewer,
-                 plural(query.givenUp(), "line", "lines").c_str(),
-                 query.givenUp() < kMostGivenUp ? ", which may be missing"
-                                                : "; what follows was not searched");
+                 plural(query.givenUp(), "line", "lines").c_str(), missing);
     return kWrongUsage;
 }
 
@@ -86,11 +88,11 @@ std::unique_ptr<vnlog::RecordSink> makeSink(const ViewOptions& options, const Op
 }
 
 /** The status of a view that has ended, of the most serious reason. */
-int finishView(const Viewed& viewed, const vnlog::Query& query, const OpenStore& store, vnlog::TextOut& out,
-               ViewOutput& output) {
+int finishView(const ViewOptions& options, const Viewed& viewed, const vnlog::Query& query,
+               const OpenStore& store, vnlog::TextOut& out, ViewOutput& output) {
     (void)out.flush(); // error() tells
     int status = output.finish(out.error());
-    int slow = reportGivenUp(query);
+    int slow = reportGivenUp(options, query);
     int damaged = reportDamage(viewed.counts, store);
     for (int reason : {viewed.failed ? kWrongUsage : kGoOn, status, slow, damaged})
         if (reason != kGoOn)
@@ -112,7 +114,7 @@ int view(const ViewOptions& options, OpenStore& store, vnlog::Scope scope) {
     scope.until = options.query.until;
     scope.fields = query.wantsFields() || sink->wantsFields();
     View all = {options, store, history, std::move(scope), query, *sink, out};
-    return finishView(showLines(all), query, store, out, output);
+    return finishView(options, showLines(all), query, store, out, output);
 }
 
 /** What is told of a store without showing its lines. `tell` prints it; true when all is in order. */

@@ -1,5 +1,7 @@
 #include "tools/logviewLines.h"
 
+#include "reader/StreamParts.h"
+
 #include <algorithm>
 
 using vnlog::LinePlace;
@@ -8,7 +10,7 @@ using vnlog::Record;
 
 namespace {
 
-constexpr size_t kMostKept = size_t{2} * 1024 * 1024; ///< bytes of lines that may become context
+constexpr size_t kMostKept = size_t{2} * 1024 * 1024; ///< bytes that lines may take that may become context
 
 } // namespace
 
@@ -19,8 +21,10 @@ bool reached(const LinePlace& place, const LinePlace& wanted) {
     return place.section != wanted.section ? place.section > wanted.section : place.line >= wanted.line;
 }
 
-Selection::Kept::Kept(const Record& whole)
-    : record(whole), bytes(whole.bytes), tag(whole.line.tag), text(whole.line.text) {}
+Selection::Kept::Kept(const Record& whole) : record(whole), bytes(whole.bytes), tag(whole.line.tag) {
+    if (!whole.line.text.empty())
+        textAt = static_cast<size_t>(whole.line.text.data() - whole.bytes.data());
+}
 
 void Selection::beginWith(const LinePlace& place) {
     mWaiting = true;
@@ -51,10 +55,10 @@ void Selection::take(const Record& record) {
 
 void Selection::keep(const Record& record) {
     mKept.emplace_back(record);
-    mKeptBytes += mKept.back().bytes.size() + mKept.back().text.size();
+    mKeptBytes += mKept.back().size();
     while (mKept.size() > mBefore || (mKeptBytes > kMostKept && mKept.size() > 1)) {
         mDropped += mKept.size() > mBefore ? 0 : 1;
-        mKeptBytes -= mKept.front().bytes.size() + mKept.front().text.size();
+        mKeptBytes -= mKept.front().size();
         mKept.pop_front();
         mSkipped = true;
     }
@@ -64,13 +68,12 @@ void Selection::keep(const Record& record) {
 void Selection::showDropped() {
     auto room = static_cast<uint32_t>(mBefore - mKept.size());
     if (uint32_t missing = std::min(mDropped, room)) {
-        std::string text = "--------- logview: " + std::to_string(missing) +
-                           " lines of context are left out here, for they are too long";
+        std::string text =
+            vnlog::kReaderStart + std::to_string(missing) +
+            (missing == 1 ? " line of context is left out here, for it takes too much memory"
+                          : " lines of context are left out here, for they take too much memory");
         Record remark;
-        remark.bytes = text;
-        remark.line.source = LineSource::Reader;
-        remark.line.form = vnlog::LineForm::Own;
-        remark.line.text = text;
+        vnlog::StreamParts::describeRemark(text, {}, &remark);
         show(remark, true);
     }
     mDropped = 0;
@@ -81,7 +84,7 @@ void Selection::showKept() {
     for (Kept& kept : mKept) {
         kept.record.bytes = kept.bytes;
         kept.record.line.tag = kept.tag;
-        kept.record.line.text = kept.text;
+        kept.record.line.text = kept.record.bytes.substr(kept.textAt, kept.record.line.text.size());
         show(kept.record, true);
     }
     mKept.clear();
@@ -101,7 +104,7 @@ void Selection::show(const Record& record, bool context) {
 }
 
 bool goesOn(const View& view) {
-    return view.out.error() == 0 && view.query.givenUp() < kMostGivenUp;
+    return view.out.error() == 0 && !view.query.tooSlow();
 }
 
 Tail findTail(const View& view, uint32_t lines) {
@@ -111,13 +114,14 @@ Tail findTail(const View& view, uint32_t lines) {
     stream.beginBackward(scope);
     Tail tail;
     Record record;
-    uint32_t wanted = 0, before = 0;
+    uint32_t wanted = 0, before = 0, givenUp = 0;
     while (goesOn(view) && (wanted < lines || before < view.options.before) && stream.next(&record)) {
         if (record.line.source == LineSource::Reader)
             continue;
         if (wanted < lines && view.query.matches(record)) {
             ++wanted;
             before = 0;
+            givenUp = view.query.givenUp();
             tail.any = true;
             tail.first = tail.context = record.place;
         } else if (tail.any && before < view.options.before) {
@@ -125,6 +129,7 @@ Tail findTail(const View& view, uint32_t lines) {
             tail.context = record.place;
         }
     }
+    view.query.beginPass(givenUp);
     tail.counts = stream.counts();
     return tail;
 }

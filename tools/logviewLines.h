@@ -33,8 +33,11 @@ class Selection {
     /** A line that is kept until it is known whether it is shown. */
     struct Kept {
         explicit Kept(const vnlog::Record& whole);
+        /** The bytes that it takes. */
+        size_t size() const { return sizeof *this + bytes.capacity() + tag.capacity(); }
         vnlog::Record record;
-        std::string bytes, tag, text;
+        std::string bytes, tag;
+        size_t textAt = 0; ///< where the line's text begins in `bytes`
     };
 
     bool wants(const vnlog::Record& record);
@@ -53,7 +56,7 @@ class Selection {
     vnlog::LinePlace mFirst;
     std::deque<Kept> mKept;
     size_t mKeptBytes = 0;
-    uint32_t mDropped = 0; ///< lines in front of those that are kept that could not be kept, for their size
+    uint32_t mDropped = 0; ///< lines in front of those that are kept that could not be kept
     bool mSkipped = false; ///< lines were left out since the last one that was shown
     bool mShown = false;
 };
@@ -76,8 +79,6 @@ struct Viewed {
     bool failed = false; ///< lines could not be followed, reported
 };
 
-constexpr uint32_t kMostGivenUp = 100; ///< searches, after which going on would take too long
-
 /** Whether a place is at another one or behind it. */
 bool reached(const vnlog::LinePlace& place, const vnlog::LinePlace& wanted);
 
@@ -91,6 +92,7 @@ struct Tail {
     vnlog::LinePlace context; ///< where its neighbours in front of it begin
     vnlog::StreamCounts counts; ///< of looking for it
 };
+/** Looks for it in a pass of the query, and begins another for showing it. */
 Tail findTail(const View& view, uint32_t lines);
 
 /** Shows lines that are there, and those of the present run as they come. */
