@@ -1,5 +1,6 @@
 #include "reader/Follower.h"
 
+#include "base/Clock.h"
 #include "reader/Fragments.h"
 #include "reader/RunHistory.h"
 #include "reader/RunTail.h"
@@ -12,7 +13,7 @@
 #include <deque>
 #include <poll.h>
 #include <sys/inotify.h>
-#include <time.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -21,12 +22,6 @@ namespace vnlog {
 namespace {
 
 constexpr int kLookMs = 50; ///< the longest time between two looks
-
-int64_t nowMs() {
-    struct timespec now {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 bool holdsSections(int run) {
     std::vector<StoredSection> sections;
@@ -39,8 +34,10 @@ class Follower::Work {
   public:
     explicit Work(Locate locate) : mLocate(std::move(locate)) {}
 
-    bool begin(const LinePlace& after);
+    bool begin(const StoreFolder& store, const LinePlace& after);
+    bool inPresentRun() const;
     bool next(Record* record, int timeoutMs, int wakeUp);
+    const StreamCounts& counts() const { return mCounts; }
 
   private:
     /** Where text goes on behind what was read. */
@@ -59,7 +56,6 @@ class Follower::Work {
         bool open();
     };
 
-    bool openStore(const std::string& logs);
     void openRun(uint32_t run, FileDescriptor folder);
     bool goBehind(const LinePlace& after);
 
@@ -67,15 +63,18 @@ class Follower::Work {
     void startLine();
     bool give(std::string_view bytes, bool ended, Record* record);
     bool giveHeld(Record* record);
-    void passShown();
+    bool giveRemark(Record* record);
     void beginClock();
+    void readStory();
 
     Onward lookOnward();
     bool findRoot(Onward* onward);
     bool findRun(Onward* onward);
-    uint32_t numberOfRun(const std::vector<uint32_t>& runs) const;
+    bool findArchived(const std::vector<uint32_t>& runs, uint32_t* number) const;
     void goOnward(Onward onward);
     void enterSection(uint32_t section, bool joins);
+    uint32_t deletedBefore(uint32_t section);
+    bool tellFinding();
 
     void askWhere();
     bool wait(int64_t until, int wakeUp);
@@ -91,6 +90,10 @@ class Follower::Work {
     FileDescriptor mEvents; ///< of that run's folder
 
     RunHistory mHistory;
+    std::shared_ptr<const RunStory> mStory; ///< of the last record's run
+    bool mStoryDue = false; ///< that is not yet the one that is read
+    StreamCounts mCounts;
+    uint32_t mExpected = 0; ///< the section that is to come next, 0 when that is unknown
     LineParser mParser;
     LineClock mClock;
     bool mClockDue = false; ///< the clock is still that of the section before
@@ -101,25 +104,32 @@ class Follower::Work {
     LinePlace mPlace; ///< of that
     std::string mHeld; ///< what there is of it
     bool mFlush = false; ///< nothing more comes of it
-    std::string mRemark;
+    std::string mRemark; ///< on the section that is read
+    LinePlace mRemarkPlace;
+    bool mTold = false; ///< the finding of that section
     std::string mGiven; ///< what the last record points to
     LinePlace mAfter; ///< lines of its section up to it are passed over
     bool mPassing = false;
 };
 
-bool Follower::Work::begin(const LinePlace& after) {
-    mLocated = mLocate();
-    mAsked = nowMs();
+bool Follower::Work::begin(const StoreFolder& store, const LinePlace& after) {
+    mStore = store;
+    mLocated = store.logs();
+    mAsked = steadyMilliseconds();
+    mRoots.clear();
     mTail.open(kCurrentRun, FileDescriptor());
+    mEvents = FileDescriptor();
+    mNewest = mExpected = 0;
+    mStory = nullptr;
+    mCounts = {};
     mHeld.clear();
+    mRemark.clear();
     mPiece = {};
     mPassing = mFlush = mInLine = mRestFirst = false;
-    mNewest = 0;
-    mLogs = FileDescriptor();
-    mRoots.clear();
-    if (!openStore(mLocated))
-        return true; // it may come
-    if (after.section != 0)
+    mLogs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
+    if (!mLogs.valid())
+        return false;
+    if (after.section != 0 || after.line != 0)
         return goBehind(after);
     std::vector<uint32_t> runs;
     bool hasCurrent = false;
@@ -131,16 +141,15 @@ bool Follower::Work::begin(const LinePlace& after) {
     return true;
 }
 
-bool Follower::Work::openStore(const std::string& logs) {
-    if (logs.empty() || !mStore.open(logs.c_str()))
-        return false;
-    mLogs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
-    return mLogs.valid();
+bool Follower::Work::inPresentRun() const {
+    return identityOf(mStore.openRun(kCurrentRun).get()) == identityOf(mTail.folder());
 }
 
 void Follower::Work::openRun(uint32_t run, FileDescriptor folder) {
     constexpr uint32_t kChanges = IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_MOVE_SELF;
     mTail.open(run, std::move(folder));
+    mPassing = false;
+    mStoryDue = true;
     std::vector<uint32_t> runs;
     bool current = false;
     mNewest = mStore.listRuns(&runs, &current) && !runs.empty() ? runs.back() : 0;
@@ -177,24 +186,18 @@ bool Follower::Work::goBehind(const LinePlace& after) {
 }
 
 bool Follower::Work::next(Record* record, int timeoutMs, int wakeUp) {
-    const int64_t until = timeoutMs < 0 ? INT64_MAX : nowMs() + timeoutMs;
+    const int64_t until = timeoutMs < 0 ? INT64_MAX : steadyMilliseconds() + timeoutMs;
     for (;;) {
         if (mFlush && giveHeld(record))
             return true;
-        if (!mRemark.empty()) {
-            mGiven = std::exchange(mRemark, std::string());
-            StreamParts::describeRemark(mGiven, mPlace, record);
+        if (giveRemark(record) || takeLine(record))
             return true;
-        }
-        if (takeLine(record))
-            return true;
-        if (mTail.read(&mPiece))
+        if (mTail.read(&mPiece) || tellFinding())
             continue;
         // What lies onward is looked for before the end is, so that nothing can come in between.
         Onward onward = lookOnward();
         if (mTail.read(&mPiece))
             continue;
-        passShown();
         if (onward.kind != Onward::Kind::Nowhere)
             goOnward(std::move(onward));
         else if (!wait(until, wakeUp))
@@ -238,10 +241,11 @@ bool Follower::Work::give(std::string_view bytes, bool ended, Record* record) {
     record->place = mPlace;
     record->ended = ended;
     record->context = false;
+    record->story = mStory;
     mParser.parse(bytes, &record->line);
     record->time = mClock.timeOf(record->line);
-    return !mPassing || mPlace.run != mAfter.run || mPlace.section != mAfter.section ||
-           mPlace.line > mAfter.line;
+    mPassing = mPassing && mPlace.section == mAfter.section && mPlace.line <= mAfter.line;
+    return !mPassing;
 }
 
 /** Gives a line that will not be ended, if there is one. */
@@ -254,22 +258,44 @@ bool Follower::Work::giveHeld(Record* record) {
     return wanted;
 }
 
-/** Drops what was stored of the last line that is passed over when following began. */
-void Follower::Work::passShown() {
-    if (mPassing && mInLine && mPlace.section == mAfter.section && mPlace.line == mAfter.line)
-        mHeld.clear();
-    mPassing = false;
+bool Follower::Work::giveRemark(Record* record) {
+    if (mRemark.empty())
+        return false;
+    if (mClockDue)
+        beginClock();
+    mGiven = kReaderStart + std::exchange(mRemark, std::string());
+    StreamParts::describeRemark(mGiven, mRemarkPlace, record);
+    record->story = mStory;
+    return true;
 }
 
 void Follower::Work::beginClock() {
     mClockDue = false;
+    readStory();
     SectionFacts told;
-    if (mTail.archive() >= 0 && readFacts(mTail.archive(), &told)) {
+    if (mTail.archive() >= 0 && readFacts(mTail.archive(), &told))
         mClock.beginSection(told.clock());
-        return;
-    }
+    else
+        mClock.beginSection(clockFacts(mStory.get(), mTail.modified(), 0));
+}
+
+/** Reads what the list tells of the run that is read. Where it tells nothing now, what it told before holds.
+ */
+void Follower::Work::readStory() {
+    if (std::exchange(mStoryDue, false))
+        mStory = std::make_shared<RunStory>();
+    uint32_t number = mTail.run();
+    // A run that is found under way behind this was so before, and the list's last one.
     mHistory.read(mStore.logs());
-    mClock.beginSection(clockFacts(mHistory.find(mTail.run()), mTail.modified(), 0));
+    if (number == kCurrentRun && !inPresentRun()) {
+        std::vector<uint32_t> runs;
+        bool hasCurrent = false;
+        if (!mStore.listRuns(&runs, &hasCurrent) || !findArchived(runs, &number))
+            return;
+        mHistory.read(mStore.logs());
+    }
+    if (const RunStory* story = mHistory.find(number))
+        mStory = std::make_shared<RunStory>(*story);
 }
 
 /** Looks where text goes on behind the section that is read. */
@@ -326,7 +352,9 @@ bool Follower::Work::findRun(Onward* onward) {
     std::vector<uint32_t> runs;
     bool hasCurrent = false;
     if (mStore.listRuns(&runs, &hasCurrent)) {
-        const uint32_t number = !mTail.isOpen() ? mNewest : under ? numberOfRun(runs) : mTail.run();
+        uint32_t number = mTail.isOpen() && !under ? mTail.run() : mNewest;
+        if (under)
+            (void)findArchived(runs, &number);
         FileDescriptor logs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
         const bool anew = logs.valid() && identityOf(logs.get()) != identityOf(mLogs.get());
         const auto behind = std::upper_bound(runs.begin(), runs.end(), anew ? 0 : number);
@@ -339,23 +367,26 @@ bool Follower::Work::findRun(Onward* onward) {
     return onward->folder.valid();
 }
 
-/** The number under which the run that is read was archived, or that of the newest before it. */
-uint32_t Follower::Work::numberOfRun(const std::vector<uint32_t>& runs) const {
+/** Finds the number under which the run that is read was archived. */
+bool Follower::Work::findArchived(const std::vector<uint32_t>& runs, uint32_t* number) const {
     const FileIdentity own = identityOf(mTail.folder());
     const auto found = std::find_if(runs.rbegin(), runs.rend(), [&](uint32_t run) {
         return identityOf(mStore.openRun(run).get()) == own;
     });
-    return found != runs.rend() ? *found : mNewest;
+    if (found != runs.rend())
+        *number = *found;
+    return found != runs.rend();
 }
 
 void Follower::Work::goOnward(Onward onward) {
     const uint32_t before = mTail.section();
+    const bool whole = mTail.state() == TextState::Whole;
     uint32_t section = 0;
     switch (onward.kind) {
     case Onward::Kind::Nowhere:
         break;
     case Onward::Kind::Section:
-        enterSection(onward.section, onward.section == before + 1);
+        enterSection(onward.section, whole && onward.section == before + 1);
         break;
     case Onward::Kind::Root:
         mStore = mRoots.front().store;
@@ -363,10 +394,11 @@ void Follower::Work::goOnward(Onward onward) {
         openRun(kCurrentRun, std::move(mRoots.front().current));
         mRoots.pop_front();
         if (mTail.findNext(&section)) // sections are numbered on where the run goes on
-            enterSection(section, section >= before);
+            enterSection(section, whole && section >= before && section <= before + 1);
         break;
     case Onward::Kind::Run:
         mFlush = true;
+        mExpected = 1;
         mLogs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
         openRun(onward.run, std::move(onward.folder));
         break;
@@ -375,20 +407,58 @@ void Follower::Work::goOnward(Onward onward) {
 
 /** Goes to a section, which goes on with the line that is held, or does not. */
 void Follower::Work::enterSection(uint32_t section, bool joins) {
-    constexpr char kRemarkStart[] = "--------- logview: ";
-    if (!mTail.finding().empty())
-        mRemark = kRemarkStart + mTail.finding();
-    mFlush = mFlush || !joins || !mRemark.empty();
-    if (!mTail.enter(section)) {
-        mFlush = true;
-        mRemark = kRemarkStart + mTail.finding();
+    if (const uint32_t deleted = deletedBefore(section)) {
+        mRemark = std::to_string(deleted) + (deleted == 1 ? " section was" : " sections were") +
+                  " deleted before " + (deleted == 1 ? "it" : "they") + " could be read";
+        mRemarkPlace = {mTail.run(), mExpected, 0};
+        mCounts.vanished += deleted;
     }
+    mFlush = mFlush || !joins;
+    (void)mTail.enter(section); // what is wrong is told when it is to be read
+    mExpected = section + 1;
+    mTold = false;
     mLines = 0;
     mClockDue = true;
 }
 
+/** How many sections are missing in front of the next one. */
+uint32_t Follower::Work::deletedBefore(uint32_t section) {
+    if (mExpected == 0 || section <= mExpected)
+        return 0;
+    if (mExpected == 1) { // a run that was not seen beginning
+        readStory();
+        if (mStory->continued)
+            return 0;
+    }
+    return section - mExpected;
+}
+
+/** Has a remark made of what is wrong with the section, once. */
+bool Follower::Work::tellFinding() {
+    if (mTold)
+        return false;
+    switch (mTail.state()) {
+    case TextState::Whole:
+        return false;
+    case TextState::Damaged:
+        ++mCounts.damaged;
+        break;
+    case TextState::Vanished:
+        ++mCounts.vanished;
+        break;
+    case TextState::Unreadable:
+        ++mCounts.unreadable;
+        break;
+    }
+    mTold = true;
+    mFlush = mFlush || mTail.state() != TextState::Unreadable; // that may be only for now
+    mRemark = mTail.finding();
+    mRemarkPlace = {mTail.run(), mTail.section(), mLines};
+    return true;
+}
+
 void Follower::Work::askWhere() {
-    mAsked = nowMs();
+    mAsked = steadyMilliseconds();
     std::string answer = mLocate();
     if (!answer.empty() && answer != mLocated) {
         mLocated = answer;
@@ -398,19 +468,19 @@ void Follower::Work::askWhere() {
             (void)mRoots.back().open(); // it may come
         }
     }
-    if (!mLogs.valid())
-        (void)openStore(mLocated);
+    if (!mLogs.valid() && mStore.open(mLocated.c_str()))
+        mLogs = openFile(mStore.logs().c_str(), O_RDONLY | O_DIRECTORY);
 }
 
 /** Waits until something may have come. False: the time is over, or the other descriptor can be read. */
 bool Follower::Work::wait(int64_t until, int wakeUp) {
-    const int64_t left = until - nowMs();
+    const int64_t left = until - steadyMilliseconds();
     pollfd waited[] = {{mEvents.get(), POLLIN, 0}, {wakeUp, POLLIN, 0}};
     (void)poll(waited, 2, static_cast<int>(std::clamp<int64_t>(left, 0, kLookMs)));
     char events[4096];
     while (waited[0].revents != 0 && read(mEvents.get(), events, sizeof events) > 0) {
     }
-    if (nowMs() - mAsked >= kLookMs)
+    if (steadyMilliseconds() - mAsked >= kLookMs)
         askWhere();
     return waited[1].revents == 0 && left > 0;
 }
@@ -419,12 +489,20 @@ Follower::Follower(Locate locate) : mWork(std::make_unique<Work>(std::move(locat
 
 Follower::~Follower() = default;
 
-bool Follower::begin(const LinePlace& after) {
-    return mWork->begin(after);
+bool Follower::begin(const StoreFolder& store, const LinePlace& after) {
+    return mWork->begin(store, after);
+}
+
+bool Follower::inPresentRun() const {
+    return mWork->inPresentRun();
 }
 
 bool Follower::next(Record* record, int timeoutMs, int wakeUp) {
     return mWork->next(record, timeoutMs, wakeUp);
+}
+
+const StreamCounts& Follower::counts() const {
+    return mWork->counts();
 }
 
 } // namespace vnlog

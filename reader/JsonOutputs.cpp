@@ -77,6 +77,10 @@ class Attributes {
     TextOut& mOut;
 };
 
+const RunStory* storyOf(const Record& record, const RunHistory& history) {
+    return record.story != nullptr ? record.story.get() : history.find(record.place.run);
+}
+
 /** What is known of whoever wrote a line, in the sense of the data model. */
 void writeResource(const RunStory* story, Attributes attributes) {
     (void)attributes.text("service.name", "vnlog");
@@ -124,7 +128,7 @@ class JsonOutput : public RecordSink {
         mOut.write("\"Body\":\"");
         bool whole = writeJsonText(record.line.text, mOut);
         mOut.write("\",\"Resource\":{");
-        writeResource(mHistory.find(record.place.run), {Attributes::Style::Members, mOut});
+        writeResource(storyOf(record, mHistory), {Attributes::Style::Members, mOut});
         mOut.write("},\"Attributes\":{");
         writeAttributes(record, whole, {Attributes::Style::Members, mOut});
         mOut.write("}}\n");
@@ -158,10 +162,11 @@ class OtlpOutput : public RecordSink {
     void put(const Record& record) override {
         if (isFrame(record.line))
             return;
-        if (mRecords == kMostRecords || mBytes > kManyBytes || record.place.run != mRun)
+        if (mRecords == kMostRecords || mBytes > kManyBytes || record.place.run != mRun ||
+            record.story != mStory)
             pause();
         if (mRecords == 0)
-            begin(record.place.run);
+            begin(record);
         mOut.write(mRecords > 0 ? "," : "");
         writeRecord(record);
         ++mRecords;
@@ -179,10 +184,11 @@ class OtlpOutput : public RecordSink {
     static constexpr uint32_t kMostRecords = 256;
     static constexpr size_t kManyBytes = 262144; ///< of stored lines; receivers limit the size of a request
 
-    void begin(uint32_t run) {
-        mRun = run;
+    void begin(const Record& record) {
+        mRun = record.place.run;
+        mStory = record.story;
         mOut.write("{\"resourceLogs\":[{\"resource\":{\"attributes\":[");
-        writeResource(mHistory.find(run), {Attributes::Style::Otlp, mOut});
+        writeResource(storyOf(record, mHistory), {Attributes::Style::Otlp, mOut});
         mOut.write("]},\"scopeLogs\":[{\"scope\":{\"name\":\"logview\"},\"logRecords\":[");
     }
     void writeRecord(const Record& record) {
@@ -209,6 +215,7 @@ class OtlpOutput : public RecordSink {
     const RunHistory& mHistory;
     TextOut& mOut;
     uint32_t mRun = kCurrentRun; ///< of the request that is open
+    std::shared_ptr<const RunStory> mStory; ///< of that
     uint32_t mRecords = 0; ///< in it; 0 for none open
     size_t mBytes = 0;
 };

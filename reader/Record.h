@@ -4,10 +4,13 @@
 #include "lines/LogLine.h"
 
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 /* What the parts of the reader hand on to each other: one line, and whoever takes lines. */
 namespace vnlog {
+
+struct RunStory;
 
 /** Stands for the run that is under way. */
 constexpr uint32_t kCurrentRun = 0;
@@ -30,6 +33,9 @@ struct Record {
     bool context = false; ///< shown only for its neighbour
     LogLine line;
     LineTime time;
+    /** What is told of its run, where that may not be the one that has the place's name by now: while a store
+     * is followed. Null: what the list of runs tells of that name. */
+    std::shared_ptr<const RunStory> story = nullptr;
 };
 
 /** Takes the lines that were asked for, in the order in which they are to be shown. */

@@ -60,6 +60,7 @@ void takeLine(const RunLine& line, ListedRun* run) {
         story.boot = knownValue(line[RunKey::Boot]);
         story.version = knownValue(line[RunKey::Version]);
         story.build = knownValue(line[RunKey::Build]);
+        story.continued = !line[RunKey::From].empty();
     }
     story.steps += event == kRunStep ? 1 : 0;
     if (!line[RunKey::How].empty())

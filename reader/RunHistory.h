@@ -20,6 +20,7 @@ struct RunStory {
     int32_t zone = 0; ///< seconds by which local time is ahead of UTC
     std::vector<ClockPoint> points; ///< to the second; late by the time for which the device was suspended
     std::string boot, version, build;
+    bool continued = false; ///< under this root it began with a later section: it was moved here
     std::string how; ///< "stopped", "moved", "no_end"; empty for unknown, and for the run under way
     uint32_t steps = 0; ///< of the wall clock
 };

@@ -1,6 +1,8 @@
 #include "reader/RunTail.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -25,6 +27,7 @@ void RunTail::open(uint32_t run, FileDescriptor folder) {
     mInSection = false;
     mSection = 0;
     mPlain = FileDescriptor();
+    mFinding.clear();
     mArchive.close();
 }
 
@@ -53,9 +56,27 @@ bool RunTail::enter(uint32_t section) {
     mSection = section;
     mInSection = true;
     mOffset = 0;
+    mFinding.clear();
     mArchive.close();
     mPlain = openStored(mFolder.get(), textName(section).text);
-    return mPlain.valid() || mArchive.open(mFolder.get(), mRun, {section, true, false});
+    const int error = errno;
+    if (mPlain.valid() || mArchive.open(mFolder.get(), mRun, {section, true, false}))
+        return true;
+    if (error != ENOENT)
+        failed(error);
+    return false;
+}
+
+void RunTail::failed(int error) {
+    char reason[128];
+    mFinding = std::string(shownName(mRun, textName(mSection)).text) +
+               " cannot be read: " + strerror_r(error, reason, sizeof reason);
+}
+
+TextState RunTail::state() const {
+    if (!mFinding.empty())
+        return TextState::Unreadable;
+    return mInSection && !mPlain.valid() ? mArchive.state() : TextState::Whole;
 }
 
 bool RunTail::read(std::string_view* piece) {
@@ -63,7 +84,15 @@ bool RunTail::read(std::string_view* piece) {
         return mInSection && mArchive.read(piece);
     if (mBuffer == nullptr)
         mBuffer = allocateText(kPiece);
-    const ssize_t count = mBuffer != nullptr ? pread(mPlain.get(), mBuffer.get(), kPiece, mOffset) : -1;
+    ssize_t count = -1;
+    errno = ENOMEM;
+    do
+        count = mBuffer != nullptr ? pread(mPlain.get(), mBuffer.get(), kPiece, mOffset) : -1;
+    while (count < 0 && errno == EINTR);
+    if (count < 0)
+        failed(errno);
+    else
+        mFinding.clear();
     if (count <= 0)
         return false;
     mOffset += count;

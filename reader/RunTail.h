@@ -4,6 +4,7 @@
 #include "reader/SectionText.h"
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <sys/types.h>
 
@@ -30,8 +31,7 @@ class RunTail {
     [[nodiscard]] bool isOpen() const { return mFolder.valid(); }
     uint32_t run() const { return mRun; }
     int folder() const { return mFolder.get(); }
-    /** Of the section that is read; false before the first. */
-    [[nodiscard]] bool inSection() const { return mInSection; }
+    /** The section that is read, 0 before the first. */
     uint32_t section() const { return mSection; }
 
     /**
@@ -42,13 +42,15 @@ class RunTail {
     /** Goes to a section, at its beginning. False, with nothing to read in it: it is gone or unreadable. */
     [[nodiscard]] bool enter(uint32_t section);
     /**
-     * The next bytes of the section, valid until the next call. False: there are none now. What is cut back
-     * and written again behind a position that was read does not come again.
+     * The next bytes of the section, valid until the next call. False: there are none now, or state() tells
+     * why they cannot be read; of a text they may come when they are asked for again. What is cut back and
+     * written again behind a position that was read does not come again.
      */
     [[nodiscard]] bool read(std::string_view* piece);
 
-    /** What is wrong with the section, see SectionText::finding. */
-    const std::string& finding() const { return mArchive.finding(); }
+    /** What is wrong with the section, as of SectionText. */
+    TextState state() const;
+    const std::string& finding() const { return mFinding.empty() ? mArchive.finding() : mFinding; }
     /** The section's archive, where that is read, otherwise -1. */
     int archive() const { return mArchive.archive(); }
     /** When it was changed last, in ms since the epoch. */
@@ -56,12 +58,14 @@ class RunTail {
 
   private:
     [[nodiscard]] bool replaced() const;
+    void failed(int error);
 
     uint32_t mRun = 0, mSection = 0;
     bool mInSection = false;
     FileDescriptor mFolder;
     FileDescriptor mPlain; ///< the section's text; stays when the archive takes its place
     off_t mOffset = 0; ///< in that
+    std::string mFinding; ///< why it cannot be read, empty when it can
     SectionText mArchive; ///< what is read where there is no text
     Text mBuffer;
 };

@@ -51,7 +51,7 @@ bool inflateAll(const std::string& file, std::string* text) {
 
 /** A record in one line: what the model has of it, and if asked for what else it tells. */
 std::string shown(const Record& record, bool fields) {
-    const auto& [bytes, place, ended, context, line, time] = record;
+    const auto& [bytes, place, ended, context, line, time, story] = record;
     std::ostringstream text;
     text << place.run << '/' << place.section << ':' << place.line << (ended ? "$ " : "  ") << bytes << '\n';
     if (fields)
@@ -402,7 +402,9 @@ TEST_F(Followed, GivesEveryLineOnce) {
         ++asked;
         return where;
     });
-    ASSERT_TRUE(follower.begin({})); // nothing is there yet
+    makeFolder(logs);
+    StoreFolder folder;
+    ASSERT_TRUE(folder.open(logs.c_str()) && follower.begin(folder, {})); // nothing is there yet
     std::thread writer([this] { live(); });
     Lines given;
     std::vector<LinePlace> places;
@@ -423,10 +425,64 @@ TEST_F(Followed, GivesEveryLineOnce) {
     ASSERT_EQ(joined(given), joined(all));
     EXPECT_FALSE(take(0));
     const size_t from = given.size() - 1 - below(40);
-    ASSERT_TRUE(follower.begin(places[from]));
+    ASSERT_TRUE(folder.open(where.c_str()) && follower.begin(folder, places[from]));
     for (size_t i = from + 1; i < all.size() && take(10000); ++i) {
         EXPECT_EQ(given.back(), all[i]);
         EXPECT_TRUE(places.back().section == places[i].section && places.back().line == places[i].line);
     }
     EXPECT_EQ(given.size(), all.size() + all.size() - from - 1);
+}
+
+TEST_F(FolderTest, WhatIsFollowedIsHeldAndToldByItsRun) {
+    const std::string current = logs + "/current/";
+    std::string list;
+    auto startRun = [&](int run, const std::string& boot, const std::string& from = "") {
+        if (run > 1) {
+            fs::rename(logs + "/current", logs + "/last_" + std::to_string(run - 1));
+            list += "run=" + std::to_string(run - 1) +
+                    " event=archived how=no_end archived=" + std::to_string(run - 1) + "\n";
+        }
+        list += "run=" + std::to_string(run) + " event=start time=2026-01-0" + std::to_string(run) +
+                "T00:00:00+00:00 uptime=0 boot=" + boot + " version=1 build=1" + from + "\n";
+        makeFolder(current);
+        writeFile(logs + "/runs.txt", list);
+    };
+    Follower follower([] { return ""; });
+    auto given = [&] {
+        std::string all;
+        for (Record record; follower.next(&record, 0, -1);)
+            all += record.story->boot + std::to_string(record.place.section) + ':' +
+                   std::to_string(record.place.line) + ' ' + std::string(record.bytes) +
+                   (record.time.basis == TimeBasis::Kernel
+                        ? " at " + std::to_string(record.time.nanoseconds / 1000000000) + "\n"
+                        : "\n");
+        return all;
+    };
+    startRun(1, "a");
+    writeFile(current + "log_1.txt", "one\ntwo\nhalf");
+    StoreFolder folder;
+    ASSERT_TRUE(folder.open(root.c_str()) && follower.begin(folder, {0, 1, 1}) && follower.inPresentRun());
+    writeFile(current + "log_2.txt", " a line\n[    6.000000] moved\n");
+    fs::remove(current + "log_1.txt");
+    startRun(2, "b");
+    writeFile(current + "log_1.txt", "one\ntwo\n[    6.000000] moved\n");
+    EXPECT_FALSE(follower.inPresentRun());
+    EXPECT_EQ(given(), "a1:2 two\na1:3 half a line\na2:1 [    6.000000] moved at 1767225606\n"
+                       "b1:1 one\nb1:2 two\nb1:3 [    6.000000] moved at 1767312006\n");
+    fs::remove(current + "log_1.txt");
+    writeFile(current + "log_1.txt", "anew\n");
+    writeFile(current + "log_5.txt.gz", packed("packed\n") + "damage");
+    writeFile(current + "log_6.txt", "six\n");
+    writeFile(current + "log_7.txt", "seven\n");
+    EXPECT_EQ(given(),
+              "b1:1 anew\nb2:0 --------- logview: 3 sections were deleted before they could be read\n"
+              "b5:1 packed\nb5:1 --------- logview: current/log_5.txt.gz is damaged behind its first " +
+                  std::to_string(packed("packed\n").size() + 2) + " bytes\nb6:1 six\nb7:1 seven\n");
+    EXPECT_TRUE(follower.counts().vanished == 3 && follower.counts().damaged == 1);
+    startRun(3, "c");
+    writeFile(current + "log_2.txt", "two\n");
+    startRun(4, "d", " from=/other");
+    writeFile(current + "log_2.txt", "moved here\n");
+    EXPECT_EQ(given(), "c1:0 --------- logview: 1 section was deleted before it could be read\nc2:1 two\n"
+                       "d2:1 moved here\n");
 }

@@ -222,6 +222,17 @@ offers "--list-runs" --lis
 offers "all 0 -1 1 2 3" -D "$store" -b ""
 offers "all 0 -1 1 2 3" --directory = "$store" -b ""
 
+# --- followed by somebody who begins to read when the run is over
+slow=$home/slow/log_service
+start_run() { echo "run=$1 event=start time=2026-01-01T00:00:00+00:00 uptime=0 boot=$2 version=1 build=1" >>"$slow/runs.txt"; }
+mkdir -p "$slow/current" && seq -f 'I/T       ( 1234): old %060g' 9000 >"$slow/current/log_1.txt" && start_run 1 a
+mkfifo "$home/pipe" && { $logview -D "$slow" -f -S 2000-01-01 -o json >"$home/pipe" & }
+exec 5<"$home/pipe" && read -r _ <&5
+mv "$slow/current" "$slow/last_1" && mkdir "$slow/current" && seq -f 'I/T       ( 1234): new %g' 20 >"$slow/current/log_1.txt"
+echo "run=1 event=archived how=no_end archived=1" >>"$slow/runs.txt" && start_run 2 b
+timeout 30 head -n 9019 <&5 | tail -n 1 | grep -q '"new 20".*"vnlog.boot_id":"b"' || fail "a slow reader's lines were lost, or told of another run"
+exec 5<&- && wait $! || fail "following without a reader ended with $?"
+
 # --- followed through cuts, a restart and another root
 $logset ALOG_FORMAT raw
 flood() { seq -f 'followed %g and some more to fill the sections with, so that they are cut' "$1" "$2" | $logwrite -t f -p w --lossless; }

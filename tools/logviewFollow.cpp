@@ -57,26 +57,32 @@ class EndSignals {
 class Following {
   public:
     explicit Following(View& view)
-        : mView(view), mSelection(view.query, view.sink, view.options.before, view.options.after) {}
-    /** Shows the last lines that are there. */
-    void showTail();
-    /** Goes on until the user or the output ends it. False with errno set when that cannot be done. */
-    [[nodiscard]] bool follow();
-    Viewed viewed() const { return {mSelection.wanted(), mCounts}; }
+        : mView(view), mSelection(view.query, view.sink, view.options.before, view.options.after),
+          mPast(view.store.folder, view.history), mFollower([this] { return logFolder(); }) {}
+    /** Takes hold of the lines that are there, and of all that come behind them. False with errno set. */
+    [[nodiscard]] bool begin();
+    /** Shows the last lines that were there. */
+    void showPast();
+    /** Shows what comes until the user or the output ends it. */
+    void follow();
+    Viewed viewed() const;
 
   private:
-    bool findEnd();
+    void findEnd();
+    void beginPast();
     std::string logFolder();
-    void take(const Record& record);
 
     View& mView;
     Selection mSelection;
-    LinePlace mEnd; ///< the last whole line of the present run, section 0 for none
-    vnlog::StreamCounts mCounts;
+    LinePlace mEnd; ///< the last whole line of the present run, line 0 for none
+    bool mAnyPast = false;
+    vnlog::LineStream mPast; ///< of the lines up to there
+    vnlog::Follower mFollower; ///< of those behind it
 };
 
-/** Finds the last whole line that is there. False when the present run has none yet. */
-bool Following::findEnd() {
+/** Finds the last whole line that is there. */
+void Following::findEnd() {
+    mEnd = LinePlace();
     vnlog::Scope scope;
     scope.runs = {vnlog::kCurrentRun};
     scope.fields = false;
@@ -86,33 +92,58 @@ bool Following::findEnd() {
         if (!record.ended || record.line.source == LineSource::Reader)
             continue;
         mEnd = record.place;
-        return true;
+        return;
     }
-    return false;
 }
 
-void Following::showTail() {
+bool Following::begin() {
+    for (;;) {
+        findEnd();
+        if (mFollower.begin(mView.store.folder, mEnd)) {
+            beginPast();
+            if (mFollower.inPresentRun())
+                return true; // all of it looked at the same run
+        } else if (errno != ENOENT || mEnd.line == 0) {
+            return false;
+        }
+    }
+}
+
+/** Goes to the first of the lines that are shown of those that are there. */
+void Following::beginPast() {
     const bool all = !mView.options.lines.has_value() && mView.options.query.since != INT64_MIN;
     const uint32_t lines = mView.options.lines.value_or(kFollowedTail);
-    const bool present = findEnd();
-    vnlog::LineStream stream(mView.store.folder, mView.history);
+    bool current = false;
+    if (mView.options.runs.empty() && mView.store.folder.listRuns(&mView.scope.runs, &current) && current)
+        mView.scope.runs.push_back(vnlog::kCurrentRun);
     Tail tail;
     if (!all && lines > 0)
         tail = findTail(mView, lines);
-    if (all) {
-        stream.begin(mView.scope);
-    } else if (tail.any) {
+    mAnyPast = all || tail.any;
+    if (tail.any) {
         mSelection.beginWith(tail.first);
-        stream.beginAt(mView.scope, tail.context);
-    } else {
-        return;
+        mPast.beginAt(mView.scope, tail.context);
+    } else if (all) {
+        mPast.begin(mView.scope);
     }
-    auto follows = [&](const LinePlace& place) { // is shown later
-        return place.run == vnlog::kCurrentRun && (!present || !reached(mEnd, place));
-    };
-    for (Record record; goesOn(mView) && stream.next(&record) && !follows(record.place);)
+}
+
+void Following::showPast() {
+    auto present = [](const LinePlace& place) { return place.run == vnlog::kCurrentRun; };
+    auto isBehind = [&](const LinePlace& place) { return present(place) && !reached(mEnd, place); };
+    for (Record record; mAnyPast && goesOn(mView) && mPast.next(&record) && !isBehind(record.place);) {
         mSelection.take(record);
-    mCounts = stream.counts();
+        mAnyPast = !present(record.place) || !reached(record.place, mEnd);
+    }
+}
+
+Viewed Following::viewed() const {
+    vnlog::StreamCounts counts = mPast.counts();
+    const vnlog::StreamCounts& later = mFollower.counts();
+    counts.damaged += later.damaged;
+    counts.vanished += later.vanished;
+    counts.unreadable += later.unreadable;
+    return {mSelection.wanted(), counts};
 }
 
 std::string Following::logFolder() {
@@ -123,45 +154,35 @@ std::string Following::logFolder() {
     return root.empty() ? root : root + "/" + vnlog::kLogFolder;
 }
 
-void Following::take(const Record& record) {
-    if (record.place.section != mEnd.section)
-        mView.history.read(logFolder()); // a new run may have begun
-    mEnd = record.place;
-    mSelection.take(record);
-}
-
-bool Following::follow() {
+void Following::follow() {
     EndSignals signals;
-    vnlog::Follower follower([this] { return logFolder(); });
-    if (!follower.begin(mEnd))
-        return false;
     Record record;
     for (uint32_t taken = 0; goesOn(mView) && (taken % kLinesBetweenLooks != 0 || !signals.came()); ++taken) {
-        bool there = follower.next(&record, 0, -1);
+        bool there = mFollower.next(&record, 0, -1);
         if (!there) {
             mView.sink.pause();
             (void)mView.out.flush();
-            there = follower.next(&record, kLookMs, signals.descriptor());
+            there = mFollower.next(&record, kLookMs, signals.descriptor());
         }
         if (there)
-            take(record);
+            mSelection.take(record);
         else if (signals.came() || readerGone())
             break;
     }
-    return true;
 }
 
 } // namespace
 
 Viewed followLines(View& view) {
     Following following(view);
-    following.showTail();
-    Viewed viewed = {0, {}};
-    if (!following.follow()) {
+    if (!following.begin()) {
         std::fprintf(stderr, "%s: cannot follow %s: %s\n", kViewer, view.store.root.c_str(),
                      std::strerror(errno));
+        Viewed viewed = {0, {}};
         viewed.failed = true;
         return viewed;
     }
+    following.showPast();
+    following.follow();
     return following.viewed();
 }
