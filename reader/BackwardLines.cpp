@@ -124,7 +124,9 @@ void BackwardLines::tellShorter(uint32_t wanted) {
 /** Keeps the lines that are wanted; `last` becomes one without an end. False when more follow those. */
 bool BackwardLines::keepAll(uint32_t wanted, std::string* last) {
     Fragment fragment;
+    mEmpty = true;
     for (bool first = true; mParts.fragments.next(&fragment); first = false) {
+        mEmpty = false;
         if (first && mHeadKind != Head::Line)
             takeHead(fragment, wanted);
         else if (!fragment.ended && !fragment.cut)
@@ -190,6 +192,10 @@ void BackwardLines::keepTag(LogLine* line) {
 /** Completes the last line of a section, and tells what is wrong with it. */
 void BackwardLines::finishSection(std::string last, uint32_t wanted) {
     const std::string finding = mParts.countFinding();
+    if (mEmpty && mHeadKind == Head::Within && finding.empty()) { // the line goes on behind it
+        mHead = std::exchange(mBehind, Rest());
+        return;
+    }
     const bool open = !last.empty() || mHead.open;
     if (finding.empty() && open && mBehindLeftOut)
         fetchRest();

@@ -58,6 +58,7 @@ class BackwardLines {
     size_t mRunsLeft = 0; ///< of the scope
     size_t mLeft = 0; ///< sections of the run that is open; the one behind them is being given
     bool mInside = false; ///< that is so
+    bool mEmpty = false; ///< it holds nothing
     enum class Head : uint8_t { Line, Within, Rest } mHeadKind = Head::Line; ///< what it begins with
     std::string mCutLine; ///< what is known of the line within which it begins
 

@@ -31,7 +31,8 @@ struct StreamCounts {
 /**
  * The lines of a store, one after the other, in either direction. Lines that are cut between two sections
  * come whole. A text beside its archive is read as the service would settle the two. Where something cannot
- * be read, a record of the source Reader says so at that place. A run's last line may have no newline
+ * be read, a record of the source Reader says so at that place. The run that is under way is for all
+ * beginnings the one that was at the first. A run's last line may have no newline
  * (Record::ended). Needs less than 6 MiB whatever the sections hold; of a line of more than 256 KiB the
  * pieces come as lines. One thread at a time.
  */

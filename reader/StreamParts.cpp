@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
+#include <utility>
 
 namespace vnlog {
 
@@ -23,6 +24,20 @@ constexpr uint32_t kLongForm = bitOf(LineForm::Long);
 constexpr uint32_t kSettlingForms = bitOf(LineForm::Time) | bitOf(LineForm::ThreadTime) |
                                     bitOf(LineForm::Kernel) | bitOf(LineForm::KernelLevel) |
                                     bitOf(LineForm::Own);
+
+/** Prefers the points of the section before, which are to the millisecond, but for the steps that came later.
+ */
+void takePoints(const std::vector<ClockPoint>& exact, std::vector<ClockPoint>* listed) {
+    constexpr int64_t kRounding = 2000; ///< ms: both clocks of the list are in whole seconds
+    std::vector<ClockPoint> points = exact;
+    for (const ClockPoint& point : *listed) {
+        const bool step = !points.empty() && point.since > points.back().since &&
+                          std::abs(point.offset - points.back().offset) > kRounding;
+        if (points.empty() || step)
+            points.push_back(point);
+    }
+    *listed = std::move(points);
+}
 
 } // namespace
 
@@ -47,14 +62,15 @@ void StreamParts::begin(const Scope& asked) {
     fragments.close();
     sections.close();
     parser.reset();
-    mCurrent = FileDescriptor();
-    if (std::find(scope.runs.begin(), scope.runs.end(), kCurrentRun) != scope.runs.end())
-        mCurrent = mFolder.openRun(kCurrentRun);
+    if (mCurrent.valid() || std::find(scope.runs.begin(), scope.runs.end(), kCurrentRun) == scope.runs.end())
+        return;
+    mCurrent = mFolder.openRun(kCurrentRun);
+    mCurrentError = mCurrent.valid() ? 0 : errno;
 }
 
 bool StreamParts::openRun(uint32_t run, std::string* remark) {
     fragments.close();
-    errno = ENOENT;
+    errno = mCurrentError;
     FileDescriptor folder = run != kCurrentRun ? mFolder.openRun(run)
                             : mCurrent.valid() ? FileDescriptor(dup(mCurrent.get()))
                                                : FileDescriptor();
@@ -112,8 +128,9 @@ bool StreamParts::beginsWithin(size_t index, std::string* cutLine) {
         return start == RunSections::Start::Rest;
     bool open = false, settled = false;
     for (size_t back = 1; back <= kLookBack && !settled; ++back) {
-        open = parseBefore(index - back, index, cutLine, &settled);
-        settled = settled || !scope.fields || !sections.follows(index - back);
+        bool nothing = true; // as a service leaves a section that is killed before the first batch
+        open = parseBefore(index - back, index, cutLine, &settled, &nothing);
+        settled = settled || (!scope.fields && !nothing) || !sections.follows(index - back);
     }
     return open;
 }
@@ -135,9 +152,10 @@ bool StreamParts::mayBeInEntry(size_t index) {
 
 /**
  * Parses the sections from `first` up to `end` and tells whether the last ends within a line, `cutLine`.
- * `settled` becomes whether the first one holds a line with which no entry from before goes on.
+ * `settled` becomes whether the first one holds a line with which no entry from before goes on, `nothing`
+ * whether all are empty.
  */
-bool StreamParts::parseBefore(size_t first, size_t end, std::string* cutLine, bool* settled) {
+bool StreamParts::parseBefore(size_t first, size_t end, std::string* cutLine, bool* settled, bool* nothing) {
     bool rest = sections.start(first) == RunSections::Start::Rest;
     parser.reset();
     cutLine->clear();
@@ -146,6 +164,7 @@ bool StreamParts::parseBefore(size_t first, size_t end, std::string* cutLine, bo
         LogLine line;
         const bool open = fragments.open(sections.folder(), sections.run(), sections.sections()[index]);
         while (open && fragments.next(&fragment)) {
+            *nothing = false;
             if (cutLine->size() < Fragments::kLongest)
                 cutLine->append(fragment.bytes);
             if (!fragment.ended && !fragment.cut)
@@ -177,8 +196,11 @@ void StreamParts::beginClock() {
         return;
     }
     const SectionFacts* before = sections.follows(mIndex) ? sections.facts(mIndex - 1) : nullptr;
-    mClock.beginSection(
-        clockFacts(mHistory.find(sections.run()), text.modified(), before != nullptr ? before->lastTime : 0));
+    ClockFacts facts =
+        clockFacts(mHistory.find(sections.run()), text.modified(), before != nullptr ? before->lastTime : 0);
+    if (before != nullptr)
+        takePoints(before->origin.points, &facts.points);
+    mClock.beginSection(facts);
 }
 
 void StreamParts::plain(std::string_view bytes, const LinePlace& place, bool ended, Record* record) const {

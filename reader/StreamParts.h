@@ -4,6 +4,7 @@
 #include "reader/LineStream.h"
 #include "reader/RunSections.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -63,13 +64,14 @@ class StreamParts {
 
   private:
     bool mayBeInEntry(size_t index);
-    bool parseBefore(size_t first, size_t end, std::string* cutLine, bool* settled);
+    bool parseBefore(size_t first, size_t end, std::string* cutLine, bool* settled, bool* nothing);
     void plain(std::string_view bytes, const LinePlace& place, bool ended, Record* record) const;
 
     size_t mIndex = 0; ///< of the section that is open
     const StoreFolder& mFolder;
     const RunHistory& mHistory;
-    FileDescriptor mCurrent; ///< folder of the run that was under way at the beginning
+    FileDescriptor mCurrent; ///< folder of the run that was under way at the first beginning
+    int mCurrentError = ENOENT; ///< why there is none
     LineClock mClock;
 };
 

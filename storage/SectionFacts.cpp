@@ -437,7 +437,7 @@ bool SectionSummary::takeTime(const LogLine& line) {
 }
 
 SectionFacts SectionSummary::end() {
-    mFacts.openEnd = !mRest.empty();
+    mFacts.openEnd = !mRest.empty() || mWithin; // an empty section lies within a line as a whole
     if (mFacts.openEnd && !mWithin)
         takeOpenLine();
     if (mUndatedFirst && mDated && mEarliest > 0)

@@ -118,7 +118,7 @@ void Following::beginPast() {
         mView.scope.runs.push_back(vnlog::kCurrentRun);
     Tail tail;
     if (!all && lines > 0)
-        tail = findTail(mView, lines);
+        tail = findTail(mView, lines, mPast);
     mAnyPast = all || tail.any;
     if (tail.any) {
         mSelection.beginWith(tail.first);

@@ -107,10 +107,9 @@ bool goesOn(const View& view) {
     return view.out.error() == 0 && !view.query.tooSlow();
 }
 
-Tail findTail(const View& view, uint32_t lines) {
+Tail findTail(const View& view, uint32_t lines, vnlog::LineStream& stream) {
     vnlog::Scope scope = view.scope;
     scope.fields = view.query.wantsFields();
-    vnlog::LineStream stream(view.store.folder, view.history);
     stream.beginBackward(scope);
     Tail tail;
     Record record;
@@ -156,7 +155,7 @@ Viewed showForward(View& view) {
     vnlog::LineStream stream(view.store.folder, view.history);
     Selection selection(view.query, view.sink, view.options.before, view.options.after);
     if (view.options.lines.has_value()) {
-        Tail tail = findTail(view, *view.options.lines);
+        Tail tail = findTail(view, *view.options.lines, stream);
         if (!tail.any)
             return {0, tail.counts};
         selection.limit(*view.options.lines);

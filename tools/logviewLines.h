@@ -92,8 +92,8 @@ struct Tail {
     vnlog::LinePlace context; ///< where its neighbours in front of it begin
     vnlog::StreamCounts counts; ///< of looking for it
 };
-/** Looks for it in a pass of the query, and begins another for showing it. */
-Tail findTail(const View& view, uint32_t lines);
+/** Looks for it in a pass of the query, and begins another for showing it, by the same stream. */
+Tail findTail(const View& view, uint32_t lines, vnlog::LineStream& stream);
 
 /** Shows lines that are there, and those of the present run as they come. */
 Viewed followLines(View& view);
