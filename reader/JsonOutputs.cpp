@@ -120,8 +120,9 @@ class JsonOutput : public RecordSink {
   public:
     JsonOutput(const RunHistory& history, TextOut& out) : mHistory(history), mOut(out) {}
 
+    bool shows(const Record& record) const override { return !isFrame(record.line); }
     void put(const Record& record) override {
-        if (isFrame(record.line))
+        if (!shows(record))
             return;
         mOut.write('{');
         writeTimeAndSeverity(record);
@@ -159,8 +160,9 @@ class OtlpOutput : public RecordSink {
   public:
     OtlpOutput(const RunHistory& history, TextOut& out) : mHistory(history), mOut(out) {}
 
+    bool shows(const Record& record) const override { return !isFrame(record.line); }
     void put(const Record& record) override {
-        if (isFrame(record.line))
+        if (!shows(record))
             return;
         if (mRecords == kMostRecords || mBytes > kManyBytes || record.place.run != mRun ||
             record.story != mStory)

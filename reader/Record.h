@@ -47,6 +47,8 @@ class RecordSink {
     virtual void separate() {}
     /** Whether it looks at more of a record than its bytes, place and end. */
     virtual bool wantsFields() const { return true; }
+    /** Whether it has anything to show of a record, which otherwise need not be put. */
+    virtual bool shows(const Record&) const { return true; }
     /** No line comes for a while: what is gathered is handed out. */
     virtual void pause() {}
     /** No more lines come. */

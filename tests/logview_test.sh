@@ -105,6 +105,8 @@ shows 0 -g '\Stra.e' < <(grep -aiP '\Stra.e' "$home/all")
 shows 0 'lens' click < <(grep -aE 'lens|click' "$home/all")
 shows 0 -F -g '0] No ' --case insensitive < <(grep -aF '0] no ' "$home/all")
 shows 1 -g 'nobody wrote this' </dev/null
+last=$($logview -b 1 -a -n 1 -o json) # the last lines there are the empty ends of entries
+[[ $last == *'"Body":"fine long"'* ]] || fail "the last of run 1 is $last"
 for run in 1 2 3; do shows 0 -b $run < <(run_text "$store/last_$run"); done
 shows 0 -b 0 < <(run_text "$store/current")
 shows 0 --run=-1 < <(run_text "$store/last_3")
@@ -223,13 +225,11 @@ offers "all 0 -1 1 2 3" -D "$store" -b ""
 offers "all 0 -1 1 2 3" --directory = "$store" -b ""
 
 # --- followed by somebody who begins to read when the run is over
-slow=$home/slow/log_service
-start_run() { echo "run=$1 event=start time=2026-01-01T00:00:00+00:00 uptime=0 boot=$2 version=1 build=1" >>"$slow/runs.txt"; }
-mkdir -p "$slow/current" && seq -f 'I/T       ( 1234): old %060g' 9000 >"$slow/current/log_1.txt" && start_run 1 a
+slow=$home/slow/log_service && mkdir -p "$slow/current" && seq -f 'I/T       ( 1234): old %060g' 9000 >"$slow/current/log_1.txt"
 mkfifo "$home/pipe" && { $logview -D "$slow" -f -S 2000-01-01 -o json >"$home/pipe" & }
 exec 5<"$home/pipe" && read -r _ <&5
-mv "$slow/current" "$slow/last_1" && mkdir "$slow/current" && seq -f 'I/T       ( 1234): new %g' 20 >"$slow/current/log_1.txt"
-echo "run=1 event=archived how=no_end archived=1" >>"$slow/runs.txt" && start_run 2 b
+mv "$slow/current" "$slow/last_1" && mkdir "$slow/current" && echo "run=2 event=start time=2026-01-01T00:00:00+00:00 uptime=0 boot=b" >"$slow/runs.txt"
+seq -f 'I/T       ( 1234): new %g' 20 >"$slow/current/log_1.txt"
 timeout 30 head -n 9019 <&5 | tail -n 1 | grep -q '"new 20".*"vnlog.boot_id":"b"' || fail "a slow reader's lines were lost, or told of another run"
 exec 5<&- && wait $! || fail "following without a reader ended with $?"
 

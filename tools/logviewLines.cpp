@@ -34,7 +34,7 @@ void Selection::beginWith(const LinePlace& place) {
 bool Selection::wants(const Record& record) {
     if (mWaiting && reached(record.place, mFirst))
         mWaiting = false;
-    return !mWaiting && mWanted < mMost && mQuery.matches(record);
+    return !mWaiting && mWanted < mMost && mQuery.matches(record) && mSink.shows(record);
 }
 
 void Selection::take(const Record& record) {
@@ -108,16 +108,14 @@ bool goesOn(const View& view) {
 }
 
 Tail findTail(const View& view, uint32_t lines, vnlog::LineStream& stream) {
-    vnlog::Scope scope = view.scope;
-    scope.fields = view.query.wantsFields();
-    stream.beginBackward(scope);
+    stream.beginBackward(view.scope);
     Tail tail;
     Record record;
     uint32_t wanted = 0, before = 0, givenUp = 0;
     while (goesOn(view) && (wanted < lines || before < view.options.before) && stream.next(&record)) {
         if (record.line.source == LineSource::Reader)
             continue;
-        if (wanted < lines && view.query.matches(record)) {
+        if (wanted < lines && view.query.matches(record) && view.sink.shows(record)) {
             ++wanted;
             before = 0;
             givenUp = view.query.givenUp();
