@@ -80,35 +80,34 @@ class Follower::Work {
     bool wait(int64_t until, int wakeUp);
 
     Locate mLocate;
-    std::string mLocated; ///< the last answer
+    std::string mLocated; ///< the last answer of mLocate
     int64_t mAsked = 0; ///< when that came
     std::deque<MovedTo> mRoots; ///< oldest first
-    StoreFolder mStore;
-    FileDescriptor mLogs; ///< its log folder
-    uint32_t mNewest = 0; ///< archived run when the run that is read was begun
-    RunTail mTail;
-    FileDescriptor mEvents; ///< of that run's folder
-
+    StoreFolder mStore; ///< that is read
+    RunTail mTail; ///< the run that is read
     RunHistory mHistory;
     std::shared_ptr<const RunStory> mStory; ///< of the last record's run
-    bool mStoryDue = false; ///< that is not yet the one that is read
-    StreamCounts mCounts;
-    uint32_t mExpected = 0; ///< the section that is to come next, 0 when that is unknown
     LineParser mParser;
     LineClock mClock;
-    bool mClockDue = false; ///< the clock is still that of the section before
     std::string_view mPiece; ///< of the text, what is left of it
-    uint32_t mLines = 0; ///< that have begun in the section
-    bool mRestFirst = false; ///< what comes first in it is no line of it
-    bool mInLine = false; ///< a line has begun
-    LinePlace mPlace; ///< of that
-    std::string mHeld; ///< what there is of it
-    bool mFlush = false; ///< nothing more comes of it
+    std::string mHeld; ///< what there is of the line that has begun
     std::string mRemark; ///< on the section that is read
-    LinePlace mRemarkPlace;
-    bool mTold = false; ///< the finding of that section
     std::string mGiven; ///< what the last record points to
-    LinePlace mAfter; ///< lines of its section up to it are passed over
+    FileDescriptor mLogs; ///< log folder of mStore
+    FileDescriptor mEvents; ///< of the run's folder
+    StreamCounts mCounts;
+    LinePlace mPlace; ///< of the line that has begun
+    LinePlace mRemarkPlace;
+    LinePlace mAfter; ///< lines of its section up to it are passed over while mPassing
+    uint32_t mNewest = 0; ///< archived run when the run that is read was begun
+    uint32_t mExpected = 0; ///< the section that is to come next, 0 when that is unknown
+    uint32_t mLines = 0; ///< that have begun in the section
+    bool mStoryDue = false; ///< mStory is not yet that of the run that is read
+    bool mClockDue = false; ///< the clock is still that of the section before
+    bool mRestFirst = false; ///< what comes first in the section is no line of it
+    bool mInLine = false; ///< a line has begun
+    bool mFlush = false; ///< nothing more comes of that
+    bool mTold = false; ///< the finding of the section that is read
     bool mPassing = false;
 };
 

@@ -222,11 +222,13 @@ uint32_t checkSums(const std::string& folder, Damage* damage) {
             damage->add("SHA256SUMS is damaged");
             return static_cast<uint32_t>(right.size());
         }
-        FileDescriptor file = openFile((folder + "/" + name).c_str(), O_RDONLY | O_NOFOLLOW);
+        std::string path = folder;
+        path.append("/").append(name);
+        FileDescriptor file = openFile(path.c_str(), O_RDONLY | O_NOFOLLOW);
         if (!file.valid() || !sumOf(file.get(), &sum))
-            damage->add("'" + name + "' is missing");
+            damage->add(name.insert(0, "'").append("' is missing"));
         else if (sum != text.substr(0, blank))
-            damage->add("'" + std::move(name) + "' is not as its sum in SHA256SUMS says");
+            damage->add(name.insert(0, "'").append("' is not as its sum in SHA256SUMS says"));
         else
             right.insert(std::move(name));
     }
