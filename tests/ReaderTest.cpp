@@ -273,6 +273,33 @@ TEST_F(StoredLines, AreTheSameInEveryDirectionAndScope) {
     }
 }
 
+TEST_F(FolderTest, OnlySectionsWithinTheTimesAreOpened) {
+    SectionFacts before;
+    SectionOrigin origin;
+    origin.zoneKnown = true;
+    for (uint32_t section = 1; section <= 40; ++section) {
+        const std::string text =
+            "11-23 14:" + std::to_string(section + 10) + ":00.000 I/Tag     (    1): x\n";
+        SectionSummary summary;
+        summary.begin(origin, section, section > 1 ? &before : nullptr, 1795442400000);
+        summary.add(text);
+        before = summary.end();
+        writeFile(logs + "/last_1/log_" + std::to_string(section) + ".txt.gz",
+                  packed(text, encodeFacts(before)));
+    }
+    StoreFolder folder;
+    ASSERT_TRUE(folder.open(logs.c_str()));
+    RunHistory history;
+    LineStream stream(folder, history);
+    constexpr int64_t kMinute = 60000000000, kHour = 1795442400000000000; // 14:00
+    Scope scope{{1}, kHour + 20 * kMinute, kHour + 22 * kMinute};
+    for (bool reverse : {false, true}) {
+        reverse ? stream.beginBackward(scope) : stream.begin(scope);
+        EXPECT_EQ(take(stream, false).size(), 3U);
+        EXPECT_EQ(stream.counts().opened, 3U);
+    }
+}
+
 TEST_F(FolderTest, DamagedSectionsGiveWhatZlibCanRead) {
     std::mt19937 random(7);
     std::string text;
