@@ -84,7 +84,7 @@ void BackwardLines::enter() {
                                                                            : Head::Line;
     mInside = true;
     readWindow(kLastWindow);
-    mBehindLeftOut = false;
+    mBehindLeftOut = mBehindLeftOut && mEmpty;
 }
 
 /** Keeps a part of the lines of a section: the one of that number, or the last. */
@@ -148,7 +148,8 @@ void BackwardLines::takeHead(const Fragment& fragment, uint32_t wanted) {
     mHead.open = !fragment.ended && !fragment.cut;
     mHead.bytes.assign(fragment.bytes);
     Record alone;
-    mParts.describeRest(mHead.bytes, place(mLeft, kRestLine), mHead.ended, &alone);
+    mHead.place = place(mLeft, kRestLine);
+    mParts.describeRest(mHead.bytes, mHead.place, mHead.ended, &alone);
     mHead.time = alone.time;
     if (mCutLine.empty() || !mParts.scope.fields)
         return;
@@ -220,9 +221,13 @@ void BackwardLines::fetchRest() {
     const RunSections& sections = mParts.sections;
     for (size_t index = mLeft + 1; index < sections.sections().size() && sections.follows(index); ++index) {
         Fragment fragment;
-        if (!mParts.fragments.open(sections.folder(), sections.run(), sections.sections()[index]) ||
-            !mParts.fragments.next(&fragment))
+        if (!mParts.fragments.open(sections.folder(), sections.run(), sections.sections()[index]))
             return;
+        if (!mParts.fragments.next(&fragment)) {
+            if (mParts.fragments.text().state() != TextState::Whole)
+                return;
+            continue; // it is empty
+        }
         mBehind.there = true;
         mBehind.ended = fragment.ended;
         mBehind.bytes += fragment.bytes;
@@ -234,7 +239,7 @@ void BackwardLines::fetchRest() {
 /** Gives the rest of a line whose beginning cannot be read as a line of its own. */
 void BackwardLines::giveRestUp() {
     if (mBehind.there && !mBehindLeftOut)
-        mExtra.push_back({mBehind.bytes, place(mLeft + 1, kRestLine), false, mBehind.ended, mBehind.time});
+        mExtra.push_back({mBehind.bytes, mBehind.place, false, mBehind.ended, mBehind.time});
     mBehind = Rest();
 }
 

@@ -29,6 +29,7 @@ class BackwardLines {
         bool ended = false;
         bool open = false; ///< it is all of the section
         std::string bytes;
+        LinePlace place;
         LineTime time; ///< as a line of its own in its section
     };
 
@@ -72,7 +73,7 @@ class BackwardLines {
 
     Rest mBehind; ///< of the section behind the one that is given
     Rest mHead; ///< of this one
-    bool mBehindLeftOut = false; ///< that section is none of the scope
+    bool mBehindLeftOut = false; ///< that section, or the one behind empty ones, is none of the scope
     std::deque<Extra> mExtra; ///< given before the lines
     Extra mGiven;
 };

@@ -96,7 +96,7 @@ void ForwardLines::enter(size_t index, bool joins) {
     mPlace = {mParts.sections.run(), mParts.sections.sections()[index].number, 0};
     mOpen = mParts.openSection(index);
     mFirst = mClockDue = mOpen;
-    mLeavesRest = false;
+    mLeavesRest = mHead == Head::LeftOut;
     if (!mOpen)
         endSection();
 }
@@ -105,6 +105,10 @@ void ForwardLines::enter(size_t index, bool joins) {
 ForwardLines::Head ForwardLines::headOf(size_t index, bool joins) {
     if (joins)
         return Head::Joins;
+    const bool sought = mSeeking && mParts.sections.run() == mFrom.run &&
+                        mParts.sections.sections()[index].number == mFrom.section;
+    if (sought && mFrom.line == kRestLine) // one that was too long for its line, too, has such a place
+        return Head::Rest;
     const bool follows = mParts.sections.follows(index);
     if (mBefore == Before::LeftOut && follows) {
         if (mParts.beginsWithin(index, &mCutLine))

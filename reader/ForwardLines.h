@@ -44,7 +44,7 @@ class ForwardLines {
     Before mBefore = Before::Read;
     Head mHead = Head::Line;
     bool mFirst = false; ///< no fragment of the section was read
-    bool mLeavesRest = false; ///< all of it is the rest of a line that is left out
+    bool mLeavesRest = false; ///< all of it, if anything, is the rest of a line that is left out
     bool mClockDue = false; ///< the clock is still that of the section before
     LinePlace mPlace; ///< of the last line
     LinePlace mFrom; ///< lines of its section before it are passed over

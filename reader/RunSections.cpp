@@ -52,7 +52,7 @@ bool RunSections::outside(size_t index, int64_t since, int64_t until) {
     // The line that is cut at its end is not later than the last one of the next section.
     const SectionFacts* next =
         index + 1 < mSections.size() && follows(index + 1) ? facts(index + 1) : nullptr;
-    return next != nullptr && next->firstTime > 0 && next->lastTime < first;
+    return next != nullptr && next->lines > 0 && next->firstTime > 0 && next->lastTime < first;
 }
 
 bool RunSections::follows(size_t index) const {

@@ -15,6 +15,7 @@ namespace {
 
 constexpr char kOwnStart[] = "--------- ";
 constexpr size_t kLookBack = 4; ///< sections in which an entry may have begun that goes on
+constexpr size_t kMostEmpty = 8; ///< sections that are passed on the way to those
 
 constexpr uint32_t bitOf(LineForm form) {
     return 1U << static_cast<unsigned>(form);
@@ -124,13 +125,15 @@ bool StreamParts::beginsWithin(size_t index, std::string* cutLine) {
     if (!sections.follows(index))
         return false;
     const RunSections::Start start = sections.start(index);
-    if (start != RunSections::Start::Unknown && !mayBeInEntry(index))
+    if (start != RunSections::Start::Unknown && !mayBeInEntry(index) &&
+        (start == RunSections::Start::Line || !mayBeEmpty(index - 1)))
         return start == RunSections::Start::Rest;
     bool open = false, settled = false;
-    for (size_t back = 1; back <= kLookBack && !settled; ++back) {
+    for (size_t back = 1, most = kLookBack; back <= most && !settled; ++back) {
         bool nothing = true; // as a service leaves a section that is killed before the first batch
         open = parseBefore(index - back, index, cutLine, &settled, &nothing);
         settled = settled || (!scope.fields && !nothing) || !sections.follows(index - back);
+        most += nothing && most < kLookBack + kMostEmpty ? 1 : 0;
     }
     return open;
 }
@@ -140,14 +143,23 @@ bool StreamParts::beginsWithin(size_t index, std::string* cutLine) {
 bool StreamParts::mayBeInEntry(size_t index) {
     if (!scope.fields)
         return false;
-    for (size_t back = 1; back <= kLookBack && sections.follows(index - back + 1); ++back) {
+    size_t most = kLookBack;
+    for (size_t back = 1; back <= most && sections.follows(index - back + 1); ++back) {
         const SectionFacts* before = sections.facts(index - back);
         if (before == nullptr || (before->forms & kLongForm) != 0)
             return true;
         if ((before->forms & kSettlingForms) != 0)
             return false;
+        most += before->lines == 0 && most < kLookBack + kMostEmpty ? 1 : 0;
     }
     return false;
+}
+
+/** Whether the facts leave it open that a section holds nothing, so that the line is not its own within
+ * which it ends. */
+bool StreamParts::mayBeEmpty(size_t index) {
+    const SectionFacts* told = sections.facts(index);
+    return told == nullptr || (told->lines == 0 && told->continues);
 }
 
 /**

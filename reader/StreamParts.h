@@ -64,6 +64,7 @@ class StreamParts {
 
   private:
     bool mayBeInEntry(size_t index);
+    bool mayBeEmpty(size_t index);
     bool parseBefore(size_t first, size_t end, std::string* cutLine, bool* settled, bool* nothing);
     void plain(std::string_view bytes, const LinePlace& place, bool ended, Record* record) const;
 

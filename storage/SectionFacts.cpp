@@ -367,8 +367,9 @@ void SectionSummary::begin(const SectionOrigin& origin, uint32_t number, const S
         mFacts.lostBefore = sum(before->lostBefore, before->lostHere);
         mFacts.continues = before->openEnd;
         mBefore = before->lastTime;
-        // An entry in the long form may go on whose heading is not in this text.
-        bool entry = (before->forms & formBit(LineForm::Long)) != 0;
+        // An entry in the long form may go on whose heading is not in this text, nor in one before without
+        // forms.
+        bool entry = before->forms == 0 || (before->forms & formBit(LineForm::Long)) != 0;
         mEarliest = entry ? std::min(before->firstTime, mBefore) : mBefore;
     }
     ClockFacts clock = mFacts.clock();
