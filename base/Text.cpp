@@ -11,6 +11,11 @@ bool formatTextArgs(char* out, size_t size, const char* format, va_list args) {
     return length >= 0 && static_cast<size_t>(length) < size;
 }
 
+std::string errorText(int error) {
+    char text[128];
+    return strerror_r(error, text, sizeof text);
+}
+
 Path entryPath(const char* folder, const char* name) {
     Path path;
     formatText(path.text, "%s/%s", folder, name);

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <string>
 
 namespace vnlog {
 
@@ -21,6 +22,9 @@ template <size_t N> [[gnu::format(printf, 2, 3)]] bool formatText(char (&out)[N]
     va_end(args);
     return whole;
 }
+
+/** The text of an errno, as strerror's. Any thread. */
+std::string errorText(int error);
 
 /** The path of the entry `name` of `folder`. */
 Path entryPath(const char* folder, const char* name);

@@ -10,8 +10,6 @@ namespace vnlog {
 
 namespace {
 
-constexpr int64_t kLatest = 8000000000000; ///< ms; what is built on it fits 64 bits in nanoseconds
-constexpr int32_t kFarthestZone = 26 * 3600;
 constexpr int64_t kDay = 86400, kQuarter = 900; ///< seconds
 constexpr std::string_view kLastWords = "the last words of the kernel";
 constexpr int64_t kMillisecond = 1000000, kSecond = 1000000000; ///< nanoseconds
@@ -34,10 +32,10 @@ int64_t secondsOfDay(const LocalStamp& stamp) {
 void LineClock::beginSection(const ClockFacts& facts) {
     mFacts = facts;
     mFacts.zone = std::clamp(facts.zone, -kFarthestZone, kFarthestZone);
-    mFacts.reference = std::clamp<int64_t>(facts.reference, 0, kLatest);
-    mFacts.begin = std::clamp<int64_t>(facts.begin, 0, kLatest);
+    mFacts.reference = std::clamp<int64_t>(facts.reference, 0, kLatestTime);
+    mFacts.begin = std::clamp<int64_t>(facts.begin, 0, kLatestTime);
     for (ClockPoint& point : mFacts.points)
-        point.offset = std::clamp<int64_t>(point.offset, -kLatest, kLatest);
+        point.offset = std::clamp<int64_t>(point.offset, -kLatestTime, kLatestTime);
     if (!mFacts.zoneKnown)
         tzset(); // localtime_r need not
     mMonth = mDayOfMonth = 0;

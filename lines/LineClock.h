@@ -8,6 +8,11 @@
 /* When a stored line was written, by what is known of its section. */
 namespace vnlog {
 
+/** Times later than that are none; what is built on it fits 64 bits in nanoseconds. Milliseconds. */
+constexpr int64_t kLatestTime = 8000000000000;
+/** Farthest that local time is from UTC, in seconds. */
+constexpr int32_t kFarthestZone = 26 * 3600;
+
 /** How far the wall clock is ahead of the kernel's, from a time of the latter on. Milliseconds. */
 struct ClockPoint {
     int64_t since = 0; ///< of the kernel's log clock

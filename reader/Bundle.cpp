@@ -1,6 +1,7 @@
 #include "reader/Inspection.h"
 
 #include "base/Clock.h"
+#include "base/Text.h"
 #include "config/ConfigFile.h"
 #include "reader/BundleNames.h"
 #include "storage/FileSteps.h"
@@ -38,11 +39,6 @@ struct EntryEnd {
     void operator()(archive_entry* entry) const { archive_entry_free(entry); }
 };
 using Entry = std::unique_ptr<archive_entry, EntryEnd>;
-
-std::string reasonOf(int error) {
-    char reason[128];
-    return strerror_r(error, reason, sizeof reason);
-}
 
 std::string realPath(const std::string& path) {
     Text real(realpath(path.c_str(), nullptr));
@@ -113,7 +109,7 @@ class BundleWriter {
 
     /** As errno tells. */
     void unreadable(const std::string& name) {
-        mError = mError.empty() ? name + " cannot be read: " + reasonOf(errno) : mError;
+        mError = mError.empty() ? name + " cannot be read: " + errorText(errno) : mError;
     }
     void missed() { ++mTotals->changed; }
 
@@ -129,13 +125,13 @@ class BundleWriter {
         int error = mOut != nullptr ? archive_errno(mOut.get()) : ENOMEM;
         const char* told = mOut != nullptr ? archive_error_string(mOut.get()) : nullptr;
         if (mError.empty())
-            mError = error > 0 ? reasonOf(error) : told != nullptr ? told : "the archive cannot be made";
+            mError = error > 0 ? errorText(error) : told != nullptr ? told : "the archive cannot be made";
     }
 
     bool head(const std::string& name, const struct stat& info) {
         Entry entry(archive_entry_new());
         if (!mError.empty() || entry == nullptr) {
-            mError = mError.empty() ? reasonOf(ENOMEM) : mError;
+            mError = mError.empty() ? errorText(ENOMEM) : mError;
             return false;
         }
         archive_entry_set_pathname(entry.get(), (name.empty() ? mName : mName + "/" + name).c_str());
@@ -313,13 +309,13 @@ bool writeBundle(const StoreFolder& folder, const std::string& config, const std
     (void)unlink(draft.c_str()); // of an attempt that was cut off
     FileDescriptor out = openFile(draft.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kBundleMode);
     if (!out.valid()) {
-        *error = reasonOf(errno);
+        *error = errorText(errno);
         return false;
     }
     BundleWriter writer(out.get(), bundleName(), totals);
     bool listed = StoreBundle(folder, &writer).write(config);
     if (!listed)
-        *error = "the store cannot be listed: " + reasonOf(errno);
+        *error = "the store cannot be listed: " + errorText(errno);
     for (const BundleText& text : texts)
         writer.text(text.name, text.text);
     writer.finish();
@@ -329,7 +325,7 @@ bool writeBundle(const StoreFolder& folder, const std::string& config, const std
     if (whole && fsync(out.get()) == 0 && rename(draft.c_str(), file.c_str()) == 0 &&
         syncPath(folderOf(file).c_str()))
         return true;
-    *error = whole ? reasonOf(errno) : *error;
+    *error = whole ? errorText(errno) : *error;
     (void)unlink(draft.c_str());
     return false;
 }

@@ -434,21 +434,8 @@ uint32_t Follower::Work::deletedBefore(uint32_t section) {
 
 /** Has a remark made of what is wrong with the section, once. */
 bool Follower::Work::tellFinding() {
-    if (mTold)
+    if (mTold || !countState(mTail.state(), &mCounts))
         return false;
-    switch (mTail.state()) {
-    case TextState::Whole:
-        return false;
-    case TextState::Damaged:
-        ++mCounts.damaged;
-        break;
-    case TextState::Vanished:
-        ++mCounts.vanished;
-        break;
-    case TextState::Unreadable:
-        ++mCounts.unreadable;
-        break;
-    }
     mTold = true;
     mFlush = mFlush || mTail.state() != TextState::Unreadable; // that may be only for now
     mRemark = mTail.finding();

@@ -1,6 +1,7 @@
 #include "reader/Inspection.h"
 
 #include "base/Files.h"
+#include "base/Text.h"
 #include "reader/BundleNames.h"
 #include "storage/FileSteps.h"
 #include "storage/ProcessFileWork.h"
@@ -33,11 +34,6 @@ struct ReadEnd {
     void operator()(archive* in) const { (void)archive_read_free(in); }
 };
 using Reader = std::unique_ptr<archive, ReadEnd>;
-
-std::string reasonOf(int error) {
-    char reason[128];
-    return strerror_r(error, reason, sizeof reason);
-}
 
 /** A name as it can be shown. */
 std::string shown(std::string_view name) {
@@ -147,7 +143,7 @@ class Unpacking {
             at = name.find('/', at + 1);
             if (mkdir((mInto + "/" + name.substr(0, at)).c_str(), kUnpackedFolderMode) != 0 &&
                 errno != EEXIST) {
-                mDamage->add("it cannot be unpacked: " + reasonOf(errno));
+                mDamage->add("it cannot be unpacked: " + errorText(errno));
                 return false;
             }
         }
@@ -163,7 +159,7 @@ class Unpacking {
             openFile((mInto + "/" + name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kUnpackedMode);
         if (!file.valid()) {
             mDamage->add(errno == EEXIST ? "'" + name + "' is there twice"
-                                         : "'" + name + "' cannot be unpacked: " + reasonOf(errno));
+                                         : "'" + name + "' cannot be unpacked: " + errorText(errno));
             return errno == EEXIST;
         }
         ++mFiles;
@@ -192,7 +188,7 @@ class Unpacking {
             }
             mRoom -= length;
             if (!writeAll(file, mBuffer.data(), length)) {
-                mDamage->add("'" + name + "' cannot be unpacked: " + reasonOf(errno));
+                mDamage->add("'" + name + "' cannot be unpacked: " + errorText(errno));
                 return false;
             }
         }
@@ -262,7 +258,7 @@ Reader openArchive(int fd, std::string* error) {
     if (begun && archive_read_open_fd(in.get(), fd, kPiece) >= ARCHIVE_WARN)
         return in;
     const char* told = begun ? archive_error_string(in.get()) : nullptr;
-    *error = "it is no bundle: " + (!begun            ? reasonOf(ENOMEM)
+    *error = "it is no bundle: " + (!begun            ? errorText(ENOMEM)
                                     : told != nullptr ? shown(told)
                                                       : "it is cut off");
     return nullptr;
@@ -282,7 +278,7 @@ bool OpenBundle::makeFolder(std::string* error) {
     std::string folder = std::string(place != nullptr && *place != '\0' ? place : "/tmp") + "/logview-XXXXXX";
     int ends[2];
     if (mkdtemp(folder.data()) == nullptr) {
-        *error = "there is no folder to unpack it into: " + folder + ": " + reasonOf(errno);
+        *error = "there is no folder to unpack it into: " + folder + ": " + errorText(errno);
         return false;
     }
     bool piped = pipe2(ends, O_CLOEXEC) == 0;
@@ -295,7 +291,7 @@ bool OpenBundle::makeFolder(std::string* error) {
         mFolder = folder;
         return true;
     }
-    *error = "there is no process to remove what is unpacked: " + reasonOf(errno);
+    *error = "there is no process to remove what is unpacked: " + errorText(errno);
     (void)rmdir(folder.c_str());
     return false;
 }
@@ -304,7 +300,7 @@ bool OpenBundle::open(const std::string& file, std::string* error) {
     FileDescriptor in = openFile(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY);
     struct stat info;
     if (!in.valid() || fstat(in.get(), &info) != 0) {
-        *error = reasonOf(errno);
+        *error = errorText(errno);
         return false;
     }
     if (!S_ISREG(info.st_mode)) {

@@ -1,5 +1,7 @@
 #include "reader/RunTail.h"
 
+#include "base/Text.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -68,9 +70,7 @@ bool RunTail::enter(uint32_t section) {
 }
 
 void RunTail::failed(int error) {
-    char reason[128];
-    mFinding = std::string(shownName(mRun, textName(mSection)).text) +
-               " cannot be read: " + strerror_r(error, reason, sizeof reason);
+    mFinding = std::string(shownName(mRun, textName(mSection)).text) + " cannot be read: " + errorText(error);
 }
 
 TextState RunTail::state() const {

@@ -1,5 +1,6 @@
 #include "reader/SectionText.h"
 
+#include "base/Text.h"
 #include "storage/Archive.h"
 
 #include <algorithm>
@@ -16,11 +17,6 @@ constexpr size_t kWhole =
     1048576; ///< archives of that size, and members with that much text, are decoded whole
 constexpr size_t kPiece = 65536; ///< bytes of everything else that are read and decoded at a time
 constexpr int kGzipWindow = 15 + 16; ///< the largest window; 16 asks zlib for gzip's header and trailer
-
-std::string errorText(int error) {
-    char text[128];
-    return strerror_r(error, text, sizeof text);
-}
 
 } // namespace
 

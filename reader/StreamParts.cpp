@@ -1,5 +1,6 @@
 #include "reader/StreamParts.h"
 
+#include "base/Text.h"
 #include "storage/Layout.h"
 
 #include <algorithm>
@@ -42,6 +43,23 @@ void takePoints(const std::vector<ClockPoint>& exact, std::vector<ClockPoint>* l
 
 } // namespace
 
+bool countState(TextState state, StreamCounts* counts) {
+    switch (state) {
+    case TextState::Whole:
+        return false;
+    case TextState::Damaged:
+        ++counts->damaged;
+        break;
+    case TextState::Vanished:
+        ++counts->vanished;
+        break;
+    case TextState::Unreadable:
+        ++counts->unreadable;
+        break;
+    }
+    return true;
+}
+
 ClockFacts clockFacts(const RunStory* story, int64_t modified, int64_t before) {
     constexpr int64_t kHalfYear = int64_t{183} * 86400 * 1000;
     ClockFacts facts;
@@ -79,10 +97,9 @@ bool StreamParts::openRun(uint32_t run, std::string* remark) {
         return true;
     if (errno == ENOENT)
         return false;
-    char reason[128];
     const Path name = runFolder(kRunName, run);
     *remark = std::string(kReaderStart) + (run == kCurrentRun ? kCurrentFolder : name.text) +
-              " cannot be read: " + strerror_r(errno, reason, sizeof reason);
+              " cannot be read: " + errorText(errno);
     ++counts.unreadable;
     sections.close();
     return false;
@@ -103,20 +120,8 @@ bool StreamParts::reopenSection(size_t index) {
 }
 
 std::string StreamParts::countFinding() {
-    switch (fragments.text().state()) {
-    case TextState::Whole:
-        return {};
-    case TextState::Damaged:
-        ++counts.damaged;
-        break;
-    case TextState::Vanished:
-        ++counts.vanished;
-        break;
-    case TextState::Unreadable:
-        ++counts.unreadable;
-        break;
-    }
-    return kReaderStart + fragments.text().finding();
+    const SectionText& text = fragments.text();
+    return countState(text.state(), &counts) ? kReaderStart + text.finding() : std::string();
 }
 
 bool StreamParts::beginsWithin(size_t index, std::string* cutLine) {

@@ -21,6 +21,10 @@ constexpr uint32_t kRestLine = 0;
  * start is taken then. */
 ClockFacts clockFacts(const RunStory* story, int64_t modified, int64_t before);
 
+/** Counts a section that was read to the end that it has. False for a whole one, of which nothing is to be
+ * told. */
+bool countState(TextState state, StreamCounts* counts);
+
 /** What the directions of a LineStream have in common: the section that is read, and what a line is told by.
  * One thread at a time. */
 class StreamParts {

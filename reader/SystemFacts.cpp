@@ -2,6 +2,7 @@
 
 #include "base/Clock.h"
 #include "base/Handles.h"
+#include "base/Text.h"
 #include "platform/sysroot/SystemRoot.h"
 
 #include <cerrno>
@@ -21,8 +22,7 @@ std::string fact(const char* name, const std::string& value) {
 }
 
 std::string notTold() {
-    char reason[128];
-    return std::string("not known, ") + strerror_r(errno, reason, sizeof reason);
+    return std::string("not known, ") + errorText(errno);
 }
 
 /** The text of a file of the system: of the one under the system root, or without that of the machine's. */

@@ -1,5 +1,6 @@
 #include "reader/Inspection.h"
 
+#include "base/Text.h"
 #include "reader/BundleNames.h"
 #include "reader/SectionText.h"
 #include "storage/Archive.h"
@@ -22,11 +23,6 @@ namespace {
 
 constexpr size_t kMostOfTheList = 1048576; ///< bytes of the list of runs that are looked at
 constexpr char kLeaves[] = "leave it as it is";
-
-std::string reasonOf(int error) {
-    char reason[128];
-    return strerror_r(error, reason, sizeof reason);
-}
 
 /** A name as it can be shown. */
 std::string shown(const char* name) {
@@ -174,7 +170,7 @@ bool Verification::checkLogs() {
         checkLogEntry(listing, entry);
     if (listing.valid() && !listing.failed())
         return true;
-    finding("the log folder cannot be listed: " + reasonOf(errno), "store nothing where it cannot, either");
+    finding("the log folder cannot be listed: " + errorText(errno), "store nothing where it cannot, either");
     return false;
 }
 
@@ -240,7 +236,8 @@ void Verification::readRunList() {
     if (!file.valid())
         return note("there is no list of runs"); // or none that may be read, which its owner tells
     if (!readPiece(file.get(), text.data(), text.size(), &count))
-        return finding(std::string(kRunListFile) + " cannot be read: " + reasonOf(errno), "go on without it");
+        return finding(std::string(kRunListFile) + " cannot be read: " + errorText(errno),
+                       "go on without it");
     text.resize(count);
     uint32_t number = 1;
     for (size_t at = 0; at < text.size(); ++number) {
@@ -298,7 +295,7 @@ FileDescriptor Verification::openNumbers() {
     if (!file.valid() && errno == ENOENT) {
         note(name + " is not there; the next start will count the folders");
     } else if (!file.valid() || fstat(file.get(), &info) != 0) {
-        finding(name + " cannot be read: " + reasonOf(errno), "count the folders");
+        finding(name + " cannot be read: " + errorText(errno), "count the folders");
     } else if (!S_ISREG(info.st_mode)) {
         finding(name + " is no regular file", "count the folders");
         file = FileDescriptor();
@@ -324,7 +321,7 @@ void Verification::checkNumbers() { // nobody else knows the state
     const std::string read = numbersOf(state);
     bool differs = false;
     if (!numbers.recount(&differs))
-        return finding("the folders cannot be counted: " + reasonOf(errno),
+        return finding("the folders cannot be counted: " + errorText(errno),
                        "store nothing where it cannot, either");
     const std::string what =
         std::string(kBookkeepingFile) + " says " + read + "; the folders say " + numbersOf(state);
@@ -343,7 +340,7 @@ void Verification::checkRun(uint32_t run) {
         return; // deleted, or archived
     if (!walkRun(run) || !folder.valid() || !listSections(folder.get(), &sections))
         return finding(shown(lastName(mFolder.runPath(run).c_str())) +
-                           " cannot be listed: " + reasonOf(errno),
+                           " cannot be listed: " + errorText(errno),
                        "not list it, either");
     mSections += static_cast<uint32_t>(sections.size());
     checkGaps(run, sections);

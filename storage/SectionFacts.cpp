@@ -13,8 +13,6 @@ namespace {
 constexpr char kIdentity[] = {'V', 'L'}; ///< of the subfield
 constexpr uint8_t kVersion = 1;
 constexpr size_t kLongestBoot = 64;
-constexpr int64_t kLatest = 8000000000000; ///< ms; later times are none
-constexpr int32_t kFarthestZone = 26 * 3600;
 constexpr uint32_t kPriorities = 8;
 constexpr size_t kLongestRest = 8192; ///< of a line whose end has not come: no entry is as long
 
@@ -100,8 +98,8 @@ bool takePoints(Bytes bytes, std::vector<ClockPoint>* points) {
         ClockPoint point;
         point.since = bytes.takeTime();
         point.offset = bytes.takeTime();
-        if (!within(point.since, points->empty() ? 0 : points->back().since, kLatest) ||
-            !within(point.offset, -kLatest, kLatest))
+        if (!within(point.since, points->empty() ? 0 : points->back().since, kLatestTime) ||
+            !within(point.offset, -kLatestTime, kLatestTime))
             return false;
         points->push_back(point);
     }
@@ -114,8 +112,8 @@ bool takeTimes(Bytes bytes, SectionFacts* facts) {
     facts->reference = bytes.takeTime();
     facts->firstTime = bytes.takeTime();
     facts->lastTime = bytes.takeTime();
-    return within(facts->reference, 0, kLatest) && within(facts->firstTime, 0, facts->lastTime) &&
-           facts->lastTime <= kLatest;
+    return within(facts->reference, 0, kLatestTime) && within(facts->firstTime, 0, facts->lastTime) &&
+           facts->lastTime <= kLatestTime;
 }
 
 bool takeLines(Bytes bytes, SectionFacts* facts) {
@@ -357,7 +355,7 @@ void SectionSummary::begin(const SectionOrigin& origin, uint32_t number, const S
                            int64_t modified) {
     mFacts = {};
     mFacts.origin = origin;
-    mFacts.reference = within(modified, 0, kLatest) ? modified : 0;
+    mFacts.reference = within(modified, 0, kLatestTime) ? modified : 0;
     if (!origin.zoneKnown)
         takeEnvironmentZone();
     mFacts.lostKnown = before != nullptr ? before->lostKnown : number == 1;
@@ -448,7 +446,7 @@ SectionFacts SectionSummary::end() {
         mFacts.lastTime = std::max(mFacts.firstTime, mFacts.reference);
     }
     // Where a line lies outside of what can be noted, or was dated by nothing that is noted, nothing is said.
-    if (mFacts.reference == 0 || mFacts.firstTime <= 0 || mFacts.lastTime > kLatest)
+    if (mFacts.reference == 0 || mFacts.firstTime <= 0 || mFacts.lastTime > kLatestTime)
         mFacts.firstTime = mFacts.lastTime = 0;
     return mFacts;
 }

@@ -1,5 +1,6 @@
 #include "tools/Conversation.h"
 
+#include "base/Clock.h"
 #include "binder/ILogService.h"
 #include "platform/binder/Host.h"
 
@@ -100,12 +101,6 @@ void ask(const Request& request, Answer* answer) {
         answer->result = service->logCMD(code, request.param.c_str());
 }
 
-time_t now() {
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return time.tv_sec;
-}
-
 /** Whether the service answers anything at all. */
 bool givesSignOfLife() {
     auto alive = std::make_shared<bool>(false);
@@ -136,10 +131,11 @@ std::string converse(const Request& request, Answer* result) {
     const int most = !slow                                      ? kPatienceSeconds
                      : request.command->code == vnlog::CMD_COPY ? kMostOfACopy
                                                                 : kMostSeconds;
-    for (time_t begin = now(); !attempt.await(slow ? kPatienceSeconds - kSignSeconds : kPatienceSeconds);)
-        if (now() - begin >= most || !givesSignOfLife())
+    for (int64_t begin = vnlog::secondsOf(CLOCK_MONOTONIC);
+         !attempt.await(slow ? kPatienceSeconds - kSignSeconds : kPatienceSeconds);)
+        if (vnlog::secondsOf(CLOCK_MONOTONIC) - begin >= most || !givesSignOfLife())
             return "the service has not answered within " +
-                   std::to_string(std::max<time_t>(now() - begin, 1)) +
+                   std::to_string(std::max<int64_t>(vnlog::secondsOf(CLOCK_MONOTONIC) - begin, 1)) +
                    " seconds; whether it has done it is not known";
     *result = *answer;
     if (!answer->reached)
