@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 /** Marks what the shared library offers to other programs; everything else stays hidden in it. */

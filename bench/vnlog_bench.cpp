@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Measures the service against the floor, the limit and other log programs, all with the same text.
  */

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Makes a source file of the page of a report: cmake -DPAGE=report.html -DSOURCE=out.cpp -P EmbedPage.cmake
 # What the page may run is told by hash, so that nothing else in it is ever run.
 

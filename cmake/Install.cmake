@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 set(VNLOG_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vnlog)
 
 install(TARGETS logservice vnlog_binder EXPORT vnlogTargets)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # 32-bit ARM with hardware floating point: Debian's cross compiler, the libraries that tools/packages-arm.sh
 # unpacks under build/arm-root, and qemu-arm to run the programs.
 set(CMAKE_SYSTEM_NAME Linux)

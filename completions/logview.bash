@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Completion of logview's command line for bash.
 
 # The runs of the store that the line so far names.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "config/Check.h"
 
 #include "config/Findings.h"

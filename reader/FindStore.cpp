@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "reader/FindStore.h"
 
 #include "config/Findings.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "reader/Outputs.h"
 
 #include "reader/OutputForms.h"

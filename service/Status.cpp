@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "service/Status.h"
 
 #include "base/Clock.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 /* The form of file work that the build chose (VNLOG_FILE_WORK); both are built and tested. */

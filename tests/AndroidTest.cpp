@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ReaderParts.h"
 #include "sources/AndroidReader.h"
 #include "sources/Merge.h"

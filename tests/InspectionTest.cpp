@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "reader/Inspection.h"
 #include "StoreParts.h"
 #include "storage/ProcessFileWork.h"

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the commands that docs/reading-logs.md shows, and compares what they print with what it shows.
 set -eu
 logview_command=$1

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Drives the host process as its users do: start, feed, flush, signals, wrong input, a second start.
 set -eu
 host=$1 # a command: the program, behind an emulator where it needs one

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs into a folder and builds a host on what was installed, by pkg-config and by the CMake package.
 set -eu
 build=$1

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # lnav takes the description of the stored forms, the argument, and finds levels, times and tags in sections of all
 # of them, and in what logview prints with dates.
 set -eu

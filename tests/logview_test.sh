@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Reads a store that the service has made with logview, and compares what is shown with what zcat, grep, head, tail
 # and tac make of the same text: several runs, all line formats, a loss, a kill, an archived run and a live one.
 set -eu

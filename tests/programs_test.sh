@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Drives the three programs together: a saved log through the service and back, commands from another
 # process, wrong input, and what a restart makes of it.
 set -eu

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drives the browser through chromedriver, whose address is given, over the report in the folder that is given.
 import assert from "node:assert/strict";
 

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Looks at a report of 100,000 lines with a real browser, where one is installed.
 set -eu
 logview=$1 # command

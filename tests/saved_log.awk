@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Prints a log of 2,000 entries in the threadtime form, the same one every time: every priority, tags of one to
 # forty characters, empty, long and odd texts, equal and crossing stamps, many processes.
 function pick(n) { seed = (seed * 1103515245 + 12345) % 2147483648; return int(seed / 65536) % n }

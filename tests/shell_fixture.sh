@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sourced by the end-to-end tests: a system root with everything that the host needs, and verbs to use it.
 # Before this, $host holds the command of the host process.
 

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Fails, naming each, on includes that run against the order of tools/layers.txt, and on sources outside of it.
 set -eu
 cd "$(dirname "$0")/.."

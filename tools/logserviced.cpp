@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * The host process: creates the log service, publishes it, waits for a signal and takes the service down in
  * good order.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * The command-line client: checks a command by the service's own rules, sends it and says what came of it.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * The reader of a store: chooses lines and shows them.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "base/Handles.h"
 #include "reader/FindStore.h"
 #include "reader/Follower.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Writes entries to a logger device: one, one a line, or a saved log with its own stamps.
  */

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sourced by run, test and bench/run: installs the Debian packages that are missing, and only those.
 
 BUILD_PACKAGES="g++ cmake ninja-build pkg-config zlib1g-dev libdeflate-dev android-liblog-dev android-libutils-dev nlohmann-json3-dev libpcre2-dev libarchive-dev libmd-dev"

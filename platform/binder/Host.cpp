@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/binder/Host.h"
 
 #include "platform/binder/BinderServer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/klog/ConsoleLevel.h"
 
 #include "base/Handles.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/logger/LoggerDevice.h"
 
 #include "platform/logger/Protocol.h"
