@@ -43,9 +43,9 @@ TEST_F(SummaryTest, SectionsTellWhatTheirTextSays) {
         stop();
         start(true, true, false);
         for (int line = 0; line < 4000; line++)
-            ASSERT_TRUE(
-                put("11-23 14:40:55.123     1     2 I T: " + std::string(line % 61U + 8U, 'x') + "\n") &&
-                (line % 400 != 0 || flush()));
+            ASSERT_TRUE(put("11-23 14:40:55.123     1     2 I T       : " +
+                            std::string(line % 61U + 1U, 'x') + "\n") &&
+                        (line % 400 != 0 || flush()));
         ASSERT_TRUE(put("no newline") && flush());
     }
     std::string table = runs(true);
