@@ -3,7 +3,10 @@ set(VNLOG_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vnlog)
 
 install(TARGETS logservice vnlog_binder EXPORT vnlogTargets)
 install(TARGETS logserviced logset logwrite logview)
-install(FILES completions/logview.bash DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions RENAME logview)
+foreach(program logserviced logset logwrite logview)
+  install(FILES completions/${program}.bash DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions
+          RENAME ${program})
+endforeach()
 foreach(
   header
   base/Export.h

@@ -31,19 +31,20 @@ constexpr char kHelp[] =
     "Usage: logserviced [OPTION]...\n"
     "Collects the kernel's and Android's log into bounded, compressed sections.\n"
     "\n"
-    "  --sysroot DIR  put DIR before the service's fixed paths (VNLOG_SYSROOT);\n"
-    "                 the folders and DIR/proc/sys/kernel/printk that it needs there\n"
-    "                 are created when missing, and stand-ins for missing logger\n"
-    "                 devices are made in DIR/dev\n"
-    "  --cfg FILE     read FILE when there is no log.cfg yet (LOG_DEFAULT_CFG)\n"
-    "  --check FILE   tell what is wrong with FILE as a log.cfg, and what a start would\n"
-    "                 make of it; status 0: nothing wrong, 3: not used whole,\n"
-    "                 1: cannot be used. Starts nothing, changes nothing\n"
-    "  -h, --help     show this text\n"
-    "  -V, --version  show the version\n"
+    "      --cfg FILE            take from FILE what log.cfg does not say\n"
+    "      --check FILE          tell what is wrong with FILE as a log.cfg, and what a start would\n"
+    "                            make of it; starts nothing, changes nothing\n"
+    "      --sysroot DIR         put DIR before the service's fixed paths; what it needs there is made\n"
+    "                            when missing: folders, the file that takes the console level,\n"
+    "                            stand-ins for the logger devices\n"
+    "  -h, --help                show this text\n"
+    "  -V, --version             show the version\n"
     "\n"
-    "SIGUSR1 writes out what is buffered. SIGTERM, SIGINT and SIGHUP end the service:\n"
-    "what has been logged by then is stored first.\n";
+    "Signals: SIGUSR1 writes out what is buffered; SIGTERM, SIGINT and SIGHUP end the service, which\n"
+    "stores first what has been logged by then.\n"
+    "Environment: LOG_DEFAULT_CFG as --cfg; VNLOG_SYSROOT as --sysroot.\n"
+    "Status: 0 ended by a signal, or nothing wrong with FILE; 1 not started, failed, or FILE cannot be\n"
+    "used; 2 wrong usage; 3 FILE is not used whole.\n";
 
 int printHelp() {
     std::fputs(kHelp, stdout);

@@ -50,9 +50,10 @@ int printHelp() {
     std::printf("  %-16s %s\n", kBundle, kBundleUsage);
     std::puts(
         "\nKLOG_... concerns the kernel's log, ALOG_... Android's.\n\n"
-        "  --sysroot DIR    the system root that the service was started with (VNLOG_SYSROOT)\n"
-        "  -h, --help       show this text\n"
-        "  -V, --version    show the version\n\n"
+        "      --sysroot DIR         the system root that the service was started with\n"
+        "  -h, --help                show this text\n"
+        "  -V, --version             show the version\n\n"
+        "Environment: VNLOG_SYSROOT as --sysroot.\n"
         "Status: 0 done; 1 the service cannot be reached, does not answer, or has not done it; 2 wrong\n"
         "command or parameter; 3 STATUS: something that is switched on does not work.");
     return finishOutput(kProgram);
@@ -66,7 +67,7 @@ struct Order : Request {
 int wrongParameter(const CommandInfo& command, const std::string& what) {
     std::fprintf(stderr, "%s: %s: %s\n", kProgram, command.name, what.c_str());
     printUsageLine(stderr, command);
-    return kWrongUsage;
+    return hintAtHelp(kProgram);
 }
 
 int fail(const std::string& what) {
@@ -186,7 +187,7 @@ int bundle(char** words, int count) {
         return makeBundle(words[0]);
     std::fprintf(stderr, "%s: %s: %s\n  %-16s %s\n", kProgram, kBundle,
                  count > 1 ? "too many parameters" : "the folder is missing", kBundle, kBundleUsage);
-    return kWrongUsage;
+    return hintAtHelp(kProgram);
 }
 
 /** Takes the words behind the command. kGoOn or the status. */

@@ -26,20 +26,23 @@ namespace {
 
 constexpr char kProgram[] = "logwrite";
 constexpr char kHelp[] =
-    "Usage: logwrite [OPTION]... -t TAG [MESSAGE...]\n"
-    "       logwrite [OPTION]... --replay FILE [--year YYYY]\n"
+    "Usage: logwrite [OPTION]... -t TAG [MESSAGE]...\n"
+    "       logwrite [OPTION]... --replay FILE\n"
     "Writes an entry to a logger device; without a MESSAGE one for each line of standard input.\n"
     "\n"
-    "  -b main|system   the device (main)\n"
-    "  -p v|d|i|w|e|f   the priority (i)\n"
-    "  -t TAG           the tag\n"
-    "  --replay FILE    write a saved log in the threadtime form, with its own stamps and ids;\n"
-    "                   what is zero is filled in by the device\n"
-    "  --year YYYY      the year of its stamps (the current one)\n"
-    "  --lossless       wait while a reader would lose an entry\n"
-    "  --sysroot DIR    the system root that the service was started with (VNLOG_SYSROOT)\n"
-    "  -h, --help       show this text\n"
-    "  -V, --version    show the version\n";
+    "  -b DEVICE                 the device: main or system (main)\n"
+    "  -p PRIORITY               the priority: v, d, i, w, e or f (i)\n"
+    "  -t TAG                    the tag\n"
+    "      --replay FILE         write a saved log in the threadtime form, with its own stamps and ids;\n"
+    "                            what is zero is filled in by the device\n"
+    "      --year YYYY           the year of its stamps (the present one)\n"
+    "      --lossless            wait while a reader would lose an entry\n"
+    "      --sysroot DIR         the system root that the service was started with\n"
+    "  -h, --help                show this text\n"
+    "  -V, --version             show the version\n"
+    "\n"
+    "Environment: VNLOG_SYSROOT as --sysroot.\n"
+    "Status: 0 written; 1 the device or the input failed; 2 wrong usage.\n";
 
 constexpr char kPriorityLetters[] = "vdiwef";
 /** Bytes that tag and text have together: without the header, the priority and the end of each. */
@@ -318,7 +321,7 @@ int writeLines(Writer& writer, const Arguments& arguments, const std::string& me
 
 int printHelp() {
     std::fputs(kHelp, stdout);
-    return 0;
+    return finishOutput(kProgram);
 }
 
 /** Takes over one option. kGoOn or the exit status. */
