@@ -4,7 +4,7 @@
 # manager learns of no second architecture.
 
 need_arm_packages() {
-    need_packages g++-arm-linux-gnueabihf qemu-user
+    need_packages $ARM_PACKAGES
     local root=build/arm-root apt=$PWD/build/arm-apt package
     local libraries="zlib1g-dev libdeflate-dev android-liblog-dev android-libutils-dev libgtest-dev libstdc++-12-dev
         nlohmann-json3-dev libpcre2-dev libarchive-dev libmd-dev"

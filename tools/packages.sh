@@ -7,7 +7,14 @@ BENCH_PACKAGES="gzip strace"
 PEER_PACKAGES="runit s6 execline busybox" # programs alone: none of them starts a system log of its own
 CHECK_PACKAGES="clang clang-format clang-tidy lnav"
 BROWSER_PACKAGES="chromium chromium-driver nodejs" # for the test of the reports
+ARM_PACKAGES="g++-arm-linux-gnueabihf qemu-user"
 PLATFORM_PACKAGES="android-platform-frameworks-native-headers"
+
+ask_for() { # " PACKAGE..."
+    echo "These packages are missing. Have them installed by root, then try again:" >&2
+    echo "  apt-get install -y --no-install-recommends$1" >&2
+    exit 1
+}
 
 need_packages() { # PACKAGE...
     local missing="" package rights="" log
@@ -16,9 +23,9 @@ need_packages() { # PACKAGE...
     done
     [ -n "$missing" ] || return 0
     if [ "$(id -u)" != 0 ]; then
-        if ! command -v sudo >/dev/null; then
-            echo "Please have these packages installed, then try again:$missing" >&2
-            exit 1
+        # Nobody can answer sudo without a terminal.
+        if ! command -v sudo >/dev/null || { ! [ -t 0 ] && ! sudo -n true 2>/dev/null; }; then
+            ask_for "$missing"
         fi
         rights=sudo
     fi
@@ -30,8 +37,8 @@ need_packages() { # PACKAGE...
         apt-get install -y -q --no-install-recommends $missing; } >"$log" 2>&1; then
         tail -n 20 "$log" >&2
         rm -f "$log"
-        echo "The packages could not be installed:$missing" >&2
-        exit 1
+        echo "The packages could not be installed." >&2
+        ask_for "$missing"
     fi
     rm -f "$log"
 }
