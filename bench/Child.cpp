@@ -43,6 +43,24 @@ void direct(posix_spawn_file_actions_t* actions, int from, int to, int flags) {
         posix_spawn_file_actions_addopen(actions, to, "/dev/null", flags, 0);
 }
 
+/** The counters of /proc/PID/io by name, each with its colon. */
+std::map<std::string, double> transfers(pid_t pid) {
+    std::ifstream io(procFile(pid, "io"));
+    std::map<std::string, double> values;
+    for (std::string name; io >> name >> values[name];) {
+    }
+    return values;
+}
+
+double toMedium(const std::map<std::string, double>& values) {
+    auto value = [&](const char* name) {
+        auto found = values.find(name);
+        return found != values.end() ? found->second : 0;
+    };
+    // What is removed before the kernel has written it is taken back there.
+    return value("write_bytes:") - value("cancelled_write_bytes:");
+}
+
 /** What /proc tells of a process that has ended and has not been waited for. */
 void readLast(pid_t pid, Sample* sample) {
     std::string line = contentOf(procFile(pid, "stat"));
@@ -54,18 +72,18 @@ void readLast(pid_t pid, Sample* sample) {
     fields >> user >> system; // of the children
     sample->children = (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 
-    std::ifstream io(procFile(pid, "io"));
-    std::map<std::string, double> values;
-    for (std::string name; io >> name >> values[name];) {
-    }
+    std::map<std::string, double> values = transfers(pid);
     sample->readCalls = values["rchar:"];
     sample->writtenCalls = values["wchar:"];
     sample->readMedium = values["read_bytes:"];
-    // What is removed before the kernel has written it is taken back there.
-    sample->writtenMedium = values["write_bytes:"] - values["cancelled_write_bytes:"];
+    sample->writtenMedium = toMedium(values);
 }
 
 } // namespace
+
+double bytesToMedium(pid_t pid) {
+    return toMedium(transfers(pid));
+}
 
 std::string procFile(pid_t pid, const std::string& name) {
     return "/proc/" + std::to_string(pid) + "/" + name;

@@ -61,6 +61,9 @@ std::map<std::string, double> threadTimes(pid_t pid);
 uint32_t ownMemory(pid_t pid);
 /** Seconds of processor time of a running process. */
 double processorTime(pid_t pid);
+/** Bytes of pages that the process has dirtied on a file system of a disk, without what was removed
+ * unwritten. */
+double bytesToMedium(pid_t pid);
 /** Whether the program is to be found in PATH. */
 bool isInstalled(const std::string& program);
 /** The whole of a small file; empty when it cannot be read. */

@@ -34,7 +34,7 @@ std::string configuration(const ServiceOptions& options, const std::string& stor
     return "UART_OUTPUT=n\nNAND_FILE_OUTPUT=y\nKLOG_OUTPUT=y\nALOG_OUTPUT=y\nKLOG_LEVEL=7\nALOG_LEVEL=d\n"
            "ALOG_MODULE=ALL_MODULE\nALOG_FORMAT=threadtime\nMAX_LOG_SIZE=4000\nLOG_SECTION_SIZE=" +
            section + "\nLOG_DELETE_SIZE=" + section + "\nSTORAGE_PATH=" + store +
-           "\nSAVE_FLUSH_SWITCH=" + (options.writeEachLine ? "y\n" : "n\n");
+           "\nSAVE_FLUSH_SWITCH=" + (options.writeEachLine ? "y\n" : "n\n") + options.settings;
 }
 
 /** Looks every 20 ms at the memory of a process, and keeps the largest value. */
@@ -119,7 +119,8 @@ Service::Service(const ServiceOptions& options) : mOptions(options), mPlace(opti
     bool made = !root().empty() && makeFolders(proc + "/sys/kernel") && makeFolders(store) &&
                 writeFile(proc + "/sys/kernel/printk", "4\n") &&
                 mkfifo((proc + "/kmsg").c_str(), 0600) == 0 &&
-                writeFile(root() + "/bench.cfg", configuration(options, store));
+                writeFile(root() + "/bench.cfg", configuration(options, store)) &&
+                (options.memoryFile || writeFile(root() + "/run", "")); // no folder can be made there then
     if (!made)
         fail("cannot make a system root in " + options.folder);
 }

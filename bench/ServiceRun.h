@@ -22,6 +22,8 @@ struct ServiceOptions {
     size_t writers = 1; ///< connections that send at the same time
     size_t kernelLines = 0; ///< that come through the kernel's log meanwhile
     bool writeEachLine = false; ///< SAVE_FLUSH_SWITCH
+    std::string settings; ///< more lines of the configuration
+    bool memoryFile = true; ///< what is buffered lies in a file below `folder`; on a device that is no medium
 };
 
 /** A host process and its system root. */

@@ -10,6 +10,7 @@
 #include "bench/Report.h"
 #include "bench/Scaling.h"
 #include "bench/ServiceRun.h"
+#include "bench/Wear.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -33,13 +34,14 @@ constexpr char kHelp[] =
     "  --corpus FILE    take the lines of a saved log in the threadtime form\n"
     "  --no-peers       leave out the other log programs\n"
     "  --scaling        also measure against writers, length of line and stored sections\n"
+    "  --wear           measure the bytes that go to the medium instead; needs strace\n"
     "  --svg FILE       draw the comparison there\n"
     "  --markdown FILE  write the tables there as well\n"
     "  --help           show this text\n";
 
 struct Arguments {
     std::string programs, folder = "/tmp", corpus, markdown, svg;
-    bool peers = true, scaling = false;
+    bool peers = true, scaling = false, wear = false;
     size_t lines = 500000;
     size_t rounds = 3;
 };
@@ -171,6 +173,9 @@ bool takeOption(int choice, Arguments* arguments) {
     case 'a':
         arguments->scaling = true;
         return true;
+    case 'w':
+        arguments->wear = true;
+        return true;
     case 's':
         arguments->svg = optarg;
         return true;
@@ -185,6 +190,24 @@ bool takeOption(int choice, Arguments* arguments) {
 int fail(const std::string& what) {
     std::fprintf(stderr, "vnlog_bench: %s: %s\n", what.c_str(), std::strerror(errno));
     return 1;
+}
+
+/** Prints a report and stores it where that is asked for. */
+bool deliver(const Arguments& arguments, const std::string& report) {
+    std::fputs(report.c_str(), stdout);
+    return arguments.markdown.empty() || writeFile(arguments.markdown, report);
+}
+
+int measureOnlyWear(const Arguments& arguments) {
+    std::string failure;
+    const std::string table = measureWear(serviceOptions(arguments), arguments.lines, &failure);
+    if (!failure.empty()) {
+        std::fprintf(stderr, "vnlog_bench: wear: %s\n", failure.c_str());
+        return 1;
+    }
+    return deliver(arguments, describeMachine(arguments.folder) + "\n\n" + table)
+               ? 0
+               : fail("cannot write " + arguments.markdown);
 }
 
 int measure(const Arguments& arguments) {
@@ -211,8 +234,7 @@ int measure(const Arguments& arguments) {
     if (arguments.scaling)
         report += "\n" + measureScaling(serviceOptions(arguments), std::min<size_t>(arguments.lines, 100000),
                                         arguments.rounds, &failure);
-    std::fputs(report.c_str(), stdout);
-    if (!arguments.markdown.empty() && !writeFile(arguments.markdown, report))
+    if (!deliver(arguments, report))
         return fail("cannot write " + arguments.markdown);
     if (!arguments.svg.empty() && !writeFile(arguments.svg, drawRows(rows)))
         return fail("cannot write " + arguments.svg);
@@ -231,17 +253,13 @@ int main(int argc, char** argv) {
     std::signal(SIGTERM, interrupt);
     std::signal(SIGHUP, interrupt);
     Arguments arguments;
-    const option options[] = {{"programs", required_argument, nullptr, 'p'},
-                              {"folder", required_argument, nullptr, 'f'},
-                              {"lines", required_argument, nullptr, 'l'},
-                              {"rounds", required_argument, nullptr, 'r'},
-                              {"corpus", required_argument, nullptr, 'c'},
-                              {"markdown", required_argument, nullptr, 'm'},
-                              {"svg", required_argument, nullptr, 's'},
-                              {"no-peers", no_argument, nullptr, 'n'},
-                              {"scaling", no_argument, nullptr, 'a'},
-                              {"help", no_argument, nullptr, 'h'},
-                              {nullptr, 0, nullptr, 0}};
+    const option options[] = {
+        {"programs", required_argument, nullptr, 'p'}, {"folder", required_argument, nullptr, 'f'},
+        {"lines", required_argument, nullptr, 'l'},    {"rounds", required_argument, nullptr, 'r'},
+        {"corpus", required_argument, nullptr, 'c'},   {"markdown", required_argument, nullptr, 'm'},
+        {"svg", required_argument, nullptr, 's'},      {"no-peers", no_argument, nullptr, 'n'},
+        {"scaling", no_argument, nullptr, 'a'},        {"wear", no_argument, nullptr, 'w'},
+        {"help", no_argument, nullptr, 'h'},           {nullptr, 0, nullptr, 0}};
     for (int choice; (choice = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
         if (choice == 'h')
             return std::fputs(kHelp, stdout) >= 0 ? 0 : 1;
@@ -264,5 +282,5 @@ int main(int argc, char** argv) {
         return fail("no programs in the folder of --programs");
     if (arguments.folder.empty() || !Place(arguments.folder).made())
         return fail("cannot make a folder in that of --folder");
-    return measure(arguments);
+    return arguments.wear ? measureOnlyWear(arguments) : measure(arguments);
 }
