@@ -7,6 +7,7 @@
 #include "config/Findings.h"
 #include "config/SettingsFile.h"
 #include "config/SettingsTable.h"
+#include "platform/sysroot/SystemRoot.h"
 #include "sources/AndroidFormat.h"
 #include "storage/Layout.h"
 
@@ -60,6 +61,13 @@ void setFlags(S& state, const Setting& setting, bool on) {
     state.*setting.flag = on;
     if (setting.secondFlag != nullptr)
         state.*setting.secondFlag = on;
+}
+
+/** Without the system root, as a device's user knows it. */
+const char* defaultRoot() {
+    platform::SystemRoot systemRoot;
+    (void)systemRoot.read(); // a start refuses one that is too long
+    return systemRoot.places().storageRoot;
 }
 
 } // namespace
@@ -507,7 +515,7 @@ Text Settings::valueRead(const Setting& setting) {
     if (out == nullptr)
         return nullptr;
     if (setting.kind == Kind::Root && *root() == '\0')
-        std::fputs(kDefaultRoot, out.get()); // which the store takes then
+        std::fputs(defaultRoot(), out.get()); // which the store takes then
     else
         printValue(setting, out.get());
     out.reset();

@@ -28,7 +28,7 @@ struct ScratchState : ServiceState {
 std::string defaultRoot(std::string* error) {
     platform::SystemRoot systemRoot;
     if (systemRoot.read())
-        return std::string(systemRoot.path) + kDefaultRoot;
+        return std::string(systemRoot.path) + systemRoot.places().storageRoot;
     *error = "the system root has more than " + std::to_string(platform::kMaxSystemRoot) + " characters";
     return {};
 }

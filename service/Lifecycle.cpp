@@ -37,9 +37,8 @@ bool Lifecycle::start(const bool* flags) {
 }
 
 bool Lifecycle::makeRing() {
-    constexpr char kMemoryFolder[] = "/run/vnlog";
     Path folder;
-    formatText(folder.text, "%s%s", mParts.systemRoot.path, kMemoryFolder);
+    formatText(folder.text, "%s%s", mParts.systemRoot.path, platform::kRunFolder);
     return mService.mLogBuf != nullptr || mParts.ring.create(folder.text);
 }
 
@@ -60,7 +59,8 @@ void Lifecycle::readSettings(const bool* flags) {
     LockGuard<CommandLock> lock(mParts.commandLock);
     mParts.comeback.beginRun(flags);
     mParts.intake.beginRun();
-    formatText(mService.mCfgPath, "%s%s%s", mParts.systemRoot.path, kDefaultRoot, kConfigurationName);
+    const platform::SystemRoot& root = mParts.systemRoot;
+    formatText(mService.mCfgPath, "%s%s%s", root.path, root.places().storageRoot, kConfigurationName);
     mParts.settings.load();
 }
 

@@ -158,10 +158,11 @@ void AndroidReader::run() {
 
 /** The main device, and the system device where it can be read. */
 log_device_t* AndroidReader::makeDeviceList() {
-    log_device_t* list = makeDevice(platform::kMainDevice, 'm');
+    log_device_t* list = makeDevice(mSystemRoot.places().mainDevice, 'm');
     mState.mALogDevCount = 1;
-    if (list != nullptr && access(devicePlace(mSystemRoot, platform::kSystemDevice).text, R_OK) == 0) {
-        list->next = makeDevice(platform::kSystemDevice, 's');
+    if (list != nullptr &&
+        access(devicePlace(mSystemRoot, mSystemRoot.places().systemDevice).text, R_OK) == 0) {
+        list->next = makeDevice(mSystemRoot.places().systemDevice, 's');
         mState.mALogDevCount = list->next != nullptr ? 2 : 1;
     }
     return list;
@@ -352,7 +353,7 @@ void AndroidReader::announce(log_device_t* device) {
 }
 
 bool AndroidReader::clear() {
-    Path path = devicePlace(mSystemRoot, platform::kMainDevice);
+    Path path = devicePlace(mSystemRoot, mSystemRoot.places().mainDevice);
     FileDescriptor device = platform::openLogger(path.text, platform::LoggerAccess::Write);
     if (!device.valid()) {
         char text[128];

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/Text.h"
+#include "platform/sysroot/SystemRoot.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -13,8 +14,9 @@
  */
 namespace vnlog {
 
-/** Storage root and home of log.cfg when nothing else is configured; goes behind the system root. */
-constexpr char kDefaultRoot[] = "/media/flash/nvm";
+/** A device's storage root and home of log.cfg when nothing else is configured; see SystemRoot::places for
+ * the one that is in force. */
+using platform::kDefaultRoot;
 
 /** Longest storage root in characters with which every derived path fits its 128 bytes. */
 constexpr size_t kMaxRootLength = 99;

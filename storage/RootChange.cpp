@@ -9,14 +9,19 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 namespace vnlog {
 
-static_assert(platform::kMaxSystemRoot + sizeof kDefaultRoot - 1 <= kMaxRootLength,
-              "the default root is usable");
-
 namespace {
+
+constexpr bool isUsableBehindSystemRoot(const platform::Places& places) {
+    return platform::kMaxSystemRoot + std::string_view(places.storageRoot).size() <= kMaxRootLength;
+}
+static_assert(isUsableBehindSystemRoot(platform::kDevicePlaces) &&
+                  isUsableBehindSystemRoot(platform::kMachinePlaces),
+              "the default root is usable");
 
 void derivePaths(StorageState* state) VNLOG_REQUIRES(StorageLock::role) {
     formatText(state->mLogServiceDir, "%s/%s", state->mSavePath, kLogFolder);
@@ -74,7 +79,7 @@ bool RootChange::resolve() {
 /** Takes the default root untested: with it the service at least says where it failed. */
 void RootChange::takeDefault() {
     Path root;
-    formatText(root.text, "%s%s", mSystemRoot.path, kDefaultRoot);
+    formatText(root.text, "%s%s", mSystemRoot.path, mSystemRoot.places().storageRoot);
     logDebug("Use default STORAGE_PATH: %s\n", root.text);
     bool awaited = mState.mSavePath != nullptr && usableRoot(mState.mSavePath) &&
                    std::strcmp(mState.mSavePath, root.text) != 0;

@@ -2,6 +2,7 @@
 #include "Fixture.h"
 
 #include "base/Files.h"
+#include "platform/sysroot/SystemRoot.h"
 #include "storage/Layout.h"
 #include "storage/Shell.h"
 
@@ -61,4 +62,42 @@ TEST_F(ShellTest, CommandsAreJudgedByTheirExit) {
     EXPECT_TRUE(logged("run script fail,exit code:1\n") && logged("fork shell fail ,exit code:0\n"));
     EXPECT_FALSE(vnlog::runCommand(": > %s/long;%0300d 2>&1", home.c_str(), 0)) << "cut at 255 characters";
     EXPECT_TRUE(exists(home + "/long"));
+}
+
+TEST_F(LayoutTest, AMachineIsToldFromADevice) {
+    const struct {
+        bool machine;
+        const char* paths; ///< a folder ends in "/", a link in "@", one to a folder in "@/"; others are files
+    } rows[] = {{false, ""},
+                {false, "var/log/"},
+                {false, "var/log/vnlog"},
+                {false, "var/log/vnlog@"},
+                {false, "var/log/vnlog2/ var/log/vnlo/"},
+                {true, "var/log/vnlog/"},
+                {true, "var/log/vnlog@/"},
+                {true, "var/log/vnlog/ media/flash/ dev/log_system dev/log_mai"},
+                {true, "var/log/vnlog/ media dev"},
+                {false, "var/log/vnlog/ media/flash/nvm/"},
+                {false, "var/log/vnlog/ media/flash/nvm@"},
+                {false, "var/log/vnlog/ dev/log_main"},
+                {false, "var/log/vnlog/ dev/log_main@"}};
+    for (const auto& row : rows) {
+        for (const char* name : {"media", "var", "dev"})
+            fs::remove_all(home + "/" + name);
+        std::istringstream paths(row.paths);
+        for (std::string path; paths >> path;) {
+            const std::string place = home + "/" + path.substr(0, path.find_last_not_of("@/") + 1);
+            fs::create_directories(fs::path(place).parent_path());
+            if (path.find('@') != std::string::npos)
+                fs::create_symlink(path.back() == '/' ? home : home + "/none", place);
+            else if (path.back() == '/')
+                fs::create_directories(place);
+            else
+                writeFile(place, "");
+        }
+        platform::SystemRoot found;
+        EXPECT_TRUE(found.read());
+        EXPECT_EQ(found.onMachine, row.machine) << row.paths;
+        EXPECT_STREQ(found.places().storageRoot, row.machine ? "/var/log/vnlog" : "/media/flash/nvm");
+    }
 }

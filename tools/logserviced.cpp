@@ -3,6 +3,7 @@
  * The host process: creates the log service, publishes it, waits for a signal and takes the service down in
  * good order.
  */
+#include "base/Clock.h"
 #include "base/Console.h"
 #include "base/Handles.h"
 #include "config/Check.h"
@@ -13,6 +14,7 @@
 #include "platform/sysroot/SystemRoot.h"
 #include "service/LogService.h"
 #include "tools/Options.h"
+#include "tools/Supervision.h"
 
 #include <android/log.h>
 #include <binder/IServiceManager.h>
@@ -114,48 +116,84 @@ int makeConsoleLevel(const std::string& path) {
     return status;
 }
 
-/** Makes what the service and its stand-ins expect under a system root. */
-int prepareSystemRoot(const std::string& root) {
-    const struct {
-        const char* path;
-        mode_t mode;
-        bool own; ///< must not be a link: it would lead to the machine's own
-        bool needed; ///< without it the service does not start
-    } folders[] = {{"/dev", 0755, false, true},
-                   {"/media", 0755, false, true},
-                   {"/media/flash", 0755, false, true},
-                   {"/media/flash/nvm", 0755, false, true},
-                   {"/proc", 0755, true, true},
-                   {"/proc/sys", 0755, true, true},
-                   {"/proc/sys/kernel", 0755, true, true},
-                   {"/run", 0755, true, false},
-                   {"/run/vnlog", 0700, true, false}};
-    for (const auto& folder : folders) {
-        std::string path = root + folder.path;
-        struct stat info;
-        int made = mkdir(path.c_str(), folder.mode);
-        if (made != 0 && errno != EEXIST) {
-            if (folder.needed)
-                return fail("cannot create", path);
-        } else if (folder.own && (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))) {
-            errno = ENOTDIR;
-            if (folder.needed)
-                return fail("cannot use (a link is not followed)", path);
-        }
+struct NeededFolder {
+    const char* path;
+    mode_t mode;
+    bool own; ///< must not be a link: it would lead to the machine's own
+    bool needed; ///< without it the service does not start
+    bool open = false; ///< has its mode whatever the umask
+};
+
+constexpr NeededFolder kKernelFolders[] = {
+    {"/proc", 0755, true, true}, {"/proc/sys", 0755, true, true}, {"/proc/sys/kernel", 0755, true, true}};
+constexpr NeededFolder kDeviceFolders[] = {
+    {"/dev", 0755, false, true},         {"/media", 0755, false, true},
+    {"/media/flash", 0755, false, true}, {"/media/flash/nvm", 0755, false, true},
+    {"/run", 0755, true, false},         {vnlog::platform::kRunFolder, 0700, true, false}};
+constexpr NeededFolder kMachineFolders[] = {{"/run", 0755, true, true, true},
+                                            {vnlog::platform::kRunFolder, 0755, true, true, true}};
+
+/** Makes a folder that is missing. 0, or kFailure, reported. */
+int makeFolder(const std::string& root, const NeededFolder& folder) {
+    std::string path = root + folder.path;
+    struct stat info;
+    int made = mkdir(path.c_str(), folder.mode);
+    if (made != 0 && errno != EEXIST)
+        return folder.needed ? fail("cannot create", path) : 0;
+    if (folder.own && (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))) {
+        errno = ENOTDIR;
+        return folder.needed ? fail("cannot use (a link is not followed)", path) : 0;
     }
-    return makeConsoleLevel(root + "/proc/sys/kernel/printk");
+    if (made == 0 && folder.open && chmod(path.c_str(), folder.mode) != 0)
+        return fail("cannot open to all", path);
+    return 0;
 }
 
-/** The logger devices; those of the stand-in under a system root that has none of its own. */
+template <size_t N> int makeFolders(const std::string& root, const NeededFolder (&folders)[N]) {
+    int status = 0;
+    for (size_t i = 0; status == 0 && i < N; ++i)
+        status = makeFolder(root, folders[i]);
+    return status;
+}
+
+/** Makes what the service and its stand-ins expect under a system root. */
+int prepareSystemRoot(const vnlog::platform::SystemRoot& root) {
+    int status =
+        root.onMachine ? makeFolders(root.path, kMachineFolders) : makeFolders(root.path, kDeviceFolders);
+    if (status == 0)
+        status = makeFolders(root.path, kKernelFolders);
+    return status == 0 ? makeConsoleLevel(root.path + std::string("/proc/sys/kernel/printk")) : status;
+}
+
+/** Makes the folder for devices and socket on the machine itself, where nothing else is missing. */
+int prepareMachine() {
+    const NeededFolder& folder = kMachineFolders[1];
+    int status = makeFolder("", folder);
+    if (status == 0 && access(folder.path, W_OK | X_OK) != 0)
+        status = fail("cannot write in", folder.path);
+    if (status != 0 && geteuid() != 0)
+        say("%s: run it as root, or with folders of your own: --sysroot DIR\n", kProgram);
+    return status;
+}
+
+/** Takes the default settings that the machine's administrator has, unless others are named. */
+void takeMachineDefaults(const vnlog::platform::SystemRoot& root) {
+    std::string file = root.path + std::string("/etc/vnlog/log_default.cfg");
+    if (root.onMachine && access(file.c_str(), F_OK) == 0)
+        (void)setenv(vnlog::kDefaultConfigurationVariable, file.c_str(), 0); // fails without memory alone
+}
+
+/** The logger devices; those of the stand-in where one takes the place of missing ones. */
 struct Devices {
     std::string main, system;
     std::unique_ptr<vnlog::platform::LoggerDriver> driver;
 
-    explicit Devices(const std::string& root)
-        : main(root + vnlog::platform::kMainDevice), system(root + vnlog::platform::kSystemDevice) {
+    explicit Devices(const vnlog::platform::SystemRoot& root)
+        : main(std::string(root.path) + root.places().mainDevice),
+          system(std::string(root.path) + root.places().systemDevice) {
         struct stat info;
         bool real = stat(main.c_str(), &info) == 0 && !S_ISSOCK(info.st_mode);
-        if (!root.empty() && !real)
+        if (root.takesStandIns() && !real)
             driver = std::make_unique<vnlog::platform::LoggerDriver>();
     }
     const char* kind() const { return driver != nullptr ? "stand-in" : "driver"; }
@@ -181,10 +219,20 @@ void stop(vnlog::LogService& service) {
         say("%s: %u bytes could not be written out in time\n", kProgram, dropped);
 }
 
-void waitForEnd(vnlog::LogService& service, const sigset_t& signals) {
+/** Waits for one of the signals, at most for these milliseconds unless they are negative. 0 when none came.
+ */
+int awaitSignal(const sigset_t& signals, int64_t most) {
+    timespec time = vnlog::steadyTime(most);
+    int number = most < 0 ? sigwaitinfo(&signals, nullptr) : sigtimedwait(&signals, nullptr, &time);
+    return std::max(number, 0);
+}
+
+void waitForEnd(vnlog::LogService& service, const sigset_t& signals, Supervision& supervision) {
     int number = 0;
     do {
-        if (sigwait(&signals, &number) == 0 && number == SIGUSR1)
+        supervision.report(service);
+        number = awaitSignal(signals, supervision.untilReport());
+        if (number == SIGUSR1)
             service.flushLogBufAll();
     } while (number == 0 || number == SIGUSR1);
 }
@@ -194,7 +242,7 @@ std::string storageRoot(const vnlog::LogService& service) VNLOG_UNCHECKED {
     return service.mSavePath;
 }
 
-int serve(const std::string& root, const sigset_t& signals) {
+int serve(const vnlog::platform::SystemRoot& root, const sigset_t& signals) {
     std::signal(SIGPIPE, SIG_IGN); // a console that goes away is reported by its write
     std::signal(SIGXFSZ, SIG_IGN); // so is a file that must not grow any more
 
@@ -205,10 +253,13 @@ int serve(const std::string& root, const sigset_t& signals) {
     }
     Devices devices(root);
     if (devices.driver != nullptr && !devices.driver->start({devices.main, devices.system}))
-        return fail("cannot make the devices in", root + "/dev");
+        return fail("cannot make the devices", devices.main + " and " + devices.system);
+    Supervision supervision;
+    supervision.starting();
     android::sp<vnlog::LogService> service = new vnlog::LogService();
     if (!service->mServiceStarted) {
-        say("%s: the service failed to start; the Android log tells why\n", kProgram);
+        say("%s: the service failed to start; %s\n", kProgram,
+            root.takesStandIns() ? "the lines above tell why" : "the Android log tells why");
         return kFailure;
     }
     if (!service->mFlushThreadRunning)
@@ -222,7 +273,8 @@ int serve(const std::string& root, const sigset_t& signals) {
     }
     say("%s: devices %s, %s (%s); %s at %s; store %s\n", kProgram, devices.main.c_str(),
         devices.system.c_str(), devices.kind(), name, place.c_str(), store.c_str());
-    waitForEnd(*service, signals);
+    waitForEnd(*service, signals, supervision);
+    supervision.stopping();
     vnlog::platform::withdrawServices();
     stop(*service);
     service = nullptr; // the last reference; the devices outlive it
@@ -251,25 +303,27 @@ int main(int argc, char** argv) {
     }
     if (status != kGoOn)
         return status;
-    // Blocked before any thread exists, so that every thread leaves the signals to sigwait.
+    // Blocked before any thread exists, so that every thread leaves the signals to this one.
     const sigset_t signals = signalsToWaitFor();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     if (optind != argc) {
         std::fprintf(stderr, "%s: unexpected argument '%s'\n", kProgram, argv[optind]);
         return hintAtHelp(kProgram);
     }
+    vnlog::platform::SystemRoot root;
+    const bool usable = root.read();
+    takeMachineDefaults(root);
     if (checked != nullptr)
         return check(checked);
-    vnlog::platform::SystemRoot root;
-    if (!root.read()) {
+    if (!usable) {
         std::fprintf(stderr, "%s: the system root is longer than %zu characters\n", kProgram,
                      vnlog::platform::kMaxSystemRoot);
         return kFailure;
     }
-    if (root.path[0] != '\0') {
+    if (root.takesStandIns()) {
         __android_log_set_logger(sayDiagnostic);
-        if (prepareSystemRoot(root.path) != 0)
+        if ((root.path[0] != '\0' ? prepareSystemRoot(root) : prepareMachine()) != 0)
             return kFailure;
     }
-    return serve(root.path, signals);
+    return serve(root, signals);
 }

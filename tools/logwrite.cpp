@@ -394,8 +394,8 @@ int main(int argc, char** argv) {
     }
     vnlog::platform::SystemRoot root;
     (void)root.read(); // a root that is too long has no device
-    std::string path = std::string(root.path) + (arguments.device == "main" ? vnlog::platform::kMainDevice
-                                                                            : vnlog::platform::kSystemDevice);
+    std::string path = std::string(root.path) +
+                       (arguments.device == "main" ? root.places().mainDevice : root.places().systemDevice);
     FileDescriptor device = vnlog::platform::openLogger(
         path.c_str(), arguments.lossless ? LoggerAccess::WriteLossless : LoggerAccess::Write);
     if (!device.valid()) {

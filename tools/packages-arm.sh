@@ -7,7 +7,7 @@ need_arm_packages() {
     need_packages $ARM_PACKAGES
     local root=build/arm-root apt=$PWD/build/arm-apt package
     local libraries="zlib1g-dev libdeflate-dev android-liblog-dev android-libutils-dev libgtest-dev libstdc++-12-dev
-        nlohmann-json3-dev libpcre2-dev libarchive-dev libmd-dev"
+        nlohmann-json3-dev libpcre2-dev libarchive-dev libmd-dev libsystemd-dev"
     [ "$(cat $root/.complete 2>/dev/null)" != "$libraries" ] || return 0
     echo "Unpacking the libraries for 32-bit ARM"
     rm -rf $root "$apt"

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Sourced by run, test and bench/run: installs the Debian packages that are missing, and only those.
 
-BUILD_PACKAGES="g++ cmake ninja-build pkg-config zlib1g-dev libdeflate-dev android-liblog-dev android-libutils-dev nlohmann-json3-dev libpcre2-dev libarchive-dev libmd-dev scdoc"
+BUILD_PACKAGES="g++ cmake ninja-build pkg-config zlib1g-dev libdeflate-dev android-liblog-dev android-libutils-dev nlohmann-json3-dev libpcre2-dev libarchive-dev libmd-dev libsystemd-dev scdoc"
 TEST_PACKAGES="libgtest-dev gzip binutils groff-base make python3-minimal"
 BENCH_PACKAGES="gzip strace"
 PEER_PACKAGES="runit s6 execline busybox" # programs alone: none of them starts a system log of its own

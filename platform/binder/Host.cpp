@@ -3,11 +3,15 @@
 
 #include "platform/binder/BinderServer.h"
 #include "platform/binder/Transport.h"
+#include "platform/sysroot/SystemRoot.h"
 #include "platform/unix/UnixSocket.h"
 
 #include <cerrno>
 
 namespace vnlog::platform {
+
+static_assert(kMaxSystemRoot + sizeof kRunFolder + sizeof kServiceName - 1 <= kMaxSocketPath,
+              "the service's socket fits behind every system root");
 
 android::status_t publishService(const char* name, const android::sp<android::IBinder>& service) {
     android::BinderServer& server = android::BinderServer::instance();

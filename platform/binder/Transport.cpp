@@ -37,7 +37,7 @@ std::vector<int> Message::attached() const {
 std::string socketPath(const std::string& name) {
     vnlog::platform::SystemRoot root;
     (void)root.read(); // of a root that is too long there is no such socket
-    return root.path + ("/dev/" + name);
+    return root.path + (root.places().socketFolder + ("/" + name));
 }
 
 } // namespace android::transport

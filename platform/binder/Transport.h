@@ -10,8 +10,8 @@
 
 /*
  * How transactions travel between processes: one packet each way over a local socket, the reply's with the
- * descriptors that its parcel holds. A published service listens at <system root>/dev/<name>, open to its own
- * user only.
+ * descriptors that its parcel holds. A published service listens at <name> in the system root's folder for
+ * sockets, open to its own user only.
  */
 namespace android::transport {
 

@@ -12,10 +12,6 @@
  */
 namespace vnlog::platform {
 
-// The devices, without the system root.
-constexpr char kMainDevice[] = "/dev/log_main";
-constexpr char kSystemDevice[] = "/dev/log_system";
-
 /** Header of an entry, as the driver lays it out before the payload. */
 struct LoggerHeader {
     uint16_t length; ///< payload bytes
