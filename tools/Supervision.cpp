@@ -64,7 +64,7 @@ std::string mebibytes(const std::string& bytes) {
 
 /** How the service is, in one line. */
 std::string summary(const Answer& answer) {
-    const std::string problems = answer.problems(), root = answer.value("storage.root");
+    std::string problems = answer.problems(), root = answer.value("storage.root");
     if (!answer.whole())
         return problems;
     if (!answer.stores() && !answer.switchedOff())
@@ -92,6 +92,7 @@ int64_t Supervision::untilReport() const {
 void Supervision::report(vnlog::LogService& service) {
     if (untilReport() != 0)
         return;
+    const int64_t now = vnlog::steadyMilliseconds();
     std::string text;
     const bool done = service.logQuery(vnlog::CMD_STATUS, "", &text) == 0;
     const Answer answer(text);
@@ -101,7 +102,6 @@ void Supervision::report(vnlog::LogService& service) {
         send("STATUS=" + status);
     mStatus = status;
     beReady(answer.stores() || answer.switchedOff());
-    const int64_t now = vnlog::steadyMilliseconds();
     const bool starts = !mReady || now - mBegin < kSettling;
     const int64_t period = starts ? kStartPeriod : kReportPeriod;
     mNext = now + (mWatchdog > 0 ? std::min(period, mWatchdog) : period);
