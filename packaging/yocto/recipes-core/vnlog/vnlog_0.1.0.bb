@@ -30,8 +30,8 @@ EXTRA_OECMAKE = "-DCMAKE_SYSROOT=${STAGING_DIR_HOST} -DVNLOG_BUILD_TESTS=OFF"
 PACKAGECONFIG ??= "platform-binder ${@bb.utils.filter('DISTRO_FEATURES', 'systemd', d)}"
 PACKAGECONFIG[platform-binder] = "-DVNLOG_PLATFORM_BINDER=ON,-DVNLOG_PLATFORM_BINDER=OFF,${VNLOG_ANDROID_BINDER}"
 PACKAGECONFIG[shell-file-work] = "-DVNLOG_FILE_WORK=shell,-DVNLOG_FILE_WORK=process,,gzip coreutils"
-PACKAGECONFIG[manuals] = ",,scdoc-native"
-PACKAGECONFIG[systemd] = ",,systemd"
+PACKAGECONFIG[manuals] = "-DVNLOG_MANUALS=ON,-DVNLOG_MANUALS=OFF,scdoc-native"
+PACKAGECONFIG[systemd] = "-DVNLOG_SYSTEMD=ON,-DVNLOG_SYSTEMD=OFF,systemd"
 
 do_install:append() {
     if ${@bb.utils.contains('PACKAGECONFIG', 'systemd', 'true', 'false', d)}; then
