@@ -6,6 +6,14 @@
 
 namespace vnlog {
 
+namespace {
+
+unsigned char byteAt(std::string_view text, size_t at) {
+    return static_cast<unsigned char>(text[at]);
+}
+
+} // namespace
+
 bool formatTextArgs(char* out, size_t size, const char* format, va_list args) {
     std::memset(out, 0, size);
     int length = std::vsnprintf(out, size, format, args);
@@ -15,6 +23,24 @@ bool formatTextArgs(char* out, size_t size, const char* format, va_list args) {
 std::string errorText(int error) {
     char text[128];
     return strerror_r(error, text, sizeof text);
+}
+
+size_t utf8Length(std::string_view text) {
+    unsigned char first = text.empty() ? 0xff : byteAt(text, 0);
+    if (first < 0x80)
+        return 1;
+    size_t length = first < 0xc2 ? 0 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 0;
+    if (length == 0 || text.size() < length)
+        return 0;
+    // Neither longer than needed, nor a half of a pair, nor beyond the last character.
+    unsigned char least = first == 0xe0 ? 0xa0 : first == 0xf0 ? 0x90 : 0x80;
+    unsigned char most = first == 0xed ? 0x9f : first == 0xf4 ? 0x8f : 0xbf;
+    if (byteAt(text, 1) < least || byteAt(text, 1) > most)
+        return 0;
+    for (size_t at = 2; at < length; ++at)
+        if ((byteAt(text, at) & 0xc0) != 0x80)
+            return 0;
+    return length;
 }
 
 Path entryPath(const char* folder, const char* name) {

@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace vnlog {
 
@@ -26,6 +27,9 @@ template <size_t N> [[gnu::format(printf, 2, 3)]] bool formatText(char (&out)[N]
 
 /** The text of an errno, as strerror's. Any thread. */
 std::string errorText(int error);
+
+/** Bytes of the UTF-8 character with which a text begins; 0 where it begins with none. */
+size_t utf8Length(std::string_view text);
 
 /** The path of the entry `name` of `folder`. */
 Path entryPath(const char* folder, const char* name);

@@ -32,6 +32,7 @@ class VNLOG_API ILogService : public android::IInterface {
      */
     static android::sp<ILogService> asInterface(const android::sp<android::IBinder>& obj);
 
+    /** The descriptor, for callers that have an object only. */
     virtual const android::String16& getInterfaceDescriptor() const;
 
     ILogService();
@@ -74,17 +75,16 @@ class VNLOG_API BnLogService : public android::BnInterface<ILogService> {
 /** The client's side: packs a call into a transaction on the remote binder. */
 class VNLOG_API BpLogService : public android::BpInterface<vnlog::ILogService> {
   public:
+    /** A client of the service behind `remote`, which it keeps. */
     explicit BpLogService(const android::sp<android::IBinder>& remote);
     ~BpLogService() override;
 
-    /*
-     * Each returns the reply's int32; a transaction that failed is not told apart. getLogFd returns instead a
-     * close-on-exec descriptor of this process, or -1 when it has none left; of a service that hands none
-     * over only the number. logCMD returns the status of a parameter that cannot be packed without sending
-     * anything.
-     */
+    /** The reply's int32, as of the next two; a transaction that failed is not told apart. */
     int flushLogBufAll() override;
+    /** A close-on-exec descriptor of this process, or -1 when it has none left; of a service that hands none
+     * over only the number. */
     int getLogFd() override;
+    /** The status of a parameter that cannot be packed is returned without sending anything. */
     int logCMD(int cmd, const char* param) override;
     /** A status below -1 when the transaction failed. */
     int logQuery(int cmd, const char* param, std::string* answer) override;

@@ -10,9 +10,6 @@
 /* Stored bytes, which may be any, in forms that hold text. Any thread. */
 namespace vnlog {
 
-/** Bytes of the UTF-8 character with which a text begins; 0 where it begins with none. */
-size_t utf8Length(std::string_view text);
-
 /** Writes bytes for a terminal: control bytes but tab, the control characters up to U+009F, and bytes that
  * are no UTF-8 as \xNN. */
 void writeEscaped(std::string_view bytes, TextOut& out);

@@ -81,6 +81,7 @@ class VNLOG_API LogService : public BnLogService,
      * is not started or a step failed (the steps after it are not done).
      */
     int serviceStop(const bool* flags);
+    /** ILogService::getLogFd. Takes the storage lock. */
     int getLogFd() override;
     /** Bytes in the ring buffer that are not yet written out; 0 without a buffer. Any thread, never waits. */
     uint32_t bufferedBytes() const;
@@ -155,6 +156,7 @@ class VNLOG_API LogService : public BnLogService,
     static void* logBufFlush(void* service);
     /** Syncs and closes the open section file, if any. Takes the storage lock. */
     void logBufFlushExit();
+    /** ILogService::flushLogBufAll. Any thread. */
     int flushLogBufAll() override;
 
     // --- Stored log. Each takes the storage lock
@@ -205,12 +207,15 @@ class VNLOG_API LogService : public BnLogService,
     int logFilterPriForTag(AndroidLogFormat_t* format, const char* tag);
     /** 1 when an entry of this tag and priority passes the filter, else 0. */
     int androidLogShouldPrintLine(AndroidLogFormat_t* format, const char* tag, android_LogPriority priority);
+    /** Removes all rules. */
     void androidLogClearAllFilterRule(AndroidLogFormat_t* format);
     /** Removes the newest rule for the tag. -1 when there are no rules at all, else 0. */
     int androidLogDelFilterRule(AndroidLogFormat_t* format, const char* tag);
     /** 0, or -1 for an unknown format word. */
     int setLogFormat(const char* text);
+    /** The letter of a priority; '?' for none. */
     char filterPriToChar(android_LogPriority priority);
+    /** The line format of a word; FORMAT_OFF for another word. */
     AndroidLogPrintFormat formatFromString(const char* text);
     /** The word of a line format; null when it has none. */
     const char* formattostring(AndroidLogPrintFormat value);
@@ -219,6 +224,7 @@ class VNLOG_API LogService : public BnLogService,
 
     /** Body of the Android reader; the argument is the service. */
     static void* logcat(void* service);
+    /** Makes standard output the console of the lines. */
     void setupOutput();
     /** Reads, merges and outputs entries until the thread is to end. */
     void readLogLines(log_device_t* list);
@@ -226,6 +232,7 @@ class VNLOG_API LogService : public BnLogService,
     void chooseFirst(log_device_t* list, log_device_t** first);
     /** Outputs and drops the first entry of the device. */
     void printNextEntry(log_device_t* dev);
+    /** Drops the first entry of the device without output. */
     void skipNextEntry(log_device_t* dev);
     /** Announces the device before its first entry when there is more than one. */
     void maybePrintStart(log_device_t* dev);
@@ -239,10 +246,11 @@ class VNLOG_API LogService : public BnLogService,
     int androidLogPrintLogLine(AndroidLogFormat_t* format, int fd, const AndroidLogEntry_t* entry);
     /** Empties the main device. 0 or -1. Any thread. */
     int clearAndroidLog();
-    /** Requests of the driver on an open device: empty it, its capacity, its content in bytes. -1 for a
-     * failure. Any thread. */
+    /** Empties an open device. 0, or -1 with errno set, as of the next two. Any thread. */
     int clearLog(int fd);
+    /** Bytes that an open device can hold, or -1. Any thread. */
     int getLogSize(int fd);
+    /** Bytes that an open device holds, or -1. Any thread. */
     int getLogReadableSize(int fd);
 
     // --- Commands

@@ -3,6 +3,7 @@
  * The command-line client: checks a command by the service's own rules, sends it and says what came of it.
  */
 #include "binder/Commands.h"
+#include "binder/StatusText.h"
 #include "platform/sysroot/SystemRoot.h"
 #include "reader/FindStore.h"
 #include "reader/Inspection.h"
@@ -14,7 +15,6 @@
 #include <cctype>
 #include <iomanip>
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <strings.h>
@@ -22,6 +22,7 @@
 #include <vector>
 
 using vnlog::CommandInfo;
+using vnlog::StatusLine;
 
 namespace {
 
@@ -75,46 +76,6 @@ int fail(const std::string& what) {
     return kFailure;
 }
 
-/** The names of a status line, "group.name=value". */
-struct StatusLine {
-    std::string group, name, value;
-};
-
-std::vector<StatusLine> statusLines(const std::string& text) {
-    std::vector<StatusLine> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        size_t equals = std::min(line.find('='), line.size());
-        size_t dot = line.rfind('.', equals);
-        StatusLine parsed;
-        if (dot != std::string::npos)
-            parsed.group = line.substr(0, dot++);
-        else
-            dot = 0;
-        parsed.name = line.substr(dot, equals - dot);
-        parsed.value = line.substr(std::min(equals + 1, line.size()));
-        lines.push_back(parsed);
-    }
-    return lines;
-}
-
-nlohmann::ordered_json jsonValue(const std::string& value) {
-    constexpr size_t kMostDigits = 18; // whatever fits 64 bits
-    bool digits = !value.empty() && value.size() <= kMostDigits &&
-                  std::all_of(value.begin(), value.end(), [](unsigned char c) { return std::isdigit(c); });
-    if (digits)
-        return std::stoull(value);
-    return value == "y" || value == "n" ? nlohmann::ordered_json(value == "y")
-                                        : nlohmann::ordered_json(value);
-}
-
-void printJson(const std::vector<StatusLine>& lines) {
-    nlohmann::ordered_json all;
-    for (const StatusLine& line : lines)
-        (line.group.empty() ? all : all[line.group])[line.name] = jsonValue(line.value);
-    std::cout << all.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
-}
-
 /** A line for each group. */
 void printTable(const std::vector<StatusLine>& lines) {
     constexpr int kGroupColumn = 12;
@@ -142,12 +103,15 @@ int report(const Order& request, const Answer& answer) {
         std::cout << answer.text;
         return finishOutput(kProgram);
     }
-    std::vector<StatusLine> lines = statusLines(answer.text);
+    std::vector<StatusLine> lines = vnlog::statusLines(answer.text);
     auto works =
         std::find_if(lines.begin(), lines.end(), [](const StatusLine& l) { return l.name == "works"; });
     if (works == lines.end())
         return fail("the service's answer is no status");
-    request.json ? printJson(lines) : printTable(lines);
+    if (request.json)
+        std::cout << vnlog::statusJson(answer.text);
+    else
+        printTable(lines);
     int written = finishOutput(kProgram);
     return written != 0 ? written : works->value == "y" ? 0 : kNotWorking;
 }

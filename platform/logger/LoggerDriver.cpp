@@ -1,17 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/logger/LoggerDriver.h"
 
+#include "base/Handles.h"
 #include "platform/logger/LoggerDevice.h"
 #include "platform/logger/Protocol.h"
 #include "platform/unix/UnixSocket.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <ctime>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 namespace vnlog::platform {
@@ -154,8 +159,57 @@ enum class Role { Listener, Stranger, Reader, Writer, LosslessWriter };
 
 } // namespace
 
+/** What serves the devices, and what it serves them with. */
+class LoggerDriver::Server {
+  public:
+    Server() = default;
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    bool start(const std::vector<std::string>& paths, size_t capacity);
+
+  private:
+    struct Incoming;
+    struct Outgoing;
+    struct Device;
+    struct Endpoint;
+
+    bool makeDevices(const std::vector<std::string>& paths, size_t capacity);
+    void removeDevices();
+    bool watch(int operation, Endpoint& endpoint, uint32_t events) const;
+    static void* runThread(void* driver);
+    void serve();
+    void pauseListening();
+    int listenAgain();
+    void serveEndpoint(Endpoint& endpoint, uint32_t events);
+    void acceptClient(Device& device);
+    bool makeRoom(pid_t newcomer);
+    void greet(Endpoint& client);
+    bool admit(Endpoint& client, uint32_t role);
+    void takeEntries(Endpoint& writer);
+    bool storeWaiting(Device& device);
+    void deliver(Device& device);
+    void sendEntries(Endpoint& reader);
+    void hangUp(Endpoint& client);
+    void removeGone();
+
+    std::vector<std::unique_ptr<Device>> mDevices;
+    std::vector<std::unique_ptr<Endpoint>> mClients;
+    bool mSomeGone = false; ///< a client was hung up on and is still listed
+    std::unique_ptr<Incoming> mIncoming; ///< of the writers that do not wait
+    std::unique_ptr<Outgoing> mOutgoing;
+    FileDescriptor mEvents;
+    FileDescriptor mWakeUp;
+    std::atomic<bool> mEnding{false};
+    bool mPaused = false; ///< nobody is let in before mPauseEnd
+    std::chrono::steady_clock::time_point mPauseEnd;
+    bool mRunning = false; ///< mThread is to be joined
+    pthread_t mThread{};
+};
+
 /** A socket that is watched: the one on which a device listens, or that of a client. */
-struct LoggerDriver::Endpoint {
+struct LoggerDriver::Server::Endpoint {
     FileDescriptor socket;
     Device* device;
     Role role;
@@ -170,7 +224,7 @@ struct LoggerDriver::Endpoint {
 };
 
 /** Packets of one writer, of which those from `next` to `count` are whole entries and to be stored. */
-struct LoggerDriver::Incoming {
+struct LoggerDriver::Server::Incoming {
     Incoming() {
         for (size_t i = 0; i < kMostPackets; ++i) {
             batch.pieces[i][0] = {packets[i], kMaxLoggerEntry};
@@ -190,7 +244,7 @@ struct LoggerDriver::Incoming {
 };
 
 /** Takes what there is; to be called when nothing is left. */
-void LoggerDriver::Incoming::receive(const Endpoint& writer) {
+void LoggerDriver::Server::Incoming::receive(const Endpoint& writer) {
     next = count = refused = 0;
     int got = recvmmsg(writer.socket.get(), batch.messages, kMostPackets, MSG_TRUNC | MSG_DONTWAIT, nullptr);
     last = got < 0 && errno != EAGAIN && errno != EINTR;
@@ -206,13 +260,13 @@ void LoggerDriver::Incoming::receive(const Endpoint& writer) {
     }
 }
 
-struct LoggerDriver::Outgoing : Batch {
+struct LoggerDriver::Server::Outgoing : Batch {
     unsigned gather(const Endpoint& reader);
 
     uint32_t entries[kMostPackets]; ///< in each packet
 };
 
-struct LoggerDriver::Device {
+struct LoggerDriver::Server::Device {
     Device(std::string where, size_t capacity) : path(std::move(where)), ring(capacity) {}
     int32_t answer(uint32_t request);
     uint64_t oldestUnread() const;
@@ -230,7 +284,7 @@ struct LoggerDriver::Device {
     Incoming incoming; ///< of the first of them
 };
 
-int32_t LoggerDriver::Device::answer(uint32_t request) {
+int32_t LoggerDriver::Server::Device::answer(uint32_t request) {
     if (request == kRequestSize)
         return static_cast<int32_t>(ring.capacity());
     if (request == kRequestReadable)
@@ -242,7 +296,7 @@ int32_t LoggerDriver::Device::answer(uint32_t request) {
 }
 
 /** Empties the ring. What readers have lost before stays lost, the rest they never miss. */
-void LoggerDriver::Device::flush() {
+void LoggerDriver::Server::Device::flush() {
     for (Endpoint* reader : readers)
         catchUp(*reader);
     ring.clear();
@@ -253,7 +307,7 @@ void LoggerDriver::Device::flush() {
 }
 
 /** Moves a reader to the oldest entry when its next one was dropped, and counts those that it has lost. */
-void LoggerDriver::Device::catchUp(Endpoint& reader) const {
+void LoggerDriver::Server::Device::catchUp(Endpoint& reader) const {
     if (reader.position >= ring.first())
         return;
     reader.lost += ring.firstNumber() - reader.number;
@@ -262,14 +316,14 @@ void LoggerDriver::Device::catchUp(Endpoint& reader) const {
 }
 
 /** Takes what a writer has sent; every reader has lost what is refused of it. */
-void LoggerDriver::Device::receive(Incoming& from, const Endpoint& writer) {
+void LoggerDriver::Server::Device::receive(Incoming& from, const Endpoint& writer) {
     from.receive(writer);
     for (Endpoint* reader : readers)
         reader->lost += from.refused;
 }
 
 /** Position of the oldest entry that some reader has still to be given. */
-uint64_t LoggerDriver::Device::oldestUnread() const {
+uint64_t LoggerDriver::Server::Device::oldestUnread() const {
     uint64_t oldest = ring.end();
     for (const Endpoint* reader : readers)
         if (!reader->gone)
@@ -277,9 +331,15 @@ uint64_t LoggerDriver::Device::oldestUnread() const {
     return oldest;
 }
 
-LoggerDriver::LoggerDriver() = default;
+LoggerDriver::LoggerDriver() : mServer(std::make_unique<Server>()) {}
 
-LoggerDriver::~LoggerDriver() {
+LoggerDriver::~LoggerDriver() = default;
+
+bool LoggerDriver::start(const std::vector<std::string>& paths, size_t capacity) {
+    return mServer->start(paths, capacity);
+}
+
+LoggerDriver::Server::~Server() {
     mEnding = true;
     uint64_t one = 1;
     if (mWakeUp.valid())
@@ -289,7 +349,7 @@ LoggerDriver::~LoggerDriver() {
     removeDevices();
 }
 
-bool LoggerDriver::start(const std::vector<std::string>& paths, size_t capacity) {
+bool LoggerDriver::Server::start(const std::vector<std::string>& paths, size_t capacity) {
     errno = EINVAL;
     if (capacity < kMaxLoggerEntry || capacity > INT32_MAX || !makeDevices(paths, capacity)) {
         int error = errno;
@@ -310,12 +370,12 @@ bool LoggerDriver::start(const std::vector<std::string>& paths, size_t capacity)
     return true;
 }
 
-void* LoggerDriver::runThread(void* driver) {
-    static_cast<LoggerDriver*>(driver)->serve();
+void* LoggerDriver::Server::runThread(void* driver) {
+    static_cast<Server*>(driver)->serve();
     return nullptr;
 }
 
-bool LoggerDriver::makeDevices(const std::vector<std::string>& paths, size_t capacity) {
+bool LoggerDriver::Server::makeDevices(const std::vector<std::string>& paths, size_t capacity) {
     mEvents = FileDescriptor(epoll_create1(EPOLL_CLOEXEC));
     mWakeUp = FileDescriptor(eventfd(0, EFD_CLOEXEC));
     epoll_event ending{EPOLLIN, {nullptr}};
@@ -334,20 +394,20 @@ bool LoggerDriver::makeDevices(const std::vector<std::string>& paths, size_t cap
     return true;
 }
 
-void LoggerDriver::removeDevices() {
+void LoggerDriver::Server::removeDevices() {
     for (auto& device : mDevices)
         unlink(device->path.c_str());
     mDevices.clear();
 }
 
 /** Changes what an endpoint is watched for. */
-bool LoggerDriver::watch(int operation, Endpoint& endpoint, uint32_t events) const {
+bool LoggerDriver::Server::watch(int operation, Endpoint& endpoint, uint32_t events) const {
     epoll_event event{events, {&endpoint}};
     return epoll_ctl(mEvents.get(), operation, endpoint.socket.get(), &event) == 0;
 }
 
 /** One round after the other: takes what has arrived, then gives the readers all that they have room for. */
-void LoggerDriver::serve() {
+void LoggerDriver::Server::serve() {
     epoll_event events[kRoundEvents];
     while (!mEnding) {
         int count = epoll_wait(mEvents.get(), events, kRoundEvents, listenAgain());
@@ -365,7 +425,7 @@ void LoggerDriver::serve() {
 }
 
 /** Keeps a connection that cannot be accepted from waking the thread again and again. */
-void LoggerDriver::pauseListening() {
+void LoggerDriver::Server::pauseListening() {
     mPaused = true;
     mPauseEnd = std::chrono::steady_clock::now() + kAcceptPause;
     for (auto& device : mDevices)
@@ -373,7 +433,7 @@ void LoggerDriver::pauseListening() {
 }
 
 /** Ends a pause that is over. The milliseconds that are left of one that is not, else -1. */
-int LoggerDriver::listenAgain() {
+int LoggerDriver::Server::listenAgain() {
     if (!mPaused)
         return -1;
     auto left = std::chrono::ceil<std::chrono::milliseconds>(mPauseEnd - std::chrono::steady_clock::now());
@@ -385,7 +445,7 @@ int LoggerDriver::listenAgain() {
     return -1;
 }
 
-void LoggerDriver::serveEndpoint(Endpoint& endpoint, uint32_t events) {
+void LoggerDriver::Server::serveEndpoint(Endpoint& endpoint, uint32_t events) {
     if (endpoint.gone)
         return;
     switch (endpoint.role) {
@@ -404,7 +464,7 @@ void LoggerDriver::serveEndpoint(Endpoint& endpoint, uint32_t events) {
     }
 }
 
-void LoggerDriver::acceptClient(Device& device) {
+void LoggerDriver::Server::acceptClient(Device& device) {
     FileDescriptor socket(
         accept4(device.listener.socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket.valid() && lacksResources(errno))
@@ -422,7 +482,7 @@ void LoggerDriver::acceptClient(Device& device) {
 }
 
 /** Whether there is room for a client of this process, where need be that of one which keeps silent. */
-bool LoggerDriver::makeRoom(pid_t newcomer) {
+bool LoggerDriver::Server::makeRoom(pid_t newcomer) {
     size_t most = kMaxClients + (newcomer == getpid() ? kOwnClients : 0);
     auto here = [](const auto& client) { return !client->gone; };
     auto silent = [](const auto& client) { return client->role == Role::Stranger && !client->gone; };
@@ -436,7 +496,7 @@ bool LoggerDriver::makeRoom(pid_t newcomer) {
 }
 
 /** Takes the first packet of a connection; answers a request at once. */
-void LoggerDriver::greet(Endpoint& client) {
+void LoggerDriver::Server::greet(Endpoint& client) {
     LoggerHello hello{};
     ssize_t length = recv(client.socket.get(), &hello, sizeof hello, MSG_TRUNC);
     bool understood = length == sizeof hello && hello.magic == kLoggerMagic;
@@ -449,7 +509,7 @@ void LoggerDriver::greet(Endpoint& client) {
 }
 
 /** Lets a client be what it wants to be. False when that is nothing that lasts. */
-bool LoggerDriver::admit(Endpoint& client, uint32_t role) {
+bool LoggerDriver::Server::admit(Endpoint& client, uint32_t role) {
     switch (role) {
     case LoggerHello::Reader:
     case LoggerHello::BatchReader:
@@ -473,7 +533,7 @@ bool LoggerDriver::admit(Endpoint& client, uint32_t role) {
 }
 
 /** Stores what a writer has sent that waits for nobody. */
-void LoggerDriver::takeEntries(Endpoint& writer) {
+void LoggerDriver::Server::takeEntries(Endpoint& writer) {
     Device& device = *writer.device;
     device.receive(*mIncoming, writer);
     if (mIncoming->last)
@@ -490,7 +550,7 @@ void LoggerDriver::takeEntries(Endpoint& writer) {
  * Stores what waiting writers have sent, in the order of their turns and as far as no reader loses an entry.
  * A writer is watched again once everything that was taken from it is stored. Whether anything was stored.
  */
-bool LoggerDriver::storeWaiting(Device& device) {
+bool LoggerDriver::Server::storeWaiting(Device& device) {
     Incoming& incoming = device.incoming;
     uint64_t unread = device.oldestUnread();
     bool stored = false;
@@ -513,7 +573,7 @@ bool LoggerDriver::storeWaiting(Device& device) {
 }
 
 /** Gives every reader what has come since the last time, except those that have no room. */
-void LoggerDriver::deliver(Device& device) {
+void LoggerDriver::Server::deliver(Device& device) {
     if (device.offered == device.ring.end())
         return;
     for (Endpoint* reader : device.readers)
@@ -523,7 +583,7 @@ void LoggerDriver::deliver(Device& device) {
 }
 
 /** Makes packets of what comes next for a reader: of one entry when it has lost more than that can tell. */
-unsigned LoggerDriver::Outgoing::gather(const Endpoint& reader) {
+unsigned LoggerDriver::Server::Outgoing::gather(const Endpoint& reader) {
     const EntryRing& ring = reader.device->ring;
     bool alone = reader.batches && reader.lost > UINT16_MAX;
     uint64_t next = reader.position;
@@ -539,7 +599,7 @@ unsigned LoggerDriver::Outgoing::gather(const Endpoint& reader) {
 }
 
 /** Gives a reader what its connection takes. */
-void LoggerDriver::sendEntries(Endpoint& reader) {
+void LoggerDriver::Server::sendEntries(Endpoint& reader) {
     EntryRing& ring = reader.device->ring;
     bool full = false;
     reader.device->catchUp(reader);
@@ -565,14 +625,14 @@ void LoggerDriver::sendEntries(Endpoint& reader) {
 }
 
 /** Ends a connection. The client itself stays until the end of the round, whose events may name it. */
-void LoggerDriver::hangUp(Endpoint& client) {
+void LoggerDriver::Server::hangUp(Endpoint& client) {
     // Not left to the closing: a process that is being forked holds the connection for a moment longer.
     watch(EPOLL_CTL_DEL, client, 0);
     client.socket = FileDescriptor();
     client.gone = mSomeGone = true;
 }
 
-void LoggerDriver::removeGone() {
+void LoggerDriver::Server::removeGone() {
     if (!mSomeGone)
         return;
     mSomeGone = false;

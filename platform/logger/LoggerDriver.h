@@ -1,16 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "base/Handles.h"
-
-#include <atomic>
-#include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <memory>
-#include <pthread.h>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 /*
@@ -29,11 +22,13 @@
  */
 namespace vnlog::platform {
 
+/** The devices of one process: made by start, served until the destructor. The host's, on any one thread. */
 class LoggerDriver {
   public:
     /** Bytes that each device holds unless stated otherwise. */
     static constexpr size_t kCapacity = 262144;
 
+    /** Makes nothing yet. */
     LoggerDriver();
     /** Ends the thread and removes the devices. */
     ~LoggerDriver();
@@ -48,42 +43,9 @@ class LoggerDriver {
     [[nodiscard]] bool start(const std::vector<std::string>& paths, size_t capacity = kCapacity);
 
   private:
-    struct Incoming;
-    struct Outgoing;
-    struct Device;
-    struct Endpoint;
+    class Server;
 
-    bool makeDevices(const std::vector<std::string>& paths, size_t capacity);
-    void removeDevices();
-    bool watch(int operation, Endpoint& endpoint, uint32_t events) const;
-    static void* runThread(void* driver);
-    void serve();
-    void pauseListening();
-    int listenAgain();
-    void serveEndpoint(Endpoint& endpoint, uint32_t events);
-    void acceptClient(Device& device);
-    bool makeRoom(pid_t newcomer);
-    void greet(Endpoint& client);
-    bool admit(Endpoint& client, uint32_t role);
-    void takeEntries(Endpoint& writer);
-    bool storeWaiting(Device& device);
-    void deliver(Device& device);
-    void sendEntries(Endpoint& reader);
-    void hangUp(Endpoint& client);
-    void removeGone();
-
-    std::vector<std::unique_ptr<Device>> mDevices;
-    std::vector<std::unique_ptr<Endpoint>> mClients;
-    bool mSomeGone = false; ///< a client was hung up on and is still listed
-    std::unique_ptr<Incoming> mIncoming; ///< of the writers that do not wait
-    std::unique_ptr<Outgoing> mOutgoing;
-    FileDescriptor mEvents;
-    FileDescriptor mWakeUp;
-    std::atomic<bool> mEnding{false};
-    bool mPaused = false; ///< nobody is let in before mPauseEnd
-    std::chrono::steady_clock::time_point mPauseEnd;
-    bool mRunning = false; ///< mThread is to be joined
-    pthread_t mThread{};
+    std::unique_ptr<Server> mServer;
 };
 
 } // namespace vnlog::platform
