@@ -25,5 +25,9 @@ need_arm_packages() {
     for package in "$apt"/cache/archives/*.deb; do
         dpkg -x "$package" $root
     done
+    # Links to absolute places would lead into the machine's own folders, or nowhere: a static library would be taken.
+    find $root -type l -lname '/*' -printf '%p %l\n' | while read -r link target; do
+        ln -srfn "$root$target" "$link"
+    done
     echo "$libraries" >$root/.complete
 }

@@ -1,11 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
-# Sourced by run, test and bench/run: installs the Debian packages that are missing, and only those.
+# Sourced by run, test, package and bench/run: installs the Debian packages that are missing, and only those.
 
 BUILD_PACKAGES="g++ cmake ninja-build pkg-config zlib1g-dev libdeflate-dev android-liblog-dev android-libutils-dev nlohmann-json3-dev libpcre2-dev libarchive-dev libmd-dev libsystemd-dev scdoc"
 TEST_PACKAGES="libgtest-dev gzip binutils groff-base make python3-minimal"
 BENCH_PACKAGES="gzip strace"
 PEER_PACKAGES="runit s6 execline busybox" # programs alone: none of them starts a system log of its own
 CHECK_PACKAGES="clang clang-format clang-tidy lnav abigail-tools doxygen kconfig-frontends-nox"
+PACKAGE_PACKAGES="dpkg-dev debhelper fakeroot lintian doxygen busybox make shellcheck systemd" # the last four for its test
 BROWSER_PACKAGES="chromium chromium-driver nodejs" # for the test of the reports
 ARM_PACKAGES="g++-arm-linux-gnueabihf qemu-user"
 PLATFORM_PACKAGES="android-platform-frameworks-native-headers"
