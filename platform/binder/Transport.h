@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <binder/Parcel.h>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <sys/socket.h>
 #include <vector>
@@ -53,9 +55,9 @@ struct Message {
 /** The packet of a request or a reply: the header, which states the parcel's size, then the parcel's bytes.
  */
 template <typename Header> std::vector<uint8_t> makePacket(const Header& header, const Parcel& parcel) {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&header);
-    std::vector<uint8_t> packet(bytes, bytes + sizeof header);
-    packet.insert(packet.end(), parcel.data(), parcel.data() + parcel.dataSize());
+    std::vector<uint8_t> packet(sizeof header + parcel.dataSize());
+    std::memcpy(packet.data(), &header, sizeof header);
+    std::copy_n(parcel.data(), parcel.dataSize(), packet.data() + sizeof header);
     return packet;
 }
 
