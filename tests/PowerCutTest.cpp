@@ -152,10 +152,10 @@ class PowerCutTest : public FolderTest {
         ptrdiff_t oldest = 0, newest = 0;
     };
 
-    /** Of the states of an emulated machine, which is slow, a few at random; of others all. */
+    /** In a slow build a few of the states, at random; in others all. */
     bool chosen() {
         static std::mt19937 random{std::random_device{}()};
-        return !VNLOG_EMULATED || std::getenv("VNLOG_LONG_TESTS") != nullptr || random() % 16 == 0;
+        return !VNLOG_SLOW || std::getenv("VNLOG_LONG_TESTS") != nullptr || random() % 16 == 0;
     }
 
     /** Takes the lines out that are gone for the bound. */
