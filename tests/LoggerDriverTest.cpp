@@ -4,6 +4,7 @@
 
 #include <future>
 #include <sys/socket.h>
+#include <sys/wait.h>
 
 using namespace vnlog::platform;
 
@@ -61,6 +62,31 @@ TEST_F(LoggerDriverTest, AReaderIsToldAllThatItLostButWhatAFlushRemoved) {
         known += header.padding + (header.length > 0 ? 1 : 0);
     }
     EXPECT_EQ(known, 200 + 200 + 70000);
+}
+
+TEST_F(LoggerDriverTest, OthersMayWriteButNeitherReadNorThrowAway) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root has others";
+    LoggerDriver driver;
+    ASSERT_TRUE(driver.start({home + "/log"}) && chmod(home.c_str(), 0755) == 0);
+    const std::string entry = deviceEntry(1, 1, "kept");
+    const pid_t other = fork();
+    if (other == 0) {
+        const bool changed = setresuid(65534, 65534, 65534) == 0;
+        auto writer = open(LoggerAccess::Write), reader = open(LoggerAccess::ReadBatches);
+        char byte;
+        const bool written = vnlog::writeAll(writer.get(), entry.data(), entry.size());
+        _exit(changed && written && read(reader.get(), &byte, 1) == 0 &&
+                      controlLogger(writer.get(), kRequestReadable) > 0 &&
+                      controlLogger(writer.get(), kRequestFlush) < 0
+                  ? 0
+                  : 1);
+    }
+    int status = -1;
+    EXPECT_TRUE(waitpid(other, &status, 0) == other && status == 0);
+    char bytes[kMaxLoggerEntry];
+    auto reader = open(LoggerAccess::Read);
+    EXPECT_EQ(read(reader.get(), bytes, sizeof bytes), static_cast<ssize_t>(entry.size()));
 }
 
 TEST_F(LoggerDriverTest, ReadersGetTheSameEntriesInOrder) {

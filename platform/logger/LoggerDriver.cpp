@@ -214,6 +214,7 @@ struct LoggerDriver::Server::Endpoint {
     Device* device;
     Role role;
     int32_t pid = 0;
+    bool trusted = false; ///< client: its user is this process's own or root
     std::chrono::steady_clock::time_point since{}; ///< client: when it connected
     uint64_t position = 0; ///< reader: of its next entry, or before the oldest one when it has missed some
     uint64_t number = 0; ///< reader: entries that were stored before that one
@@ -268,7 +269,7 @@ struct LoggerDriver::Server::Outgoing : Batch {
 
 struct LoggerDriver::Server::Device {
     Device(std::string where, size_t capacity) : path(std::move(where)), ring(capacity) {}
-    int32_t answer(uint32_t request);
+    int32_t answer(uint32_t request, bool trusted);
     uint64_t oldestUnread() const;
     void receive(Incoming& from, const Endpoint& writer);
     void flush();
@@ -284,12 +285,12 @@ struct LoggerDriver::Server::Device {
     Incoming incoming; ///< of the first of them
 };
 
-int32_t LoggerDriver::Server::Device::answer(uint32_t request) {
+int32_t LoggerDriver::Server::Device::answer(uint32_t request, bool trusted) {
     if (request == kRequestSize)
         return static_cast<int32_t>(ring.capacity());
     if (request == kRequestReadable)
         return static_cast<int32_t>(ring.held());
-    if (request != kRequestFlush)
+    if (request != kRequestFlush || !trusted) // which throws entries away that nobody has read
         return -1;
     flush();
     return 0;
@@ -475,8 +476,9 @@ void LoggerDriver::Server::acceptClient(Device& device) {
         return;
     if (!makeRoom(peer.pid))
         return; // one too many is hung up on: its descriptor belongs to the host
-    mClients.push_back(std::make_unique<Endpoint>(
-        Endpoint{std::move(socket), &device, Role::Stranger, peer.pid, std::chrono::steady_clock::now()}));
+    const bool trusted = peer.uid == 0 || peer.uid == geteuid();
+    mClients.push_back(std::make_unique<Endpoint>(Endpoint{
+        std::move(socket), &device, Role::Stranger, peer.pid, trusted, std::chrono::steady_clock::now()}));
     if (!watch(EPOLL_CTL_ADD, *mClients.back(), EPOLLIN))
         mClients.pop_back();
 }
@@ -501,7 +503,7 @@ void LoggerDriver::Server::greet(Endpoint& client) {
     ssize_t length = recv(client.socket.get(), &hello, sizeof hello, MSG_TRUNC);
     bool understood = length == sizeof hello && hello.magic == kLoggerMagic;
     if (understood && hello.role == LoggerHello::Control) {
-        int32_t answer = client.device->answer(hello.request);
+        int32_t answer = client.device->answer(hello.request, client.trusted);
         send(client.socket.get(), &answer, sizeof answer, MSG_NOSIGNAL);
     }
     if (!understood || !admit(client, hello.role))
@@ -513,6 +515,8 @@ bool LoggerDriver::Server::admit(Endpoint& client, uint32_t role) {
     switch (role) {
     case LoggerHello::Reader:
     case LoggerHello::BatchReader:
+        if (!client.trusted)
+            return false; // a log holds what its users do
         client.role = Role::Reader;
         client.batches = role == LoggerHello::BatchReader;
         client.position = client.device->ring.first();

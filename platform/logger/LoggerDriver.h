@@ -17,6 +17,9 @@
  * next entry that the reader is given, the former in the place where they are missing. What a flush removes
  * is not lost.
  *
+ * Every user may write. Only the user of the process and root may read and flush: a log holds what its users
+ * do, and a flush throws away what nobody has read yet.
+ *
  * There is room for 128 clients. When all is taken, one that has not said within kPatience what it wants to
  * be gives way. Without descriptors for more the devices pause; who waits is served later.
  */
