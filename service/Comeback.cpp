@@ -180,6 +180,7 @@ bool Comeback::prepareAgain() {
         mParts.ring.release();
         return false;
     }
+    mParts.intake.awaitStorage(false); // by now what comes is taken
     mCause = Cause::None;
     mWanted = false;
     logDebug("the storage can be used now, storing begins\n");

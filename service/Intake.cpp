@@ -35,7 +35,7 @@ bool Intake::append(const void* bytes, uint32_t length) {
     if (result.status == PutStatus::Stored)
         return true;
     if (result.status == PutStatus::NotInService)
-        (void)leaveOut(text, length); // storing may have been given up since the look before
+        miss(text, length); // storing may have been given up since the look before
     if (result.status != PutStatus::StorageFull)
         return false; // counted by the ring
     giveUpStoring(result); // outside the ring: this ends in a stop, which waits for all to leave it
@@ -53,9 +53,14 @@ Wish Intake::leaveOut(const char* line, uint32_t length) {
     return !mGivenUp ? Wish::Stored : mMissed ? Wish::Missed : Wish::NotStored;
 }
 
+void Intake::miss(const char* line, uint32_t length) {
+    if (leaveOut(line, length) == Wish::Stored && mUnprepared)
+        lost(Loss::Refused, countLines(line, length));
+}
+
 void Intake::beginRun() {
     LockGuard<LossLock> lock(mLossLock);
-    mGivenUp = mMissed = mOwnSwitchOff = false;
+    mUnprepared = mGivenUp = mMissed = mOwnSwitchOff = false;
     mService.mStorageFull = false;
 }
 

@@ -32,6 +32,7 @@ class Intake final : public LineSink {
     /** Counts lines as lost, unless storing was given up and is not wanted any more. */
     void lost(Loss why, uint32_t lines) override VNLOG_EXCLUDES(LossLock::role);
     Wish leaveOut(const char* line, uint32_t length) override VNLOG_EXCLUDES(LossLock::role);
+    void miss(const char* line, uint32_t length) override VNLOG_EXCLUDES(LossLock::role);
     /** Appends one record. False, reported where the ring does, when it is not taken. */
     bool append(const void* bytes, uint32_t length);
 
@@ -40,6 +41,8 @@ class Intake final : public LineSink {
     /** A new run: nothing is given up. */
     void beginRun() VNLOG_EXCLUDES(LossLock::role);
     bool givenUp() const { return mGivenUp; }
+    /** While the storage that a start found unusable is waited for, lines that are not taken are lost. */
+    void awaitStorage(bool awaited) { mUnprepared = awaited; }
     /** Says how many lines were lost that no line in the store tells of yet: the service ends. */
     void reportLost();
     /** Begins a run's log with a line that tells that an earlier run has given storing up, unless it is known
@@ -64,6 +67,7 @@ class Intake final : public LineSink {
     Ring& mRing;
     Lifecycle& mLifecycle;
     Mutex<LossLock> mLossLock;
+    Flag mUnprepared{false};
     Flag mGivenUp{false}; ///< changes under the lock
     bool mMissed VNLOG_GUARDED_BY(LossLock::role) = false; ///< the user wants lines stored all the same
     bool mOwnSwitchOff VNLOG_GUARDED_BY(LossLock::role) = false; ///< the command of giving up is yet to come

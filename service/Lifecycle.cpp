@@ -45,6 +45,7 @@ bool Lifecycle::makeRing() {
 /** With the lock held until the service is started, so that a reader whose storage is full finds it so. */
 bool Lifecycle::beginService(const bool* flags, bool storing) {
     LockGuard<CommandLock> lock(mParts.commandLock);
+    mParts.intake.awaitStorage(!storing && flags[LogService::FLUSH_THREAD]);
     if (!startWorkers(flags, storing))
         return false;
     mService.mServiceStarted = true;

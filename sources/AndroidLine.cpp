@@ -124,7 +124,7 @@ AndroidLine::LineResult AndroidLine::skip(const AndroidLogEntry& entry, Fate fat
 
 AndroidLine::LineResult AndroidLine::put(const char* line, uint32_t length, const AndroidLogEntry& entry) {
     if (!mSink.inService()) {
-        (void)mSink.leaveOut(line, length); // it may be counted there
+        mSink.miss(line, length);
         return skip(entry, Fate::Refused);
     }
     if (mSink.put(line, length, entry.priority))

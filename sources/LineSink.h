@@ -51,6 +51,8 @@ class LineSink {
      * counted as lost if it is missed.
      */
     virtual Wish leaveOut(const char*, uint32_t) { return Wish::Stored; }
+    /** A line came while none is taken: it is counted as lost if it is missed. */
+    virtual void miss(const char*, uint32_t) {}
     /** What is wanted of a line, by the switch of its source as well. */
     Wish wish(const Flag& toFile, const char* line, uint32_t length) {
         if (toFile)

@@ -62,8 +62,14 @@ start_machine --cfg "$home/other.cfg"
 told "STATUS=nothing is stored: the storage cannot be used ($stored)"
 wait_for beats 6
 grep -qx READY=1 "$home/told" && fail "ready without a storage"
+for entry in one two; do $logwrite -t Machine $entry; done
+refused() { $logset STATUS >"$home/status" || true; grep -Eq 'refused +2' "$home/status"; }
+wait_for refused
 rm "$stored/log_service"
 expect_status 0 $logset NAND_FILE_OUTPUT y
+$logwrite -t Machine three
+wait_for shown "I/Machine *([ 0-9]*): three"
+$logview | grep -qx -e "--------- 2 lines lost here: the storage could not be written" || fail "two lines are lost unsaid: $($logview)"
 told READY=1
 [ "$supervisor" = Unsupervised ] || grep -Ex 'READY=1|STATUS=stores.*' "$home/told" | head -1 | grep -q STATUS || fail "ready before it stored"
 stop_host
