@@ -154,6 +154,8 @@ void RingMemory::close() {
     else
         std::free(mHeader);
     mHeader = nullptr;
+    if (mFile >= 0)
+        (void)flock(mFile, LOCK_UN); // a child of the host that has the descriptor, too, would keep it
     closeDescriptor(mFile);
     mFile = -1;
 }

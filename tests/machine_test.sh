@@ -54,6 +54,16 @@ stop_host
 told STOPPING=1
 told 'EXTEND_TIMEOUT_USEC=[0-9]*'
 
+# Without settings from anywhere nothing would be stored, and the next start would find that to be the settings.
+mv "$root/etc/vnlog/log_default.cfg" "$home/kept.cfg"
+mv "$stored/log.cfg" "$home/own.cfg"
+expect_status 1 $host
+grep -q "log_default.cfg: No such file" "$home/err" && [ ! -e "$stored/log.cfg" ] || fail "it starts without settings: $(cat "$home/err")"
+mv "$home/own.cfg" "$stored/log.cfg"
+start_machine
+stop_host
+! grep -q "serviceStop failed" "$home/host.err" || fail "an orderly stop ends with an error"
+
 # Over a storage that cannot be used the service is not ready for a while, and once that is mended it is.
 rm -rf "$stored"/log*
 : >"$stored/log_service"

@@ -176,11 +176,28 @@ int prepareMachine() {
     return status;
 }
 
-/** Takes the default settings that the machine's administrator has, unless others are named. */
-void takeMachineDefaults(const vnlog::platform::SystemRoot& root) {
-    std::string file = root.path + std::string("/etc/vnlog/log_default.cfg");
-    if (root.onMachine && access(file.c_str(), F_OK) == 0)
-        (void)setenv(vnlog::kDefaultConfigurationVariable, file.c_str(), 0); // fails without memory alone
+/** The default settings that a machine's administrator has; empty where others are named, or on a device. */
+std::string machineDefaults(const vnlog::platform::SystemRoot& root) {
+    if (!root.onMachine || std::getenv(vnlog::kDefaultConfigurationVariable) != nullptr)
+        return {};
+    return root.path + std::string("/etc/vnlog/log_default.cfg");
+}
+
+/**
+ * Takes the default settings of a machine. Without them and without settings of its own, the service would
+ * store nothing, and keep to that: kFailure then, reported.
+ */
+int takeMachineDefaults(const vnlog::platform::SystemRoot& root) {
+    const std::string file = machineDefaults(root);
+    if (file.empty())
+        return 0;
+    if (usePath(kProgram, vnlog::kDefaultConfigurationVariable, file.c_str(), S_IFREG) == kGoOn)
+        return 0;
+    const std::string own = std::string(root.path) + root.places().storageRoot + vnlog::kConfigurationName;
+    if (access(own.c_str(), F_OK) == 0)
+        return 0;
+    say("%s: without settings nothing would be stored; name a file of settings with --cfg\n", kProgram);
+    return kFailure;
 }
 
 /** The logger devices; those of the stand-in where one takes the place of missing ones. */
@@ -214,9 +231,11 @@ sigset_t signalsToWaitFor() {
 /** Takes the service down in good order. */
 void stop(vnlog::LogService& service) {
     const bool all[] = {true, true, true};
-    (void)service.serviceStop(all); // reported there
+    const bool stopped = service.serviceStop(all) == 0; // a failure is reported there
     if (uint32_t dropped = service.droppedBytes())
         say("%s: %u bytes could not be written out in time\n", kProgram, dropped);
+    if (stopped) // the destructor would report that there is nothing left to stop
+        __android_log_set_logger([](const __android_logger_data*, const char*) {});
 }
 
 /** Waits for one of the signals, at most for these milliseconds unless they are negative. 0 when none came.
@@ -312,14 +331,19 @@ int main(int argc, char** argv) {
     }
     vnlog::platform::SystemRoot root;
     const bool usable = root.read();
-    takeMachineDefaults(root);
-    if (checked != nullptr)
+    if (checked != nullptr) {
+        const std::string file = machineDefaults(root);
+        if (access(file.c_str(), F_OK) == 0)
+            (void)setenv(vnlog::kDefaultConfigurationVariable, file.c_str(), 0); // fails without memory alone
         return check(checked);
+    }
     if (!usable) {
         std::fprintf(stderr, "%s: the system root is longer than %zu characters\n", kProgram,
                      vnlog::platform::kMaxSystemRoot);
         return kFailure;
     }
+    if (takeMachineDefaults(root) != 0)
+        return kFailure;
     if (root.takesStandIns()) {
         __android_log_set_logger(sayDiagnostic);
         if ((root.path[0] != '\0' ? prepareSystemRoot(root) : prepareMachine()) != 0)

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <grp.h>
 #include <string_view>
 #include <vector>
 
@@ -18,11 +19,19 @@ int noStore(const std::string& what) {
     return kWrongUsage;
 }
 
+/** The group whose members may read a folder, as words of a sentence; empty without one. */
+std::string groupOf(const std::string& folder) {
+    struct stat info;
+    const bool readable = stat(folder.c_str(), &info) == 0 && (info.st_mode & 050) == 050;
+    const group* found = readable ? getgrgid(info.st_gid) : nullptr;
+    return found != nullptr ? "a member of the group " + std::string(found->gr_name) + ", " : "";
+}
+
 /** Tells why a store cannot be opened, and what to do. */
 int cannotOpen(const OpenStore& store, int error) {
     if (error == EACCES || error == EPERM)
         return noStore("no permission to read " + store.root +
-                       "; it takes the user that the service runs as, or root");
+                       "; it takes the user that the service runs as, " + groupOf(store.root) + "or root");
     if (error != 0 && error != ENOENT && error != ENOTDIR)
         return noStore("cannot read " + store.root + ": " + std::strerror(error));
     if (store.ofService)
