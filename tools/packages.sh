@@ -13,7 +13,7 @@ PLATFORM_PACKAGES="android-platform-frameworks-native-headers"
 
 ask_for() { # " PACKAGE..."
     echo "These packages are missing. Have them installed by root, then try again:" >&2
-    echo "  apt-get install -y --no-install-recommends$1" >&2
+    echo "  apt-get update && apt-get install -y --no-install-recommends$1" >&2
     exit 1
 }
 
