@@ -154,7 +154,7 @@ bool Service::waitFor(bool (*reached)(const Service&), const char* what) {
 /** Finds the host behind a tracer, which also starts children for a try at tracing. */
 bool Service::findHost() {
     const std::string task = "task/" + std::to_string(mChild.pid()) + "/children";
-    for (const double end = now() + kPatience; now() < end; nap(500)) {
+    for (const double end = now() + kPatience; now() < end && !mChild.ended(); nap(500)) {
         std::istringstream children(contentOf(procFile(mChild.pid(), task)));
         for (pid_t child = 0; children >> child;)
             if (contentOf(procFile(child, "comm")) == "logserviced\n") {
@@ -162,7 +162,8 @@ bool Service::findHost() {
                 return true;
             }
     }
-    return fail("the tracer starts nothing");
+    mFailure = "the tracer starts nothing: " + contentOf(root() + "/host.err");
+    return false;
 }
 
 bool Service::launch(const std::vector<std::string>& tracer) {

@@ -138,9 +138,11 @@ double archivedPerLine(const std::vector<std::string>& sections, const Corpus& c
 }
 
 /** Why the numbers cannot be true; empty when they can. */
-std::string implausible(const Wear& wear, size_t count) {
+std::string implausible(const Wear& wear, size_t count, const std::string& folder) {
     if (wear.data <= 0)
-        return "the kernel counts nothing: is the folder (--folder) on a block device?";
+        return deviceWrites(folder) < 0
+                   ? "the folder (--folder) is on no block device, the kernel counts nothing"
+                   : "the kernel counts nothing for the folder's block device";
     if (wear.data < wear.archived * static_cast<double>(count))
         return "fewer bytes were counted than are stored";
     return wear.syncs < 1 ? "no sync was counted" : "";
@@ -171,7 +173,7 @@ Wear measurePace(const ServiceOptions& options, const Corpus& corpus, const Pace
     wear.archived = archivedPerLine(sections, corpus, count);
     wear.failure = sample.lost > 0 ? "lines were lost" : sample.failure;
     if (wear.failure.empty())
-        wear.failure = implausible(wear, count);
+        wear.failure = implausible(wear, count, options.folder);
     return wear;
 }
 
@@ -193,13 +195,21 @@ std::string summary(const Corpus& corpus, double archived, double metadata) {
            "\n\n";
 }
 
+/** Why nothing can be traced; empty when it can. A container may have the program and refuse its calls. */
+std::string cannotTrace() {
+    Sample unused;
+    if (!isInstalled("strace"))
+        return "strace is not installed";
+    return Child({"strace", "-f", "-o", "/dev/null", "true"}).wait(&unused) == 0 ? ""
+                                                                                 : "strace cannot trace here";
+}
+
 } // namespace
 
 std::string measureWear(ServiceOptions options, size_t lines, std::string* failure) {
-    if (!isInstalled("strace")) {
-        *failure = "strace is not installed";
+    *failure = cannotTrace();
+    if (!failure->empty())
         return {};
-    }
     // The clock must not ask for more syncs than the paces do, nor a line by its priority.
     options.memoryFile = false;
     options.settings = "FLUSH_INTERVAL=0\nFLUSH_PRIORITY=s\n";

@@ -14,13 +14,17 @@ sed 's/^KLOG_LEVEL=.*/KLOG_LEVEL=3/' "$home/log.cfg" >"$home/other.cfg"
 
 # Writes down what the service manager is told, a line for each assignment.
 perl -MIO::Socket::UNIX -MIO::Select -e '
-    my $socket = IO::Socket::UNIX->new(Type => SOCK_DGRAM, Local => shift) or die "no socket: $!";
-    my $done = shift;
+    my ($place, $done, $deaf) = @ARGV;
+    my $socket = IO::Socket::UNIX->new(Type => SOCK_DGRAM, Local => $place) or die "no socket: $!";
     $| = 1;
     until (-e $done) {
+        while (-e $deaf && !-e $done) { # a sender for each message: what is on the way from one is limited
+            1 while IO::Socket::UNIX->new(Type => SOCK_DGRAM, Peer => $place, Blocking => 0)->send("full");
+            print("full\n"), select(undef, undef, undef, 0.05);
+        }
         next unless IO::Select->new($socket)->can_read(0.2);
         print "$_\n" if defined $socket->recv($_, 65536);
-    }' "$home/notify" "$home/done" >>"$home/told" &
+    }' "$home/notify" "$home/done" "$home/deaf" >>"$home/told" &
 wait_for test -S "$home/notify"
 
 start_machine() { # OPTION...
@@ -82,4 +86,14 @@ wait_for shown "I/Machine *([ 0-9]*): three"
 $logview | grep -qx -e "--------- 2 lines lost here: the storage could not be written" || fail "two lines are lost unsaid: $($logview)"
 told READY=1
 [ "$supervisor" = Unsupervised ] || grep -Ex 'READY=1|STATUS=stores.*' "$home/told" | head -1 | grep -q STATUS || fail "ready before it stored"
+stop_host
+
+# A service manager that does not read holds nothing up, and is told later.
+[ "$supervisor" != Unsupervised ] || exit 0
+touch "$home/deaf"
+wait_for grep -qx full "$home/told"
+start_machine
+wait_for grep -q "the service manager cannot be told .*: Resource temporarily unavailable" "$home/host.err"
+rm "$home/deaf"
+told READY=1
 stop_host

@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/Supervision.h"
 
-#include "base/Clock.h"
 #include "base/Diagnostics.h"
 #include "base/Text.h"
-#include "binder/Command.h"
-#include "platform/supervisor/Supervisor.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <string_view>
+#include <utility>
 
 namespace {
 
@@ -18,10 +15,10 @@ constexpr int64_t kMostUntilReady = 30000;
 constexpr int64_t kSettling = 5000; // in which the readers open their sources
 constexpr int64_t kStartPeriod = 500;
 constexpr int64_t kReportPeriod = 30000;
+constexpr int64_t kRetryPeriod = 5000;
 constexpr int64_t kLongestCommand = 3600000;
 
 constexpr char kStartTime[] = "EXTEND_TIMEOUT_USEC=600000000"; // ten minutes
-constexpr char kStopTime[] = "EXTEND_TIMEOUT_USEC=120000000"; // two of them
 
 /** The answer to STATUS, lines of a key, "=" and a value. */
 class Answer {
@@ -77,60 +74,64 @@ std::string summary(const Answer& answer) {
 
 } // namespace
 
-Supervision::Supervision()
-    : mListens(vnlog::platform::supervised()), mWatchdog(mListens ? vnlog::platform::watchdogTime() / 2 : 0),
-      mBegin(vnlog::steadyMilliseconds()), mNext(mBegin), mWholeAnswer(mBegin) {}
+Supervision::Supervision(Supervisor supervisor)
+    : mSupervisor(std::move(supervisor)), mWatchdog(mSupervisor.watchdog / 2), mBegin(mSupervisor.clock()),
+      mNext(mBegin), mWholeAnswer(mBegin) {}
 
 void Supervision::starting() {
-    send(std::string("STATUS=looking through what is stored\n") + kStartTime);
+    (void)send(std::string("STATUS=looking through what is stored\n") + kStartTime);
 }
 
 int64_t Supervision::untilReport() const {
-    return mListens ? std::max<int64_t>(mNext - vnlog::steadyMilliseconds(), 0) : -1;
+    return mSupervisor.listens ? std::max<int64_t>(mNext - mSupervisor.clock(), 0) : -1;
 }
 
-void Supervision::report(vnlog::LogService& service) {
-    if (untilReport() != 0)
-        return;
-    const int64_t now = vnlog::steadyMilliseconds();
-    std::string text;
-    const bool done = service.logQuery(vnlog::CMD_STATUS, "", &text) == 0;
+void Supervision::report(bool answered, const std::string& text) {
+    const int64_t now = mSupervisor.clock();
     const Answer answer(text);
-    const std::string status = done ? summary(answer) : text;
-    giveSignOfLife(answer.whole() || !done);
-    if (status != mStatus)
-        send("STATUS=" + status);
-    mStatus = status;
-    beReady(answer.stores() || answer.switchedOff());
-    const bool starts = !mReady || now - mBegin < kSettling;
-    const int64_t period = starts ? kStartPeriod : kReportPeriod;
-    mNext = now + (mWatchdog > 0 ? std::min(period, mWatchdog) : period);
-}
-
-void Supervision::beReady(bool stores) {
-    if (mReady || (!stores && vnlog::steadyMilliseconds() - mBegin < kMostUntilReady))
-        return;
-    mReady = true;
-    send("READY=1");
+    bool toldAll = giveSignOfLife(now, answer.whole() || !answered);
+    toldAll = tellStatus(answered ? summary(answer) : text) && toldAll;
+    toldAll = beReady(now, answer.stores() || answer.switchedOff()) && toldAll;
+    mNext = now + untilNext(now, toldAll);
 }
 
 /** Without whole answers for longer than any command takes, the service hangs. */
-void Supervision::giveSignOfLife(bool answeredWhole) {
-    const int64_t now = vnlog::steadyMilliseconds();
+bool Supervision::giveSignOfLife(int64_t now, bool answeredWhole) {
     if (answeredWhole)
         mWholeAnswer = now;
-    if (mWatchdog > 0 && now - mWholeAnswer < kLongestCommand)
-        send("WATCHDOG=1");
+    return mWatchdog == 0 || now - mWholeAnswer >= kLongestCommand || send("WATCHDOG=1");
 }
 
+bool Supervision::tellStatus(const std::string& status) {
+    if (status != mStatus && !send("STATUS=" + status))
+        return false;
+    mStatus = status;
+    return true;
+}
+
+bool Supervision::beReady(int64_t now, bool stores) {
+    if (!mReady && (stores || now - mBegin >= kMostUntilReady))
+        mReady = send("READY=1");
+    return mReady;
+}
+
+int64_t Supervision::untilNext(int64_t now, bool toldAll) const {
+    const int64_t age = now - mBegin;
+    const bool starts = age < kSettling || (!mReady && age < kMostUntilReady);
+    const int64_t period = starts ? kStartPeriod : toldAll ? kReportPeriod : kRetryPeriod;
+    return mWatchdog > 0 ? std::min(period, mWatchdog) : period;
+}
+
+// The manager's own time for a stop holds: the packaged unit's is twice what a stop takes.
 void Supervision::stopping() {
-    send(std::string("STOPPING=1\nSTATUS=stores what has been logged\n") + kStopTime);
+    (void)send("STOPPING=1\nSTATUS=stores what has been logged");
 }
 
-void Supervision::send(const std::string& assignments) {
-    const int error = mListens ? vnlog::platform::notifySupervisor(assignments) : 0;
+bool Supervision::send(const std::string& assignments) {
+    const int error = mSupervisor.listens ? mSupervisor.notify(assignments) : 0;
     if (error != 0 && !mFailed)
         vnlog::logError("the service manager cannot be told how the service is: %s\n",
                         vnlog::errorText(error).c_str());
     mFailed = mFailed || error != 0;
+    return error == 0;
 }

@@ -6,24 +6,33 @@
 #include "base/Clock.h"
 #include "base/Console.h"
 #include "base/Handles.h"
+#include "binder/Command.h"
 #include "config/Check.h"
 #include "config/ConfigFile.h"
 #include "platform/binder/Host.h"
 #include "platform/logger/LoggerDevice.h"
 #include "platform/logger/LoggerDriver.h"
+#include "platform/supervisor/Supervisor.h"
 #include "platform/sysroot/SystemRoot.h"
 #include "service/LogService.h"
 #include "tools/Options.h"
 #include "tools/Supervision.h"
 
+#include <algorithm>
 #include <android/log.h>
 #include <binder/IServiceManager.h>
+#include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -246,10 +255,17 @@ int awaitSignal(const sigset_t& signals, int64_t most) {
     return std::max(number, 0);
 }
 
+/** Tells the service manager how the service is, if that is due. Takes a second behind a command. */
+void report(vnlog::LogService& service, Supervision& supervision) {
+    std::string text;
+    if (supervision.untilReport() == 0)
+        supervision.report(service.logQuery(vnlog::CMD_STATUS, "", &text) == 0, text);
+}
+
 void waitForEnd(vnlog::LogService& service, const sigset_t& signals, Supervision& supervision) {
     int number = 0;
     do {
-        supervision.report(service);
+        report(service, supervision);
         number = awaitSignal(signals, supervision.untilReport());
         if (number == SIGUSR1)
             service.flushLogBufAll();
@@ -273,7 +289,8 @@ int serve(const vnlog::platform::SystemRoot& root, const sigset_t& signals) {
     Devices devices(root);
     if (devices.driver != nullptr && !devices.driver->start({devices.main, devices.system}))
         return fail("cannot make the devices", devices.main + " and " + devices.system);
-    Supervision supervision;
+    Supervision supervision({vnlog::platform::supervised(), vnlog::platform::watchdogTime(),
+                             vnlog::steadyMilliseconds, vnlog::platform::notifySupervisor});
     supervision.starting();
     android::sp<vnlog::LogService> service = new vnlog::LogService();
     if (!service->mServiceStarted) {

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# Sourced by test --arm: the cross compiler, the emulator, and the libraries for 32-bit ARM. The latter are
-# downloaded with package lists of their own and unpacked under build/arm-root; the machine's own package
-# manager learns of no second architecture.
+# Sourced by test --arm and by package --arch armhf: the cross compiler, the emulator, and the libraries for 32-bit
+# ARM. The latter are downloaded with package lists of their own and unpacked under build/arm-root; the machine's own
+# package manager learns of no second architecture.
 
 need_arm_packages() {
     need_packages $ARM_PACKAGES

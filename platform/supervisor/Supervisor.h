@@ -17,7 +17,8 @@ bool supervised();
  * that. */
 int64_t watchdogTime();
 
-/** Sends assignments, one in each line. 0 or the error number. */
+/** Sends assignments, one in each line, and waits for nobody. 0 or the error number; EAGAIN when the manager
+ * has not read what it was sent before. */
 [[nodiscard]] int notifySupervisor(const std::string& assignments);
 
 } // namespace vnlog::platform
