@@ -129,7 +129,14 @@ init=$root/etc/init.d/vnlog
 daemon() { cat "$home/vnlog.pid"; }
 try_init() {
     expect_status 3 "$init" status
-    expect_status 0 "$init" start
+    rm -rf "$root/var/log/vnlog"
+    ln -s 1.0 "$home/vnlog.pid.lock" # of a start that was killed; process 1 was born at another time
+    umask 000
+    for side in a b; do timeout 60 "$init" start >"$home/start.$side" 2>&1 & done
+    wait %% && wait %- || fail "of two starts at once: $(cat "$home"/start.?)"
+    umask 022
+    [ "$(cat "$home"/start.? | sort | tr '\n' ' ')" = "vnlog is started. vnlog runs already. " ] || fail "started twice"
+    [ "$(stat -c %a "$root/var/log/vnlog" "$home/vnlog.pid" | xargs)" = "750 644" ] || fail "modes of folder and PID file"
     first=$(daemon)
     expect_status 0 "$init" start # without a second one
     [ "$(daemon)" = "$first" ] && "$init" status >"$home/out" || fail "started twice"
@@ -143,7 +150,14 @@ try_init() {
     expect_status 0 "$init" stop
     expect_status 0 "$init" stop
     expect_status 2 "$init" nonsense
-    [ ! -e "$home/vnlog.pid" ] || fail "a stop leaves its file"
+    start_machine # by hand
+    echo $hostpid >"$home/vnlog.pid"
+    expect_status 1 "$init" start
+    expect_status 0 "$init" status
+    grep -q "has not started" "$home/out" || fail "taken for the script's own: $(cat "$home/out")"
+    expect_status 1 "$init" stop
+    stop_host # was left alone
+    [ -z "$(find "$home" -maxdepth 1 -name 'vnlog.pid*')" ] || fail "a stop leaves its files"
 }
 not_running() { ! kill -0 "$(daemon)"; }
 PATH=$PATH:/usr/sbin:/sbin
@@ -157,6 +171,10 @@ echo "DAEMON_ARGS='--sysroot $root/run/blocked'" >>"$home/default" # no folder: 
 expect_status 1 "$init" start
 grep -q "does not come up" "$home/err" || fail "a start that fails does not say so"
 
+echo CONTROL=$home/nowhere/logset >>"$home/default"
+expect_status 1 "$init" start
+grep -q "cannot be told" "$home/err" || fail "started without knowing what runs"
+
 # --- a host on the development package: the first example, on the same machine layout
 export PKG_CONFIG_PATH=$library/pkgconfig
 cp -r "$root/usr/share/doc/liblogservice-dev/examples" "$home/examples"
@@ -168,3 +186,15 @@ wait_for "$bin/logset" FLUSH --wait
 printf '<4>[    2.000000] from a host in C\n' >"$root/proc/kmsg"
 wait_for shown "from a host in C"
 stop_host
+
+# --- a purge, of what is the service's only
+purge() { sed "/^# Automatically added/,\$d; s,/\(var/log\|run\|etc\)/vnlog,$root&,g" "$home/control-vnlog/postrm" | sh -s purge; }
+cp -r "$root/var/log/vnlog" "$home/kept"
+purge 2>"$home/err" && [ ! -e "$root/var/log/vnlog" ] && [ ! -s "$home/err" ] || fail "purge: $(cat "$home/err")"
+cp -r "$home/kept" "$root/var/log/vnlog"
+touch "$root/var/log/vnlog/photo"
+purge 2>"$home/err" && [ "$(ls "$root/var/log/vnlog")" = photo ] || fail "purge beside others: $(cat "$home/err")"
+rm -r "$root/var/log/vnlog"
+ln -s "$home/kept" "$root/var/log/vnlog"
+purge 2>"$home/err" && [ ! -L "$root/var/log/vnlog" ] && [ -d "$home/kept/log_service" ] || fail "purge of a link"
+grep -q "what is in $home/kept is left" "$home/err" || fail "a purge hides what it leaves"

@@ -42,6 +42,24 @@ for name in $selected; do
     [[ " $shown " == *" $name "* ]] || fail "$name is selected and not depended on"
 done
 
+# What is put into an image stays in it, and settings that are there stay.
+install() { packaging/device/install "$@" 2>"$work/error"; }
+mkdir -p "$work/unit/system/etc" "$work/init"
+ln -s system/etc "$work/unit/etc"
+install --unit /usr/lib/systemd/system "$work/unit" && install --init /etc/init.d/vnlog "$work/init" || fail "$(cat "$work/error")"
+[ -e "$work/unit/usr/lib/systemd/system/vnlog.service.d/device.conf" ] && [ -x "$work/init/etc/init.d/vnlog" ]
+cmp "$work/unit/system/etc/vnlog/log_default.cfg" "$work/init/etc/vnlog/log_default.cfg"
+for mode in "unit /usr/lib/systemd/system" "init /etc/init.d/vnlog"; do
+    image=$work/${mode%% *}
+    echo MAX_LOG_SIZE=40 >"$image/etc/vnlog/log_default.cfg"
+    install --$mode "$image" && grep -q "log_default.cfg is kept" "$work/error" || fail "kept settings are not told"
+    [ "$(cat "$image/etc/vnlog/log_default.cfg")" = MAX_LOG_SIZE=40 ] || fail "settings of an image are gone"
+    rm -r "$image/etc"
+    ln -s "$work/outside" "$image/etc"
+    ! install --$mode "$image" && grep -q "leads out of" "$work/error" || fail "put outside of the image"
+    [ ! -e "$work/outside" ] || fail "written outside of the image"
+done
+
 command -v kconfig-conf >/dev/null || { echo "kconfig-conf is not installed: the menu is left out"; exit 77; }
 sed -n 's/.*[!( ]\(BR2_[A-Z0-9_]*\).*/\1/p' $package/Config.in | grep -v VNLOG | sort -u |
     sed 's/.*/config &\n\tbool "&"/' >"$work/Config.in"
