@@ -55,4 +55,4 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vnlogConfig.cmake ${CMAKE_CURRENT_BINA
 # Relative to the file itself, so that the installed tree can be moved.
 file(RELATIVE_PATH VNLOG_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/PkgConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/PkgConfig.cmake @ONLY)
-install(SCRIPT ${CMAKE_CURRENT_BINARY_DIR}/PkgConfig.cmake)
+install(SCRIPT "${CMAKE_CURRENT_BINARY_DIR}/PkgConfig.cmake")

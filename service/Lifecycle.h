@@ -10,6 +10,9 @@ struct HostLock {
     static LockRole role;
 };
 
+/** The line that a host's failed start ends with in the Android log, behind the reason. */
+constexpr char kStartFailed[] = "The log service failed to start !\n";
+
 /** Starts and stops the service: the sequence of steps over the parts and the workers. */
 class Lifecycle {
   public:

@@ -54,7 +54,7 @@ LogService::LogService(DeferStart) : mParts(std::make_unique<ServiceParts>(*this
 LogService::LogService() : LogService(DeferStart{}) {
     const bool flags[] = {true, true, true};
     if (serviceStart(flags) != 0)
-        logError("The log service failed to start !\n");
+        logError("%s", kStartFailed);
 }
 
 LogService::~LogService() {

@@ -7,6 +7,7 @@
 #include "binder/Commands.h"
 #include "binder/StatusText.h"
 #include "platform/binder/Host.h"
+#include "service/Lifecycle.h"
 #include "service/LogService.h"
 
 #include <algorithm>
@@ -17,10 +18,13 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
 
 namespace {
 
 using vnlog::platform::kServiceName;
+
+constexpr bool kAll[] = {true, true, true}; // the workers
 
 /** The right to run the service of this process: one owner at a time. */
 class Place {
@@ -55,9 +59,14 @@ struct Buffer {
     size_t size;
 
     bool usable() const { return text != nullptr || size == 0; }
+    /** Takes the reason why the call's arguments are refused. */
+    vnlog_result refuse(std::string_view why) const {
+        (void)take(why);
+        return VNLOG_BAD_ARGUMENT;
+    }
     /** Takes what fits of the text and a zero. Whether that was all. */
-    bool take(const std::string& whole) const {
-        if (size == 0)
+    bool take(std::string_view whole) const {
+        if (text == nullptr || size == 0)
             return false;
         size_t length = std::min(whole.size(), size - 1);
         std::memcpy(text, whole.data(), length);
@@ -139,10 +148,11 @@ Outcome status(vnlog::LogService& service, vnlog_form form) {
 Outcome vnlog_service::start(bool publish) {
     if (publish && nameTaken())
         return {VNLOG_NAME_TAKEN, std::string(kServiceName) + " is served already"};
-    service = new vnlog::LogService();
-    if (!service->mServiceStarted) {
-        std::string why = vnlog::lastErrorHere();
-        return {VNLOG_NOT_STARTED, why.empty() ? "the Android log tells why" : why};
+    service = new vnlog::LogService(vnlog::LogService::DeferStart{});
+    if (service->serviceStart(kAll) != 0) {
+        std::string why = vnlog::lastErrorHere(); // before the general line, which would take its place
+        vnlog::logError("%s", vnlog::kStartFailed);
+        return {VNLOG_NOT_STARTED, why};
     }
     if (!publish)
         return {VNLOG_OK};
@@ -161,8 +171,7 @@ Outcome vnlog_service::stop() {
     if (published)
         vnlog::platform::withdrawServices();
     published = false;
-    const bool all[] = {true, true, true};
-    if (service->serviceStop(all) != 0 && service->mServiceStarted)
+    if (service->serviceStop(kAll) != 0 && service->mServiceStarted)
         return {VNLOG_FAILED};
     stopped = true;
     place.leave();
@@ -172,16 +181,18 @@ Outcome vnlog_service::stop() {
 vnlog_result vnlog_start(unsigned flags, vnlog_service** service, char* reason, size_t size) {
     const Buffer buffer{reason, size};
     if (service == nullptr)
-        return VNLOG_BAD_ARGUMENT;
+        return buffer.refuse("there is no place for the handle");
     *service = nullptr;
     if (!buffer.usable() || (flags & ~static_cast<unsigned>(VNLOG_PUBLISH)) != 0)
-        return VNLOG_BAD_ARGUMENT;
+        return buffer.refuse("there is a flag that is not known");
     Outcome outcome = guarded([&] { return start((flags & VNLOG_PUBLISH) != 0, service); });
     (void)buffer.take(outcome.text);
     return outcome.result;
 }
 
 vnlog_result vnlog_stop(vnlog_service* service, uint32_t* dropped) {
+    if (dropped != nullptr)
+        *dropped = 0;
     if (service == nullptr)
         return VNLOG_BAD_ARGUMENT;
     Outcome outcome = guarded([&] { return service->stop(); });
@@ -201,7 +212,7 @@ vnlog_result vnlog_command(vnlog_service* service, const char* name, const char*
                            size_t size) {
     const Buffer buffer{answer, size};
     if (service == nullptr || name == nullptr || !buffer.usable())
-        return VNLOG_BAD_ARGUMENT;
+        return buffer.refuse(service == nullptr ? "there is no handle" : "there is no name");
     Outcome outcome = guarded([&] { return command(*service->service, name, parameter); });
     (void)buffer.take(outcome.text);
     return outcome.result;
@@ -212,7 +223,7 @@ vnlog_result vnlog_status(vnlog_service* service, vnlog_form form, char* text, s
     if (needed != nullptr)
         *needed = 0;
     if (service == nullptr || !buffer.usable() || (form != VNLOG_TEXT && form != VNLOG_JSON))
-        return VNLOG_BAD_ARGUMENT;
+        return buffer.refuse("");
     Outcome outcome = guarded([&] { return status(*service->service, form); });
     bool whole = buffer.take(outcome.text);
     if (outcome.result != VNLOG_OK)

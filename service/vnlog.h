@@ -11,9 +11,9 @@
  * vnlog_free, and none in a signal handler or in the child of a fork. A calling thread is not cancelled
  * inside. No C++ exception leaves a function.
  *
- * Texts are handed over in a buffer of the caller's: always with a terminating zero, cut where the buffer is
- * too small. A null buffer of 0 bytes takes nothing; a null buffer of more is VNLOG_BAD_ARGUMENT, as is any
- * null argument that is not said to be allowed.
+ * Texts are handed over in a buffer of the caller's: with a terminating zero after every result, cut where
+ * the buffer is too small. A null buffer of 0 bytes takes nothing; a null buffer of more is
+ * VNLOG_BAD_ARGUMENT, as is any null argument that is not said to be allowed.
  */
 
 #include <stddef.h>
@@ -78,13 +78,15 @@ VNLOG_C_API enum vnlog_result vnlog_start(unsigned flags, vnlog_service** servic
 /**
  * Stops the service: takes it from its name, stores what the sources hold and what is buffered, and ends the
  * workers. A medium that takes nothing holds this up for at most about 15 seconds. With the stand-in for
- * binder every service that this process has published is taken from its name. A second stop waits for the
- * first and has its result. The handle stays valid.
+ * binder every service that this process has published is taken from its name. With a device's binder none
+ * is: the name stays with the stopped service, which refuses every command, until this process publishes
+ * another or ends. A second stop waits for the first and has its result. The handle stays valid.
  *
  * @param service the handle
- * @param dropped where the number of buffered bytes goes that could not be stored and are lost; may be null
- * @return VNLOG_OK, also when bytes were dropped; VNLOG_BAD_ARGUMENT; VNLOG_FAILED when a step failed, after
- *         which the service may be stopped once more
+ * @param dropped where the number of buffered bytes goes that could not be stored and are lost, 0 without a
+ *        handle; may be null
+ * @return VNLOG_OK, also when bytes were dropped; VNLOG_BAD_ARGUMENT; VNLOG_NO_MEMORY or VNLOG_FAILED when a
+ *         step failed, after which the service may be stopped once more
  */
 VNLOG_C_API enum vnlog_result vnlog_stop(vnlog_service* service, uint32_t* dropped);
 
@@ -98,7 +100,8 @@ VNLOG_C_API void vnlog_free(vnlog_service* service);
 
 /**
  * Gives the service a command, as logset does: the same names and parameters, in any case, checked by the
- * same rules. Waits for its end: a copy of a large store takes long.
+ * same rules. BUNDLE is no command of the service but work of logset's own, and is not known here. Waits for
+ * its end: a copy of a large store takes long.
  *
  * @param service the handle
  * @param name the command's name, such as "KLOG_LEVEL"
@@ -117,7 +120,7 @@ VNLOG_C_API enum vnlog_result vnlog_command(vnlog_service* service, const char* 
  *
  * @param service the handle
  * @param form a value of vnlog_form
- * @param text what the status goes to; may be null
+ * @param text what the status goes to, empty without one; may be null
  * @param size bytes of `text`
  * @param needed where the bytes go that the whole text and its zero need, 0 without a text; may be null
  * @return VNLOG_OK, VNLOG_TOO_SMALL, VNLOG_BAD_ARGUMENT, VNLOG_NO_MEMORY, VNLOG_FAILED or VNLOG_STOPPED

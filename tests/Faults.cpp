@@ -8,6 +8,7 @@
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
+#include <new>
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/select.h>
@@ -19,7 +20,7 @@ Faults faults;
 
 void Faults::disarm() {
     for (Number* number : {&writeError, &writesUntilError, &shortWrite, &writeDelayUs, &clockStep,
-                           &interruptedReads, &wholeReads, &interruption, &reads, &selects})
+                           &interruptedReads, &objectRefused, &wholeReads, &interruption, &reads, &selects})
         *number = 0;
     threadsUntilError = semaphoresUntilError = entriesUntilError = stepsUntilError = -1;
     writeErrors = INT_MAX;
@@ -229,6 +230,8 @@ WRAP(void*, malloc, (size_t size)) {
 #define REAL_NAMED(function) REAL(function)
 WRAP_NAMED(void*, OPERATOR_NEW, (size_t size)) {
     countAllocation();
+    if (faults.objectRefused > 0 && --faults.objectRefused == 0)
+        throw std::bad_alloc();
     return REAL_NAMED(OPERATOR_NEW)(size);
 }
 

@@ -26,6 +26,7 @@ struct Faults {
     std::atomic<bool> archivesWait{false}; ///< one whose syncs of archives last as long as this is set
     // How many still work until one fails, -1 for all:
     Number threadsUntilError{-1}, semaphoresUntilError{-1}; ///< that are to be made
+    Number objectRefused{0}; ///< which of those made by new from now on finds no memory, 0 for none; then 0
     Number stepsUntilError{-1}; ///< fsync, rename and unlink together
     Number entriesUntilError{-1}; ///< entries that are listed, over all folders
     Number interruptedReads{0}; ///< reads of sockets and pipes that a signal interrupts

@@ -11,8 +11,10 @@ unset LD_LIBRARY_PATH CFLAGS CXXFLAGS LDFLAGS LOG_DEFAULT_CFG
 . "$tree/tests/shell_fixture.sh"
 export VNLOG_SYSROOT=$root
 
+touch "$home/before"
 DESTDIR= cmake --install "$build" --prefix "$home/opt" >"$home/install.log"
 DESTDIR=$home/stage cmake --install "$build" --prefix /usr >>"$home/install.log"
+[ -z "$(find "$build" -newer "$home/before" -name '*.pc')" ] || fail "an installation leaves files in the build tree"
 mv "$home/stage/usr" "$home/moved"
 sysroot=$(sed -n 's/^CMAKE_SYSROOT:[A-Z]*=//p' "$build/CMakeCache.txt")
 for folder in "$tree" "$home" ${sysroot:+"$sysroot"} "$tree/build/arm-root"; do
@@ -66,11 +68,15 @@ for prefix in "$home/opt" "$home/moved"; do
     logged "$compiler" -std=c++17 ${sanitize:+-fsanitize=$sanitize} cmake-host/host.cpp -o cmake-host/host $rpath \
         $(pkg-config --cflags --libs liblogservice)
     run_example cmake-host/host "$prefix/bin" 'kernel line'
+    # One asks for old behaviour, and has variables of its own.
+    sed -i 's/VERSION 3.22/VERSION 3.1/; s/^find_package.*/set(missing a)\nset(place a)\nset(library a)\n&\n'`
+        `'file(WRITE kept ${missing}${place}${library})/' cmake-host/CMakeLists.txt
     for example in cmake-host with-logger; do
         logged cmake -G Ninja -S $example -B $example/build -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler" \
             ${sanitize:+-DCMAKE_CXX_FLAGS=-fsanitize=$sanitize}
         logged cmake --build $example/build
     done
+    [ "$(cat cmake-host/kept)" = aaa ] || fail "the package changes variables: $(cat cmake-host/kept)"
     run_example cmake-host/build/host "$prefix/bin" 'kernel line'
     run_example with-logger/build/host "$prefix/bin" 'android line'
 done
@@ -81,3 +87,15 @@ logged "$compiler" -std=c++17 -Wall -Wextra -Werror -c document.cpp $(pkg-config
 cmake -G Ninja -S cmake-host -B none -DCMAKE_PREFIX_PATH="$prefix" -DANDROID_LOG_LIBRARY=ANDROID_LOG_LIBRARY-NOTFOUND \
     -DCMAKE_FIND_USE_CMAKE_SYSTEM_PATH=OFF -DCMAKE_CXX_COMPILER="$compiler" >"$home/log" 2>&1 && fail "found without libraries"
 tr -s ' \n' ' ' <"$home/log" | grep -q 'needs the Android libraries' || fail "no reason: $(cat "$home/log")"
+
+# Folders with a space in their names, and Android libraries in two folders; nothing is built.
+mkdir "$home/other" && ln -s "$tree" "$home/a tree"
+utils=$(sed -n 's/^ANDROID_UTILS_LIBRARY:[A-Z]*=//p' "$build/CMakeCache.txt")
+ln -s "$utils" "$home/other/libutils.so"
+configure=(cmake -G Ninja -S "$home/a tree" -B "$home/a build" -DVNLOG_BUILD_TESTS=OFF -DCMAKE_CXX_COMPILER="$compiler")
+logged "${configure[@]}" -DANDROID_UTILS_LIBRARY="$home/other/libutils.so"
+DESTDIR="$home/a stage" logged cmake -DCMAKE_INSTALL_PREFIX=/usr -P "$home/a build/PkgConfig.cmake"
+flags=$(grep -oE -- '(-L|rpath,)[^ ]*' "$home/a stage"/usr/*/pkgconfig/liblogservice.pc | grep -cxE -- ".*(${utils%/*}|$home/other)")
+[ "$flags" = 4 ] || fail "not each folder once in -L and run path"
+"${configure[@]}" -DCMAKE_INSTALL_LIBDIR=/lib >"$home/log" 2>&1 && fail "an absolute library folder is taken"
+grep -q 'CMAKE_INSTALL_LIBDIR is a folder of the prefix' "$home/log" || fail "no reason: $(cat "$home/log")"

@@ -1,31 +1,39 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/sysroot/SystemRoot.h"
 
+#include "base/Text.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <sys/stat.h>
 
 namespace vnlog::platform {
 
 namespace {
 
-bool isFolder(const std::string& path) {
+Path behind(const char* root, const char* place) {
+    Path path;
+    formatText(path.text, "%s%s", root, place); // fits behind every root that is not too long
+    return path;
+}
+
+bool isFolder(const Path& path) {
     struct stat info;
-    return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    return stat(path.text, &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 /** What this user is not allowed to see may be there: a device stays one for everybody. */
-bool mayExist(const std::string& path) {
+bool mayExist(const Path& path) {
     struct stat info;
-    return lstat(path.c_str(), &info) == 0 || (errno != ENOENT && errno != ENOTDIR);
+    return lstat(path.text, &info) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
-bool isMachine(const std::string& root) {
-    return isFolder(root + kMachinePlaces.storageRoot) && !mayExist(root + kDevicePlaces.storageRoot) &&
-           !mayExist(root + kDevicePlaces.mainDevice);
+bool isMachine(const char* root) {
+    return isFolder(behind(root, kMachinePlaces.storageRoot)) &&
+           !mayExist(behind(root, kDevicePlaces.storageRoot)) &&
+           !mayExist(behind(root, kDevicePlaces.mainDevice));
 }
 
 } // namespace

@@ -45,7 +45,7 @@ struct SystemRoot {
     /**
      * Takes the value of the variable without trailing slashes, and looks which layout is there. Returns
      * false when the value is longer than kMaxSystemRoot; `path` then holds its beginning and must not be
-     * used for files.
+     * used for files. Takes no memory.
      */
     [[nodiscard]] bool read();
 
