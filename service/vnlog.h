@@ -77,7 +77,8 @@ VNLOG_C_API enum vnlog_result vnlog_start(unsigned flags, vnlog_service** servic
 
 /**
  * Stops the service: takes it from its name, stores what the sources hold and what is buffered, and ends the
- * workers. A medium that takes nothing holds this up for at most about 15 seconds. With the stand-in for
+ * workers. A medium that takes nothing holds this up for at most about 15 seconds, one on which the kernel
+ * holds a system call for as long as that lasts. With the stand-in for
  * binder every service that this process has published is taken from its name. With a device's binder none
  * is: the name stays with the stopped service, which refuses every command, until this process publishes
  * another or ends. A second stop waits for the first and has its result. The handle stays valid.
