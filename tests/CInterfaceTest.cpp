@@ -115,7 +115,9 @@ TEST_F(CInterfaceTest, AStartThatFailsTellsWhyAndLeavesNothing) {
     fs::remove_all(home + "/dev");
     EXPECT_TRUE(start(VNLOG_PUBLISH) == VNLOG_NOT_PUBLISHED && host == nullptr);
     EXPECT_TRUE(text == name + ": No such file or directory") << text;
-    for (int made : {1, 2, 3}) { // the handle, the service, its parts
+    // The handle, the service, its parts. The utility library reports the end of an object that nobody has
+    // referred to with a call stack, and does not survive that as an emulated ARM program.
+    for (int made = 1; made <= (VNLOG_EMULATED ? 2 : 3); ++made) {
         [[maybe_unused]] LeakOfTheLibrary allowed;
         faults.objectRefused = made;
         EXPECT_TRUE(start() == VNLOG_NO_MEMORY && host == nullptr) << made;
