@@ -100,19 +100,6 @@ int fail(const char* what, const std::string& path) {
     return kFailure;
 }
 
-/** Prints what is wrong with a file of settings. */
-int check(const char* path) {
-    switch (vnlog::checkConfiguration(path, stdout)) {
-    case vnlog::Checked::Whole:
-        return 0;
-    case vnlog::Checked::Partly:
-        return kFindings;
-    case vnlog::Checked::Unusable:
-        return kFailure;
-    }
-    return kFailure;
-}
-
 /** Makes the file that takes the console level, where there is none. */
 int makeConsoleLevel(const std::string& path) {
     vnlog::FileDescriptor file = vnlog::openFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
@@ -192,6 +179,22 @@ std::string machineDefaults(const vnlog::platform::SystemRoot& root) {
     return root.path + std::string("/etc/vnlog/log_default.cfg");
 }
 
+/** Prints what is wrong with a file of settings, and what a start on this root would make of it. */
+int check(const char* path, const vnlog::platform::SystemRoot& root) {
+    const std::string defaults = machineDefaults(root);
+    if (access(defaults.c_str(), F_OK) == 0)
+        (void)setenv(vnlog::kDefaultConfigurationVariable, defaults.c_str(), 1); // fails without memory alone
+    switch (vnlog::checkConfiguration(path, stdout)) {
+    case vnlog::Checked::Whole:
+        return 0;
+    case vnlog::Checked::Partly:
+        return kFindings;
+    case vnlog::Checked::Unusable:
+        return kFailure;
+    }
+    return kFailure;
+}
+
 /**
  * Takes the default settings of a machine. Without them and without settings of its own, the service would
  * store nothing, and keep to that: kFailure then, reported.
@@ -207,6 +210,16 @@ int takeMachineDefaults(const vnlog::platform::SystemRoot& root) {
         return 0;
     say("%s: without settings nothing would be stored; name a file of settings with --cfg\n", kProgram);
     return kFailure;
+}
+
+/** Sees to what a start needs: settings, and what a device brings along. 0 or kFailure, reported. */
+int prepare(const vnlog::platform::SystemRoot& root) {
+    if (takeMachineDefaults(root) != 0)
+        return kFailure;
+    if (!root.takesStandIns())
+        return 0;
+    __android_log_set_logger(sayDiagnostic);
+    return root.path[0] != '\0' ? prepareSystemRoot(root) : prepareMachine();
 }
 
 /** The logger devices; those of the stand-in where one takes the place of missing ones. */
@@ -348,23 +361,12 @@ int main(int argc, char** argv) {
     }
     vnlog::platform::SystemRoot root;
     const bool usable = root.read();
-    if (checked != nullptr) {
-        const std::string file = machineDefaults(root);
-        if (access(file.c_str(), F_OK) == 0)
-            (void)setenv(vnlog::kDefaultConfigurationVariable, file.c_str(), 0); // fails without memory alone
-        return check(checked);
-    }
+    if (checked != nullptr)
+        return check(checked, root);
     if (!usable) {
         std::fprintf(stderr, "%s: the system root is longer than %zu characters\n", kProgram,
                      vnlog::platform::kMaxSystemRoot);
         return kFailure;
     }
-    if (takeMachineDefaults(root) != 0)
-        return kFailure;
-    if (root.takesStandIns()) {
-        __android_log_set_logger(sayDiagnostic);
-        if ((root.path[0] != '\0' ? prepareSystemRoot(root) : prepareMachine()) != 0)
-            return kFailure;
-    }
-    return serve(root, signals);
+    return prepare(root) == 0 ? serve(root, signals) : kFailure;
 }
